@@ -1,0 +1,60 @@
+// The platform file: an INI file that says how the device services behave on plain Linux.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct platform_storage {
+    std::string keyword;  // "flash", "flash2", "sata0", "usb0", "tmp", "install", "nfs"
+    std::string dir;      // absolute directory; empty when the storage is absent
+};
+
+struct platform_conf {
+    std::string path;  // file it was read from; empty when the built-in defaults are used
+    // [device]
+    std::string product_name;  // empty: unknown
+    std::string os_name;       // empty: kernel system name; "-": none
+    // [ftp]
+    int control_port = 21;
+    // [storage], in the platform's storage order (index 0 = flash2, 1 = flash, ...; see fs_info.h)
+    std::vector<platform_storage> storages;
+    // [cli]
+    std::string cli_socket;      // empty: $TMPDIR/app/ftps/.cli
+    std::string startup_config;  // empty: none
+    // [log]
+    bool log_syslog = true;
+    std::string log_file;
+    bool log_stderr = false;
+    // [aaa]
+    bool aaa_registered = true;
+    bool aaa_new_model = true;
+    std::string user_database;
+    std::vector<std::pair<std::string, std::vector<std::string>>> aaa_lists;  // name, methods
+    // [radius]
+    std::vector<std::string> radius_servers;  // "host:port"
+    std::string radius_secret;
+    int radius_timeout = 3;
+    int radius_retries = 1;
+    // [pam]
+    std::string pam_service = "ftp_server";
+    // [security]
+    bool service_password_encryption = false;
+    std::string pwquality;
+    // [snmp]
+    std::vector<std::string> trap_sinks;  // "host:port"
+    std::string snmp_community = "public";
+};
+
+// Reads the file into conf (starting from the defaults). On failure returns -1 and puts
+// "FILE:LINE: key 'KEY': reason" into err.
+int platform_conf_load(const char *path, platform_conf *conf, std::string *err);
+
+// The process-wide platform configuration, loaded once on first use from $FTPS_PLATFORM, else
+// /etc/ftps/platform.conf when it exists, else the defaults. A load error is written to standard
+// error once and remembered; platform_conf_ok() then returns false.
+const platform_conf &platform_get();
+bool platform_conf_ok();
+
+// Test hook: replace the process-wide configuration.
+void platform_set_for_test(const platform_conf &conf);

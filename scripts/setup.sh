@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the benchmarks need, only when missing.
+# Safe to run again: it asks apt only for what dpkg does not already list as installed.
+set -eu
+
+packages=(
+  build-essential g++ cmake make pkg-config git
+  libgtest-dev libgmock-dev
+  libinih-dev libsystemd-dev libedit-dev libpam0g-dev libcrypt-dev
+  libradcli-dev libsnmp-dev libpwquality-dev
+  clang clang-format clang-tidy
+  python3 curl wget lftp strace procps iproute2
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ "${#missing[@]}" -eq 0 ]; then
+  exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup: missing packages: ${missing[*]}" >&2
+  echo "setup: run as root (or install them) and try again" >&2
+  exit 1
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
