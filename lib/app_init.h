@@ -24,3 +24,5 @@ void app_ham_show_last_ntfy_time(int (*print)(const char *fmt, ...));
 int app_instance_is_running(const char *name);
 char *app_make_path(char *path);
 unsigned int app_sysup_secs(void);
+// Test-only: how many worker-thread notifications have been passed on to the monitor.
+unsigned long app_ham_notify_count(void);

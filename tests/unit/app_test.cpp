@@ -1,0 +1,173 @@
+// Application frame: the single-instance guard between processes, its path bound, the key-message
+// files and their size limit, and the rate limit of worker notifications.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "app_dbg.h"
+#include "app_init.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string g_out;
+
+int capture(const char *fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    g_out += buf;
+    return n;
+}
+
+std::string slurp(const fs::path &p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// Runs fn in a child process and gives back its exit status: the lock is per process.
+template <typename Fn>
+int in_child(Fn fn) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(fn());
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class AppTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        const char *old = getenv("TMPDIR");
+        if (old != nullptr) saved_tmpdir_ = old;
+        std::string templ = (fs::temp_directory_path() / "apptest-XXXXXX").string();
+        ASSERT_NE(mkdtemp(templ.data()), nullptr);
+        dir_ = templ;
+        setenv("TMPDIR", dir_.c_str(), 1);
+        app_dbg_set_name("ftps");
+    }
+    void TearDown() override {
+        if (saved_tmpdir_.empty())
+            unsetenv("TMPDIR");
+        else
+            setenv("TMPDIR", saved_tmpdir_.c_str(), 1);
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    fs::path app_dir() const { return fs::path(dir_) / "app" / "ftps"; }
+    std::string dir_;
+    std::string saved_tmpdir_;
+};
+
+TEST_F(AppTest, GuardNeedsTmpdirAndAPathBelow64Bytes) {
+    unsetenv("TMPDIR");
+    EXPECT_EQ(app_instance_is_running("ftps"), -1);
+
+    // 45 + 4 + 15 = 64 is refused before anything is made; 44 still fits.
+    std::string base = dir_ + "/";
+    ASSERT_LT(base.size(), 44u);
+    std::string fits = base + std::string(44 - base.size(), 'd');
+    std::string too_long = fits + "e";
+    setenv("TMPDIR", too_long.c_str(), 1);
+    EXPECT_EQ(app_instance_is_running("ftps"), -1);
+    EXPECT_FALSE(fs::exists(too_long));
+
+    ASSERT_TRUE(fs::create_directory(fits));
+    setenv("TMPDIR", fits.c_str(), 1);
+    int fd = app_instance_is_running("ftps");
+    EXPECT_GE(fd, 0);
+    if (fd >= 0) close(fd);
+}
+
+TEST_F(AppTest, SecondInstanceIsRefusedUntilTheFirstReleasesTheLock) {
+    app_init_s init{};
+    snprintf(init.name, sizeof init.name, "ftps");
+    ASSERT_EQ(app_public_instance_init(&init), 0);
+    EXPECT_GE(init.instance_fd, 0);
+    EXPECT_TRUE(fs::exists(app_dir() / ".running"));
+    EXPECT_EQ(fs::status(fs::path(dir_) / "app").permissions(), fs::perms::all);
+
+    EXPECT_EQ(in_child([] {
+                  app_init_s second{};
+                  snprintf(second.name, sizeof second.name, "ftps");
+                  return app_public_instance_init(&second) == -1 ? 0 : 1;
+              }),
+              0);
+    EXPECT_THAT(slurp(app_dir() / ".init_msg.txt"), ::testing::HasSubstr("]- One instance is running.\n"));
+
+    EXPECT_EQ(app_public_instance_deinit(&init), 0);
+    EXPECT_EQ(init.instance_fd, -1);
+    // The file stays behind; only the lock told that an instance ran.
+    EXPECT_EQ(in_child([] { return app_instance_is_running("ftps") < 0 ? 0 : 1; }), 1);
+}
+
+TEST_F(AppTest, KeyMessageLinesCarryTimeFunctionAndLine) {
+    app_write_keymsg("hello %d\n", 5);
+    app_write_errmsg("broken\n");
+    EXPECT_THAT(slurp(app_dir() / ".init_msg.txt"),
+                ::testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
+                                        "\\[TestBody/[0-9]+\\]- hello 5\n"));
+    EXPECT_THAT(slurp(app_dir() / ".init_err.txt"), ::testing::EndsWith("]- broken\n"));
+}
+
+TEST_F(AppTest, KeyMessageFileOverTwoMebibytesIsEmptiedFirst) {
+    fs::create_directories(app_dir());
+    const fs::path msg = app_dir() / ".init_msg.txt";
+    {
+        std::ofstream out(msg, std::ios::binary);
+        out << std::string(2097152, 'x');
+    }
+    app_write_keymsg("kept\n");
+    EXPECT_GT(fs::file_size(msg), 2097152u);
+
+    {
+        std::ofstream out(msg, std::ios::binary | std::ios::trunc);
+        out << std::string(2097153, 'x');
+    }
+    app_write_keymsg("fresh\n");
+    std::string text = slurp(msg);
+    EXPECT_LT(text.size(), 100u);
+    EXPECT_THAT(text, ::testing::EndsWith("]- fresh\n"));
+}
+
+TEST_F(AppTest, WorkerNotificationsAreRateLimitedPerThread) {
+    pid_t tid = 0;
+    unsigned long before = app_ham_notify_count();
+    std::thread([&] {
+        tid = gettid();
+        app_ham_client_reset_thread_notify();  // unknown thread: entry added and notified
+        app_ham_client_reset_thread_notify();  // within 120 s: dropped
+    }).join();
+    EXPECT_EQ(app_ham_notify_count() - before, 1u);
+
+    before = app_ham_notify_count();
+    std::thread([] {
+        app_ham_client_reg_thread_notify();  // registration stamps the entry
+        app_ham_client_reset_thread_notify();
+    }).join();
+    EXPECT_EQ(app_ham_notify_count() - before, 0u);
+
+    g_out.clear();
+    app_ham_show_last_ntfy_time(capture);
+    EXPECT_THAT(g_out, ::testing::StartsWith("PID              pthread                 last ntfy\n"));
+    char prefix[64];
+    snprintf(prefix, sizeof prefix, "\n%-10d       %-15d         ", static_cast<int>(getpid()), static_cast<int>(tid));
+    EXPECT_THAT(g_out, ::testing::HasSubstr(prefix));
+}
+
+}  // namespace
