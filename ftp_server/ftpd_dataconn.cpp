@@ -1,0 +1,264 @@
+// Opening one data connection from what the address commands left in the session record: accept
+// on a waiting passive socket, reuse an open active connection, or connect out to the client; then
+// announce it on the control connection. Every data socket is put in the VRF of the control
+// connection.
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "ftpd.h"
+#include "vrf.h"
+
+namespace {
+
+constexpr int kIpTosThroughput = 8;
+constexpr int kConnectRetrySeconds = 90;
+constexpr unsigned kConnectRetrySleep = 5;
+
+const char kCantOpen[] = "425 Can't open data connection.\r\n";
+
+void close_fd(int32_t *fd) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
+}
+
+bool is_scoped_v6(const struct in6_addr *a) {
+    return a->s6_addr[0] == 0xfe && ((a->s6_addr[1] & 0xc0) == 0x80 || (a->s6_addr[1] & 0xc0) == 0xc0);
+}
+
+// Family of the next data connection. After a transfer the session clears data_type; the default
+// address is then the control peer's, so its family is the control connection's.
+int data_family(const struct credentials *pcred) {
+    int t = pcred->cnt.data_type;
+    if (t == AF_INET || t == AF_INET6) return t;
+    return pcred->cnt.contrl_type == AF_INET6 ? AF_INET6 : AF_INET;
+}
+
+int reply_opening(int control_fd, const struct credentials *pcred) {
+    return ftpd_reply(control_fd, "150", "Opening %s mode data connection.",
+                      pcred->cnt.tran_type == 1 ? "ASCII" : "BINARY", nullptr);
+}
+
+double seconds_since(const struct timespec *start) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec - start->tv_sec) + (now.tv_nsec - start->tv_nsec) / 1e9;
+}
+
+// Passive case: accept exactly one connection on listen_pdata, which is closed afterwards.
+int accept_passive(int control_fd, struct credentials *pcred) {
+    bool ok = false;
+    struct ftp_epoll_s *ep = ftpd_epoll_create();
+    if (ep != nullptr) {
+        ep->fd[0] = pcred->listen_pdata;
+        ep->timeout = pcred->timeout * 60;
+        int w = ftpd_epoll(ep, FTP_EPOLL_IN);
+        if (w == 0) FTPD_LOG_PRO("Time out.\n");
+        if (w > 0 && ftpd_epoll_event(ep, pcred->listen_pdata, FTP_EPOLL_IN)) {
+            struct sockaddr_storage peer;
+            socklen_t plen = sizeof peer;
+            pcred->pdata = accept(pcred->listen_pdata, reinterpret_cast<struct sockaddr *>(&peer), &plen);
+            if (pcred->pdata >= 0) {
+                ok = true;
+                if (peer.ss_family == AF_INET6)
+                    memcpy(&pcred->cnt.pasv_destv6, &peer, sizeof pcred->cnt.pasv_destv6);
+                else
+                    memcpy(&pcred->cnt.pasv_dest, &peer, sizeof pcred->cnt.pasv_dest);
+            } else {
+                pcred->pdata = -1;
+            }
+        }
+        ftpd_epoll_destroy(ep);
+    }
+    close_fd(&pcred->listen_pdata);
+    if (!ok) {
+        ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
+        return -1;
+    }
+
+    struct sockaddr_storage local;
+    socklen_t llen = sizeof local;
+    if (getsockname(pcred->pdata, reinterpret_cast<struct sockaddr *>(&local), &llen) < 0) {
+        ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
+        close_fd(&pcred->pdata);
+        return -1;
+    }
+    if (local.ss_family == AF_INET6)
+        memcpy(&pcred->cnt.pasv_addrv6, &local, sizeof pcred->cnt.pasv_addrv6);
+    else
+        memcpy(&pcred->cnt.pasv_addr, &local, sizeof pcred->cnt.pasv_addr);
+
+    int tos = kIpTosThroughput;
+    int on = 1;
+    setsockopt(pcred->pdata, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
+    setsockopt(pcred->pdata, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    if (reply_opening(control_fd, pcred) < 0) {
+        close_fd(&pcred->pdata);
+        return -1;
+    }
+    return pcred->pdata;
+}
+
+// Fills data_dest / data_destv6 for an active connection of the given family.
+void set_active_destination(int control_fd, int family, int client_port, const char *client_addr,
+                            struct credentials *pcred) {
+    struct ftp_user_cnt_info_s *cnt = &pcred->cnt;
+    if (pcred->usedefault != 0) {
+        // The default data port is the client's control port plus one.
+        if (family == AF_INET) {
+            cnt->data_dest = cnt->def_addr.his_addr;
+            cnt->data_dest.sin_port = htons(static_cast<uint16_t>(ntohs(cnt->def_addr.his_addr.sin_port) + 1));
+        } else {
+            cnt->data_destv6 = cnt->def_addr.his_addrv6;
+            cnt->data_destv6.sin6_port = htons(static_cast<uint16_t>(ntohs(cnt->def_addr.his_addrv6.sin6_port) + 1));
+        }
+        return;
+    }
+    if (family == AF_INET) {
+        cnt->data_dest.sin_family = AF_INET;
+        inet_aton(client_addr, &cnt->data_dest.sin_addr);
+        cnt->data_dest.sin_port = htons(static_cast<uint16_t>(client_port));
+        return;
+    }
+    cnt->data_destv6.sin6_family = AF_INET6;
+    inet_pton(AF_INET6, client_addr, &cnt->data_destv6.sin6_addr);
+    cnt->data_destv6.sin6_port = htons(static_cast<uint16_t>(client_port));
+    if (is_scoped_v6(&cnt->data_destv6.sin6_addr)) {
+        // The zone the client typed is not trusted: the scope is the control connection's.
+        struct sockaddr_in6 peer;
+        socklen_t plen = sizeof peer;
+        memset(&peer, 0, sizeof peer);
+        if (getpeername(control_fd, reinterpret_cast<struct sockaddr *>(&peer), &plen) < 0)
+            FTPD_LOG_ERR("getpeername error \n");
+        else
+            cnt->data_destv6.sin6_scope_id = peer.sin6_scope_id;
+    }
+}
+
+}  // namespace
+
+void ftps_set_vrf_option(struct credentials *pcred, int fd) {
+    // On Linux a VRF is a device: the control connection's binding is read and given to fd.
+    // The device's numeric VRF options are never used here; their numbers mean other things.
+    bool v6 = pcred->cnt.contrl_type == AF_INET6;
+    char name[IF_NAMESIZE + 1] = {0};
+    if (vrf_get_socket_vrf(pcred->ctl_fd, name, sizeof name) != 0) {
+        int err = errno;
+        if (v6)
+            FTPD_LOG_ERR("%s: getdatasock get ipv6 receive vrf failed %d errno=%d\r\n", __func__, -1, err);
+        else
+            FTPD_LOG_ERR("%s: getdatasock get ip receive vrf failed fd%d, ret %d errno=%d\r\n", __func__, pcred->ctl_fd,
+                         -1, err);
+        return;
+    }
+    if (v6)
+        FTPD_LOG_PRO("%s: getdatasock receive ipv6 vrf is %s\r\n", __func__, name[0] != '\0' ? name : "default");
+    else
+        FTPD_LOG_PRO("%s: getdatasock fd %d receive ip vrf is %s\r\n", __func__, fd,
+                     name[0] != '\0' ? name : "default");
+    if (name[0] == '\0') return;
+    if (vrf_set_socket_vrf(fd, name) != 0) {
+        int err = errno;
+        if (v6)
+            FTPD_LOG_ERR("%s: setdatasock setsockopt IPV6_PRIVATE_SEND_VRF error. errno=%d\r\n", __func__, err);
+        else
+            FTPD_LOG_ERR("%s: setdatasock setsockopt IP_VRF_SEND error. errno=%d\r\n", __func__, err);
+    }
+}
+
+int getdatasock(const char *mode, struct credentials *pcred) {
+    (void)mode;
+    if (pcred->data >= 0) return pcred->data;
+    unique_fd s(socket(data_family(pcred), SOCK_STREAM, 0));
+    if (!s) return -1;
+    int on = 1;
+    if (setsockopt(s.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
+        int err = errno;
+        s.reset();
+        errno = err;
+        return -1;
+    }
+    ftps_set_vrf_option(pcred, s.get());
+    int tos = kIpTosThroughput;
+    if (data_family(pcred) == AF_INET && setsockopt(s.get(), IPPROTO_IP, IP_TOS, &tos, sizeof tos) < 0) {
+        int err = errno;
+        FTPD_LOG_ERR("%s:setsockopt (IP_TOS) fail.\n", __func__);
+        s.reset();
+        errno = err;
+        return -1;
+    }
+    return s.release();
+}
+
+int dataconn(int control_fd, off_t size, const char *mode, int client_port, const char *client_addr,
+             struct credentials *pcred) {
+    (void)size;
+    pcred->byte_count = 0;
+    // While a passive socket waits, an earlier PORT is ignored.
+    if (pcred->listen_pdata >= 0) return accept_passive(control_fd, pcred);
+
+    if (pcred->data >= 0) {
+        pcred->usedefault = 1;
+        if (ftpd_reply(control_fd, "125", "Using existing data connection.", nullptr, nullptr) < 0) {
+            close_fd(&pcred->data);
+            return -1;
+        }
+        return pcred->data;
+    }
+
+    int family = data_family(pcred);
+    set_active_destination(control_fd, family, client_port, client_addr, pcred);
+    pcred->usedefault = 1;  // the next transfer without a new PORT/EPRT goes to the default address
+
+    int s = getdatasock(mode, pcred);
+    if (s < 0) {
+        ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
+        return s;
+    }
+    unique_fd sock(s);
+    const struct sockaddr *dest;
+    socklen_t dlen;
+    if (family == AF_INET) {
+        dest = reinterpret_cast<const struct sockaddr *>(&pcred->cnt.data_dest);
+        dlen = sizeof pcred->cnt.data_dest;
+    } else {
+        dest = reinterpret_cast<const struct sockaddr *>(&pcred->cnt.data_destv6);
+        dlen = sizeof pcred->cnt.data_destv6;
+    }
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    while (connect(sock.get(), dest, dlen) < 0) {
+        // Only a local address still in use is worth waiting for.
+        if (errno == EADDRINUSE && seconds_since(&start) < kConnectRetrySeconds) {
+            sleep(kConnectRetrySleep);
+            continue;
+        }
+        ftpd_reply(control_fd, "425", "Can't build data connection.", nullptr, nullptr);
+        return -1;
+    }
+
+    struct sockaddr_storage local;
+    socklen_t llen = sizeof local;
+    if (getsockname(sock.get(), reinterpret_cast<struct sockaddr *>(&local), &llen) < 0) {
+        ftpd_reply(control_fd, "425", "Can't build data connection.", nullptr, nullptr);
+        return -1;
+    }
+    if (family == AF_INET)
+        memcpy(&pcred->cnt.data_source, &local, sizeof pcred->cnt.data_source);
+    else
+        memcpy(&pcred->cnt.data_sourcev6, &local, sizeof pcred->cnt.data_sourcev6);
+
+    pcred->data = sock.release();
+    if (reply_opening(control_fd, pcred) < 0) {
+        close_fd(&pcred->data);
+        return -1;
+    }
+    return pcred->data;
+}

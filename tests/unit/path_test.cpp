@@ -1,0 +1,150 @@
+// Path resolution: normalisation, client/real path mapping, the system-tree test with the flash
+// home, and temporary paths below TMPDIR.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "fs_info.h"
+#include "ftpd.h"
+
+namespace {
+
+std::string make_temp_dir() {
+    const char *b = getenv("TMPDIR");
+    std::string t = std::string(b != nullptr && *b != '\0' ? b : "/tmp") + "/ftps-path-XXXXXX";
+    return mkdtemp(t.data()) != nullptr ? t : "";
+}
+
+// The flash home comes from the platform file: point it at a directory of this binary's own
+// before anything loads the platform settings.
+std::string g_flash;
+class platform_env : public ::testing::Environment {
+    void SetUp() override {
+        dir_ = make_temp_dir();
+        g_flash = dir_ + "/flash";
+        FILE *f = fopen((dir_ + "/platform.conf").c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        fprintf(f, "[storage]\nflash = %s\n[log]\nsyslog = no\n", g_flash.c_str());
+        fclose(f);
+        setenv("FTPS_PLATFORM", (dir_ + "/platform.conf").c_str(), 1);
+    }
+    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    std::string dir_;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new platform_env);
+
+std::string trim(const char *in) {
+    char out[512];
+    return ftpd_path_trim(in, out, sizeof out) ? out : "<false>";
+}
+
+TEST(PathTrim, NormalisationTable) {
+    const char *rows[][2] = {
+        {"/", "/"},          {"//a//b//", "/a/b/"}, {"/a/./b", "/a/b"},      {"/a/../b", "/b"},
+        {"/..", "/"},        {"/../..", "/"},       {"/a/b/..", "/a/"},      {"/a/b/../../..", "/"},
+        {"/...", "/..."},    {"/a/..b", "/a/..b"},  {"/a/b/./../c", "/a/c"}, {"/a/.", "/a/"},
+        {"a/..", "<false>"},
+    };
+    for (auto &r : rows) EXPECT_EQ(trim(r[0]), r[1]) << r[0];
+}
+
+TEST(PathTrim, ScratchBufferIsGivenBackAndItsShortageRefuses) {
+    ftpd_mem_t before = ftpd_mem_get(FTPD_M_TMP);
+    trim("/x/../y");
+    trim("a/..");  // the early refusal gives it back too
+    ftpd_mem_t after = ftpd_mem_get(FTPD_M_TMP);
+    EXPECT_EQ(after.allocs - before.allocs, 2u);
+    EXPECT_EQ(after.deallocs - before.deallocs, 2u);
+    ftpd_mem_fail_after(FTPD_M_TMP, 1);
+    EXPECT_EQ(trim("/a"), "<false>");
+    ftpd_mem_fail_after(FTPD_M_TMP, 0);
+}
+
+// The resolution sequence of the file commands, for top directory top and current directory cur.
+std::string resolve(const char *top, const char *cur, const char *arg) {
+    char root[FTP_ROOTDIR_LEN], in[512], out[512];
+    ftpd_strlcpy(root, top, sizeof root);
+    credentials c{};
+    c.rootdir = root;
+    ftpd_rootdir_relative_path(&c, cur, arg, in, sizeof in);
+    if (!ftpd_path_trim(in, out, sizeof out)) return "<false>";
+    return ftpd_relative_to_absolute_path(&c, out, in, sizeof in);
+}
+
+std::string client_view(const char *top, const char *cur) {
+    char root[FTP_ROOTDIR_LEN], out[512];
+    ftpd_strlcpy(root, top, sizeof root);
+    credentials c{};
+    c.rootdir = root;
+    return ftpd_absolute_to_relative_path(&c, cur, out, sizeof out);
+}
+
+TEST(PathMapping, ClientPathsStayBelowTopDirectory) {
+    const char *pub = "/mnt/flash/pub";
+    EXPECT_EQ(resolve(pub, pub, "../../etc"), "/mnt/flash/pub/etc");
+    EXPECT_EQ(resolve(pub, "/mnt/flash/pub/docs", "/x"), "/mnt/flash/pub/x");
+    EXPECT_EQ(resolve(pub, "/mnt/flash/pub/docs", "a.txt"), "/mnt/flash/pub/docs/a.txt");
+    EXPECT_EQ(resolve(pub, "/mnt/flash/pub/docs", "../../.."), "/mnt/flash/pub/");
+    EXPECT_EQ(resolve("/", "/var/log", "../lib"), "/var/lib");
+    EXPECT_EQ(resolve("/", "/var", "/../.."), "/");
+
+    EXPECT_EQ(client_view(pub, pub), "/");
+    EXPECT_EQ(client_view(pub, "/mnt/flash/pub/docs"), "/docs");
+    EXPECT_EQ(client_view("/", "/var/log"), "/var/log");
+}
+
+TEST(PathMapping, OverlongResultIsCutAndTerminated) {
+    char root[] = "/top", out[16];
+    credentials c{};
+    c.rootdir = root;
+    ftpd_rootdir_relative_path(&c, "/top", std::string(600, 'n').c_str(), out, sizeof out);
+    EXPECT_EQ(std::string(out), "/" + std::string(14, 'n'));
+    ftpd_relative_to_absolute_path(&c, "/aaaaaaaaaaaaaaaaaaaaaaaa", out, sizeof out);
+    EXPECT_EQ(std::string(out), "/top/aaaaaaaaaa");
+}
+
+TEST(SystemTree, OnlyTheFirstComponentAfterFlashHomeDecides) {
+    char home[FTP_NAME_LEN];
+    ASSERT_EQ(fs_get_flash_home(home, sizeof home), 0);
+    ASSERT_EQ(home, g_flash);
+    for (std::string p : std::initializer_list<std::string>{"/proc", "/proc/1/maps", "dev", "/dev/x", "/ram",
+                                                            g_flash + "/proc", g_flash + "proc"})
+        EXPECT_FALSE(is_access_path(p.c_str())) << p;
+    for (std::string p :
+         std::initializer_list<std::string>{"/procfs", "/devices", "/etc/proc", "/", g_flash + "/procfs"})
+        EXPECT_TRUE(is_access_path(p.c_str())) << p;
+}
+
+TEST(MakePath, OneDirectoryLevelBelowTmpdirAndTheLengthRule) {
+    std::string old = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "";
+    std::string dir = make_temp_dir();
+    ASSERT_FALSE(dir.empty());
+    setenv("TMPDIR", dir.c_str(), 1);
+    char path[256];
+    mkdir((dir + "/app").c_str(), 0755);
+    EXPECT_STREQ(ftp_make_path(path, sizeof path, "/app/ftps/.ftptemp-XXXXXX"),
+                 (dir + "/app/ftps/.ftptemp-XXXXXX").c_str());
+    struct stat st;
+    EXPECT_EQ(stat((dir + "/app/ftps").c_str(), &st), 0);
+    EXPECT_NE(ftp_make_path(path, sizeof path, "/app/ftps/x"), nullptr);    // it exists now
+    EXPECT_EQ(ftp_make_path(path, sizeof path, "/no/such/file"), nullptr);  // no parents made
+    EXPECT_STREQ(ftp_make_path(path, sizeof path, "sock"), (dir + "sock").c_str());
+    int exact = static_cast<int>(dir.size() + 2);
+    EXPECT_EQ(ftp_make_path(path, exact, "/f"), nullptr);
+    EXPECT_NE(ftp_make_path(path, exact + 1, "/f"), nullptr);
+    unsetenv("TMPDIR");
+    EXPECT_EQ(ftp_make_path(path, sizeof path, "/f"), nullptr);
+    if (!old.empty()) setenv("TMPDIR", old.c_str(), 1);
+    std::system(("rm -rf '" + dir + "'").c_str());
+}
+
+TEST(SpecialFile, LeadingDotMarksHiddenNames) {
+    for (const char *n : {".", "..", ".profile"}) EXPECT_TRUE(is_special_file(n)) << n;
+    for (const char *n : {"a.b", ""}) EXPECT_FALSE(is_special_file(n)) << n;
+    EXPECT_FALSE(is_special_file(nullptr));
+}
+
+}  // namespace
