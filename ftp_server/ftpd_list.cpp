@@ -1,0 +1,477 @@
+// LIST: the long-form listing staged in a private temporary file and then sent over the data
+// connection. Also owns what LIST shares with NLST and the file commands: the listing line, the
+// wildcard matcher, the unique temporary file, the sending of a staged listing, the path
+// resolution sequence over a work buffer and the common command and writer skeletons.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "ftpd.h"
+#include "ftpd_list_internal.h"
+
+namespace {
+
+const char kReply451[] = "451 Requested action aborted. Local error in processing.\r\n";
+const char kReply501[] = "501 Syntax error in parameters or arguments.\r\n";
+const char kReply226[] = "226 Closing data connection.\r\n";
+
+const char *const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
+// Blocks of the staged listing: ASCII reads 512 bytes and may double them; binary sends 1024.
+constexpr int kAsciiBlock = 512;
+constexpr int kBinaryBlock = 1024;
+
+// Both matcher inputs are worked on as copies cut at 255 characters.
+constexpr size_t kMatchLen = 256;
+
+int reply451(int control_fd) {
+    return ftpd_reply(control_fd, nullptr, "%s", kReply451, nullptr);
+}
+int reply501(int control_fd) {
+    return ftpd_reply(control_fd, nullptr, "%s", kReply501, nullptr);
+}
+
+bool is_dir_root(const char *dir) {
+    return strcmp(dir, "/") == 0;
+}
+
+int send_ascii(int control_fd, int data_sock, int fd, struct credentials *pcred) {
+    ftpd_block buf(FTPD_M_BUF, kAsciiBlock);
+    ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * kAsciiBlock);
+    if (!buf || !chang_buf) return -2;
+    for (;;) {
+        ssize_t n = read(fd, buf.get(), kAsciiBlock);
+        if (n < 0) {
+            FTPD_LOG_ERR("%s: Read data failed.\n", FTPD_MODULE);
+            return -2;
+        }
+        if (n == 0) break;
+        int len = unix_to_dos(buf.get(), chang_buf.get(), static_cast<int>(n));
+        if (send(data_sock, chang_buf.get(), static_cast<size_t>(len), MSG_NOSIGNAL) != len) return -2;
+        pcred->byte_count += len;
+    }
+    buf.reset();
+    chang_buf.reset();
+    return ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr) == 0 ? 0 : -1;
+}
+
+int send_binary(int control_fd, int data_sock, int fd, char *databuff, struct credentials *pcred) {
+    for (;;) {
+        ssize_t n = read(fd, databuff, kBinaryBlock);
+        if (n < 0) return -2;
+        if (n > 0 && send(data_sock, databuff, static_cast<size_t>(n), MSG_NOSIGNAL) != n) return -2;
+        pcred->byte_count += n;
+        if (n < kBinaryBlock) break;
+    }
+    return ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr) == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Shared internals
+
+ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
+                                      char *inpath, char *outpath) {
+    ftpd_rootdir_relative_path(pcred, current_dir, arg, inpath, FTP_PATH_HALF);
+    if (!ftpd_path_trim(inpath, outpath, FTP_PATH_HALF)) return ftpd_resolve_result::trim_failed;
+    ftpd_relative_to_absolute_path(pcred, outpath, inpath, FTP_PATH_HALF);
+    // SECURITY: with the device root as top directory the system trees stay out of reach.
+    if (pcred->rootdir != nullptr && is_dir_root(pcred->rootdir) && !is_access_path(inpath))
+        return ftpd_resolve_result::refused;
+    return ftpd_resolve_result::ok;
+}
+
+bool ftpd_entry_hidden(const char *name, const char *listtemp, bool dir_is_root) {
+    if (strcmp(name, listtemp) == 0 || is_special_file(name)) return true;
+    return dir_is_root && !is_access_path(name);
+}
+
+const char *ftpd_split_pattern(const char *path, char *dir, const char *current_dir) {
+    const char *slash = strrchr(path, '/');
+    const char *pattern;
+    if (slash != nullptr) {
+        size_t n = static_cast<size_t>(slash - path) + 1;
+        if (n > FTP_LIST_TEMPPATH_SIZE - 1) n = FTP_LIST_TEMPPATH_SIZE - 1;
+        memcpy(dir, path, n);
+        dir[n] = '\0';
+        pattern = slash + 1;
+    } else {
+        ftpd_strlcpy(dir, current_dir, FTP_CURRENTDIR_LEN);
+        pattern = path;
+    }
+    size_t len = strlen(dir);
+    if (len == 0 || dir[len - 1] != '/') ftpd_strlcat(dir, "/", FTP_LIST_TEMPPATH_SIZE);
+    return pattern;
+}
+
+bool ftpd_write_line(int fd, const char *line) {
+    size_t len = strlen(line);
+    return write(fd, line, len) == static_cast<ssize_t>(len);
+}
+
+int ftpd_listtemp::create() {
+    if (ftp_make_path(path_, FTP_LISTTEMP_LEN, FTP_TEMP_TEMPLATE) == nullptr) {
+        path_[0] = '\0';
+        return -1;
+    }
+    int fd = ftpd_mkstemp(path_);
+    if (fd < 0) return -2;
+    fd_.reset(fd);
+    made_ = true;
+    return 0;
+}
+
+bool ftpd_listtemp::reopen_for_reading() {
+    fd_.reset();
+    int fd = open(path_, O_RDONLY);
+    if (fd < 0) return false;
+    fd_.reset(fd);
+    return true;
+}
+
+void ftpd_listtemp::remove() {
+    fd_.reset();
+    if (made_) {
+        unlink(path_);
+        made_ = false;
+    }
+}
+
+int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
+                       struct credentials *pcred, const ftpd_listing_kind &kind) {
+    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE);
+    if (!whole) {
+        if (kind.log_failures) FTPD_LOG_ERR("malloc while_buff fail\n");
+        reply451(control_fd);
+        return -1;
+    }
+    char *databuff = whole.get();
+    char *temppath = databuff + FTP_LIST_LINE_SIZE;
+    char *tempbuff = temppath + FTP_LIST_TEMPPATH_SIZE;
+
+    ftpd_listtemp temp;
+    int made = temp.create();
+    if (made != 0) {
+        if (made == -2 && kind.log_failures) FTPD_LOG_ERR("ftpd_mkstemp fail\n");
+        reply451(control_fd);
+        return -1;
+    }
+
+    // After the data connection is open, every failure ends with the one 451 line.
+    auto fail = [&]() {
+        temp.remove();
+        whole.reset();
+        reply451(control_fd);
+        return -1;
+    };
+    auto not_listable = [&]() {
+        temp.remove();
+        reply501(control_fd);
+        return -1;
+    };
+
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        if (strpbrk(path, "*?") == nullptr) {
+            temp.remove();
+            ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
+            return -1;
+        }
+        int r = kind.wildcard(path, temp.fd(), temp.path(), tempbuff, databuff, temppath, current_dir);
+        if (r == -3) return not_listable();
+        if (r != 0) return fail();
+    } else if (S_ISDIR(st.st_mode)) {
+        if (kind.dir(path, temp.fd(), temp.path(), tempbuff, databuff) != 0) return fail();
+    } else if (S_ISREG(st.st_mode)) {
+        int r = kind.reg(path, temp.fd(), temp.path(), databuff);
+        if (r == -3) return not_listable();
+        if (r != 0) return fail();
+    } else {
+        return not_listable();
+    }
+
+    if (!temp.reopen_for_reading()) return fail();
+    int sent = send_list_nlst(control_fd, data_sock, temp.fd(), databuff, pcred);
+    if (sent == -2) return fail();
+    temp.remove();
+    return sent == 0 ? 0 : -1;
+}
+
+void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                      struct credentials *pcred, const ftpd_listing_kind &kind,
+                      int (*writer)(int, int, char *, char *, struct credentials *)) {
+    ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
+    if (!work) {
+        if (kind.log_malloc) FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
+        reply451(control_fd);
+        return;
+    }
+    char *inpath = work.get();
+    char *outpath = inpath + FTP_PATH_HALF;
+
+    // Options are never interpreted; a leading pattern star lists the whole current directory.
+    if (kind.strip_options && (path[0] == '-' || path[0] == '*')) {
+        FTPD_LOG_ERR(
+            "This version not  LIST CMD with option values(such as -al,*.p),translate into LIST CMD "
+            "only\n");
+        path[0] = '\0';
+    }
+    if (path[0] == '\0') ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+
+    switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
+        case ftpd_resolve_result::trim_failed:
+            reply451(control_fd);
+            return;
+        case ftpd_resolve_result::refused:
+            reply501(control_fd);
+            return;
+        case ftpd_resolve_result::ok:
+            break;
+    }
+
+    unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
+    if (!data_sock) return;  // dataconn has replied
+
+    if (kind.count_before_update) {
+        pcred->byte_count = 0;
+        ftp_set_userinfo_update(pcred);
+    } else {
+        ftp_set_userinfo_update(pcred);
+        pcred->byte_count = 0;
+    }
+    writer(control_fd, data_sock.get(), current_dir, inpath, pcred);
+
+    int on = 1;
+    ioctl(data_sock.get(), FIONBIO, &on);
+    data_sock.reset();
+    pcred->pdata = -1;
+    pcred->data = -1;
+    ftp_set_userinfo_update(pcred);
+}
+
+// ---------------------------------------------------------------------------------------------
+// LIST
+
+namespace {
+const ftpd_listing_kind kListKind = {
+    .strip_options = true,
+    .log_failures = true,
+    .log_malloc = false,
+    .count_before_update = false,
+    .dir = list_dir,
+    .reg = list_reg,
+    .wildcard = list_wildcard,
+};
+}  // namespace
+
+void list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+              struct credentials *pcred) {
+    ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, kListKind, write_list);
+}
+
+int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred) {
+    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, kListKind);
+}
+
+int list_dir(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff) {
+    dir_handle dir(opendir(path));
+    if (!dir) return -1;
+    bool root = is_dir_root(path);
+    while (struct dirent *ent = readdir(dir.get())) {
+        const char *name = ent->d_name;
+        if (ftpd_entry_hidden(name, listtemp, root)) continue;
+        ftpd_strlcpy(tempbuff, path, FTP_PATH_HALF);
+        size_t len = strlen(tempbuff);
+        if (len == 0 || tempbuff[len - 1] != '/') ftpd_strlcat(tempbuff, "/", FTP_LIST_ENTRY_SIZE);
+        ftpd_strlcat(tempbuff, name, FTP_LIST_ENTRY_SIZE);
+        memset(databuff, 0, FTP_LIST_LINE_SIZE);
+        if (get_file_info(tempbuff, databuff, FTP_LIST_LINE_SIZE, name) != 0) continue;
+        if (!ftpd_write_line(fd, databuff)) return -1;
+    }
+    fsync(fd);
+    return 0;
+}
+
+int list_reg(const char *path, int fd, const char *listtemp, char *databuff) {
+    const char *slash = strrchr(path, '/');
+    const char *name = slash != nullptr ? slash + 1 : path;
+    if (strcmp(name, listtemp) == 0 || is_special_file(name)) return -3;
+    memset(databuff, 0, FTP_LIST_LINE_SIZE);
+    if (get_file_info(path, databuff, FTP_LIST_LINE_SIZE, name) != 0) return -3;
+    if (!ftpd_write_line(fd, databuff)) return -2;
+    fsync(fd);
+    return 0;
+}
+
+int list_wildcard(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff, char *temppath,
+                  const char *current_dir) {
+    const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
+    struct stat st;
+    if (stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
+    dir_handle dir(opendir(temppath));
+    if (!dir) return -2;
+    bool root = is_dir_root(temppath);
+    while (struct dirent *ent = readdir(dir.get())) {
+        const char *name = ent->d_name;
+        if (ftpd_is_match(name, pattern) != 1) continue;
+        if (ftpd_entry_hidden(name, listtemp, root)) continue;
+        ftpd_strlcpy(tempbuff, temppath, FTP_PATH_HALF);
+        ftpd_strlcat(tempbuff, name, FTP_LIST_ENTRY_SIZE);
+        memset(databuff, 0, FTP_LIST_LINE_SIZE);
+        if (get_file_info(tempbuff, databuff, FTP_LIST_LINE_SIZE, name) != 0) continue;
+        if (!ftpd_write_line(fd, databuff)) return -2;
+    }
+    fsync(fd);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Listing line, names, sending, temporary files, matching
+
+int get_file_info(const char *path, char *stat_buff, int length, const char *name) {
+    FTPD_ASSERT_LOG(path != NULL, "ftpd");
+    FTPD_ASSERT_LOG(stat_buff != NULL, "ftpd");
+    if (path == nullptr || stat_buff == nullptr || length <= 0) return -1;
+
+    struct stat st;
+    if (stat(path, &st) != 0) return -1;
+    char mode[11] = "----------";
+    if (S_ISDIR(st.st_mode))
+        mode[0] = 'd';
+    else if (!S_ISREG(st.st_mode))
+        return -1;
+    static constexpr mode_t kBits[9] = {S_IRUSR, S_IWUSR, S_IXUSR, S_IRGRP, S_IWGRP,
+                                        S_IXGRP, S_IROTH, S_IWOTH, S_IXOTH};
+    static constexpr char kLetters[] = "rwxrwxrwx";
+    for (int i = 0; i < 9; i++)
+        if ((st.st_mode & kBits[i]) != 0) mode[i + 1] = kLetters[i];
+
+    // Only the calendar years are compared: no six-month window.
+    struct tm mtime;
+    struct tm today;
+    localtime_r(&st.st_mtime, &mtime);
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    time_t now = tv.tv_sec;
+    localtime_r(&now, &today);
+
+    const char *shown = name != nullptr ? name : "";
+    int links = static_cast<int>(st.st_nlink);
+    long long size = static_cast<long long>(st.st_size);
+    const char *month = kMonths[mtime.tm_mon];
+    if (mtime.tm_year == today.tm_year)
+        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
+                      mode, links, size, month, mtime.tm_mday, mtime.tm_hour, mtime.tm_min, shown);
+    else
+        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
+                      links, size, month, mtime.tm_mday, mtime.tm_year + 1900, shown);
+    stat_buff[length - 1] = '\0';
+    return 0;
+}
+
+int get_file_name(const char *path, const char **name) {
+    if (path == nullptr || path[0] == '.') return -1;
+    struct stat st;
+    if (stat(path, &st) != 0) return -1;
+    const char *slash = strrchr(path, '/');
+    *name = slash != nullptr ? slash + 1 : path;
+    return 0;
+}
+
+int send_list_nlst(int control_fd, int data_sock, int fd, char *databuff, struct credentials *pcred) {
+    int type = pcred->cnt.tran_type;
+    if (type == 1) return send_ascii(control_fd, data_sock, fd, pcred);
+    if (type == 3 || type == 4) return send_binary(control_fd, data_sock, fd, databuff, pcred);
+    char text[64];
+    ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in send_data.", type);
+    ftpd_reply(control_fd, "451", "%s", text, nullptr);
+    return -1;
+}
+
+int ftpd_mkstemp(char *templ) {
+    if (templ == nullptr) return -1;
+    size_t len = strlen(templ);
+    if (len < 6) return -1;
+    char *suffix = templ + len - 6;
+    for (int i = 0; i < 6; i++) {
+        if (suffix[i] != 'X') {
+            FTPD_LOG_ERR("ftpd_mkstemp the last %d of %s is not X\n", 6, templ);
+            return -1;
+        }
+    }
+    // Lowest free number first, so numbers come back as soon as a listing removed its file.
+    for (int num = 1; num <= 999998; num++) {
+        char digits[8];
+        ftpd_snprintf(digits, sizeof digits, "%.6d", num);
+        memcpy(suffix, digits, 6);
+        struct stat st;
+        if (stat(templ, &st) == 0) continue;
+        int fd = open(templ, O_RDWR | O_CREAT | O_EXCL, 0644);
+        if (fd < 0) {
+            int err = errno;
+            // Losing a race for the same number is a failure, not a reason to try the next one.
+            FTPD_LOG_ERR("ftpd_mkstemp open (%s) fail,errno %d:%s\n", templ, err, strerror(err));
+            return -1;
+        }
+        return fd;
+    }
+    FTPD_LOG_ERR("ftpd_mkstemp num is too large\n");
+    return -1;
+}
+
+int ftpd_is_match(const char *str1, const char *match1) {
+    if (str1 == nullptr || match1 == nullptr) return 0;
+    char str[kMatchLen];
+    char pat[kMatchLen];
+    ftpd_strlcpy(str, str1, sizeof str);
+    ftpd_strlcpy(pat, match1, sizeof pat);
+    size_t sl = strlen(str);
+    size_t pl = strlen(pat);
+    if (sl == 0 || pl == 0) return 0;
+
+    // Tail phase: everything after the last star is matched from the end.
+    while (pat[pl - 1] != '*') {
+        if (pat[pl - 1] != '?' && pat[pl - 1] != str[sl - 1]) return 0;
+        pl--;
+        sl--;
+        if (pl == 0 && sl == 0) return 1;
+        if (pl == 0 || sl == 0) return 0;
+    }
+    str[sl] = '\0';
+    pat[pl] = '\0';
+
+    // Front phase: each literal segment takes its first occurrence; there is no backtracking.
+    size_t si = 0;
+    size_t pi = 0;
+    bool after_star = false;
+    char seg[kMatchLen];
+    for (;;) {
+        size_t k = 0;
+        while (pat[pi] != '\0' && pat[pi] != '*' && pat[pi] != '?') seg[k++] = pat[pi++];
+        seg[k] = '\0';
+        const char *found = strstr(str + si, seg);
+        if (found == nullptr) return 0;
+        if (found != str + si && !after_star) return 0;
+        si = static_cast<size_t>(found - str) + k;
+        if (pat[pi] == '?') {
+            if (str[si] == '\0') return 0;
+            si++;
+            pi++;
+            after_star = false;
+        } else if (pat[pi] == '*') {
+            pi++;
+            after_star = true;
+        } else {
+            break;
+        }
+    }
+    if (str[si] == '\0') return 1;
+    return after_star ? 1 : 0;
+}

@@ -1,0 +1,92 @@
+// Internals shared by the listing commands (LIST, NLST) and the directory and file commands: the
+// path resolution sequence over a work buffer, the temporary listing file owner, the per-entry
+// listers and the common command and writer skeletons that LIST and NLST fill with their own rows.
+#pragma once
+
+#include "ftpd.h"
+
+// Work buffer of the path commands: two 512-byte halves, inpath then outpath.
+#define FTP_PATH_HALF 512
+// Listing writer buffer: one line / sending block, a directory, then an entry path.
+#define FTP_LIST_BUF_SIZE 3072
+#define FTP_LIST_LINE_SIZE 1024
+#define FTP_LIST_TEMPPATH_SIZE 512
+#define FTP_LIST_ENTRY_SIZE (FTP_LIST_BUF_SIZE - FTP_LIST_LINE_SIZE - FTP_LIST_TEMPPATH_SIZE)
+// Path buffer of the temporary listing file.
+#define FTP_LISTTEMP_LEN 65
+
+enum class ftpd_resolve_result {
+    ok,           // inpath holds the real path
+    trim_failed,  // normalisation refused the client path
+    refused,      // top directory "/" and the path lies in a system tree
+};
+
+// Runs the resolution sequence on a client argument: inpath and outpath are the two halves of a
+// work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
+ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
+                                      char *inpath, char *outpath);
+
+// True when a directory entry must not be shown: dot names, the listing's own temporary file and,
+// while the listed directory is "/", the system trees.
+bool ftpd_entry_hidden(const char *name, const char *listtemp, bool dir_is_root);
+
+// Splits a real path into the directory to scan (with a trailing "/") and the pattern after its
+// last "/" (dir holds FTP_LIST_TEMPPATH_SIZE bytes). Without a "/" the directory is the current
+// directory. Returns the pattern, a pointer into path.
+const char *ftpd_split_pattern(const char *path, char *dir, const char *current_dir);
+
+// The temporary file a listing is staged in; it is closed and removed on every path.
+class ftpd_listtemp {
+  public:
+    ftpd_listtemp() { path_[0] = '\0'; }
+    ~ftpd_listtemp() { remove(); }
+    ftpd_listtemp(const ftpd_listtemp &) = delete;
+    ftpd_listtemp &operator=(const ftpd_listtemp &) = delete;
+
+    // 0 created; -1 no path below TMPDIR; -2 no unique file could be made.
+    int create();
+    // Closes the written file and opens it again for reading; false on failure.
+    bool reopen_for_reading();
+    void close() { fd_.reset(); }
+    void remove();
+    int fd() const { return fd_.get(); }
+    const char *path() const { return path_; }
+
+  private:
+    char path_[FTP_LISTTEMP_LEN];
+    unique_fd fd_;
+    bool made_ = false;  // only a file this owner created is ever unlinked
+};
+
+// The per-entry listers. fd is the temporary file, which the caller owns and closes.
+// list_dir / nlst_dir: 0 or -1. *_reg and *_wildcard: 0; -2 write or open failure; -3 not listable.
+int list_dir(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff);
+int list_reg(const char *path, int fd, const char *listtemp, char *databuff);
+int list_wildcard(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff, char *temppath,
+                  const char *current_dir);
+int nlst_dir(const char *path, int fd, const char *nlsttemp, char *onefile, char *databuff);
+int nlst_reg(const char *path, int fd, const char *nlsttemp, char *databuff);
+int nlst_wildcard(const char *path, int fd, const char *nlsttemp, char *onefile, char *databuff, char *temppath,
+                  const char *current_dir);
+
+// What distinguishes LIST from NLST in the shared skeletons.
+struct ftpd_listing_kind {
+    bool strip_options;        // LIST drops an argument that begins with "-" or "*"
+    bool log_failures;         // LIST logs buffer and temporary-file failures of the writer
+    bool log_malloc;           // NLST logs a failing work buffer of the command
+    bool count_before_update;  // NLST resets byte_count before refreshing the slot
+    int (*dir)(const char *, int, const char *, char *, char *);
+    int (*reg)(const char *, int, const char *, char *);
+    int (*wildcard)(const char *, int, const char *, char *, char *, char *, const char *);
+};
+
+// Stages the listing of a real path in a temporary file and sends it: 0, or -1 after a reply.
+int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
+                       struct credentials *pcred, const ftpd_listing_kind &kind);
+// The LIST / NLST command: resolves the argument, opens the data connection and runs the writer.
+void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                      struct credentials *pcred, const ftpd_listing_kind &kind,
+                      int (*writer)(int, int, char *, char *, struct credentials *));
+
+// Writes one whole line to the temporary file; false on a short write.
+bool ftpd_write_line(int fd, const char *line);

@@ -1,0 +1,90 @@
+// Implementation of the shared handler-test fixtures.
+#include "ftpd_test_support.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+ftpd_temp_tree::ftpd_temp_tree() {
+    std::string templ = (std::filesystem::temp_directory_path() / "ftps-unit-XXXXXX").string();
+    if (mkdtemp(templ.data()) != nullptr) root_ = templ;
+}
+
+ftpd_temp_tree::~ftpd_temp_tree() {
+    std::error_code ec;
+    if (!root_.empty()) std::filesystem::remove_all(root_, ec);
+}
+
+std::string ftpd_temp_tree::make_file(const std::string &rel, const std::string &contents) const {
+    std::ofstream(full(rel), std::ios::binary | std::ios::trunc) << contents;
+    return full(rel);
+}
+
+std::string ftpd_temp_tree::make_dir(const std::string &rel) const {
+    mkdir(full(rel).c_str(), 0755);
+    return full(rel);
+}
+
+bool ftpd_temp_tree::exists(const std::string &rel) const {
+    struct stat st;
+    return lstat(full(rel).c_str(), &st) == 0;
+}
+
+void ftpd_temp_tree::set_mtime(const std::string &rel, time_t when) const {
+    struct utimbuf times = {when, when};
+    utime(full(rel).c_str(), &times);
+}
+
+ftpd_socket_pair::ftpd_socket_pair() {
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return;
+    near_.reset(fds[0]);
+    far_.reset(fds[1]);
+    fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
+}
+
+ftpd_socket_pair::~ftpd_socket_pair() = default;
+
+std::string ftpd_socket_pair::drain() const {
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(far_.get(), buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
+ftpd_mem_balance::~ftpd_mem_balance() {
+    ftpd_mem_t now = ftpd_mem_get(type_);
+    EXPECT_EQ(now.allocs - start_.allocs, now.deallocs - start_.deallocs) << "memory category " << type_;
+}
+
+ftpd_test_session::ftpd_test_session(const std::string &top) {
+    cred.rootdir = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_DIR, FTP_ROOTDIR_LEN));
+    ftpd_strlcpy(cred.rootdir, top.c_str(), FTP_ROOTDIR_LEN);
+    ftpd_strlcpy(currentdir, top.c_str(), sizeof currentdir);
+    cred.logged_in = 1;
+    cred.rwdir_flag = true;
+    cred.usedefault = 1;
+    cred.listen_pdata = cred.pdata = cred.data = -1;
+    cred.ctl_fd = control.near();
+    cred.timeout = 1;
+    cred.cnt_index = -1;
+    cred.cnt.tran_type = 1;
+}
+
+ftpd_test_session::~ftpd_test_session() {
+    ftpd_free(FTPD_M_PCRED_DIR, cred.rootdir);
+    for (int fd : {cred.listen_pdata, cred.pdata, cred.data})
+        if (fd >= 0) close(fd);
+}
+
+char *ftpd_test_session::arg(const std::string &text) {
+    ftpd_strlcpy(data_buff, text.c_str(), sizeof data_buff);
+    return data_buff;
+}

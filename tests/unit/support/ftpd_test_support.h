@@ -1,0 +1,81 @@
+// Fixtures shared by the handler tests: a scoped temporary directory tree, a connected socket pair
+// whose far end the test reads back, and a logged-in session record with a top directory and the
+// session's own buffers, as the command loop would hand them to a handler.
+#pragma once
+
+#include <ctime>
+#include <string>
+
+#include "ftpd.h"
+
+// A private directory below the system's temporary area, removed with its contents at the end.
+class ftpd_temp_tree {
+  public:
+    ftpd_temp_tree();
+    ~ftpd_temp_tree();
+    ftpd_temp_tree(const ftpd_temp_tree &) = delete;
+    ftpd_temp_tree &operator=(const ftpd_temp_tree &) = delete;
+
+    const std::string &path() const { return root_; }
+    std::string full(const std::string &rel) const { return root_ + "/" + rel; }
+    // Each returns the full path; parents must exist.
+    std::string make_file(const std::string &rel, const std::string &contents = "") const;
+    std::string make_dir(const std::string &rel) const;
+    bool exists(const std::string &rel) const;
+    void set_mtime(const std::string &rel, time_t when) const;
+
+  private:
+    std::string root_;
+};
+
+// A connected stream socket pair: the daemon writes on near(), the test reads far().
+class ftpd_socket_pair {
+  public:
+    ftpd_socket_pair();
+    ~ftpd_socket_pair();
+    ftpd_socket_pair(const ftpd_socket_pair &) = delete;
+    ftpd_socket_pair &operator=(const ftpd_socket_pair &) = delete;
+
+    int near() const { return near_.get(); }
+    // Everything queued at the far end; handlers run on the test's thread, so it is complete.
+    std::string drain() const;
+    // Closes the far end, so that sends on the near end fail.
+    void close_far() { far_.reset(); }
+
+  private:
+    unique_fd near_;
+    unique_fd far_;
+};
+
+// Expects at its end that a memory category gave back every block taken during its life.
+class ftpd_mem_balance {
+  public:
+    explicit ftpd_mem_balance(int type) : type_(type), start_(ftpd_mem_get(type)) {}
+    ~ftpd_mem_balance();
+
+  private:
+    int type_;
+    ftpd_mem_t start_;
+};
+
+// A logged-in session with access to a top directory, its current directory at the top, ASCII
+// type, no data connection, and the loop's buffers.
+class ftpd_test_session {
+  public:
+    explicit ftpd_test_session(const std::string &top);
+    ~ftpd_test_session();
+    ftpd_test_session(const ftpd_test_session &) = delete;
+    ftpd_test_session &operator=(const ftpd_test_session &) = delete;
+
+    // Puts the client's argument into the loop's argument buffer and returns that buffer.
+    char *arg(const std::string &text);
+    int ctl() const { return control.near(); }
+    std::string replies() const { return control.drain(); }
+
+    struct credentials cred {};
+    ftpd_socket_pair control;
+    char currentdir[FTP_CURRENTDIR_LEN] = {0};
+    char data_buff[FTP_BUF_SIZE] = {0};
+    char reply_buff[FTP_BUF_SIZE] = {0};
+    char rename_from[FTP_CURRENTDIR_LEN] = {0};
+};
