@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -190,9 +191,9 @@ void statcmd(int control_fd, char *sendbuff, struct credentials *pcred);
 
 // ---------------------------------------------------------------------------------------------
 // Listener (ftpd_listener.cpp) and control channel (fd_domain.cpp)
-extern int gb_ftp_connect_num;
-extern unsigned int ftpd_user_max_connect;
-extern int no_version;
+extern int gb_ftp_connect_num;                // guarded by ftp_mutex_userinfo
+extern unsigned int ftpd_user_max_connect;    // written under ftp_mutex_userinfo
+extern std::atomic<int> no_version;
 void *ftps_main(void *argv);
 int server_mode(int domain_fd);
 int domain_server(void);
@@ -381,6 +382,11 @@ void set_ftp_cli_end(void);
 int get_ftp_start_err(void);
 void ftp_server_alarm_quit(int signo);
 int ftps_cli_ready_thread(struct zq_thread *task);
+
+// ---------------------------------------------------------------------------------------------
+// Test-only switches from the environment (ftpd_testhooks.cpp)
+void ftpd_testhooks_init(void);
+void ftpd_testhooks_listener_started(void);
 
 // ---------------------------------------------------------------------------------------------
 // Tech-support and trap hooks (ftpd_tech.cpp, ftp_trap.cpp)

@@ -1,0 +1,379 @@
+// One control session: the session thread's body with its admission check, the session record
+// and its buffers, the command loop that waits, reads, recognises and dispatches one command at a
+// time, and the end sequence that gives everything back.
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "app_dbg.h"
+#include "ftpd.h"
+
+#define REPLY_530 "530 Not logged in.\r\n"
+#define REPLY_550 "550 Requested action not taken.\r\n"
+#define REPLY_502 "502 Command not implemented.\r\n"
+#define REPLY_451 "451 Requested action aborted. Local error in processing.\r\n"
+#define REPLY_500 "500 Syntax error, command unrecognized.\r\n"
+#define REPLY_221 "221 Service closing control connection(Goodbye).\r\n"
+
+#define FTP_RENAME_LEN 256
+#define FTP_RESERVED_PORT 1024  // IPPORT_RESERVED
+#define FTP_PASSIVE_MARK 1025
+
+bool is_logged_in(const struct credentials *pcred) { return pcred->logged_in != 0; }
+
+bool is_access(const struct credentials *pcred) { return pcred->rwdir_flag; }
+
+bool is_data_empty(const char *s) { return s == nullptr || s[0] == '\0'; }
+
+int init_cred(struct credentials *pcred, int contrl_type) {
+    memset(pcred, 0, sizeof(*pcred));
+    pcred->guest = 0;
+    pcred->rwdir_flag = false;
+    pcred->logged_in = 0;
+    pcred->cnt.tran_type = 1;
+    pcred->usedefault = 1;
+    pcred->listen_pdata = -1;
+    pcred->pdata = -1;
+    pcred->data = -1;
+    pcred->timeout = static_cast<int32_t>(get_ftp_timeout());
+    pcred->cnt.contrl_type = contrl_type;
+    pcred->cnt.data_type = 0;
+    pcred->epsv_all = false;
+    pcred->cnt_index = -1;
+    pcred->message = nullptr;
+
+    pcred->rootdir = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_DIR, FTP_ROOTDIR_LEN));
+    if (pcred->rootdir != nullptr) pcred->name = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_NAME, FTP_NAME_LEN));
+    if (pcred->name != nullptr) pcred->passwd = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_PWD, FTP_PASSWD_LEN));
+    if (pcred->passwd == nullptr) {
+        FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
+        ftpd_free(FTPD_M_PCRED_NAME, pcred->name);
+        ftpd_free(FTPD_M_PCRED_DIR, pcred->rootdir);
+        pcred->name = nullptr;
+        pcred->rootdir = nullptr;
+        return -1;
+    }
+    return 0;
+}
+
+void clear_cred(struct credentials *pcred) {
+    FTPD_LOG_PRO("%s.\n", "clear_cred");
+    if (pcred->rootdir != nullptr) ftpd_free(FTPD_M_PCRED_DIR, pcred->rootdir);
+    if (pcred->name != nullptr) {
+        ftp_set_userinfo_disconnect(pcred);
+        ftpd_free(FTPD_M_PCRED_NAME, pcred->name);
+    }
+    if (pcred->passwd != nullptr) ftpd_free(FTPD_M_PCRED_PWD, pcred->passwd);
+    if (pcred->message != nullptr) ftpd_free(FTPD_M_PCRED_MSG, pcred->message);
+}
+
+int get_command(int control_fd, char *recvbuff, char *databuff, int buffsize) {
+    ssize_t n = recv(control_fd, recvbuff, static_cast<size_t>(buffsize), 0);
+    if (n < 0) return -1;
+    // One recv is one command: a closed peer or a line that fills the whole buffer is a bad line.
+    if (n == 0 || n >= buffsize) return FTP_CMD_BADLINE;
+    recvbuff[n] = '\0';
+    FTPD_LOG_PRO("(RECV)   %s", recvbuff);
+    return ftpd_parse_cmd(recvbuff, databuff);
+}
+
+namespace {
+
+// Everything a session owns besides the record; the loop's dispatch helpers work on it.
+struct session {
+    int control_fd;
+    int domain_fd;
+    struct credentials pcred;
+    int cmd = -1;
+    int logn = 0;
+    int logpwd = 0;
+    int login = 0;
+    int client_port = -1;
+    char *whole_buff = nullptr;
+    char *data_buff = nullptr;
+    char *read_buff = nullptr;
+    char *reply_buff = nullptr;
+    char client_addr[FTP_CLIENT_ADDR_LEN] = {};
+    char rename_from[FTP_RENAME_LEN] = {};
+    char client_name[FTP_NAME_LEN] = {};
+    char sdata[FTP_DOMAIN_MSG_LEN] = {};
+    char currentdir[FTP_CURRENTDIR_LEN] = {};
+    struct ftp_epoll_s *epoll = nullptr;
+};
+
+int reply(const session &s, const char *text) { return ftpd_reply(s.control_fd, nullptr, "%s", text, nullptr); }
+
+// Resolves the configured top directory into the current directory and the record.
+void set_top_directory(session &s) {
+    const char *root = get_true_ftp_server_root_dir();
+    if (root == nullptr) {
+        printk_syslog_ext(4, FTPD_MODULE, "DIR_CONF", LOG_CLASS_ALWAYS, "FTP server root dir is not configured.\n");
+    } else if (strlen(root) <= 255) {
+        ftpd_strlcpy(s.currentdir, root, sizeof(s.currentdir));
+        size_t len = strlen(s.currentdir);
+        if (len > 1 && s.currentdir[len - 1] == '/') s.currentdir[len - 1] = '\0';
+    } else {
+        const char *conf = get_ftp_server_root_dir();
+        printk_syslog_ext(4, FTPD_MODULE, "DIR_ERR", LOG_CLASS_ALWAYS, "Failed to set root dir '%s'\n",
+                          conf != nullptr ? conf : "");
+    }
+    if (s.currentdir[0] != '\0') {
+        s.pcred.rwdir_flag = true;
+        ftpd_strlcpy(s.pcred.rootdir, s.currentdir, FTP_ROOTDIR_LEN);
+    } else {
+        s.pcred.rootdir[0] = '\0';
+    }
+    s.currentdir[sizeof(s.currentdir) - 1] = '\0';
+}
+
+// LIST and NLST share their admission; the loop checks it itself.
+void list_or_nlst(session &s, bool nlst) {
+    struct credentials *pcred = &s.pcred;
+    if (!is_logged_in(pcred)) {
+        reply(s, REPLY_530);
+    } else if (is_access(pcred) && s.client_port > FTP_RESERVED_PORT) {
+        if (nlst)
+            nlst_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred);
+        else
+            list_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred);
+    } else {
+        if (!nlst) {
+            if (!is_access(pcred)) FTPD_LOG_ERR("%s:topdir is not access.\n", FTPD_MODULE);
+            if (s.client_port < FTP_PASSIVE_MARK)
+                FTPD_LOG_ERR("%s:client_port(%d) is small then IPPORT_RESERVED(%d).\n", FTPD_MODULE, s.client_port,
+                             FTP_RESERVED_PORT);
+        }
+        reply(s, REPLY_451);
+    }
+    pcred->cnt.data_type = 0;
+}
+
+// Runs the handler of one command. Returns false when the session must end.
+bool dispatch(session &s) {
+    struct credentials *pcred = &s.pcred;
+    const int fd = s.control_fd;
+    switch (s.cmd) {
+        case -1:
+            return true;
+        case FTP_CMD_USER:
+            if (user(fd, s.data_buff, pcred, s.client_name) == -1) {
+                ftp_authen_trap_send();
+                s.logn++;
+            }
+            return get_ftp_logintimes() > static_cast<unsigned>(s.logn);
+        case FTP_CMD_PASS:
+            if (pass(fd, s.data_buff, pcred, s.client_name) != -1) {
+                s.logn = 0;
+                s.logpwd = 0;
+                s.login = 1;
+                return true;
+            }
+            ftp_authen_trap_send();
+            s.logpwd++;
+            return get_ftp_logintimes() > static_cast<unsigned>(s.logpwd);
+        case FTP_CMD_CWD:
+            return command_cwd(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_CDUP:
+            if (!is_logged_in(pcred)) return reply(s, REPLY_530) >= 0;
+            if (is_access(pcred)) {
+                cwd(fd, s.currentdir, "..", s.reply_buff, pcred);
+                return true;
+            }
+            return reply(s, REPLY_550) >= 0;
+        case FTP_CMD_QUIT:
+            reply(s, REPLY_221);
+            return false;
+        case FTP_CMD_PORT:
+            pcred->cnt.data_type = 2;
+            return command_port(fd, s.data_buff, s.client_addr, &s.client_port, pcred) == 0;
+        case FTP_CMD_PASV:
+            if (!is_logged_in(pcred)) return reply(s, REPLY_530) >= 0;
+            // The wording names active mode although PASV is refused; it is kept as it stands.
+            if (pcred->epsv_all) return ftpd_reply(fd, "501", "Active mode is disabled.\r\n", nullptr, nullptr) >= 0;
+            pcred->cnt.data_type = 2;
+            passive(fd, pcred);
+            s.client_port = FTP_PASSIVE_MARK;
+            return true;
+        case FTP_CMD_TYPE:
+            if (!is_logged_in(pcred)) return reply(s, REPLY_530) >= 0;
+            type_fun(fd, s.data_buff, pcred);
+            return true;
+        case FTP_CMD_RETR: {
+            int rc = command_retr(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
+            if (rc != 0) return false;
+            pcred->cnt.data_type = 0;
+            return true;
+        }
+        case FTP_CMD_STOR: {
+            int rc = command_stor(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
+            if (rc != 0) return false;
+            pcred->cnt.data_type = 0;
+            return true;
+        }
+        case FTP_CMD_RNFR:
+            return command_rnfr(fd, s.data_buff, s.reply_buff, s.rename_from, s.currentdir, pcred) == 0;
+        case FTP_CMD_RNTO:
+            return command_rnto(fd, s.data_buff, s.rename_from, s.currentdir, pcred) == 0;
+        case FTP_CMD_DELE:
+            return command_dele(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_RMD:
+            return command_rmd(fd, s.data_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_MKD:
+            return command_mkd(fd, s.data_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_PWD:
+            // PWD never answers 530: a client that is not logged in gets the 550 too.
+            if (is_logged_in(pcred) && is_access(pcred)) {
+                pwd_fun(fd, s.currentdir, s.reply_buff, pcred);
+                return true;
+            }
+            return reply(s, REPLY_550) >= 0;
+        case FTP_CMD_LIST:
+            list_or_nlst(s, false);
+            return true;
+        case FTP_CMD_NLST:
+            list_or_nlst(s, true);
+            return true;
+        case FTP_CMD_SYST:
+            return command_syst(fd) == 0;
+        case FTP_CMD_STAT:
+            return command_stat(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_HELP:
+            command_help(fd, s.data_buff);
+            return true;
+        case FTP_CMD_BADLINE:
+            return reply(s, REPLY_500) >= 0;
+        case FTP_CMD_MDTM:
+            return command_mdtm(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_EPRT:
+            return command_eprt(fd, s.data_buff, s.client_addr, FTP_CLIENT_ADDR_LEN, &s.client_port, pcred) == 0;
+        case FTP_CMD_EPSV:
+            if (command_epsv(fd, s.data_buff, pcred) != 0) return false;
+            s.client_port = FTP_PASSIVE_MARK;
+            return true;
+        case FTP_CMD_SIZE:
+            return command_size(fd, s.data_buff, s.currentdir, pcred) == 0;
+        default:
+            // Unrecognised words and every recognised command that is not served, NOOP and STOU
+            // included.
+            return reply(s, REPLY_502) >= 0;
+    }
+}
+
+// Waits for the next command and reads it into s.cmd. Returns false when the session must end.
+bool wait_command(session &s) {
+    if (get_ftp_server_root_dir() == nullptr) s.pcred.rwdir_flag = false;
+    if (s.login) s.epoll->timeout = s.pcred.timeout * 60;
+
+    int n = ftpd_epoll(s.epoll, FTP_EPOLL_IN);
+    if (n < 0) {
+        FTPD_LOG_ERR("%s: Epoll error when waiting command.errno=%d\n", FTPD_MODULE, errno);
+        return false;
+    }
+    if (n == 0) {
+        FTPD_LOG_PRO("Time out.\n");
+        return false;
+    }
+    if (ftpd_epoll_event(s.epoll, s.domain_fd, FTP_EPOLL_IN)) {
+        ssize_t got = recvfrom(s.domain_fd, s.sdata, sizeof(s.sdata) - 1, 0, nullptr, nullptr);
+        if (got < 0) {
+            FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
+            return false;
+        }
+        s.sdata[got] = '\0';
+        FTPD_LOG_PRO("stop tcp link [%s]\n", s.sdata);
+        if (!is_ftp_server_start()) return false;
+    }
+    // When only the control channel woke us and the service stays enabled, the previous command
+    // code is dispatched again with its argument; that repetition is intended.
+    if (ftpd_epoll_event(s.epoll, s.control_fd, FTP_EPOLL_IN)) {
+        memset(s.data_buff, 0, FTP_BUF_SIZE);
+        s.cmd = get_command(s.control_fd, s.read_buff, s.data_buff, FTP_BUF_SIZE);
+    }
+    return true;
+}
+
+void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def_addr) {
+    if (init_cred(&s.pcred, contrl_type) != 0) return;
+
+    s.pcred.ctl_fd = s.control_fd;
+    if (ftp_get_product_name() == nullptr) FTPD_LOG_ERR("sys get product name fail\n");
+    s.pcred.cnt.def_addr = *def_addr;
+    memset(s.currentdir, 0, sizeof(s.currentdir));
+    set_top_directory(s);
+
+    ftpd_snprintf(s.data_buff, FTP_BUF_SIZE, "220 %s FTP server <version 1.00> ready.\r\n", ftpd_product_name);
+    if (ftpd_reply(s.control_fd, nullptr, "%s", s.data_buff, nullptr) < 0) return;
+
+    s.epoll = ftpd_epoll_create();
+    if (s.epoll == nullptr) {
+        FTPD_LOG_ERR("%s: Epoll create errno.\n", FTPD_MODULE);
+        return;
+    }
+    s.epoll->fd[0] = s.control_fd;
+    s.epoll->fd[1] = s.domain_fd;
+    s.epoll->timeout = static_cast<int>(get_ftp_logintimeout()) * 60;
+
+    for (;;) {
+        if (!wait_command(s)) return;
+        // A rename source survives only until the very next command.
+        if (s.cmd != FTP_CMD_RNTO) s.rename_from[0] = '\0';
+        memset(s.reply_buff, 0, FTP_BUF_SIZE);
+        if (!dispatch(s)) return;
+    }
+}
+
+}  // namespace
+
+void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp_connect_addr *def_addr) {
+    FTPD_LOG_PRO("ftp user connected. control fd[%d] domain fd[%d].\n", control_fd, domain_fd);
+    session s;
+    s.control_fd = control_fd;
+    s.domain_fd = domain_fd;
+    memset(&s.pcred, 0, sizeof(s.pcred));
+
+    s.whole_buff = static_cast<char *>(ftpd_malloc(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE));
+    if (s.whole_buff == nullptr) {
+        FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
+        return;
+    }
+    s.data_buff = s.whole_buff;
+    s.read_buff = s.whole_buff + FTP_BUF_SIZE;
+    s.reply_buff = s.read_buff;
+
+    run_session(s, contrl_type, def_addr);
+
+    // End sequence: every way out of the loop comes here.
+    FTPD_LOG_PRO("FTP_SERVER_END:\n");
+    if (s.pcred.logged_local_aaa_in) ftp_update_online_count(s.client_name, 0);
+    ftp_aaa_del_user(&s.pcred);
+    ftpd_epoll_destroy(s.epoll);
+    ftpd_free(FTPD_M_WHOLE_BUF, s.whole_buff);
+    clear_cred(&s.pcred);
+    // Descriptors a handler may have left open (a passive listener never used) go with the session.
+    if (s.pcred.listen_pdata >= 0) close(s.pcred.listen_pdata);
+    if (s.pcred.pdata >= 0) close(s.pcred.pdata);
+    if (s.pcred.data >= 0) close(s.pcred.data);
+}
+
+void *ftp_connect_thread(void *arg) {
+    auto *info = static_cast<struct ftp_connect_info *>(arg);
+    prctl(PR_SET_NAME, "ftps_connect", 0, 0, 0);
+    FTPD_LOG_PRO("%s \n", __func__);
+
+    if (ftp_connect_num_get() <= FTP_MAX_CONNECT) {
+        ftp_connect_num_add();
+        ftp_server(info->fd, info->domain_fd, info->contrl_type, &info->def_addr);
+        ftp_connect_num_dec();
+    } else {
+        FTPD_LOG_PRO("Reached the maximum number of connections.\n");
+    }
+    int on = 1;
+    ioctl(info->fd, FIONBIO, &on);
+    close(info->fd);
+    ftpd_free(FTPD_M_INFO, info);
+    return nullptr;
+}

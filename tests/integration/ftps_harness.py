@@ -1,0 +1,281 @@
+"""Integration harness: starts the real daemon with its own TMPDIR, platform file, startup
+configuration and free control port, and drives it over sockets and ftps-cli."""
+
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+
+BUILD_DIR = os.environ.get(
+    "FTPS_BUILD_DIR",
+    os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build"))
+DAEMON = os.path.join(BUILD_DIR, "ftp_server.elf")
+CLI = os.path.join(BUILD_DIR, "ftps-cli")
+SANITIZED = bool(os.environ.get("FTPS_SANITIZE"))
+# Generous waits: sanitizer builds start and run several times slower.
+START_WAIT = 30 if SANITIZED else 10
+
+
+def free_port():
+    """A TCP port free on both families (the daemon binds the any-address of each)."""
+    for _ in range(50):
+        s4 = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        s4.bind(("0.0.0.0", 0))
+        port = s4.getsockname()[1]
+        try:
+            s6 = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
+            s6.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+            s6.bind(("::", port))
+            s6.close()
+            s4.close()
+            return port
+        except OSError:
+            s4.close()
+    raise RuntimeError("no free port")
+
+
+def has_ipv6():
+    try:
+        s = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
+        s.bind(("::1", 0))
+        s.close()
+        return True
+    except OSError:
+        return False
+
+
+class Daemon:
+    """One daemon process in a private directory.
+
+    users: lines of the startup configuration that define users; enable: whether the startup
+    configuration enables the server; extra_platform: extra "section.key": value pairs."""
+
+    def __init__(self, startup=None, enable=True, product="TESTSW", extra_platform=None,
+                 user_database=None, topdir="flash:/"):
+        # A short TMPDIR: the daemon's socket paths must fit 64 bytes.
+        self.dir = tempfile.mkdtemp(prefix="ftps", dir="/tmp")
+        self.tmpdir = os.path.join(self.dir, "t")
+        self.flash = os.path.join(self.dir, "flash")
+        os.makedirs(self.tmpdir)
+        os.makedirs(self.flash)
+        self.port = free_port()
+        self.log = os.path.join(self.dir, "daemon.log")
+        self.platform = os.path.join(self.dir, "platform.conf")
+        self.startup = os.path.join(self.dir, "startup.conf")
+        self.proc = None
+        lines = []
+        if topdir:
+            lines.append("ftp-server topdir %s" % topdir)
+        lines += startup if startup is not None else ["ftp-server username alice password secret1"]
+        if enable:
+            lines.append("ftp-server enable")
+        with open(self.startup, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        sections = {
+            "device": {"product_name": product},
+            "ftp": {"control_port": str(self.port)},
+            "storage": {"flash": self.flash},
+            "cli": {"startup_config": self.startup},
+            "log": {"syslog": "no", "file": self.log, "stderr": "no"},
+            "aaa": {},
+            # The advisory password policy would comment on the tests' short passwords.
+            "security": {"pwquality": "minlen=6 dictcheck=0"},
+        }
+        if user_database is not None:
+            db = os.path.join(self.dir, "users.ini")
+            with open(db, "w") as f:
+                f.write(user_database)
+            sections["aaa"]["user_database"] = db
+        for key, value in (extra_platform or {}).items():
+            section, name = key.split(".", 1)
+            sections.setdefault(section, {})[name] = value
+        with open(self.platform, "w") as f:
+            for section, keys in sections.items():
+                f.write("[%s]\n" % section)
+                for k, v in keys.items():
+                    f.write("%s = %s\n" % (k, v))
+        self.enabled = enable
+
+    def env(self):
+        env = dict(os.environ)
+        env["TMPDIR"] = self.tmpdir
+        env["FTPS_PLATFORM"] = self.platform
+        env.pop("NOTIFY_SOCKET", None)
+        return env
+
+    def start(self, args=(), wait=True, env=None):
+        self.proc = subprocess.Popen([DAEMON, *args], env=env or self.env(),
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        if wait:
+            self.wait_ready()
+        return self
+
+    def wait_ready(self):
+        deadline = time.time() + START_WAIT
+        while time.time() < deadline:
+            if self.proc.poll() is not None:
+                out, err = self.proc.communicate()
+                raise AssertionError("daemon exited early: %d %s" % (self.proc.returncode, err.decode()))
+            if self.cli_ok():
+                if not self.enabled or self.port_open():
+                    return
+            time.sleep(0.1)
+        raise AssertionError("daemon not ready")
+
+    def cli_ok(self):
+        try:
+            rc, _ = self.cli("show ftp-server memory", timeout=5)
+            return rc == 0
+        except subprocess.TimeoutExpired:
+            return False
+
+    def port_open(self, family=socket.AF_INET):
+        host = "127.0.0.1" if family == socket.AF_INET else "::1"
+        try:
+            with socket.create_connection((host, self.port), timeout=1):
+                return True
+        except OSError:
+            return False
+
+    def cli(self, *lines, timeout=30, stdin=None):
+        args = [CLI]
+        for line in lines:
+            args += ["-c", line]
+        r = subprocess.run(args, env=self.env(), capture_output=True, timeout=timeout,
+                           input=stdin)
+        return r.returncode, r.stdout.decode(errors="replace") + r.stderr.decode(errors="replace")
+
+    def keymsg(self):
+        path = os.path.join(self.tmpdir, "app", "ftps", ".init_msg.txt")
+        try:
+            with open(path) as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def logtext(self):
+        try:
+            with open(self.log, errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def memory_in_use(self):
+        """Category name -> In Use, from show ftp-server memory."""
+        rc, out = self.cli("show ftp-server memory")
+        rows = {}
+        for line in out.splitlines():
+            parts = line.split()
+            if len(parts) >= 5 and parts[-1].isdigit() and parts[-4].isdigit():
+                rows[" ".join(parts[:-4])] = int(parts[-1])
+        return rows
+
+    def stop(self, sig=signal.SIGTERM):
+        if self.proc is None:
+            return None
+        if self.proc.poll() is None:
+            self.proc.send_signal(sig)
+        try:
+            self.proc.wait(timeout=START_WAIT)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
+        out, err = self.proc.communicate()
+        self.stderr = err.decode(errors="replace")
+        rc = self.proc.returncode
+        self.proc = None
+        return rc
+
+    def cleanup(self):
+        self.stop()
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+
+class DaemonTestCase(unittest.TestCase):
+    """Starts one daemon per test case class unless a test makes its own."""
+
+    daemon_kwargs = {}
+
+    @classmethod
+    def setUpClass(cls):
+        cls.d = Daemon(**cls.daemon_kwargs).start()
+
+    @classmethod
+    def tearDownClass(cls):
+        rc = cls.d.stop()
+        stderr = getattr(cls.d, "stderr", "")
+        cls.d.cleanup()
+        if rc != 0:
+            raise AssertionError("daemon exit status %s: %s" % (rc, stderr[-4000:]))
+
+
+def wait_until(predicate, timeout=10.0, step=0.05):
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        if predicate():
+            return True
+        time.sleep(step)
+    return predicate()
+
+
+class RawClient:
+    """A control connection read reply by reply, for exact texts."""
+
+    def __init__(self, port, host="127.0.0.1", timeout=10):
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        self.sock = socket.socket(family, socket.SOCK_STREAM)
+        self.sock.settimeout(timeout)
+        self.sock.connect((host, port))
+        self.buf = b""
+
+    def recv_line(self):
+        while b"\n" not in self.buf:
+            chunk = self.sock.recv(4096)
+            if not chunk:
+                raise EOFError("connection closed")
+            self.buf += chunk
+        line, self.buf = self.buf.split(b"\n", 1)
+        return line + b"\n"
+
+    def reply(self):
+        """One whole reply (multi-line replies up to their last line), as bytes."""
+        first = self.recv_line()
+        out = first
+        if len(first) >= 4 and first[3:4] == b"-":
+            code = first[:3]
+            while True:
+                line = self.recv_line()
+                out += line
+                if line[:3] == code and line[3:4] == b" ":
+                    break
+        return out
+
+    def send(self, text):
+        self.sock.sendall(text.encode() if isinstance(text, str) else text)
+
+    def cmd(self, text):
+        self.send(text + "\r\n")
+        return self.reply()
+
+    def closed(self, timeout=5):
+        """True when the server closes the connection without sending anything more."""
+        self.sock.settimeout(timeout)
+        try:
+            data = self.sock.recv(1)
+            return data == b""
+        except (ConnectionResetError, socket.timeout):
+            return False
+
+    def close(self):
+        self.sock.close()
+
+    def login(self, user="alice", password="secret1"):
+        self.reply()  # greeting
+        assert self.cmd("USER " + user).startswith(b"331"), "USER refused"
+        r = self.cmd("PASS " + password)
+        assert r.startswith(b"230"), r
+        return r

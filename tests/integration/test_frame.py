@@ -1,0 +1,127 @@
+"""Process frame: command line, single instance, key messages, debug switches, memory table,
+signals and ftps-cli's exit codes, against the real daemon."""
+
+import os
+import signal
+import subprocess
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import CLI, DAEMON, Daemon, START_WAIT, wait_until  # noqa: E402
+
+STARTUP_MESSAGES = [
+    "=============== ftp_server main ===============",
+    "ftp_signal_init OK.",
+    "ftpd_mem_init OK.",
+    "ftp_server_init OK.",
+    "ftp aaa init OK.",
+    "create ftps_main OK.",
+    "create thread master OK.",
+    "cli_client_init OK.",
+    "cfg_ftp_server_init OK.",
+    "ftp_trap_init OK.",
+    "ftpd_tech_init OK.",
+    "initialize pwd policy OK.",
+    "cli_client_ready.",
+]
+
+ROW = "  %-15s  %-12s  %-8s  %-8s  %-8s\n"
+MEMORY_HEAD = ("\nFTPD Dynamic Memory Usage:\n"
+               + ROW % ("Memory Block", "Allocs(Fail)", "Allocs", "Free", "In Use")
+               + ROW % ("---------------", "------------", "--------", "--------", "--------"))
+MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PCRED DIR", "BUF",
+               "CHANG BUF", "WHOLE BUF", "STRING", "DATA BUF", "OUTPATH", "USER CNT", "INFO", "EPOLL"]
+
+
+class FrameTest(unittest.TestCase):
+    def setUp(self):
+        self.d = Daemon()
+
+    def tearDown(self):
+        self.d.cleanup()
+
+    def test_usage_exits_zero_without_taking_the_guard(self):
+        self.d.start()
+        for args in (["-h"], ["--bogus"], ["x", "-d"]):
+            r = subprocess.run([DAEMON, *args], env=self.d.env(), capture_output=True, timeout=10)
+            self.assertEqual(r.returncode, 0, args)
+        self.assertNotIn("One instance is running.", self.d.keymsg())
+        self.assertIn("Usage:  ftp_server.elf [option]", self.d.logtext())
+        self.assertEqual(self.d.stop(), 0)
+
+    def test_second_instance_exits_zero_and_says_so(self):
+        self.d.start()
+        r = subprocess.run([DAEMON], env=self.d.env(), capture_output=True, timeout=START_WAIT)
+        self.assertEqual(r.returncode, 0)
+        self.assertIn("One instance is running.\n", self.d.keymsg())
+        self.assertTrue(self.d.port_open(), "first instance still serves")
+        self.assertEqual(self.d.stop(), 0)
+
+    def test_no_tmpdir_does_not_start(self):
+        env = self.d.env()
+        del env["TMPDIR"]
+        r = subprocess.run([DAEMON], env=env, capture_output=True, timeout=START_WAIT)
+        self.assertEqual(r.returncode, 0)
+        self.assertFalse(self.d.port_open())
+
+    def test_startup_key_messages_in_order(self):
+        # A key-message file over 2 MiB is emptied before the next line.
+        path = os.path.join(self.d.tmpdir, "app", "ftps")
+        os.makedirs(path)
+        with open(os.path.join(path, ".init_msg.txt"), "w") as f:
+            f.write("x" * (2 * 1024 * 1024 + 1))
+        self.d.start()
+        self.assertTrue(wait_until(lambda: "cli_client_ready." in self.d.keymsg(), timeout=15))
+        text = self.d.keymsg()
+        self.assertFalse(text.startswith("x"), "oversized file was not emptied")
+        lines = [l.split("]- ", 1)[1] for l in text.splitlines() if "]- " in l]
+        self.assertEqual(lines, STARTUP_MESSAGES)
+        self.assertEqual(self.d.stop(), 0)
+
+    def test_debug_switches_and_memory_table(self):
+        self.d.start()
+        rc, out = self.d.cli("debug ftp-server pro")
+        self.assertEqual((rc, out), (0, "debug ftp-server pro debugging is on\n"))
+        rc, out = self.d.cli("show debugging")
+        self.assertEqual(rc, 0)
+        self.assertIn("FTP Server:\n  ftp-server pro debugging is on\n", out)
+        # With the process switch on, a session's lines reach the log file.
+        with __import__("socket").create_connection(("127.0.0.1", self.d.port), timeout=5) as s:
+            s.recv(512)
+            s.sendall(b"QUIT\r\n")
+            s.recv(512)
+        self.assertTrue(wait_until(lambda: "%FTPSRV-7-DEBUG: (RECV)   QUIT" in self.d.logtext()))
+        rc, out = self.d.cli("no debug ftp-server pro")
+        self.assertEqual((rc, out), (0, "debug ftp-server pro debugging is off\n"))
+        rc, out = self.d.cli("show ftp-server memory")
+        self.assertEqual(rc, 0)
+        self.assertTrue(out.startswith(MEMORY_HEAD), repr(out[:300]))
+        rows = out[len(MEMORY_HEAD):].splitlines()
+        self.assertEqual([r[2:17].rstrip() for r in rows], MEMORY_ROWS)
+        self.assertEqual(self.d.stop(), 0)
+
+    def test_cli_exit_codes(self):
+        rc, out = self.d.cli("show ftp-server")
+        self.assertEqual(rc, 2, "no daemon: 2")
+        self.d.start()
+        self.assertEqual(self.d.cli("show ftp-server")[0], 0)
+        self.assertEqual(self.d.cli("ftp-server timeout 0")[0], 1)
+        rc, out = self.d.cli("bogus command")
+        self.assertEqual(rc, 1)
+        self.assertTrue(out.startswith("%"), out)
+        r = subprocess.run([CLI], env=self.d.env(), input=b"# comment\n\nshow ftp-server\n!\n",
+                           capture_output=True, timeout=30)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertEqual(self.d.stop(), 0)
+
+    def test_signals(self):
+        self.d.start()
+        self.assertEqual(self.d.stop(signal.SIGINT), 0)
+        self.d.start()
+        self.assertEqual(self.d.stop(signal.SIGTSTP), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

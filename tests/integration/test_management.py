@@ -1,0 +1,112 @@
+"""Management commands through ftps-cli: refusals with their exact messages (and nothing changed),
+configuration lines, and a write / restart / write round trip of the saved configuration."""
+
+import os
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import Daemon, RawClient  # noqa: E402
+
+
+class ManagementTest(unittest.TestCase):
+    def setUp(self):
+        self.d = Daemon(startup=["ftp-server username alice password secret1"])
+        os.makedirs(os.path.join(self.d.flash, "pub"))
+        self.d.start()
+
+    def tearDown(self):
+        rc = self.d.stop()
+        self.d.cleanup()
+        self.assertEqual(rc, 0)
+
+    def running(self):
+        rc, out = self.d.cli("show running-config")
+        self.assertEqual(rc, 0)
+        return out
+
+    def refused(self, line, message):
+        before = self.running()
+        self.assertEqual(self.d.cli(line), (1, message), line)
+        self.assertEqual(self.running(), before, "refused command changed the configuration: " + line)
+
+    def test_refusals_print_exact_messages_and_change_nothing(self):
+        self.refused("ftp-server username bob password 0 " + "a" * 26,
+                     "% Password is too long, max length is 25\n")
+        self.refused("ftp-server username bob password !!!", "%Password must include letter or number\n")
+        self.refused("ftp-server username alice password other1", "% User is already exists.\n")
+        self.refused("no ftp-server username nobody", "% User is not exists.\n")
+        self.refused("ftp-server username bob password 7 ABC",
+                     "% Invalid encrypted password, min length is 4, max length is 52.\n")
+        self.refused("ftp-server username bob password 7 ZZZZ", "% Invalid encrypted password:ZZZZ\n")
+        self.refused("ftp-server username " + "u" * 65 + " password abc123", "% Username is too long.\n")
+        self.refused("ftp-server authentication " + "l" * 65,
+                     "authentication list name(%s) is NULL or too long, max length is 64.\n" % ("l" * 65))
+        self.refused("ftp-server topdir /nope", "topdir /nope don't exist!\n")
+        self.assertEqual(self.d.cli("ftp-server timeout 3601")[0], 1)
+        self.assertEqual(self.d.cli("ftp-server login times 11")[0], 1)
+        for i in range(9):
+            self.assertEqual(self.d.cli("ftp-server username u%d password passw%d" % (i, i)), (0, ""))
+        self.refused("ftp-server username u10 password passw10",
+                     "% The number of users has reached the maximum value.\n")
+
+    def test_password_boundaries_and_trimming(self):
+        self.assertEqual(self.d.cli("ftp-server username b25 password Tq7Lw2Xr9Pz4Kd8Mn3Bv6Hc5J"), (0, ""))
+        self.assertEqual(self.d.cli("ftp-server username trim password   padded1  ")[0], 0)
+        self.assertIn("ftp-server username trim password padded1\n", self.running())
+        rc, out = self.d.cli("show ftp-server user-password")
+        self.assertIn("username:trim password:padded1\n", out)
+
+    def test_password_policy_is_advisory(self):
+        # The policy comments on a weak password; the user is stored all the same.
+        rc, out = self.d.cli("ftp-server username weak password ab1")
+        self.assertEqual(rc, 0)
+        self.assertTrue(out.endswith("\r\n") and "shorter" in out, out)
+        self.assertIn("ftp-server username weak password ab1\n", self.running())
+
+    def test_max_user_connect_is_never_saved(self):
+        self.assertEqual(self.d.cli("ftp-server max-user-connect 5"), (0, ""))
+        self.assertNotIn("max-user-connect", self.running())
+
+    def test_write_restart_write_round_trip(self):
+        lines = [
+            "ftp-server topdir flash:/pub",
+            "ftp-server timeout 30",
+            "ftp-server login timeout 5",
+            "ftp-server login times 4",
+            "ftp-server authentication default",
+            "ftp-server username bob password b0bpass",
+            "service password-encryption",
+            "ftp-server username carol password Zk4mVt9q",
+        ]
+        for line in lines:
+            self.assertEqual(self.d.cli(line), (0, ""), line)
+        first = self.running()
+        for expect in ["ftp-server topdir flash:/pub\n", "ftp-server timeout 30\n",
+                       "ftp-server login timeout 5\n", "ftp-server login times 4\n",
+                       "ftp-server authentication default\n", "ftp-server enable\n",
+                       "service password-encryption\n"]:
+            self.assertIn(expect, first)
+        # With encryption on, every user is written in type-7 form.
+        self.assertIn("ftp-server username carol password 7 ", first)
+        self.assertNotIn("Zk4mVt9q", first)
+        self.assertEqual(self.d.cli("write")[0], 0)
+        with open(self.d.startup) as f:
+            saved = f.read()
+        self.assertEqual(self.d.stop(), 0)
+        self.d.start()
+        self.assertEqual(self.running(), first)
+        self.assertEqual(self.d.cli("write")[0], 0)
+        with open(self.d.startup) as f:
+            self.assertEqual(f.read(), saved)
+        # The type-7 user logs in with the original password, below the storage-form top directory.
+        c = RawClient(self.d.port)
+        c.login("carol", "Zk4mVt9q")
+        self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
+        c.close()
+        rc, out = self.d.cli("show ftp-server")
+        self.assertIn("topdir : flash:/pub\n", out)
+
+
+if __name__ == "__main__":
+    unittest.main()
