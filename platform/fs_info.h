@@ -12,6 +12,8 @@ int fs_get_flash_home(char *buf, int len);
 // 0 when a mount point other than "/" in /proc/self/mountinfo is path itself or a whole-component
 // prefix of it; negative otherwise.
 int fs_check_mount(const char *path);
+// Test hook: read mount points from another mountinfo file (nullptr: back to the process's own).
+void fs_set_mountinfo_path_for_test(const char *path);
 // Keyword text with its colon ("flash:") for 0-based index i; nullptr for a gap or out of range.
 const char *get_fs_prefix_index(int i);
 // Storage i's directory followed by the normalised path, into out; negative when the storage is

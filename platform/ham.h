@@ -16,3 +16,13 @@ void ham_notify_ready(void);
 int ham_notify_watchdog(void);
 // Test-only: a thread id whose notifications are dropped (0: none).
 void ham_set_ignored_tid(pid_t tid);
+
+struct zq_thread_master;
+// When systemd asks for a watchdog (WATCHDOG_USEC), arms a repeating timer on the master that
+// runs ham_notify_watchdog at half that period; otherwise does nothing.
+void ham_watchdog_start(struct zq_thread_master *m);
+
+// Test hooks: the clock of the table in milliseconds (nullptr: the monotonic clock), and an
+// empty table with no ignored thread.
+void ham_set_clock_for_test(long long (*now_ms)(void));
+void ham_reset_for_test(void);

@@ -46,6 +46,10 @@ struct platform_conf {
     std::string snmp_community = "public";
 };
 
+// The built-in defaults: every storage slot present with its keyword, flash at its default
+// directory, and the method list "default" = local.
+void platform_conf_set_defaults(platform_conf *conf);
+
 // Reads the file into conf (starting from the defaults). On failure returns -1 and puts
 // "FILE:LINE: key 'KEY': reason" into err.
 int platform_conf_load(const char *path, platform_conf *conf, std::string *err);

@@ -1,0 +1,173 @@
+// SNMP agent: raises registered notifications as SNMPv2c traps (sysUpTime.0 and snmpTrapOID.0)
+// to every trap sink of the platform file, one UDP send per sink, through net-snmp sessions that
+// are opened once and reused. Without a sink the notification is only logged.
+#include "snmp_agent.h"
+
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform_conf.h"
+#include "syslog_ext.h"
+
+namespace {
+
+struct trap_record {
+    int id;
+    std::vector<oid> trap_oid;
+};
+
+struct sink_session {
+    std::string peer;  // "host:port"
+    void *sess = nullptr;
+    long long last_open_s = -1;  // monotonic second of the last attempt to open the session
+};
+
+// Opening a session resolves the sink's name, which may block; a sink that could not be opened
+// is tried again at most this often, so that raising a trap stays one UDP send.
+const long long kReopenSeconds = 60;
+
+const oid kSysUpTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+const oid kSnmpTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
+
+std::mutex g_lock;  // guards the records and the sessions; sends are serialised under it
+std::vector<trap_record> g_traps;
+std::vector<sink_session> g_sinks;
+std::string g_community;  // the sessions' community
+std::string g_agent_name = "ftp_trap";
+
+std::string oid_text(const std::vector<oid> &o) {
+    std::string s;
+    for (oid v : o) s += "." + std::to_string(v);
+    return s;
+}
+
+// Hundredths of a second since boot, as TimeTicks wrap.
+u_long uptime_ticks() {
+    struct timespec ts;
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    unsigned long long cs = static_cast<unsigned long long>(ts.tv_sec) * 100 + ts.tv_nsec / 10000000;
+    return static_cast<u_long>(cs & 0xffffffffULL);
+}
+
+void *open_session(const std::string &peer, const std::string &community) {
+    netsnmp_session s;
+    snmp_sess_init(&s);
+    s.version = SNMP_VERSION_2c;
+    std::string name = "udp:" + peer;
+    std::vector<char> peername(name.begin(), name.end());
+    peername.push_back('\0');
+    std::vector<u_char> comm(community.begin(), community.end());
+    comm.push_back('\0');
+    s.peername = peername.data();
+    s.community = comm.data();
+    s.community_len = community.size();
+    return snmp_sess_open(&s);  // copies what it keeps
+}
+
+// The sessions follow the platform file's sink list; it only changes under tests.
+void load_sinks() {
+    const std::vector<std::string> &peers = platform_get().trap_sinks;
+    bool same = peers.size() == g_sinks.size() && g_community == platform_get().snmp_community;
+    for (size_t i = 0; same && i < peers.size(); i++) same = peers[i] == g_sinks[i].peer;
+    if (same) return;
+    for (sink_session &sink : g_sinks)
+        if (sink.sess != nullptr) snmp_sess_close(sink.sess);
+    g_sinks.clear();
+    g_community = platform_get().snmp_community;
+    for (const std::string &peer : peers) g_sinks.push_back({peer, nullptr, -1});
+}
+
+long long monotonic_s() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec;
+}
+
+bool ensure_open(sink_session &sink, const std::string &community) {
+    if (sink.sess != nullptr) return true;
+    long long now = monotonic_s();
+    if (sink.last_open_s >= 0 && now - sink.last_open_s < kReopenSeconds) return false;
+    sink.last_open_s = now;
+    sink.sess = open_session(sink.peer, community);
+    return sink.sess != nullptr;
+}
+
+bool send_to(sink_session &sink, const std::string &community, const trap_record &rec) {
+    if (!ensure_open(sink, community)) return false;
+    netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_TRAP2);
+    if (pdu == nullptr) return false;
+    u_long ticks = uptime_ticks();
+    snmp_pdu_add_variable(pdu, kSysUpTime, OID_LENGTH(kSysUpTime), ASN_TIMETICKS, &ticks, sizeof ticks);
+    snmp_pdu_add_variable(pdu, kSnmpTrapOid, OID_LENGTH(kSnmpTrapOid), ASN_OBJECT_ID, rec.trap_oid.data(),
+                          rec.trap_oid.size() * sizeof(oid));
+    if (snmp_sess_send(sink.sess, pdu) == 0) {
+        snmp_free_pdu(pdu);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int snmp_agent_init(const char *name, struct zq_thread_master *master) {
+    (void)master;  // traps are sent from the raising thread; nothing runs on the event loop
+    std::lock_guard<std::mutex> lock(g_lock);
+    if (name != nullptr && *name != '\0') g_agent_name = name;
+    load_sinks();
+    // Open (and resolve) the sinks now, on the main thread, rather than at the first trap.
+    const std::string &community = platform_get().snmp_community;
+    for (sink_session &sink : g_sinks) ensure_open(sink, community);
+    return 0;
+}
+
+int snmp_trap_register(TRAP_REGISTER_INFO *info) {
+    if (info == nullptr || info->m_pTrapOid == nullptr || info->m_nTrapOidLen <= 0 || info->m_nTrapOidLen > MAX_OID_LEN)
+        return -1;
+    trap_record rec;
+    rec.id = info->m_TrapID;
+    rec.trap_oid.assign(info->m_pTrapOid, info->m_pTrapOid + info->m_nTrapOidLen);
+    std::lock_guard<std::mutex> lock(g_lock);
+    for (trap_record &r : g_traps) {
+        if (r.id == rec.id) {
+            r = rec;
+            return 0;
+        }
+    }
+    g_traps.push_back(rec);
+    return 0;
+}
+
+int snmp_send_trap(int trap_id, void *arg) {
+    (void)arg;
+    std::string oid_str;
+    std::string agent;
+    std::vector<std::string> failed;
+    bool no_sink = false;
+    {
+        std::lock_guard<std::mutex> lock(g_lock);
+        const trap_record *rec = nullptr;
+        for (const trap_record &r : g_traps)
+            if (r.id == trap_id) rec = &r;
+        if (rec == nullptr) return -1;
+        oid_str = oid_text(rec->trap_oid);
+        agent = g_agent_name;
+        load_sinks();
+        no_sink = g_sinks.empty();
+        const std::string &community = platform_get().snmp_community;
+        for (sink_session &sink : g_sinks)
+            if (!send_to(sink, community, *rec)) failed.push_back(sink.peer);
+    }
+    if (no_sink)
+        printk_syslog_ext(6, "SNMP", "TRAP", LOG_CLASS_ALWAYS, "%s: notification %s raised (no trap sink)",
+                          agent.c_str(), oid_str.c_str());
+    for (const std::string &peer : failed)
+        printk_syslog_ext(4, "SNMP", "TRAP", LOG_CLASS_ALWAYS, "%s: notification %s could not be sent to %s",
+                          agent.c_str(), oid_str.c_str(), peer.c_str());
+    return 0;
+}

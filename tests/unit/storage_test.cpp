@@ -1,0 +1,91 @@
+// Tests of the storage services: the prefix table with its gaps, storage paths with their bounds,
+// and the mount check over a fake mountinfo.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include "fs_info.h"
+#include "platform_conf.h"
+
+namespace {
+
+class StorageTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        platform_conf c;
+        platform_conf_set_defaults(&c);
+        c.storages[1].dir = "/srv/flash/";
+        c.storages[3].dir = "/media/usb0";
+        c.storages[8].dir = "/";
+        platform_set_for_test(c);
+    }
+    void TearDown() override {
+        fs_set_mountinfo_path_for_test(nullptr);
+        if (!mountinfo_.empty()) std::filesystem::remove(mountinfo_);
+    }
+
+    std::string final_path(int i, const char *path, int outlen = 258) {
+        char out[600] = "junk";
+        int rc = get_final_path(i, path, out, outlen);
+        EXPECT_TRUE(rc == 0 || out[0] == '\0');
+        return rc < 0 ? "<fail>" : out;
+    }
+
+    std::string mountinfo_;
+};
+
+TEST_F(StorageTest, PrefixTableFollowsTheDeviceNumberingWithGaps) {
+    const char *expected[] = {"flash2:", "flash:", "sata0:", "usb0:", nullptr, "tmp:", "install:", nullptr, "nfs:"};
+    for (int i = 0; i < FS_STORAGE_SLOTS; i++) EXPECT_STREQ(get_fs_prefix_index(i), expected[i]) << i;
+    EXPECT_EQ(get_fs_prefix_index(-1), nullptr);
+    EXPECT_EQ(get_fs_prefix_index(FS_STORAGE_SLOTS), nullptr);
+}
+
+TEST_F(StorageTest, FinalPathJoinsTheDirectoryAndTheNormalisedPath) {
+    EXPECT_EQ(final_path(3, "/pub"), "/media/usb0/pub");
+    EXPECT_EQ(final_path(3, "pub//docs/./"), "/media/usb0/pub/docs");
+    EXPECT_EQ(final_path(3, "/"), "/media/usb0");
+    EXPECT_EQ(final_path(3, "/a/../../../etc"), "/media/usb0/etc");  // ".." stops at the storage root
+    EXPECT_EQ(final_path(1, "/pub"), "/srv/flash/pub");
+    EXPECT_EQ(final_path(8, "/x"), "/x");
+    EXPECT_EQ(final_path(8, "/"), "/");
+    // Absent storage, gap, out of range, no path.
+    for (int i : {0, 4, 9, -1}) EXPECT_EQ(final_path(i, "/x"), "<fail>") << i;
+    EXPECT_EQ(final_path(3, nullptr), "<fail>");
+}
+
+TEST_F(StorageTest, FinalPathMustFitWithItsTerminator) {
+    std::string tail(246, 'a');  // "/media/usb0/" (12) + 246 = 258 characters
+    EXPECT_EQ(final_path(3, tail.c_str(), 259), "/media/usb0/" + tail);
+    EXPECT_EQ(final_path(3, tail.c_str(), 258), "<fail>");
+}
+
+TEST_F(StorageTest, MountCheckMatchesWholeComponentsAndIgnoresRoot) {
+    mountinfo_ = (std::filesystem::temp_directory_path() / "storage_test_mountinfo.XXXXXX").string();
+    int fd = mkstemp(mountinfo_.data());
+    ASSERT_GE(fd, 0);
+    FILE *f = fdopen(fd, "w");
+    fputs(
+        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+        "30 22 8:17 / /mnt/usb0 rw,relatime shared:2 - vfat /dev/sdb1 rw\n"
+        "31 22 8:33 / /mnt/my\\040disk rw,relatime shared:3 - ext4 /dev/sdc1 rw\n",
+        f);
+    fclose(f);
+    fs_set_mountinfo_path_for_test(mountinfo_.c_str());
+
+    EXPECT_EQ(fs_check_mount("/mnt/usb0"), 0);
+    EXPECT_EQ(fs_check_mount("/mnt/usb0/pub/x"), 0);
+    EXPECT_LT(fs_check_mount("/mnt/usb01"), 0);  // a prefix of characters, not of components
+    EXPECT_LT(fs_check_mount("/mnt"), 0);
+    EXPECT_LT(fs_check_mount("/srv/data"), 0);  // only "/" covers it
+    EXPECT_EQ(fs_check_mount("/mnt/my disk/files"), 0);
+    EXPECT_LT(fs_check_mount(nullptr), 0);
+
+    std::filesystem::remove(mountinfo_);  // unreadable mountinfo: nothing is mounted
+    EXPECT_LT(fs_check_mount("/mnt/usb0"), 0);
+}
+
+}  // namespace
