@@ -300,12 +300,16 @@ void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def
     if (init_cred(&s.pcred, contrl_type) != 0) return;
 
     s.pcred.ctl_fd = s.control_fd;
-    if (ftp_get_product_name() == nullptr) FTPD_LOG_ERR("sys get product name fail\n");
+    const char *product = ftp_get_product_name();
+    if (product == nullptr) {
+        FTPD_LOG_ERR("sys get product name fail\n");
+        product = "UNKNOWN";
+    }
     s.pcred.cnt.def_addr = *def_addr;
     memset(s.currentdir, 0, sizeof(s.currentdir));
     set_top_directory(s);
 
-    ftpd_snprintf(s.data_buff, FTP_BUF_SIZE, "220 %s FTP server <version 1.00> ready.\r\n", ftpd_product_name);
+    ftpd_snprintf(s.data_buff, FTP_BUF_SIZE, "220 %s FTP server <version 1.00> ready.\r\n", product);
     if (ftpd_reply(s.control_fd, nullptr, "%s", s.data_buff, nullptr) < 0) return;
 
     s.epoll = ftpd_epoll_create();
