@@ -6,31 +6,10 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_replies.h"
 #include "ftpd_list_internal.h"
 
 namespace {
-
-const char kReply530[] = "530 Not logged in.\r\n";
-const char kReply550[] = "550 Requested action not taken.\r\n";
-const char kReply501[] = "501 Syntax error in parameters or arguments.\r\n";
-const char kNoSuchFile[] = "550 \"%s\": No such file or directory.\r\n";
-
-int send_text(int control_fd, const char *text) {
-    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
-}
-
-// The shared admission of MKD and RMD: 0 to go on, 1 refused and replied, -1 the reply failed.
-int admit(int control_fd, const char *arg, const struct credentials *pcred) {
-    const char *refusal = nullptr;
-    if (!is_logged_in(pcred))
-        refusal = kReply530;
-    else if (!is_access(pcred))
-        refusal = kReply550;
-    else if (is_data_empty(arg))
-        refusal = kReply501;
-    if (refusal == nullptr) return 0;
-    return send_text(control_fd, refusal) == 0 ? 1 : -1;
-}
 
 // A directory that can be entered: it exists, opens as a directory, and its real path fits the
 // current-directory buffer.
@@ -44,14 +23,14 @@ bool can_enter(const char *real_path) {
 
 int makedir(int control_fd, const char *name, const char *current_dir, struct credentials *pcred) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!work) return send_text(control_fd, kReply550);
+    if (!work) return ftpd_reply_text(control_fd, FTP_REPLY_550);
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
     if (ftpd_resolve_path(pcred, current_dir, name, inpath, outpath) != ftpd_resolve_result::ok ||
         mkdir(inpath, 0777) != 0) {
-        ftpd_strlcpy(outpath, kReply550, FTP_PATH_HALF);
-        return send_text(control_fd, outpath);
+        ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
+        return ftpd_reply_text(control_fd, outpath);
     }
     // The argument is echoed as sent; resolved paths always take the first branch, the others
     // stay as the fallback chain.
@@ -68,12 +47,12 @@ int makedir(int control_fd, const char *name, const char *current_dir, struct cr
 
 int removedir(int control_fd, const char *name, const char *current_dir, struct credentials *pcred) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!work) return send_text(control_fd, kReply550);
+    if (!work) return ftpd_reply_text(control_fd, FTP_REPLY_550);
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
     if (ftpd_resolve_path(pcred, current_dir, name, inpath, outpath) != ftpd_resolve_result::ok)
-        return ftpd_reply(control_fd, nullptr, kNoSuchFile, name, nullptr);
+        return ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, name, nullptr);
     // No rule protects the top directory itself: RMD / removes it when it is empty.
     if (rmdir(inpath) != 0) return ftpd_reply(control_fd, "550", "Remove %s fail.", name, nullptr);
     return ftpd_reply(control_fd, "250", "%s", "RMD command successful.", nullptr);
@@ -82,10 +61,10 @@ int removedir(int control_fd, const char *name, const char *current_dir, struct 
 }  // namespace
 
 int command_cwd(int control_fd, char *data_buff, char *reply_buff, char *currentdir, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return send_text(control_fd, kReply530) == 0 ? 0 : -1;
+    if (!is_logged_in(pcred)) return ftpd_reply_text(control_fd, FTP_REPLY_530) == 0 ? 0 : -1;
     // CWD alone answers 553 for a session without a top directory.
     if (!is_access(pcred)) return ftpd_reply(control_fd, nullptr, "%s Access denied.", "553", nullptr) == 0 ? 0 : -1;
-    if (is_data_empty(data_buff)) return send_text(control_fd, kReply501) == 0 ? 0 : -1;
+    if (is_data_empty(data_buff)) return ftpd_reply_text(control_fd, FTP_REPLY_501) == 0 ? 0 : -1;
     cwd(control_fd, currentdir, data_buff, reply_buff, pcred);
     return 0;
 }
@@ -94,14 +73,14 @@ int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, str
     sendbuff[0] = '\0';
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!work) {
-        send_text(control_fd, kReply550);
+        ftpd_reply_text(control_fd, FTP_REPLY_550);
         return -1;
     }
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
     if (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath) != ftpd_resolve_result::ok || !can_enter(inpath)) {
-        ftpd_reply(control_fd, nullptr, kNoSuchFile, path, nullptr);
+        ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, path, nullptr);
         return -1;
     }
 
@@ -121,7 +100,7 @@ int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, str
 
 int pwd_fun(int control_fd, char *current_dir, char *sendbuff, struct credentials *pcred) {
     ftpd_block view(FTPD_M_OUTPATH, FTP_BUF_SIZE);
-    if (!view) return send_text(control_fd, kReply550);
+    if (!view) return ftpd_reply_text(control_fd, FTP_REPLY_550);
     ftpd_absolute_to_relative_path(pcred, current_dir, view.get(), FTP_BUF_SIZE);
     memset(sendbuff, 0, FTP_BUF_SIZE);
     ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "257 Current working directory is \"%s\".\r\n", view.get());
@@ -130,14 +109,14 @@ int pwd_fun(int control_fd, char *current_dir, char *sendbuff, struct credential
 }
 
 int command_mkd(int control_fd, char *data_buff, char *currentdir, struct credentials *pcred) {
-    int admitted = admit(control_fd, data_buff, pcred);
+    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
     if (admitted != 0) return admitted < 0 ? -1 : 0;
     makedir(control_fd, data_buff, currentdir, pcred);
     return 0;
 }
 
 int command_rmd(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred) {
-    int admitted = admit(control_fd, data_buff, pcred);
+    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
     if (admitted != 0) return admitted < 0 ? -1 : 0;
     removedir(control_fd, data_buff, current_dir, pcred);
     return 0;

@@ -8,21 +8,11 @@
 #include <ctime>
 
 #include "ftpd.h"
+#include "ftpd_replies.h"
 #include "ftpd_list_internal.h"
 
 namespace {
 
-const char kReply530[] = "530 Not logged in.\r\n";
-const char kReply550[] = "550 Requested action not taken.\r\n";
-const char kReply501[] = "501 Syntax error in parameters or arguments.\r\n";
-const char kReply502[] = "502 Command not implemented.\r\n";
-const char kReply503[] = "503 Bad sequence of commands.\r\n";
-const char kReply553[] = "553 Requested action not taken.\r\n";
-const char kReply450[] = "450 Requested file action not taken.\r\n";
-const char kReply451[] = "451 Requested action aborted. Local error in processing.\r\n";
-const char kReply350[] = "350 Requested file action pending further information.\r\n";
-const char kReply250[] = "250 Requested file action okay, completed.\r\n";
-const char kNoSuchFile[] = "550 \"%s\": No such file or directory.\r\n";
 const char kIllegalFile[] = "%s: is an illegal file.";
 
 // The pending rename source and the area RNFR resolves into.
@@ -31,26 +21,8 @@ constexpr size_t kRenameOldLen = 1024;
 // MDTM formats its line into the reply buffer within this bound.
 constexpr size_t kMdtmBound = 256;
 
-int send_text(int control_fd, const char *text) {
-    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
-}
-
-// Admission shared by DELE, RNFR, RNTO and SIZE: 0 to go on, 1 refused and replied, -1 the reply
-// failed.
-int admit(int control_fd, const char *arg, const struct credentials *pcred) {
-    const char *refusal = nullptr;
-    if (!is_logged_in(pcred))
-        refusal = kReply530;
-    else if (!is_access(pcred))
-        refusal = kReply550;
-    else if (is_data_empty(arg))
-        refusal = kReply501;
-    if (refusal == nullptr) return 0;
-    return send_text(control_fd, refusal) == 0 ? 1 : -1;
-}
-
 int refuse(int control_fd, const char *text) {
-    return send_text(control_fd, text) == 0 ? 0 : -1;
+    return ftpd_reply_text(control_fd, text) == 0 ? 0 : -1;
 }
 
 // A work buffer with its two path halves; on ok, inpath holds the real path.
@@ -63,48 +35,48 @@ struct path_work {
 int delete_file(int control_fd, const char *name, char *sendbuff, const char *current_dir, struct credentials *pcred) {
     sendbuff[0] = '\0';
     path_work work;
-    if (!work.buf) return send_text(control_fd, kReply550);
+    if (!work.buf) return ftpd_reply_text(control_fd, FTP_REPLY_550);
     if (ftpd_resolve_path(pcred, current_dir, name, work.inpath(), work.outpath()) != ftpd_resolve_result::ok)
-        return ftpd_reply(control_fd, nullptr, kNoSuchFile, name, nullptr);
+        return ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, name, nullptr);
     struct stat st;
     if (stat(work.inpath(), &st) != 0 || !S_ISREG(st.st_mode))
-        return ftpd_reply(control_fd, nullptr, kNoSuchFile, name, nullptr);
-    if (unlink(work.inpath()) != 0) return send_text(control_fd, kReply450);
-    return send_text(control_fd, kReply250);
+        return ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, name, nullptr);
+    if (unlink(work.inpath()) != 0) return ftpd_reply_text(control_fd, FTP_REPLY_450);
+    return ftpd_reply_text(control_fd, FTP_REPLY_250);
 }
 
 int renamefrom(int control_fd, const char *name, const char *current_dir, struct credentials *pcred, char *oldname) {
     path_work work;
-    if (!work.buf) return send_text(control_fd, kReply502);
+    if (!work.buf) return ftpd_reply_text(control_fd, FTP_REPLY_502);
     if (ftpd_resolve_path(pcred, current_dir, name, work.inpath(), work.outpath()) != ftpd_resolve_result::ok)
-        return send_text(control_fd, kReply501);
+        return ftpd_reply_text(control_fd, FTP_REPLY_501);
     struct stat st;
-    if (stat(work.inpath(), &st) != 0) return send_text(control_fd, kReply501);
+    if (stat(work.inpath(), &st) != 0) return ftpd_reply_text(control_fd, FTP_REPLY_501);
     // A source that does not fit the pending-rename field is refused here: cutting it would
     // rename a different file.
-    if (strlen(work.inpath()) >= kRenameFromLen) return send_text(control_fd, kReply501);
-    if (send_text(control_fd, kReply350) != 0) return -1;
+    if (strlen(work.inpath()) >= kRenameFromLen) return ftpd_reply_text(control_fd, FTP_REPLY_501);
+    if (ftpd_reply_text(control_fd, FTP_REPLY_350) != 0) return -1;
     ftpd_strlcpy(oldname, work.inpath(), kRenameOldLen);
     return 0;
 }
 
 int renamecmd(int control_fd, const char *from, const char *to, const char *current_dir, struct credentials *pcred) {
     path_work work;
-    if (!work.buf) return send_text(control_fd, kReply502);
+    if (!work.buf) return ftpd_reply_text(control_fd, FTP_REPLY_502);
     if (ftpd_resolve_path(pcred, current_dir, to, work.inpath(), work.outpath()) != ftpd_resolve_result::ok ||
         rename(from, work.inpath()) != 0)
-        return send_text(control_fd, kReply553);
-    return send_text(control_fd, kReply250);
+        return ftpd_reply_text(control_fd, FTP_REPLY_553);
+    return ftpd_reply_text(control_fd, FTP_REPLY_250);
 }
 
 int sizecmd(int control_fd, const char *filename, const char *current_dir, struct credentials *pcred) {
     path_work work;
-    if (!work.buf) return send_text(control_fd, kReply451);
+    if (!work.buf) return ftpd_reply_text(control_fd, FTP_REPLY_451);
     switch (ftpd_resolve_path(pcred, current_dir, filename, work.inpath(), work.outpath())) {
         case ftpd_resolve_result::trim_failed:
-            return send_text(control_fd, kReply451);
+            return ftpd_reply_text(control_fd, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
-            return send_text(control_fd, kReply450);
+            return ftpd_reply_text(control_fd, FTP_REPLY_450);
         case ftpd_resolve_result::ok:
             break;
     }
@@ -117,14 +89,14 @@ int sizecmd(int control_fd, const char *filename, const char *current_dir, struc
 
 // Sends one listing line of STAT; false when it could not be sent.
 bool send_stat_line(int control_fd, const char *line) {
-    return send_text(control_fd, line) == 0;
+    return ftpd_reply_text(control_fd, line) == 0;
 }
 
 // One listing line per visible entry; false after a failure, once the 450 line has been sent.
 bool stat_directory(int control_fd, const char *real_path, char *sendbuff, char *entry) {
     dir_handle dir(opendir(real_path));
     if (!dir) {
-        send_text(control_fd, kReply450);
+        ftpd_reply_text(control_fd, FTP_REPLY_450);
         return false;
     }
     bool root = strcmp(real_path, "/") == 0;
@@ -138,7 +110,7 @@ bool stat_directory(int control_fd, const char *real_path, char *sendbuff, char 
         ftpd_strlcat(entry, name, FTP_PATH_HALF);
         if (get_file_info(entry, sendbuff, FTP_BUF_SIZE, name) != 0) continue;
         if (!send_stat_line(control_fd, sendbuff)) {
-            send_text(control_fd, kReply450);
+            ftpd_reply_text(control_fd, FTP_REPLY_450);
             return false;
         }
     }
@@ -149,19 +121,19 @@ int statfilecmd(int control_fd, const char *path, char *sendbuff, const char *cu
     path_work work;
     if (!work.buf) {
         FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
-        return send_text(control_fd, kReply451);
+        return ftpd_reply_text(control_fd, FTP_REPLY_451);
     }
     switch (ftpd_resolve_path(pcred, current_dir, path, work.inpath(), work.outpath())) {
         case ftpd_resolve_result::trim_failed:
-            return send_text(control_fd, kReply451);
+            return ftpd_reply_text(control_fd, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
-            return send_text(control_fd, kReply450);
+            return ftpd_reply_text(control_fd, FTP_REPLY_450);
         case ftpd_resolve_result::ok:
             break;
     }
     const char *real_path = work.inpath();
     struct stat st;
-    if (stat(real_path, &st) != 0) return send_text(control_fd, kReply450);
+    if (stat(real_path, &st) != 0) return ftpd_reply_text(control_fd, FTP_REPLY_450);
 
     sendbuff[0] = '\0';
     if (ftpd_reply(control_fd, nullptr, "211- %s FTP server status:", ftpd_product_name, nullptr) != 0) return -1;
@@ -169,14 +141,14 @@ int statfilecmd(int control_fd, const char *path, char *sendbuff, const char *cu
     // Lines already sent are never withdrawn: a later failure adds the 450 line after them.
     if (S_ISREG(st.st_mode)) {
         const char *name = nullptr;
-        if (get_file_name(real_path, &name) != 0 || is_special_file(name)) return send_text(control_fd, kReply450);
+        if (get_file_name(real_path, &name) != 0 || is_special_file(name)) return ftpd_reply_text(control_fd, FTP_REPLY_450);
         // The line is bounded by the reply buffer actually at hand.
-        if (get_file_info(real_path, sendbuff, FTP_BUF_SIZE, name) != 0) return send_text(control_fd, kReply450);
-        if (!send_stat_line(control_fd, sendbuff)) return send_text(control_fd, kReply450);
+        if (get_file_info(real_path, sendbuff, FTP_BUF_SIZE, name) != 0) return ftpd_reply_text(control_fd, FTP_REPLY_450);
+        if (!send_stat_line(control_fd, sendbuff)) return ftpd_reply_text(control_fd, FTP_REPLY_450);
     } else if (S_ISDIR(st.st_mode)) {
         if (!stat_directory(control_fd, real_path, sendbuff, work.outpath())) return -1;
     } else {
-        return send_text(control_fd, kReply450);
+        return ftpd_reply_text(control_fd, FTP_REPLY_450);
     }
     return ftpd_reply(control_fd, "211", "%s", "End of status.", nullptr);
 }
@@ -184,7 +156,7 @@ int statfilecmd(int control_fd, const char *path, char *sendbuff, const char *cu
 }  // namespace
 
 int command_dele(int control_fd, char *data_buff, char *reply_buff, char *current_dir, struct credentials *pcred) {
-    int admitted = admit(control_fd, data_buff, pcred);
+    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
     if (admitted != 0) return admitted < 0 ? -1 : 0;
     delete_file(control_fd, data_buff, reply_buff, current_dir, pcred);
     return 0;
@@ -193,7 +165,7 @@ int command_dele(int control_fd, char *data_buff, char *reply_buff, char *curren
 int command_rnfr(int control_fd, char *data_buff, char *reply_buff, char *rename_from, char *current_dir,
                  struct credentials *pcred) {
     (void)reply_buff;
-    int admitted = admit(control_fd, data_buff, pcred);
+    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
     if (admitted != 0) return admitted < 0 ? -1 : 0;
     char rename_old[kRenameOldLen] = {0};
     renamefrom(control_fd, data_buff, current_dir, pcred, rename_old);
@@ -207,39 +179,39 @@ int command_rnfr(int control_fd, char *data_buff, char *reply_buff, char *rename
 }
 
 int command_rnto(int control_fd, char *data_buff, char *rename_from, char *current_dir, struct credentials *pcred) {
-    int admitted = admit(control_fd, data_buff, pcred);
+    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
     if (admitted != 0) return admitted < 0 ? -1 : 0;
-    if (rename_from[0] == '\0') return refuse(control_fd, kReply503);
+    if (rename_from[0] == '\0') return refuse(control_fd, FTP_REPLY_503);
     // The source stays pending: a second RNTO tries the same source again.
     renamecmd(control_fd, rename_from, data_buff, current_dir, pcred);
     return 0;
 }
 
 int command_size(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred) {
-    int admitted = admit(control_fd, data_buff, pcred);
+    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
     if (admitted != 0) return admitted < 0 ? -1 : 0;
     sizecmd(control_fd, data_buff, current_dir, pcred);
     return 0;
 }
 
 int command_mdtm(int control_fd, char *data_buff, char *reply_buff, char *current_dir, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return refuse(control_fd, kReply530);
-    if (!is_access(pcred)) return refuse(control_fd, kReply550);
+    if (!is_logged_in(pcred)) return refuse(control_fd, FTP_REPLY_530);
+    if (!is_access(pcred)) return refuse(control_fd, FTP_REPLY_550);
 
     path_work work;
-    if (!work.buf) return refuse(control_fd, kReply451);
+    if (!work.buf) return refuse(control_fd, FTP_REPLY_451);
     switch (ftpd_resolve_path(pcred, current_dir, data_buff, work.inpath(), work.outpath())) {
         case ftpd_resolve_result::trim_failed:
-            return refuse(control_fd, kReply451);
+            return refuse(control_fd, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
-            return refuse(control_fd, kReply450);
+            return refuse(control_fd, FTP_REPLY_450);
         case ftpd_resolve_result::ok:
             break;
     }
     // An empty argument resolves to the current directory; only an empty real path is refused.
-    if (is_data_empty(work.inpath())) return refuse(control_fd, kReply501);
+    if (is_data_empty(work.inpath())) return refuse(control_fd, FTP_REPLY_501);
     struct stat st;
-    if (stat(work.inpath(), &st) != 0) return refuse(control_fd, kReply550);
+    if (stat(work.inpath(), &st) != 0) return refuse(control_fd, FTP_REPLY_550);
     if (!S_ISREG(st.st_mode)) return ftpd_reply(control_fd, "550", kIllegalFile, data_buff, nullptr) == 0 ? 0 : -1;
 
     // UTC, and the line ends in a bare line feed: the reply function then adds no CR.
@@ -247,16 +219,16 @@ int command_mdtm(int control_fd, char *data_buff, char *reply_buff, char *curren
     gmtime_r(&st.st_mtime, &utc);
     ftpd_snprintf(reply_buff, kMdtmBound, "213 %04d%02d%02d%02d%02d%02d\n", utc.tm_year + 1900, utc.tm_mon + 1,
                   utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
-    return send_text(control_fd, reply_buff) == 0 ? 0 : -1;
+    return ftpd_reply_text(control_fd, reply_buff) == 0 ? 0 : -1;
 }
 
 int command_stat(int control_fd, char *data_buff, char *reply_buff, char *current_dir, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return refuse(control_fd, kReply530);
+    if (!is_logged_in(pcred)) return refuse(control_fd, FTP_REPLY_530);
     if (is_data_empty(data_buff)) {
         statcmd(control_fd, reply_buff, pcred);
         return 0;
     }
-    if (!is_access(pcred)) return refuse(control_fd, kReply550);
+    if (!is_access(pcred)) return refuse(control_fd, FTP_REPLY_550);
     statfilecmd(control_fd, data_buff, reply_buff, current_dir, pcred);
     return 0;
 }

@@ -2,6 +2,7 @@
 // given its final CR LF, sent with a single send and traced. A reply that does not fit is refused
 // whole, never truncated.
 #include "ftpd.h"
+#include "ftpd_replies.h"
 
 #include <sys/socket.h>
 
@@ -81,4 +82,18 @@ int ftpd_reply_size(int send_sk, const char *cmd, const char *fmt, unsigned long
         if (fmt == nullptr) return fill_result::bad_args;
         return ftpd_snprintf(out, space, fmt, arg1) ? fill_result::ok : fill_result::too_long;
     });
+}
+
+int ftpd_reply_text(int control_fd, const char *text) { return ftpd_reply(control_fd, nullptr, "%s", text, nullptr); }
+
+int ftpd_admit_path_cmd(int control_fd, const char *arg, const struct credentials *pcred) {
+    const char *refusal = nullptr;
+    if (!is_logged_in(pcred))
+        refusal = FTP_REPLY_530;
+    else if (!is_access(pcred))
+        refusal = FTP_REPLY_550;
+    else if (is_data_empty(arg))
+        refusal = FTP_REPLY_501;
+    if (refusal == nullptr) return 0;
+    return ftpd_reply_text(control_fd, refusal) == 0 ? 1 : -1;
 }

@@ -11,13 +11,8 @@
 
 #include "app_dbg.h"
 #include "ftpd.h"
+#include "ftpd_replies.h"
 
-#define REPLY_530 "530 Not logged in.\r\n"
-#define REPLY_550 "550 Requested action not taken.\r\n"
-#define REPLY_502 "502 Command not implemented.\r\n"
-#define REPLY_451 "451 Requested action aborted. Local error in processing.\r\n"
-#define REPLY_500 "500 Syntax error, command unrecognized.\r\n"
-#define REPLY_221 "221 Service closing control connection(Goodbye).\r\n"
 
 #define FTP_RENAME_LEN 256
 #define FTP_RESERVED_PORT 1024  // IPPORT_RESERVED
@@ -105,7 +100,7 @@ struct session {
     struct ftp_epoll_s *epoll = nullptr;
 };
 
-int reply(const session &s, const char *text) { return ftpd_reply(s.control_fd, nullptr, "%s", text, nullptr); }
+int reply(const session &s, const char *text) { return ftpd_reply_text(s.control_fd, text); }
 
 // Resolves the configured top directory into the current directory and the record.
 void set_top_directory(session &s) {
@@ -134,7 +129,7 @@ void set_top_directory(session &s) {
 void list_or_nlst(session &s, bool nlst) {
     struct credentials *pcred = &s.pcred;
     if (!is_logged_in(pcred)) {
-        reply(s, REPLY_530);
+        reply(s, FTP_REPLY_530);
     } else if (is_access(pcred) && s.client_port > FTP_RESERVED_PORT) {
         if (nlst)
             nlst_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred);
@@ -147,7 +142,7 @@ void list_or_nlst(session &s, bool nlst) {
                 FTPD_LOG_ERR("%s:client_port(%d) is small then IPPORT_RESERVED(%d).\n", FTPD_MODULE, s.client_port,
                              FTP_RESERVED_PORT);
         }
-        reply(s, REPLY_451);
+        reply(s, FTP_REPLY_451);
     }
     pcred->cnt.data_type = 0;
 }
@@ -178,20 +173,20 @@ bool dispatch(session &s) {
         case FTP_CMD_CWD:
             return command_cwd(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
         case FTP_CMD_CDUP:
-            if (!is_logged_in(pcred)) return reply(s, REPLY_530) >= 0;
+            if (!is_logged_in(pcred)) return reply(s, FTP_REPLY_530) >= 0;
             if (is_access(pcred)) {
                 cwd(fd, s.currentdir, "..", s.reply_buff, pcred);
                 return true;
             }
-            return reply(s, REPLY_550) >= 0;
+            return reply(s, FTP_REPLY_550) >= 0;
         case FTP_CMD_QUIT:
-            reply(s, REPLY_221);
+            reply(s, FTP_REPLY_221);
             return false;
         case FTP_CMD_PORT:
             pcred->cnt.data_type = 2;
             return command_port(fd, s.data_buff, s.client_addr, &s.client_port, pcred) == 0;
         case FTP_CMD_PASV:
-            if (!is_logged_in(pcred)) return reply(s, REPLY_530) >= 0;
+            if (!is_logged_in(pcred)) return reply(s, FTP_REPLY_530) >= 0;
             // The wording names active mode although PASV is refused; it is kept as it stands.
             if (pcred->epsv_all) return ftpd_reply(fd, "501", "Active mode is disabled.\r\n", nullptr, nullptr) >= 0;
             pcred->cnt.data_type = 2;
@@ -199,7 +194,7 @@ bool dispatch(session &s) {
             s.client_port = FTP_PASSIVE_MARK;
             return true;
         case FTP_CMD_TYPE:
-            if (!is_logged_in(pcred)) return reply(s, REPLY_530) >= 0;
+            if (!is_logged_in(pcred)) return reply(s, FTP_REPLY_530) >= 0;
             type_fun(fd, s.data_buff, pcred);
             return true;
         case FTP_CMD_RETR: {
@@ -230,7 +225,7 @@ bool dispatch(session &s) {
                 pwd_fun(fd, s.currentdir, s.reply_buff, pcred);
                 return true;
             }
-            return reply(s, REPLY_550) >= 0;
+            return reply(s, FTP_REPLY_550) >= 0;
         case FTP_CMD_LIST:
             list_or_nlst(s, false);
             return true;
@@ -245,7 +240,7 @@ bool dispatch(session &s) {
             command_help(fd, s.data_buff);
             return true;
         case FTP_CMD_BADLINE:
-            return reply(s, REPLY_500) >= 0;
+            return reply(s, FTP_REPLY_500) >= 0;
         case FTP_CMD_MDTM:
             return command_mdtm(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
         case FTP_CMD_EPRT:
@@ -259,7 +254,7 @@ bool dispatch(session &s) {
         default:
             // Unrecognised words and every recognised command that is not served, NOOP and STOU
             // included.
-            return reply(s, REPLY_502) >= 0;
+            return reply(s, FTP_REPLY_502) >= 0;
     }
 }
 
