@@ -1,12 +1,14 @@
 // The AAA service on plain Linux: registration and model switches from the platform file, session
 // identifiers, method lists, and authentication requests that run a list's methods in order on a
-// worker thread, with the verdicts kept per session until the caller collects them.
+// worker thread, with the verdicts kept per session until the caller collects them and an open
+// challenge kept per session until it is answered.
 #include "aaa.h"
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "aaa_method.h"
 #include "platform_conf.h"
 
 namespace {
@@ -45,13 +48,20 @@ const std::vector<std::string> *find_list(const char *name) {
     return nullptr;
 }
 
+// What a list's run works on: the request's values, and where in the list it starts (a
+// challenge answer goes back to the method that asked for it).
+struct run_input {
+    aaa_method_call call;
+    size_t first_method = 0;
+};
+
 // Each method gives true when it answered (the verdict stands) and false when the next method
 // must be tried.
-bool method_local(const std::string &name, const std::string &password, verdict *v) {
+bool method_local(aaa_method_call *call, verdict *v) {
     authen_info_s req{};
     req.sub.utype = AAA_UTYPE_FTP;
-    req.sub.name = {static_cast<uint32_t>(name.size()), name.c_str()};
-    req.sub.password = {static_cast<uint32_t>(password.size()), password.c_str()};
+    req.sub.name = {static_cast<uint32_t>(call->name.size()), call->name.c_str()};
+    req.sub.password = {static_cast<uint32_t>(call->password.size()), call->password.c_str()};
     aaa_result_s *result = nullptr;
     if (username_lib_authen_req(&req, &result) != 0 || result == nullptr) return false;
     v->state = result->sub.result;
@@ -60,13 +70,19 @@ bool method_local(const std::string &name, const std::string &password, verdict 
     return true;
 }
 
-// RADIUS is not configured in this build: the method never answers, so the list goes on.
-bool method_radius(const std::string &, const std::string &, verdict *) { return false; }
+bool method_radius(aaa_method_call *call, verdict *v) {
+    if (!aaa_radius_authen(call, &v->state)) return false;
+    v->mtype = AAA_MTYPE_RADIUS;
+    return true;
+}
 
-// PAM is not configured in this build: the method never answers, so the list goes on.
-bool method_pam(const std::string &, const std::string &, verdict *) { return false; }
+bool method_pam(aaa_method_call *call, verdict *v) {
+    if (!aaa_pam_authen(call, &v->state)) return false;
+    v->mtype = AAA_MTYPE_PAM;
+    return true;
+}
 
-bool method_none(const std::string &, const std::string &, verdict *v) {
+bool method_none(aaa_method_call *, verdict *v) {
     v->state = AAA_ACCEPT;
     v->mtype = AAA_MTYPE_NONE;
     return true;
@@ -74,7 +90,7 @@ bool method_none(const std::string &, const std::string &, verdict *v) {
 
 struct method_row {
     const char *name;
-    bool (*run)(const std::string &, const std::string &, verdict *);
+    bool (*run)(aaa_method_call *, verdict *);
 };
 const method_row methods[] = {
     {"local", method_local},
@@ -83,14 +99,43 @@ const method_row methods[] = {
     {"none", method_none},
 };
 
-verdict run_list(const std::vector<std::string> &list, const std::string &name, const std::string &password) {
-    verdict v;  // every method silent: time-out
-    for (const auto &m : list) {
+// A challenge waiting for its answer: the method that asked and the context it gave.
+struct open_challenge {
+    size_t method = 0;
+    std::string state;
+};
+std::map<uint32_t, open_challenge> challenges_by_session;  // guarded by pending_mutex
+
+// Runs the list from in->first_method; *answered_by is the index of the method whose verdict
+// stands (the list's size when none answered).
+verdict run_list(const std::vector<std::string> &list, run_input *in, size_t *answered_by) {
+    for (size_t i = in->first_method; i < list.size(); i++) {
         for (const auto &row : methods) {
-            if (m == row.name && row.run(name, password, &v)) return v;
+            verdict v;
+            if (list[i] != row.name || !row.run(&in->call, &v)) continue;
+            *answered_by = i;
+            return v;
         }
     }
-    return verdict{};
+    *answered_by = list.size();
+    return verdict{};  // every method silent: time-out
+}
+
+// The text value of the first element with the code, if the vector holds a well-formed one.
+bool iov_find(const aaa_iovec_s *iov, uint32_t code, std::string *value) {
+    if (iov == nullptr || iov->data == nullptr) return false;
+    uint32_t at = 0;
+    while (iov->used - at >= sizeof(aaa_elem_s)) {
+        aaa_elem_s head;
+        memcpy(&head, iov->data + at, sizeof head);  // elements are packed without alignment
+        if (head.len < sizeof head || head.len > iov->used - at) return false;
+        if (head.code == code) {
+            value->assign(iov->data + at + sizeof head, head.len - sizeof head);
+            return true;
+        }
+        at += head.len;
+    }
+    return false;
 }
 
 }  // namespace
@@ -100,7 +145,9 @@ int aaa_svr_reg(aaa_srv_reg_info_s *info) {
     return platform_get().aaa_registered ? 0 : -1;
 }
 
-int aaa_get_new_model_status(void) { return platform_get().aaa_new_model ? 1 : 0; }
+int aaa_get_new_model_status(void) {
+    return platform_get().aaa_new_model ? 1 : 0;
+}
 
 uint32_t aaa_get_session_id(void) {
     uint32_t id = next_session_id.fetch_add(1);
@@ -119,17 +166,35 @@ int aaa_user_req_authen(authen_info_s *req) {
     if (req == nullptr || req->sub.session_id == 0) return -1;
     const std::vector<std::string> *list = find_list(req->mlist != nullptr ? req->mlist : "default");
     if (list == nullptr) return -1;
-    std::string name = req->sub.name.data != nullptr ? std::string(req->sub.name.data, req->sub.name.len) : "";
-    std::string password =
-        req->sub.password.data != nullptr ? std::string(req->sub.password.data, req->sub.password.len) : "";
+    auto in = std::make_shared<run_input>();
+    in->call.session_id = req->sub.session_id;
+    if (req->sub.name.data != nullptr) in->call.name.assign(req->sub.name.data, req->sub.name.len);
+    if (req->sub.password.data != nullptr) in->call.password.assign(req->sub.password.data, req->sub.password.len);
+    iov_find(req->iov, AAA_ELEM_REM_ADDR, &in->call.rem_addr);
+    std::string port;
+    if (iov_find(req->iov, AAA_ELEM_PORT, &port) && port.size() == 1)
+        in->call.nas_port = static_cast<unsigned char>(port[0]);
     auto state = std::make_shared<pending>();
     {
         std::lock_guard<std::mutex> lock(pending_mutex);
+        auto open = challenges_by_session.find(req->sub.session_id);
+        if (open != challenges_by_session.end()) {
+            if (req->sub.is_challenge_answer) {
+                in->first_method = open->second.method;
+                in->call.challenge_state = open->second.state;
+            }
+            challenges_by_session.erase(open);
+        }
         pending_by_session[req->sub.session_id] = state;
     }
-    std::thread([state, methods_of_list = *list, name, password]() {
-        verdict v = run_list(methods_of_list, name, password);
+    std::thread([state, methods_of_list = *list, in]() {
+        size_t method = 0;
+        verdict v = run_list(methods_of_list, in.get(), &method);
         std::lock_guard<std::mutex> lock(pending_mutex);
+        // A session that was deleted meanwhile keeps no challenge.
+        auto live = pending_by_session.find(in->call.session_id);
+        if (v.state == AAA_CHALLENGE && live != pending_by_session.end() && live->second == state)
+            challenges_by_session[in->call.session_id] = {method, in->call.challenge_state};
         state->v = v;
         state->done = true;
         pending_cv.notify_all();
@@ -158,11 +223,14 @@ int aaa_user_get_result(uint32_t session_id, int utype, int wait_seconds, aaa_re
     return 0;
 }
 
-void aaa_free_result_info(aaa_result_s *result) { free(result); }
+void aaa_free_result_info(aaa_result_s *result) {
+    free(result);
+}
 
 int aaa_delete_user(uint32_t session_id, int utype) {
     (void)utype;
     std::lock_guard<std::mutex> lock(pending_mutex);
     pending_by_session.erase(session_id);
+    challenges_by_session.erase(session_id);
     return 0;
 }

@@ -171,7 +171,9 @@ int username_lib_copy_user(const char *name, username_lib_user_s *out) {
 }
 
 // A copy owns nothing: its values stay readable after the release.
-void username_lib_release_user(username_lib_user_s *user) { (void)user; }
+void username_lib_release_user(username_lib_user_s *user) {
+    (void)user;
+}
 
 int username_lib_update_user(const username_lib_user_s *user) {
     if (user == nullptr) return -1;

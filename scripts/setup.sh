@@ -10,6 +10,7 @@ packages=(
   libradcli-dev libsnmp-dev libpwquality-dev cracklib-runtime
   clang clang-format clang-tidy
   python3 curl wget lftp strace procps iproute2
+  freeradius freeradius-utils snmptrapd snmp pamtester passwd
 )
 
 missing=()
@@ -33,3 +34,15 @@ echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# The integration tests start their own RADIUS server and trap receiver on private ports; system
+# services that an install may have started would only hold 1812 and 162 for nothing.
+for p in "${missing[@]}"; do
+  case "$p" in
+    freeradius | snmptrapd)
+      if command -v systemctl >/dev/null 2>&1; then
+        systemctl disable --now "$p" >/dev/null 2>&1 || true
+      fi
+      ;;
+  esac
+done

@@ -1,0 +1,118 @@
+"""Logins decided by the local user database, through a method list and with the method-list
+model switched off: the online limit (with its notice in the log), an online amount of 0, login
+modes without FTP, refused remote login, and the online count given back at session end."""
+
+import os
+import re
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import Daemon, RawClient, wait_until  # noqa: E402
+
+OK = b"230 User logged in, proceed.\r\n"
+# The account checks refuse after the password was accepted: one reply only.
+REFUSED_BY_ACCOUNT = [b"530 Not logged in.\r\n"]
+
+USER_DATABASE = """
+[user limited]
+password = lim1ted
+online_amount = 2
+
+[user zero]
+password = zer0pass
+online_amount = 0
+
+[user telnetonly]
+password = teln3t
+login_mode = 0x01
+
+[user ftpmode]
+password = ftpm0de
+login_mode = 0x11
+
+[user norlogin]
+password = norl0gin
+reject_remote_login = yes
+
+[user hashed]
+; crypt(3) SHA-512 of "hashpass1"
+secret = $6$ftpstest$l.aL31DcAc1YdNn4aieRZqQ0tr./7o/OyM6w8qHM3s06DhBYV.9/VbvEVTNEEjpdCB73NvOUBa1dDqQ3qohZB/
+"""
+
+
+class LocalDatabaseBase:
+    new_model = "yes"
+
+    def setUp(self):
+        self.d = Daemon(user_database=USER_DATABASE,
+                        extra_platform={"aaa.new_model": self.new_model, "aaa.list.default": "local"})
+        self.d.start()
+        self.clients = []
+
+    def tearDown(self):
+        for c in self.clients:
+            c.close()
+        rc = self.d.stop()
+        self.d.cleanup()
+        self.assertEqual(rc, 0)
+
+    def attempt(self, user, password):
+        """The connection and every reply to PASS (NOOP, not served, marks where they end)."""
+        c = RawClient(self.d.port)
+        self.clients.append(c)
+        c.reply()
+        self.assertTrue(c.cmd("USER " + user).startswith(b"331"))
+        replies = [c.cmd("PASS " + password)]
+        if not replies[0].startswith(b"230"):
+            c.send("NOOP\r\n")
+            while True:
+                r = c.reply()
+                if r.startswith(b"502"):
+                    break
+                replies.append(r)
+        return c, replies
+
+    def test_online_limit_refuses_with_notice_and_count_comes_back_at_session_end(self):
+        first, replies = self.attempt("limited", "lim1ted")
+        self.assertEqual(replies, [OK])
+        _, replies = self.attempt("limited", "lim1ted")
+        self.assertEqual(replies, [OK])
+        _, replies = self.attempt("limited", "lim1ted")
+        self.assertEqual(replies, REFUSED_BY_ACCOUNT)
+        lines = [l for l in self.d.logtext().splitlines() if "%LOGIN-" in l]
+        self.assertTrue(lines, "no LIMIT line in the log")
+        self.assertRegex(lines[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %LOGIN-5-LIMIT: "
+                         + re.escape("The number of online users 2 has reached the upper limit 2.") + "$")
+
+        self.assertEqual(first.cmd("QUIT"), b"221 Service closing control connection(Goodbye).\r\n")
+        self.assertTrue(first.closed())
+        # The session gives its count back as it ends, after the goodbye.
+        self.assertTrue(wait_until(lambda: self.attempt("limited", "lim1ted")[1] == [OK], timeout=10, step=0.2))
+
+    def test_online_amount_zero_refuses_every_login(self):
+        self.assertEqual(self.attempt("zero", "zer0pass")[1], REFUSED_BY_ACCOUNT)
+
+    def test_login_mode_must_include_ftp(self):
+        self.assertEqual(self.attempt("telnetonly", "teln3t")[1], REFUSED_BY_ACCOUNT)
+        self.assertEqual(self.attempt("ftpmode", "ftpm0de")[1], [OK])
+
+    def test_account_refusing_remote_login(self):
+        self.assertEqual(self.attempt("norlogin", "norl0gin")[1], REFUSED_BY_ACCOUNT)
+
+    def test_crypt_hash_and_wrong_password(self):
+        self.assertEqual(self.attempt("hashed", "hashpass1")[1], [OK])
+        self.assertEqual(self.attempt("hashed", "hashpass2")[1],
+                         [b"530 Password access denied.\r\n", b"530 Password access denied.\r\n"])
+
+
+class LocalDatabaseThroughMethodListTest(LocalDatabaseBase, unittest.TestCase):
+    new_model = "yes"
+
+
+class LocalDatabaseWithoutMethodListsTest(LocalDatabaseBase, unittest.TestCase):
+    new_model = "no"
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,99 @@
+"""The device's VRF socket options never reach Linux: under strace, a daemon that serves passive
+and active transfers over IPv4 and IPv6 makes no setsockopt with IPPROTO_IP option 51 or 53 or
+IPPROTO_IPV6 option 102 or 104 (numbers that mean other things on Linux)."""
+
+import ftplib
+import io
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import DAEMON, Daemon, has_ipv6, wait_until  # noqa: E402
+
+STRACE = shutil.which("strace")
+IPPROTO_IP, IPPROTO_IPV6 = 0, 41
+DEVICE_OPTIONS = {(IPPROTO_IP, 51), (IPPROTO_IP, 53), (IPPROTO_IPV6, 102), (IPPROTO_IPV6, 104)}
+# strace -X raw prints levels and options as numbers: setsockopt(5, 0x29, 0x1a, [1], 4) = 0
+CALL = re.compile(r"setsockopt\(\d+, (0x[0-9a-f]+|\d+), (0x[0-9a-f]+|\d+),")
+
+
+def traceable():
+    if STRACE is None:
+        return False
+    r = subprocess.run([STRACE, "-qq", "-o", os.devnull, "true"], capture_output=True)
+    return r.returncode == 0
+
+
+@unittest.skipUnless(traceable(), "strace is missing or cannot trace here")
+class VrfSockoptTest(unittest.TestCase):
+    def setUp(self):
+        self.d = Daemon()
+        self.trace = os.path.join(self.d.dir, "strace.txt")
+        self.d.proc = subprocess.Popen(
+            [STRACE, "-f", "-qq", "-X", "raw", "-e", "trace=setsockopt", "-o", self.trace, DAEMON],
+            env=self.d.env(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.cleanup)
+        self.d.wait_ready()
+
+    def cleanup(self):
+        proc = self.d.proc
+        if proc is not None and proc.poll() is None:
+            # The daemon is strace's child: stop it, and strace ends with it.
+            for pid in self.children(proc.pid):
+                os.kill(pid, signal.SIGTERM)
+            try:
+                proc.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                proc.wait()
+        self.d.proc = None
+        self.d.cleanup()
+
+    @staticmethod
+    def children(pid):
+        try:
+            with open("/proc/%d/task/%d/children" % (pid, pid)) as f:
+                return [int(p) for p in f.read().split()]
+        except OSError:
+            return []
+
+    def transfer(self, host, passive):
+        ftp = ftplib.FTP()
+        ftp.connect(host, self.d.port, timeout=10)
+        ftp.login("alice", "secret1")
+        ftp.set_pasv(passive)
+        name = "f-%s-%d.bin" % ("v6" if ":" in host else "v4", passive)
+        data = os.urandom(20000)
+        ftp.storbinary("STOR " + name, io.BytesIO(data))
+        got = io.BytesIO()
+        ftp.retrbinary("RETR " + name, got.write)
+        self.assertEqual(got.getvalue(), data)
+        ftp.nlst()
+        ftp.quit()
+
+    def calls(self):
+        with open(self.trace, errors="replace") as f:
+            return [(int(m.group(1), 0), int(m.group(2), 0)) for m in CALL.finditer(f.read())]
+
+    def test_transfers_never_pass_device_vrf_options(self):
+        hosts = ["127.0.0.1"] + (["::1"] if has_ipv6() else [])
+        for host in hosts:
+            for passive in (True, False):
+                self.transfer(host, passive)
+        # The trace is complete once the daemon has ended.
+        for pid in self.children(self.d.proc.pid):
+            os.kill(pid, signal.SIGTERM)
+        self.assertTrue(wait_until(lambda: self.d.proc.poll() is not None, timeout=30))
+        self.assertEqual(self.d.proc.returncode, 0)  # strace ends with the daemon's status
+        calls = self.calls()
+        self.assertTrue(calls, "strace saw no setsockopt at all: the trace is not working")
+        self.assertEqual([c for c in calls if c in DEVICE_OPTIONS], [])
+
+
+if __name__ == "__main__":
+    unittest.main()
