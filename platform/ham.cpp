@@ -128,7 +128,10 @@ int ham_notify_watchdog(void) {
         long long now = g_clock();
         for (const ham_entry &e : g_table) {
             long long allowed = static_cast<long long>(e.timer) * e.count * 1000;
-            if (now - e.last_ms > allowed) {
+            // A silenced thread counts as hung at once: with the device's periods (120 s x 15) it
+            // would only become late after half an hour.
+            bool silenced = g_ignored_tid != 0 && e.tid == g_ignored_tid;
+            if (silenced || now - e.last_ms > allowed) {
                 late_tid = e.tid;
                 late_for = (now - e.last_ms) / 1000;
                 break;

@@ -15,6 +15,7 @@ void ham_notify_ready(void);
 // Returns 1 when sent or would have been sent, 0 when a thread is late.
 int ham_notify_watchdog(void);
 // Test-only: a thread id whose notifications are dropped (0: none).
+// That thread also counts as late at once, so the watchdog stops at its next check.
 void ham_set_ignored_tid(pid_t tid);
 
 struct zq_thread_master;

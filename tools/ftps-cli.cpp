@@ -34,7 +34,8 @@ const char kUsage[] =
     "  -f FILE    run the command lines of FILE\n"
     "  -h         print this help\n"
     "Without -c or -f, commands are read from standard input: interactively on a terminal\n"
-    "('?' lists what may follow, Tab completes, \"exit\" leaves), else one per line.\n"
+    "('?' lists what may follow, Tab completes, Ctrl-C abandons a line, \"exit\" leaves),\n"
+    "else one per line.\n"
     "Blank lines and lines starting with '!' or '#' are skipped.\n"
     "Exit status: 0 all commands succeeded, 1 some failed, 2 the daemon cannot be reached.\n";
 
@@ -42,6 +43,13 @@ struct source {
     bool is_file;
     std::string text;  // a command line, or a file name
 };
+
+// Output to the terminal or a pipe. A failed write to the program's own output has no better
+// place to be reported, so the results are dropped here and only here.
+void put(FILE *f, const std::string &text) {
+    (void)std::fwrite(text.data(), 1, text.size(), f);
+    (void)std::fflush(f);
+}
 
 int connect_daemon(const std::string &path) {
     sockaddr_un addr{};
@@ -63,7 +71,7 @@ int connect_daemon(const std::string &path) {
 }
 
 void lost_daemon() {
-    std::fprintf(stderr, "ftps-cli: the connection to the daemon was lost\n");
+    put(stderr, "ftps-cli: the connection to the daemon was lost\n");
 }
 
 bool skipped(const std::string &line) {
@@ -77,8 +85,7 @@ int run_line(int fd, const std::string &line) {
     int status = 1;
     int offset = -1;
     if (cli_proto_request(fd, CLI_REQ_EXEC, line, &out, &status, &offset) != 0) return -1;
-    std::fwrite(out.data(), 1, out.size(), stdout);
-    std::fflush(stdout);
+    put(stdout, out);
     return status == 0 ? 0 : 1;
 }
 
@@ -110,6 +117,7 @@ struct terminal {
     int fd = -1;
     std::string prompt;
     bool lost = false;
+    bool cancelled = false;  // Ctrl-C: the line ends but is not run
 };
 
 terminal *term_of(EditLine *el) {
@@ -127,6 +135,15 @@ std::string line_to_cursor(EditLine *el) {
     return std::string(li->buffer, static_cast<size_t>(li->cursor - li->buffer));
 }
 
+// Puts a caret under the character at offset of the line just typed after the prompt. A line
+// longer than the terminal wraps, so the column is taken within its screen row.
+void print_caret(EditLine *el, const terminal &t, int offset) {
+    int col = static_cast<int>(t.prompt.size()) + offset;
+    int width = 0;
+    if (el_get(el, EL_GETTC, "co", &width) == 0 && width > 0) col %= width;
+    put(stdout, std::string(static_cast<size_t>(col), ' ') + "^\n");
+}
+
 // '?': lists what may follow the text left of the cursor; the line stays as typed.
 unsigned char help_key(EditLine *el, int) {
     terminal *t = term_of(el);
@@ -137,10 +154,9 @@ unsigned char help_key(EditLine *el, int) {
         t->lost = true;
         return CC_EOF;
     }
-    std::fputs("?\n", stdout);
-    if (status != 0 && offset >= 0) std::printf("%*s^\n", static_cast<int>(t->prompt.size()) + offset, "");
-    std::fwrite(out.data(), 1, out.size(), stdout);
-    std::fflush(stdout);
+    put(stdout, "?\n");
+    if (status != 0 && offset >= 0) print_caret(el, *t, offset);
+    put(stdout, out);
     return CC_REDISPLAY;
 }
 
@@ -180,10 +196,17 @@ unsigned char complete_key(EditLine *el, int) {
         el_insertstr(el, common.substr(word.size()).c_str());
         return CC_REFRESH;
     }
-    std::fputs("\n", stdout);
-    for (const std::string &c : cands) std::printf("  %s\n", c.c_str());
-    std::fflush(stdout);
+    std::string list = "\n";
+    for (const std::string &c : cands) list += "  " + c + "\n";
+    put(stdout, list);
     return CC_REDISPLAY;
+}
+
+// Ctrl-C: abandons the line being typed, as a shell does, instead of ending the program.
+unsigned char cancel_key(EditLine *el, int) {
+    term_of(el)->cancelled = true;
+    put(stdout, "^C\n");
+    return CC_NEWLINE;
 }
 
 int interactive(int fd) {
@@ -201,7 +224,7 @@ int interactive(int fd) {
     EditLine *el = el_init("ftps-cli", stdin, stdout, stderr);
     History *hist = history_init();
     if (el == nullptr || hist == nullptr) {
-        std::fprintf(stderr, "ftps-cli: cannot set up the line editor\n");
+        put(stderr, "ftps-cli: cannot set up the line editor\n");
         if (hist != nullptr) history_end(hist);
         if (el != nullptr) el_end(el);
         return kExitFailed;
@@ -215,22 +238,30 @@ int interactive(int fd) {
     el_set(el, EL_HIST, history, hist);
     el_set(el, EL_PROMPT, prompt_of);
     el_source(el, nullptr);  // the user's own editrc, if any
-    el_set(el, EL_ADDFN, "ftps-help", "List what may follow", help_key);
-    el_set(el, EL_ADDFN, "ftps-complete", "Complete the keyword", complete_key);
+    // The wide form keeps the editor from copying the names, copies it would never free.
+    el_wset(el, EL_ADDFN, L"ftps-help", L"List what may follow", help_key);
+    el_wset(el, EL_ADDFN, L"ftps-complete", L"Complete the keyword", complete_key);
     el_set(el, EL_BIND, "?", "ftps-help", nullptr);
     el_set(el, EL_BIND, "^I", "ftps-complete", nullptr);
+    // While editing, Ctrl-C is a key that abandons the line; while a command runs it stays the
+    // signal that ends the program, the way out when the daemon stops answering.
+    el_set(el, EL_SETTY, "-d", "-isig", nullptr);
+    el_wset(el, EL_ADDFN, L"ftps-cancel", L"Abandon the line", cancel_key);
+    el_set(el, EL_BIND, "^C", "ftps-cancel", nullptr);
 
     int rc = kExitOk;
     for (;;) {
         int count = 0;
+        t.cancelled = false;
         const char *raw = el_gets(el, &count);
         if (t.lost) {
             lost_daemon();
             rc = kExitUnreachable;
             break;
         }
+        if (t.cancelled) continue;
         if (raw == nullptr || count <= 0) {
-            std::fputs("\n", stdout);
+            put(stdout, "\n");
             break;
         }
         std::string line(raw, static_cast<size_t>(count));
@@ -250,10 +281,8 @@ int interactive(int fd) {
             rc = kExitUnreachable;
             break;
         }
-        if (st != 0 && off >= 0 && !out.empty() && out[0] == '%')
-            std::printf("%*s^\n", static_cast<int>(t.prompt.size()) + off, "");
-        std::fwrite(out.data(), 1, out.size(), stdout);
-        std::fflush(stdout);
+        if (st != 0 && off >= 0 && !out.empty() && out[0] == '%') print_caret(el, t, off);
+        put(stdout, out);
     }
     history_end(hist);
     el_end(el);
@@ -278,23 +307,22 @@ int main(int argc, char **argv) {
                 sources.push_back(source{true, optarg});
                 break;
             case 'h':
-                std::fputs(kUsage, stdout);
+                put(stdout, kUsage);
                 return kExitOk;
             default:
-                std::fputs(kUsage, stderr);
+                put(stderr, kUsage);
                 return kExitFailed;
         }
     }
     if (optind < argc) {
-        std::fprintf(stderr, "ftps-cli: unexpected argument '%s'\n%s", argv[optind], kUsage);
+        put(stderr, std::string("ftps-cli: unexpected argument '") + argv[optind] + "'\n" + kUsage);
         return kExitFailed;
     }
     if (socket_path.empty()) socket_path = cli_proto_socket_path(platform_get().cli_socket);
 
     int fd = connect_daemon(socket_path);
     if (fd < 0) {
-        std::fprintf(stderr, "ftps-cli: cannot reach the daemon at %s: %s\n", socket_path.c_str(),
-                     std::strerror(errno));
+        put(stderr, "ftps-cli: cannot reach the daemon at " + socket_path + ": " + std::strerror(errno) + "\n");
         return kExitUnreachable;
     }
 
@@ -318,12 +346,12 @@ int main(int argc, char **argv) {
         }
         FILE *f = std::fopen(s.text.c_str(), "re");
         if (f == nullptr) {
-            std::fprintf(stderr, "ftps-cli: cannot read %s: %s\n", s.text.c_str(), std::strerror(errno));
+            put(stderr, "ftps-cli: cannot read " + s.text + ": " + std::strerror(errno) + "\n");
             any_failed = true;
             continue;
         }
         reachable = run_stream(fd, f, &any_failed);
-        std::fclose(f);
+        (void)std::fclose(f);  // opened for reading: nothing is lost if closing fails
     }
     ::close(fd);
     if (!reachable) {

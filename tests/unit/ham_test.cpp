@@ -98,6 +98,31 @@ TEST_F(HamTest, IgnoredThreadsResetsAreDropped) {
     EXPECT_EQ(ham_notify_watchdog(), 1);
 }
 
+// With the device's periods (120 s x 15) a silenced thread would only become late after half an
+// hour; it must withhold the watchdog at the very next check instead.
+TEST_F(HamTest, SilencedThreadWithholdsTheWatchdogAtOnceUntilReleased) {
+    ASSERT_EQ(ham_client_reg_thread_notify(getpid(), 100, 120, 15), 0);
+    ASSERT_EQ(ham_client_reg_thread_notify(getpid(), 400, 120, 15), 0);
+    EXPECT_EQ(ham_notify_watchdog(), 1);
+    ham_set_ignored_tid(400);
+    EXPECT_EQ(ham_notify_watchdog(), 0);
+    ASSERT_EQ(ham_client_reset_thread_notify(getpid(), 400, 120, 15), 0);  // dropped
+    EXPECT_EQ(ham_notify_watchdog(), 0);
+    EXPECT_EQ(received(), "WATCHDOG=1");
+
+    // Released and within its period again: the watchdog resumes without a new notification.
+    ham_set_ignored_tid(0);
+    EXPECT_EQ(ham_notify_watchdog(), 1);
+
+    // Silencing a thread that is not in the table, or one that has unregistered, blocks nothing.
+    ham_set_ignored_tid(999);
+    EXPECT_EQ(ham_notify_watchdog(), 1);
+    ham_set_ignored_tid(400);
+    ASSERT_EQ(ham_client_unreg_thread_notify(400), 0);
+    EXPECT_EQ(ham_notify_watchdog(), 1);
+    EXPECT_EQ(received(), "WATCHDOG=1|WATCHDOG=1|WATCHDOG=1");
+}
+
 TEST_F(HamTest, WatchdogTimerRepeatsOnTheMasterWhenSystemdAsksForIt) {
     setenv("WATCHDOG_USEC", "20000", 1);
     setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);

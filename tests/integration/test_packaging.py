@@ -1,0 +1,190 @@
+"""Installation and packaging: what "make install" puts below DESTDIR (for the /usr prefix and
+another one), that the unit passes systemd-analyze verify, that the man pages render without
+warnings, that the example files work with the real daemon, and what the .deb holds."""
+
+import os
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import BUILD_DIR, CLI, Daemon  # noqa: E402
+
+INSTALLED = {
+    "usr/sbin/ftp_server.elf": 0o755,
+    "usr/bin/ftps-cli": 0o755,
+    "usr/share/man/man8/ftp_server.elf.8": 0o644,
+    "usr/share/man/man8/ftps-cli.8": 0o644,
+    "usr/share/man/man5/ftps-platform.5": 0o644,
+    "lib/systemd/system/ftp_server.service": 0o644,
+    "usr/share/doc/ftps/examples/platform.conf": 0o644,
+    "usr/share/doc/ftps/examples/startup.conf": 0o644,
+    "etc/ftps/platform.conf": 0o644,
+}
+MAN_PAGES = [p for p in INSTALLED if "/man/" in p]
+
+
+def install(destdir, prefix="/usr"):
+    env = dict(os.environ, DESTDIR=destdir)
+    r = subprocess.run(["cmake", "--install", BUILD_DIR, "--prefix", prefix], env=env,
+                       capture_output=True, text=True, timeout=120)
+    if r.returncode != 0:
+        raise AssertionError("cmake --install failed: %s%s" % (r.stdout, r.stderr))
+    return r.stdout
+
+
+class InstallTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.mkdtemp(prefix="ftps-install")
+        cls.root = os.path.join(cls.dir, "root")
+        install(cls.root)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.dir, ignore_errors=True)
+
+    def path(self, rel):
+        return os.path.join(self.root, rel)
+
+    def test_every_file_lands_in_place_with_its_mode(self):
+        for rel, mode in INSTALLED.items():
+            st = os.stat(self.path(rel))
+            self.assertTrue(stat.S_ISREG(st.st_mode), rel)
+            self.assertEqual(stat.S_IMODE(st.st_mode), mode, rel)
+        with open(self.path("lib/systemd/system/ftp_server.service")) as f:
+            self.assertIn("\nExecStart=/usr/sbin/ftp_server.elf\n", f.read())
+        with open(self.path("etc/ftps/platform.conf")) as f, \
+                open(self.path("usr/share/doc/ftps/examples/platform.conf")) as g:
+            self.assertEqual(f.read(), g.read())
+
+    def test_reinstall_keeps_the_administrators_platform_file(self):
+        root = os.path.join(self.dir, "again")
+        install(root)
+        conf = os.path.join(root, "etc/ftps/platform.conf")
+        with open(conf, "a") as f:
+            f.write("[device]\nproduct_name = EDITED\n")
+        install(root)
+        with open(conf) as f:
+            self.assertTrue(f.read().endswith("product_name = EDITED\n"))
+
+    def test_another_prefix_moves_the_unit_and_its_program(self):
+        other = os.path.join(self.dir, "local")
+        install(other, prefix="/usr/local")
+        unit = os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")
+        with open(unit) as f:
+            self.assertIn("\nExecStart=/usr/local/sbin/ftp_server.elf\n", f.read())
+        self.assertTrue(os.access(os.path.join(other, "usr/local/sbin/ftp_server.elf"), os.X_OK))
+        self.assertFalse(os.path.exists(os.path.join(other, "lib/systemd")))
+
+    @unittest.skipIf(shutil.which("systemd-analyze") is None, "systemd-analyze is not installed")
+    def test_unit_passes_systemd_analyze_verify(self):
+        # The unit as installed, started from the program below DESTDIR; its man pages are found
+        # there too. verify reports problems but exits 0 for many, so its output must be empty.
+        unit_dir = os.path.join(self.dir, "unit")
+        os.makedirs(unit_dir, exist_ok=True)
+        with open(self.path("lib/systemd/system/ftp_server.service")) as f:
+            text = f.read()
+        text = text.replace("ExecStart=/usr/sbin/", "ExecStart=%s/" % self.path("usr/sbin"))
+        unit = os.path.join(unit_dir, "ftp_server.service")
+        with open(unit, "w") as f:
+            f.write(text)
+        env = dict(os.environ, MANPATH=self.path("usr/share/man"))
+        r = subprocess.run(["systemd-analyze", "verify", unit], env=env, capture_output=True, text=True,
+                           timeout=120)
+        self.assertEqual((r.returncode, r.stdout + r.stderr), (0, ""))
+
+    @unittest.skipIf(shutil.which("groff") is None, "groff is not installed")
+    def test_man_pages_render_without_warnings(self):
+        for rel in MAN_PAGES:
+            r = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", self.path(rel)], capture_output=True,
+                               text=True, timeout=60)
+            self.assertEqual((r.returncode, r.stderr), (0, ""), rel)
+            r = subprocess.run(["groff", "-man", "-Tutf8", "-P-c", self.path(rel)], capture_output=True,
+                               text=True, timeout=60)
+            text = re.sub(r".\x08", "", r.stdout)
+            for section in ("NAME", "SYNOPSIS", "DESCRIPTION", "SEE ALSO"):
+                self.assertRegex(text, r"(?m)^%s$" % section, rel)
+
+    def test_example_platform_file_is_accepted(self):
+        # The installed example, with its management socket moved into the test's directory.
+        with open(self.path("etc/ftps/platform.conf")) as f:
+            text = f.read()
+        sock = os.path.join(self.dir, "cli.sock")
+        text, n = re.subn(r"(?m)^socket = .*$", "socket = " + sock, text)
+        self.assertEqual(n, 1)
+        conf = os.path.join(self.dir, "platform.conf")
+        with open(conf, "w") as f:
+            f.write(text)
+        env = dict(os.environ, FTPS_PLATFORM=conf, TMPDIR=self.dir)
+        r = subprocess.run([CLI, "-c", "show running-config"], env=env, capture_output=True, text=True,
+                           timeout=30)
+        self.assertEqual(r.returncode, 2)
+        self.assertEqual(r.stderr.splitlines(),
+                         ["ftps-cli: cannot reach the daemon at %s: No such file or directory" % sock])
+
+    def test_example_startup_configuration_replays_cleanly(self):
+        with open(self.path("usr/share/doc/ftps/examples/startup.conf")) as f:
+            lines = f.read().splitlines()
+        d = Daemon(startup=lines, enable=False, topdir=None)
+        try:
+            d.start()
+            rc, out = d.cli("show running-config")
+            self.assertEqual(rc, 0, out)
+            self.assertIn("ftp-server topdir flash:/\n", out)
+            self.assertIn("ftp-server username operator password ChangeMe2024\n", out)
+            self.assertIn("ftp-server enable\n", out)
+            self.assertNotIn("startup-config line", d.logtext())
+            self.assertTrue(d.port_open())
+        finally:
+            d.cleanup()
+
+
+@unittest.skipIf(shutil.which("dpkg-deb") is None or shutil.which("cpack") is None,
+                 "dpkg-deb or cpack is not installed")
+class DebTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.mkdtemp(prefix="ftps-deb")
+        config = os.path.join(BUILD_DIR, "CPackConfig.cmake")
+        r = subprocess.run(["cpack", "--config", config, "-G", "DEB", "-B", cls.dir], capture_output=True,
+                           text=True, timeout=600)
+        if r.returncode != 0:
+            raise AssertionError("cpack failed: %s%s" % (r.stdout, r.stderr))
+        debs = [f for f in os.listdir(cls.dir) if f.endswith(".deb")]
+        assert len(debs) == 1, debs
+        cls.deb = os.path.join(cls.dir, debs[0])
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.dir, ignore_errors=True)
+
+    def dpkg_deb(self, *args):
+        r = subprocess.run(["dpkg-deb", *args], capture_output=True, text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        return r.stdout
+
+    def test_package_holds_exactly_the_installed_files(self):
+        files = {}
+        for line in self.dpkg_deb("-c", self.deb).splitlines():
+            fields = line.split()
+            if fields[0].startswith("-"):
+                files[fields[-1][2:]] = fields[0]
+        self.assertEqual(set(files), set(INSTALLED))
+        self.assertEqual(files["usr/sbin/ftp_server.elf"], "-rwxr-xr-x")
+        self.assertEqual(files["etc/ftps/platform.conf"], "-rw-r--r--")
+
+    def test_control_names_runtime_libraries_and_the_conffile(self):
+        self.assertEqual(self.dpkg_deb("-f", self.deb, "Package").strip(), "ftps")
+        depends = self.dpkg_deb("-f", self.deb, "Depends")
+        for lib in ("libc6", "libedit2", "libinih1", "libsystemd0", "libpam0g", "libpwquality1"):
+            self.assertRegex(depends, r"\b%s\b" % lib)
+        self.assertEqual(self.dpkg_deb("-I", self.deb, "conffiles").split(), ["/etc/ftps/platform.conf"])
+
+
+if __name__ == "__main__":
+    unittest.main()

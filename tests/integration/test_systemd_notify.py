@@ -1,0 +1,125 @@
+"""Supervision by systemd without systemd: the daemon gets a notification socket of its own and a
+watchdog period, announces READY=1 once it serves, keeps sending WATCHDOG=1, and withholds it as
+soon as its listener thread stops notifying (the test-only switch silences the listener)."""
+
+import os
+import socket
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import SANITIZED, Daemon, wait_until  # noqa: E402
+
+WATCHDOG_SECS = 2  # the daemon checks every half period
+SILENT_AFTER = 8   # seconds after the listener starts; READY=1 comes at 5
+SLOW = 3 if SANITIZED else 1
+
+
+class NotifySocket:
+    """A datagram socket standing in for systemd's; remembers (time, message) pairs."""
+
+    def __init__(self, directory):
+        self.path = os.path.join(directory, "notify")
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(self.path)
+        self.messages = []
+
+    def receive(self, timeout):
+        """Reads datagrams for up to timeout seconds; each may carry several lines."""
+        deadline = time.time() + timeout
+        while True:
+            left = deadline - time.time()
+            if left <= 0:
+                return
+            self.sock.settimeout(left)
+            try:
+                data = self.sock.recv(4096)
+            except socket.timeout:
+                return
+            for line in data.decode(errors="replace").splitlines():
+                self.messages.append((time.time(), line))
+
+    def wait_for(self, text, timeout):
+        """Reads until text arrives; returns its time, or None."""
+        deadline = time.time() + timeout
+        while time.time() < deadline:
+            for at, line in self.messages:
+                if line == text:
+                    return at
+            self.receive(min(0.5, max(0.0, deadline - time.time())))
+        return None
+
+    def close(self):
+        self.sock.close()
+
+
+def task_named(pid, name):
+    """Thread id of the daemon's thread with that name, or None."""
+    for tid in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/comm" % (pid, tid)) as f:
+                if f.read().strip() == name:
+                    return int(tid)
+        except OSError:
+            pass
+    return None
+
+
+class SystemdNotifyTest(unittest.TestCase):
+    def setUp(self):
+        self.d = Daemon()
+        self.notify = NotifySocket(self.d.dir)
+
+    def tearDown(self):
+        self.notify.close()
+        self.d.cleanup()
+
+    def start(self, silent_after=None):
+        env = self.d.env()
+        env["NOTIFY_SOCKET"] = self.notify.path
+        env["WATCHDOG_USEC"] = str(WATCHDOG_SECS * 1000000)
+        if silent_after is not None:
+            env["FTPS_TEST_LISTENER_SILENT_AFTER"] = str(silent_after)
+        self.d.start(env=env, wait=False)
+
+    def test_ready_once_serving_then_watchdog_keeps_coming(self):
+        self.start()
+        ready = self.notify.wait_for("READY=1", 30 * SLOW)
+        self.assertIsNotNone(ready, "no READY=1: %s" % self.notify.messages)
+        # Ready means ready: the management socket answers and the port accepts.
+        self.assertTrue(self.d.cli_ok())
+        self.assertTrue(self.d.port_open())
+        self.assertTrue(wait_until(lambda: "cli_client_ready.\n" in self.d.keymsg(), timeout=5 * SLOW))
+
+        self.notify.receive(3 * WATCHDOG_SECS * SLOW)
+        after = [line for at, line in self.notify.messages if at > ready]
+        self.assertGreaterEqual(after.count("WATCHDOG=1"), 2, self.notify.messages)
+        self.assertEqual([line for _, line in self.notify.messages if line == "READY=1"], ["READY=1"])
+        self.assertEqual(self.d.stop(), 0)
+
+    def test_watchdog_stops_when_the_listener_is_silenced(self):
+        self.start(silent_after=SILENT_AFTER)
+        self.assertIsNotNone(self.notify.wait_for("READY=1", 30 * SLOW), self.notify.messages)
+        listener = task_named(self.d.proc.pid, "ftps_main")
+        self.assertIsNotNone(listener)
+
+        # Watchdogs flow until the listener goes quiet, then stop for good while the process lives.
+        self.assertTrue(wait_until(lambda: "watchdog withheld" in self.d.logtext(), timeout=30 * SLOW),
+                        self.d.logtext())
+        self.assertIn("thread %d has not notified" % listener, self.d.logtext())
+        beats = [at for at, line in self.notify.messages if line == "WATCHDOG=1"]
+        self.assertGreaterEqual(len(beats), 2, self.notify.messages)
+
+        self.notify.receive(0.5)  # a beat sent just before the verdict may still be in flight
+        stopped_at = time.time()
+        self.notify.receive(3 * WATCHDOG_SECS * SLOW)
+        late = [line for at, line in self.notify.messages if at > stopped_at and line == "WATCHDOG=1"]
+        self.assertEqual(late, [])
+        self.assertIsNone(self.d.proc.poll(), "the daemon itself keeps running")
+        self.assertTrue(self.d.cli_ok())
+        self.assertEqual(self.d.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
