@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ftpd.h"
+#include "ftpd_test_support.h"
 
 namespace {
 
@@ -26,29 +27,23 @@ TEST(Toint, AtMostFourCharactersAndSkippedNonDigitsKeepTheirPlace) {
 class AddressCommands : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ctl_), 0);
         cred_.logged_in = 1;
         cred_.usedefault = 1;
         cred_.listen_pdata = cred_.pdata = cred_.data = -1;
-        cred_.ctl_fd = ctl_[0];
+        cred_.ctl_fd = ctl_.near();
         cred_.cnt.contrl_type = AF_INET;
     }
     void TearDown() override {
-        for (int fd : {ctl_[0], ctl_[1], cred_.listen_pdata, cred_.pdata, cred_.data})
+        for (int fd : {cred_.listen_pdata, cred_.pdata, cred_.data})
             if (fd >= 0) close(fd);
     }
-    std::string reply() {
-        char b[1024];
-        ssize_t n = recv(ctl_[1], b, sizeof b, MSG_DONTWAIT);
-        return n > 0 ? std::string(b, static_cast<size_t>(n)) : "";
-    }
-    std::string port(const char *a) { return run(command_port(ctl_[0], copy(a), addr_, &port_, &cred_)); }
-    std::string eprt(const char *a) { return run(command_eprt(ctl_[0], copy(a), addr_, 48, &port_, &cred_)); }
-    std::string epsv(const char *a) { return run(command_epsv(ctl_[0], copy(a), &cred_)); }
+    std::string port(const char *a) { return run(command_port(ctl_.near(), copy(a), addr_, &port_, &cred_)); }
+    std::string eprt(const char *a) { return run(command_eprt(ctl_.near(), copy(a), addr_, 48, &port_, &cred_)); }
+    std::string epsv(const char *a) { return run(command_epsv(ctl_.near(), copy(a), &cred_)); }
     char *copy(const char *a) { return ftpd_strlcpy(arg_, a, sizeof arg_), arg_; }
     std::string run(int result) {
         EXPECT_EQ(result, 0);
-        return reply();
+        return ctl_.drain();
     }
     // One end of a fresh connection; peer_ keeps the other end to see it closed.
     int connection() {
@@ -62,7 +57,7 @@ class AddressCommands : public ::testing::Test {
         return recv(peer_.get(), &c, 1, MSG_DONTWAIT) == 0;
     }
 
-    int ctl_[2];
+    ftpd_socket_pair ctl_;
     credentials cred_{};
     char arg_[512] = {0};
     char addr_[FTP_CLIENT_ADDR_LEN] = {0};

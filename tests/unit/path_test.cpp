@@ -3,36 +3,25 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_test_support.h"
 
 namespace {
-
-std::string make_temp_dir() {
-    const char *b = getenv("TMPDIR");
-    std::string t = std::string(b != nullptr && *b != '\0' ? b : "/tmp") + "/ftps-path-XXXXXX";
-    return mkdtemp(t.data()) != nullptr ? t : "";
-}
 
 // The flash home comes from the platform file: point it at a directory of this binary's own
 // before anything loads the platform settings.
 std::string g_flash;
 class platform_env : public ::testing::Environment {
     void SetUp() override {
-        dir_ = make_temp_dir();
-        g_flash = dir_ + "/flash";
-        FILE *f = fopen((dir_ + "/platform.conf").c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        fprintf(f, "[storage]\nflash = %s\n[log]\nsyslog = no\n", g_flash.c_str());
-        fclose(f);
-        setenv("FTPS_PLATFORM", (dir_ + "/platform.conf").c_str(), 1);
+        g_flash = tree_.full("flash");
+        std::string conf = tree_.make_file("platform.conf", "[storage]\nflash = " + g_flash + "\n[log]\nsyslog = no\n");
+        setenv("FTPS_PLATFORM", conf.c_str(), 1);
     }
-    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
-    std::string dir_;
+    ftpd_temp_tree tree_;
 };
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new platform_env);
 
@@ -119,10 +108,9 @@ TEST(SystemTree, OnlyTheFirstComponentAfterFlashHomeDecides) {
 }
 
 TEST(MakePath, OneDirectoryLevelBelowTmpdirAndTheLengthRule) {
-    std::string old = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "";
-    std::string dir = make_temp_dir();
-    ASSERT_FALSE(dir.empty());
-    setenv("TMPDIR", dir.c_str(), 1);
+    ftpd_temp_tree tree;
+    const std::string &dir = tree.path();
+    ftpd_scoped_env tmpdir("TMPDIR", dir);
     char path[256];
     mkdir((dir + "/app").c_str(), 0755);
     EXPECT_STREQ(ftp_make_path(path, sizeof path, "/app/ftps/.ftptemp-XXXXXX"),
@@ -137,8 +125,6 @@ TEST(MakePath, OneDirectoryLevelBelowTmpdirAndTheLengthRule) {
     EXPECT_NE(ftp_make_path(path, exact + 1, "/f"), nullptr);
     unsetenv("TMPDIR");
     EXPECT_EQ(ftp_make_path(path, sizeof path, "/f"), nullptr);
-    if (!old.empty()) setenv("TMPDIR", old.c_str(), 1);
-    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 TEST(SpecialFile, LeadingDotMarksHiddenNames) {

@@ -1,5 +1,5 @@
 // Server settings: the top directory in its plain and storage forms, its bounds and refusals,
-// the method-list name, the defaults of server start and the product name's ownership.
+// the method-list name, the product name's ownership and whole values under concurrent rewrites.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -48,22 +48,19 @@ class SettingsTest : public ::testing::Test {
     ftpd_temp_tree tree_;
 };
 
-TEST_F(SettingsTest, PlainFormJoinsFlashHomeWithoutItsTrailingSlash) {
-    ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
-    EXPECT_EQ(root(), "/dir");
-    EXPECT_EQ(real_root(), tree_.full("flash/dir"));
+TEST_F(SettingsTest, PlainFormJoinsFlashHomeNormalisesAndStopsClimbingAtTheStorageRoot) {
     ASSERT_EQ(set_ftp_server_root_dir("/dir/../dir/./"), 0);
     EXPECT_EQ(root(), "/dir/");  // normalised; a trailing slash stays
-}
-
-TEST_F(SettingsTest, NoFormClearsDisplayFormButKeepsFileSystemForm) {
-    ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
+    ASSERT_EQ(set_ftp_server_root_dir("../../dir"), 0);
+    EXPECT_EQ(root(), "/dir");
+    EXPECT_EQ(real_root(), tree_.full("flash/dir"));  // the home's trailing slash is dropped
+    // The "no" form clears the display form but keeps the file-system form.
     ASSERT_EQ(set_ftp_server_root_dir(nullptr), 0);
     EXPECT_EQ(get_ftp_server_root_dir(), nullptr);
     EXPECT_EQ(real_root(), tree_.full("flash/dir"));
 }
 
-TEST_F(SettingsTest, LengthLimitIs256AndRefusalsKeepOrClearAsDocumented) {
+TEST_F(SettingsTest, RefusalsKeepTheDisplayFormAndClearTheRealOneOnlyPastTheLengthTest) {
     ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
     // 257 characters fail the length test: nothing changes.
     std::string p257 = "/" + std::string(256, 'a');
@@ -71,19 +68,12 @@ TEST_F(SettingsTest, LengthLimitIs256AndRefusalsKeepOrClearAsDocumented) {
     EXPECT_EQ(root(), "/dir");
     EXPECT_EQ(real_root(), tree_.full("flash/dir"));
     // 256 characters pass it and fail later as a missing directory, which clears the real form.
-    std::string p256 = "/" + std::string(255, 'a');
-    EXPECT_EQ(set_ftp_server_root_dir(p256.c_str()), -1);
-    EXPECT_EQ(root(), "/dir");
-    EXPECT_EQ(get_true_ftp_server_root_dir(), nullptr);
-}
-
-TEST_F(SettingsTest, ClimbingStopsAtTheStorageRootAndMissingDirectoriesAreRefused) {
-    ASSERT_EQ(set_ftp_server_root_dir("../../dir"), 0);
-    EXPECT_EQ(root(), "/dir");
-    EXPECT_EQ(real_root(), tree_.full("flash/dir"));
-    EXPECT_EQ(set_ftp_server_root_dir("../nodir"), -1);
-    EXPECT_EQ(root(), "/dir");
-    EXPECT_EQ(get_true_ftp_server_root_dir(), nullptr);
+    for (std::string missing : {"/" + std::string(255, 'a'), std::string("../nodir")}) {
+        ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
+        EXPECT_EQ(set_ftp_server_root_dir(missing.c_str()), -1);
+        EXPECT_EQ(root(), "/dir");
+        EXPECT_EQ(get_true_ftp_server_root_dir(), nullptr);
+    }
 }
 
 TEST_F(SettingsTest, StorageFormShowsPrefixAndResolvesOnItsStorage) {
@@ -109,20 +99,6 @@ TEST_F(SettingsTest, AuthenticationListNameBounds) {
     EXPECT_STREQ(get_ftp_server_auth(), n64.c_str());
     ASSERT_EQ(set_ftp_server_auth(nullptr), 0);
     EXPECT_EQ(get_ftp_server_auth(), nullptr);
-}
-
-TEST_F(SettingsTest, ServerStartRestoresDefaults) {
-    set_ftp_timeout(5);
-    set_ftp_logintimeout(7);
-    set_ftp_logintimes(9);
-    ASSERT_EQ(set_ftp_server_auth("radius"), 0);
-    ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
-    ftp_settings_defaults();
-    EXPECT_EQ(get_ftp_timeout(), 10u);
-    EXPECT_EQ(get_ftp_logintimeout(), 2u);
-    EXPECT_EQ(get_ftp_logintimes(), 3u);
-    EXPECT_EQ(get_ftp_server_auth(), nullptr);
-    EXPECT_EQ(get_ftp_server_root_dir(), nullptr);
 }
 
 TEST_F(SettingsTest, ProductNameStaysUnknownUntilPlatformKnowsItAndIsReleasedSafely) {

@@ -1,13 +1,12 @@
-// Tests of the storage services: the prefix table with its gaps, storage paths with their bounds,
-// and the mount check over a fake mountinfo.
+// Tests of the storage services: storage paths with their bounds, and the mount check over a fake
+// mountinfo.
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <unistd.h>
 
-#include <cstdio>
-#include <filesystem>
 #include <string>
 
 #include "fs_info.h"
+#include "ftpd_test_support.h"
 #include "platform_conf.h"
 
 namespace {
@@ -22,10 +21,7 @@ class StorageTest : public ::testing::Test {
         c.storages[8].dir = "/";
         platform_set_for_test(c);
     }
-    void TearDown() override {
-        fs_set_mountinfo_path_for_test(nullptr);
-        if (!mountinfo_.empty()) std::filesystem::remove(mountinfo_);
-    }
+    void TearDown() override { fs_set_mountinfo_path_for_test(nullptr); }
 
     std::string final_path(int i, const char *path, int outlen = 258) {
         char out[600] = "junk";
@@ -34,15 +30,8 @@ class StorageTest : public ::testing::Test {
         return rc < 0 ? "<fail>" : out;
     }
 
-    std::string mountinfo_;
+    ftpd_temp_tree tree_;
 };
-
-TEST_F(StorageTest, PrefixTableFollowsTheDeviceNumberingWithGaps) {
-    const char *expected[] = {"flash2:", "flash:", "sata0:", "usb0:", nullptr, "tmp:", "install:", nullptr, "nfs:"};
-    for (int i = 0; i < FS_STORAGE_SLOTS; i++) EXPECT_STREQ(get_fs_prefix_index(i), expected[i]) << i;
-    EXPECT_EQ(get_fs_prefix_index(-1), nullptr);
-    EXPECT_EQ(get_fs_prefix_index(FS_STORAGE_SLOTS), nullptr);
-}
 
 TEST_F(StorageTest, FinalPathJoinsTheDirectoryAndTheNormalisedPath) {
     EXPECT_EQ(final_path(3, "/pub"), "/media/usb0/pub");
@@ -64,17 +53,11 @@ TEST_F(StorageTest, FinalPathMustFitWithItsTerminator) {
 }
 
 TEST_F(StorageTest, MountCheckMatchesWholeComponentsAndIgnoresRoot) {
-    mountinfo_ = (std::filesystem::temp_directory_path() / "storage_test_mountinfo.XXXXXX").string();
-    int fd = mkstemp(mountinfo_.data());
-    ASSERT_GE(fd, 0);
-    FILE *f = fdopen(fd, "w");
-    fputs(
-        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-        "30 22 8:17 / /mnt/usb0 rw,relatime shared:2 - vfat /dev/sdb1 rw\n"
-        "31 22 8:33 / /mnt/my\\040disk rw,relatime shared:3 - ext4 /dev/sdc1 rw\n",
-        f);
-    fclose(f);
-    fs_set_mountinfo_path_for_test(mountinfo_.c_str());
+    std::string mountinfo = tree_.make_file("mountinfo",
+                                            "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+                                            "30 22 8:17 / /mnt/usb0 rw,relatime shared:2 - vfat /dev/sdb1 rw\n"
+                                            "31 22 8:33 / /mnt/my\\040disk rw,relatime shared:3 - ext4 /dev/sdc1 rw\n");
+    fs_set_mountinfo_path_for_test(mountinfo.c_str());
 
     EXPECT_EQ(fs_check_mount("/mnt/usb0"), 0);
     EXPECT_EQ(fs_check_mount("/mnt/usb0/pub/x"), 0);
@@ -84,7 +67,7 @@ TEST_F(StorageTest, MountCheckMatchesWholeComponentsAndIgnoresRoot) {
     EXPECT_EQ(fs_check_mount("/mnt/my disk/files"), 0);
     EXPECT_LT(fs_check_mount(nullptr), 0);
 
-    std::filesystem::remove(mountinfo_);  // unreadable mountinfo: nothing is mounted
+    unlink(mountinfo.c_str());  // unreadable mountinfo: nothing is mounted
     EXPECT_LT(fs_check_mount("/mnt/usb0"), 0);
 }
 

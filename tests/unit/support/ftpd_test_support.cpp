@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <utime.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -41,6 +43,20 @@ void ftpd_temp_tree::set_mtime(const std::string &rel, time_t when) const {
     utime(full(rel).c_str(), &times);
 }
 
+ftpd_scoped_env::ftpd_scoped_env(const char *name, const std::string &value) : name_(name) {
+    const char *old = getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    setenv(name, value.c_str(), 1);
+}
+
+ftpd_scoped_env::~ftpd_scoped_env() {
+    if (had_)
+        setenv(name_.c_str(), old_.c_str(), 1);
+    else
+        unsetenv(name_.c_str());
+}
+
 ftpd_socket_pair::ftpd_socket_pair() {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return;
@@ -62,6 +78,29 @@ std::string ftpd_socket_pair::drain() const {
 ftpd_mem_balance::~ftpd_mem_balance() {
     ftpd_mem_t now = ftpd_mem_get(type_);
     EXPECT_EQ(now.allocs - start_.allocs, now.deallocs - start_.deallocs) << "memory category " << type_;
+}
+
+std::string &ftpd_captured() {
+    static std::string text;
+    return text;
+}
+
+int ftpd_capture(const char *fmt, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    ftpd_captured() += buf;
+    return n;
+}
+
+ftpd_named_session::ftpd_named_session() {
+    cred.name = name;
+    cred.passwd = passwd;
+    cred.cnt_index = -1;
+    cred.data = cred.pdata = cred.listen_pdata = -1;
+    cred.cnt.tran_type = 1;
 }
 
 ftpd_test_session::ftpd_test_session(const std::string &top) {

@@ -28,6 +28,20 @@ class ftpd_temp_tree {
     std::string root_;
 };
 
+// Sets an environment variable for its life and restores the previous value (or its absence).
+class ftpd_scoped_env {
+  public:
+    ftpd_scoped_env(const char *name, const std::string &value);
+    ~ftpd_scoped_env();
+    ftpd_scoped_env(const ftpd_scoped_env &) = delete;
+    ftpd_scoped_env &operator=(const ftpd_scoped_env &) = delete;
+
+  private:
+    std::string name_;
+    std::string old_;
+    bool had_ = false;
+};
+
 // A connected stream socket pair: the daemon writes on near(), the test reads far().
 class ftpd_socket_pair {
   public:
@@ -56,6 +70,18 @@ class ftpd_mem_balance {
   private:
     int type_;
     ftpd_mem_t start_;
+};
+
+// What a report function printed through its printf-like callback; ftpd_capture appends to it.
+std::string &ftpd_captured();
+int ftpd_capture(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// A session record before login: its own name and password buffers, no slot, no data connection.
+struct ftpd_named_session {
+    ftpd_named_session();
+    char name[FTP_NAME_LEN] = {0};
+    char passwd[FTP_PASSWD_LEN] = {0};
+    struct credentials cred {};
 };
 
 // A logged-in session with access to a top directory, its current directory at the top, ASCII
