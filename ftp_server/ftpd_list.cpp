@@ -1,7 +1,8 @@
 // LIST: the long-form listing staged in a private temporary file and then sent over the data
 // connection. Also owns what LIST shares with NLST and the file commands: the listing line, the
-// wildcard matcher, the unique temporary file, the sending of a staged listing, the path
-// resolution sequence over a work buffer and the common command and writer skeletons.
+// wildcard matcher, the unique temporary file and the batched writing of its lines, the sending
+// of a staged listing, the path resolution sequence over a work buffer and the common command and
+// writer skeletons.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -23,9 +24,10 @@ const char kReply226[] = "226 Closing data connection.\r\n";
 
 const char *const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-// Blocks of the staged listing: ASCII reads 512 bytes and may double them; binary sends 1024.
+// The staged listing is read in whole numbers of the 512-byte conversion blocks when sending in
+// ASCII type (each block converted by itself), and in binary type in blocks of the caller's buffer.
 constexpr int kAsciiBlock = 512;
-constexpr int kBinaryBlock = 1024;
+constexpr size_t kAsciiChunk = 32 * kAsciiBlock;
 
 // Both matcher inputs are worked on as copies cut at 255 characters.
 constexpr size_t kMatchLen = 256;
@@ -41,35 +43,89 @@ bool is_dir_root(const char *dir) {
     return strcmp(dir, "/") == 0;
 }
 
+ssize_t read_some(int fd, char *p, size_t len) {
+    ssize_t n;
+    do {
+        n = read(fd, p, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+// Sends all len bytes, completing partial sends; false when the connection fails.
+bool send_all(int sock, const char *p, size_t len) {
+    while (len > 0) {
+        ssize_t n = send(sock, p, len, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 int send_ascii(int control_fd, int data_sock, int fd, struct credentials *pcred) {
-    ftpd_block buf(FTPD_M_BUF, kAsciiBlock);
-    ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * kAsciiBlock);
+    ftpd_block buf(FTPD_M_BUF, kAsciiChunk);
+    ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * kAsciiChunk);
     if (!buf || !chang_buf) return -2;
     for (;;) {
-        ssize_t n = read(fd, buf.get(), kAsciiBlock);
+        ssize_t n = read_some(fd, buf.get(), kAsciiChunk);
         if (n < 0) {
             FTPD_LOG_ERR("%s: Read data failed.\n", FTPD_MODULE);
             return -2;
         }
         if (n == 0) break;
-        int len = unix_to_dos(buf.get(), chang_buf.get(), static_cast<int>(n));
-        if (send(data_sock, chang_buf.get(), static_cast<size_t>(len), MSG_NOSIGNAL) != len) return -2;
-        pcred->byte_count += len;
+        size_t len = 0;
+        for (ssize_t off = 0; off < n; off += kAsciiBlock) {
+            int blk = n - off < kAsciiBlock ? static_cast<int>(n - off) : kAsciiBlock;
+            len += static_cast<size_t>(unix_to_dos(buf.get() + off, chang_buf.get() + len, blk));
+        }
+        if (!send_all(data_sock, chang_buf.get(), len)) return -2;
+        pcred->byte_count += static_cast<off_t>(len);
     }
     buf.reset();
     chang_buf.reset();
     return ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr) == 0 ? 0 : -1;
 }
 
-int send_binary(int control_fd, int data_sock, int fd, char *databuff, struct credentials *pcred) {
+int send_binary(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred) {
     for (;;) {
-        ssize_t n = read(fd, databuff, kBinaryBlock);
+        ssize_t n = read_some(fd, buf, bufsize);
         if (n < 0) return -2;
-        if (n > 0 && send(data_sock, databuff, static_cast<size_t>(n), MSG_NOSIGNAL) != n) return -2;
+        if (n > 0 && !send_all(data_sock, buf, static_cast<size_t>(n))) return -2;
         pcred->byte_count += n;
-        if (n < kBinaryBlock) break;
+        if (static_cast<size_t>(n) < bufsize) break;
     }
     return ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr) == 0 ? 0 : -1;
+}
+
+// The listing line from the entry's status, "today" being the current calendar year.
+int format_line(const struct stat &st, const char *name, char *stat_buff, int length, int this_year) {
+    char mode[11] = "----------";
+    if (S_ISDIR(st.st_mode))
+        mode[0] = 'd';
+    else if (!S_ISREG(st.st_mode))
+        return -1;
+    static constexpr mode_t kBits[9] = {S_IRUSR, S_IWUSR, S_IXUSR, S_IRGRP, S_IWGRP,
+                                        S_IXGRP, S_IROTH, S_IWOTH, S_IXOTH};
+    static constexpr char kLetters[] = "rwxrwxrwx";
+    for (int i = 0; i < 9; i++)
+        if ((st.st_mode & kBits[i]) != 0) mode[i + 1] = kLetters[i];
+
+    // Only the calendar years are compared: no six-month window.
+    struct tm mtime;
+    localtime_r(&st.st_mtime, &mtime);
+    const char *shown = name != nullptr ? name : "";
+    int links = static_cast<int>(st.st_nlink);
+    long long size = static_cast<long long>(st.st_size);
+    const char *month = kMonths[mtime.tm_mon];
+    if (mtime.tm_year == this_year)
+        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
+                      mode, links, size, month, mtime.tm_mday, mtime.tm_hour, mtime.tm_min, shown);
+    else
+        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
+                      links, size, month, mtime.tm_mday, mtime.tm_year + 1900, shown);
+    stat_buff[length - 1] = '\0';
+    return 0;
 }
 
 }  // namespace
@@ -111,9 +167,37 @@ const char *ftpd_split_pattern(const char *path, char *dir, const char *current_
     return pattern;
 }
 
-bool ftpd_write_line(int fd, const char *line) {
-    size_t len = strlen(line);
-    return write(fd, line, len) == static_cast<ssize_t>(len);
+bool ftpd_list_batch::flush() {
+    const char *p = area_;
+    size_t left = used_;
+    used_ = 0;
+    while (left > 0) {
+        ssize_t n = write(fd_, p, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            failed_ = true;
+            break;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    return !failed_;
+}
+
+bool ftpd_list_batch::add(const char *text, size_t len) {
+    if (failed_) return false;
+    if (used_ + len > size_ && !flush()) return false;
+    // A line never exceeds the batch (lines are bounded by FTP_LIST_LINE_SIZE).
+    if (len > size_) len = size_;
+    memcpy(area_ + used_, text, len);
+    used_ += len;
+    return true;
+}
+
+bool ftpd_list_batch::finish() {
+    if (!flush()) return false;
+    fsync(fd_);
+    return true;
 }
 
 int ftpd_listtemp::create() {
@@ -146,7 +230,8 @@ void ftpd_listtemp::remove() {
 
 int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
                        struct credentials *pcred, const ftpd_listing_kind &kind) {
-    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE);
+    // One block: the line, the directory, the entry path, then the batch / sending area.
+    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
     if (!whole) {
         if (kind.log_failures) FTPD_LOG_ERR("malloc while_buff fail\n");
         reply451(control_fd);
@@ -154,7 +239,7 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
     }
     char *databuff = whole.get();
     char *temppath = databuff + FTP_LIST_LINE_SIZE;
-    char *tempbuff = temppath + FTP_LIST_TEMPPATH_SIZE;
+    char *batch_area = whole.get() + FTP_LIST_BUF_SIZE;
 
     ftpd_listtemp temp;
     int made = temp.create();
@@ -177,6 +262,7 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
         return -1;
     };
 
+    ftpd_list_batch out(temp.fd(), batch_area, FTP_LIST_BATCH_SIZE);
     struct stat st;
     if (stat(path, &st) != 0) {
         if (strpbrk(path, "*?") == nullptr) {
@@ -184,13 +270,13 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
             ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
             return -1;
         }
-        int r = kind.wildcard(path, temp.fd(), temp.path(), tempbuff, databuff, temppath, current_dir);
+        int r = kind.wildcard(path, out, temp.path(), databuff, temppath, current_dir);
         if (r == -3) return not_listable();
         if (r != 0) return fail();
     } else if (S_ISDIR(st.st_mode)) {
-        if (kind.dir(path, temp.fd(), temp.path(), tempbuff, databuff) != 0) return fail();
+        if (kind.dir(path, out, temp.path(), databuff) != 0) return fail();
     } else if (S_ISREG(st.st_mode)) {
-        int r = kind.reg(path, temp.fd(), temp.path(), databuff);
+        int r = kind.reg(path, out, temp.path(), databuff);
         if (r == -3) return not_listable();
         if (r != 0) return fail();
     } else {
@@ -198,7 +284,7 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
     }
 
     if (!temp.reopen_for_reading()) return fail();
-    int sent = send_list_nlst(control_fd, data_sock, temp.fd(), databuff, pcred);
+    int sent = ftpd_send_listing(control_fd, data_sock, temp.fd(), batch_area, FTP_LIST_BATCH_SIZE, pcred);
     if (sent == -2) return fail();
     temp.remove();
     return sent == 0 ? 0 : -1;
@@ -280,37 +366,33 @@ int write_list(int control_fd, int data_sock, char *current_dir, char *path, str
     return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, kListKind);
 }
 
-int list_dir(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff) {
+// Entries are queried relative to the open directory, so no entry path is built.
+int list_dir(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff) {
     dir_handle dir(opendir(path));
     if (!dir) return -1;
     bool root = is_dir_root(path);
+    int year = ftpd_this_year();
+    int dfd = dirfd(dir.get());
     while (struct dirent *ent = readdir(dir.get())) {
         const char *name = ent->d_name;
         if (ftpd_entry_hidden(name, listtemp, root)) continue;
-        ftpd_strlcpy(tempbuff, path, FTP_PATH_HALF);
-        size_t len = strlen(tempbuff);
-        if (len == 0 || tempbuff[len - 1] != '/') ftpd_strlcat(tempbuff, "/", FTP_LIST_ENTRY_SIZE);
-        ftpd_strlcat(tempbuff, name, FTP_LIST_ENTRY_SIZE);
-        memset(databuff, 0, FTP_LIST_LINE_SIZE);
-        if (get_file_info(tempbuff, databuff, FTP_LIST_LINE_SIZE, name) != 0) continue;
-        if (!ftpd_write_line(fd, databuff)) return -1;
+        if (ftpd_entry_info(dfd, name, databuff, FTP_LIST_LINE_SIZE, year) != 0) continue;
+        if (!out.add(databuff)) return -1;
     }
-    fsync(fd);
-    return 0;
+    return out.finish() ? 0 : -1;
 }
 
-int list_reg(const char *path, int fd, const char *listtemp, char *databuff) {
+int list_reg(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff) {
     const char *slash = strrchr(path, '/');
     const char *name = slash != nullptr ? slash + 1 : path;
     if (strcmp(name, listtemp) == 0 || is_special_file(name)) return -3;
     memset(databuff, 0, FTP_LIST_LINE_SIZE);
     if (get_file_info(path, databuff, FTP_LIST_LINE_SIZE, name) != 0) return -3;
-    if (!ftpd_write_line(fd, databuff)) return -2;
-    fsync(fd);
+    if (!out.add(databuff) || !out.finish()) return -2;
     return 0;
 }
 
-int list_wildcard(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff, char *temppath,
+int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff, char *temppath,
                   const char *current_dir) {
     const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
     struct stat st;
@@ -318,62 +400,43 @@ int list_wildcard(const char *path, int fd, const char *listtemp, char *tempbuff
     dir_handle dir(opendir(temppath));
     if (!dir) return -2;
     bool root = is_dir_root(temppath);
+    int year = ftpd_this_year();
+    int dfd = dirfd(dir.get());
     while (struct dirent *ent = readdir(dir.get())) {
         const char *name = ent->d_name;
         if (ftpd_is_match(name, pattern) != 1) continue;
         if (ftpd_entry_hidden(name, listtemp, root)) continue;
-        ftpd_strlcpy(tempbuff, temppath, FTP_PATH_HALF);
-        ftpd_strlcat(tempbuff, name, FTP_LIST_ENTRY_SIZE);
-        memset(databuff, 0, FTP_LIST_LINE_SIZE);
-        if (get_file_info(tempbuff, databuff, FTP_LIST_LINE_SIZE, name) != 0) continue;
-        if (!ftpd_write_line(fd, databuff)) return -2;
+        if (ftpd_entry_info(dfd, name, databuff, FTP_LIST_LINE_SIZE, year) != 0) continue;
+        if (!out.add(databuff)) return -2;
     }
-    fsync(fd);
-    return 0;
+    return out.finish() ? 0 : -2;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Listing line, names, sending, temporary files, matching
 
+int ftpd_this_year(void) {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    time_t now = tv.tv_sec;
+    struct tm today;
+    localtime_r(&now, &today);
+    return today.tm_year;
+}
+
+int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int this_year) {
+    struct stat st;
+    if (length <= 0 || fstatat(dfd, name, &st, 0) != 0) return -1;
+    return format_line(st, name, stat_buff, length, this_year);
+}
+
 int get_file_info(const char *path, char *stat_buff, int length, const char *name) {
     FTPD_ASSERT_LOG(path != NULL, "ftpd");
     FTPD_ASSERT_LOG(stat_buff != NULL, "ftpd");
     if (path == nullptr || stat_buff == nullptr || length <= 0) return -1;
-
     struct stat st;
     if (stat(path, &st) != 0) return -1;
-    char mode[11] = "----------";
-    if (S_ISDIR(st.st_mode))
-        mode[0] = 'd';
-    else if (!S_ISREG(st.st_mode))
-        return -1;
-    static constexpr mode_t kBits[9] = {S_IRUSR, S_IWUSR, S_IXUSR, S_IRGRP, S_IWGRP,
-                                        S_IXGRP, S_IROTH, S_IWOTH, S_IXOTH};
-    static constexpr char kLetters[] = "rwxrwxrwx";
-    for (int i = 0; i < 9; i++)
-        if ((st.st_mode & kBits[i]) != 0) mode[i + 1] = kLetters[i];
-
-    // Only the calendar years are compared: no six-month window.
-    struct tm mtime;
-    struct tm today;
-    localtime_r(&st.st_mtime, &mtime);
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    time_t now = tv.tv_sec;
-    localtime_r(&now, &today);
-
-    const char *shown = name != nullptr ? name : "";
-    int links = static_cast<int>(st.st_nlink);
-    long long size = static_cast<long long>(st.st_size);
-    const char *month = kMonths[mtime.tm_mon];
-    if (mtime.tm_year == today.tm_year)
-        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
-                      mode, links, size, month, mtime.tm_mday, mtime.tm_hour, mtime.tm_min, shown);
-    else
-        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
-                      links, size, month, mtime.tm_mday, mtime.tm_year + 1900, shown);
-    stat_buff[length - 1] = '\0';
-    return 0;
+    return format_line(st, name, stat_buff, length, ftpd_this_year());
 }
 
 int get_file_name(const char *path, const char **name) {
@@ -386,9 +449,13 @@ int get_file_name(const char *path, const char **name) {
 }
 
 int send_list_nlst(int control_fd, int data_sock, int fd, char *databuff, struct credentials *pcred) {
+    return ftpd_send_listing(control_fd, data_sock, fd, databuff, FTP_LIST_LINE_SIZE, pcred);
+}
+
+int ftpd_send_listing(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred) {
     int type = pcred->cnt.tran_type;
     if (type == 1) return send_ascii(control_fd, data_sock, fd, pcred);
-    if (type == 3 || type == 4) return send_binary(control_fd, data_sock, fd, databuff, pcred);
+    if (type == 3 || type == 4) return send_binary(control_fd, data_sock, fd, buf, bufsize, pcred);
     char text[64];
     ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in send_data.", type);
     ftpd_reply(control_fd, "451", "%s", text, nullptr);

@@ -1,17 +1,23 @@
 // Internals shared by the listing commands (LIST, NLST) and the directory and file commands: the
-// path resolution sequence over a work buffer, the temporary listing file owner, the per-entry
-// listers and the common command and writer skeletons that LIST and NLST fill with their own rows.
+// path resolution sequence over a work buffer, the temporary listing file owner, the batched
+// writer of listing lines, the per-entry listers and the common command and writer skeletons that
+// LIST and NLST fill with their own rows.
 #pragma once
+
+#include <cstring>
 
 #include "ftpd.h"
 
 // Work buffer of the path commands: two 512-byte halves, inpath then outpath.
 #define FTP_PATH_HALF 512
-// Listing writer buffer: one line / sending block, a directory, then an entry path.
+// Listing writer buffer: one line / sending block, a directory, then room for an entry path.
 #define FTP_LIST_BUF_SIZE 3072
 #define FTP_LIST_LINE_SIZE 1024
 #define FTP_LIST_TEMPPATH_SIZE 512
 #define FTP_LIST_ENTRY_SIZE (FTP_LIST_BUF_SIZE - FTP_LIST_LINE_SIZE - FTP_LIST_TEMPPATH_SIZE)
+// Behind those, in the same block: lines gathered for one write of the temporary file, and later
+// the blocks in which the staged listing is sent.
+#define FTP_LIST_BATCH_SIZE (32 * 1024)
 // Path buffer of the temporary listing file.
 #define FTP_LISTTEMP_LEN 65
 
@@ -58,16 +64,46 @@ class ftpd_listtemp {
     bool made_ = false;  // only a file this owner created is ever unlinked
 };
 
-// The per-entry listers. fd is the temporary file, which the caller owns and closes.
+// Lines of a listing on their way into the temporary file: gathered in memory and written in
+// batches, then flushed once (written out and synced) before the file is sent.
+class ftpd_list_batch {
+  public:
+    ftpd_list_batch(int fd, char *area, size_t size) : fd_(fd), area_(area), size_(size) {}
+    ftpd_list_batch(const ftpd_list_batch &) = delete;
+    ftpd_list_batch &operator=(const ftpd_list_batch &) = delete;
+
+    // False once a write of the file came up short; nothing more is written after that.
+    bool add(const char *text, size_t len);
+    bool add(const char *line) { return add(line, strlen(line)); }
+    // Writes what is gathered and syncs the file.
+    bool finish();
+
+  private:
+    bool flush();
+    int fd_;
+    char *area_;
+    size_t size_;
+    size_t used_ = 0;
+    bool failed_ = false;
+};
+
+// The per-entry listers, writing into the batch of the temporary file, which the caller owns.
 // list_dir / nlst_dir: 0 or -1. *_reg and *_wildcard: 0; -2 write or open failure; -3 not listable.
-int list_dir(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff);
-int list_reg(const char *path, int fd, const char *listtemp, char *databuff);
-int list_wildcard(const char *path, int fd, const char *listtemp, char *tempbuff, char *databuff, char *temppath,
+int list_dir(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff);
+int list_reg(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff);
+int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff, char *temppath,
                   const char *current_dir);
-int nlst_dir(const char *path, int fd, const char *nlsttemp, char *onefile, char *databuff);
-int nlst_reg(const char *path, int fd, const char *nlsttemp, char *databuff);
-int nlst_wildcard(const char *path, int fd, const char *nlsttemp, char *onefile, char *databuff, char *temppath,
+int nlst_dir(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff);
+int nlst_reg(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff);
+int nlst_wildcard(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff, char *temppath,
                   const char *current_dir);
+
+// The listing line of one entry of an open directory (dfd), as get_file_info formats it, with the
+// current calendar year given: 0, or -1 when the entry cannot be queried or is neither a directory
+// nor a regular file.
+int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int this_year);
+// The current calendar year (local time), as tm_year counts it.
+int ftpd_this_year(void);
 
 // What distinguishes LIST from NLST in the shared skeletons.
 struct ftpd_listing_kind {
@@ -75,9 +111,9 @@ struct ftpd_listing_kind {
     bool log_failures;         // LIST logs buffer and temporary-file failures of the writer
     bool log_malloc;           // NLST logs a failing work buffer of the command
     bool count_before_update;  // NLST resets byte_count before refreshing the slot
-    int (*dir)(const char *, int, const char *, char *, char *);
-    int (*reg)(const char *, int, const char *, char *);
-    int (*wildcard)(const char *, int, const char *, char *, char *, char *, const char *);
+    int (*dir)(const char *, ftpd_list_batch &, const char *, char *);
+    int (*reg)(const char *, ftpd_list_batch &, const char *, char *);
+    int (*wildcard)(const char *, ftpd_list_batch &, const char *, char *, char *, const char *);
 };
 
 // Stages the listing of a real path in a temporary file and sends it: 0, or -1 after a reply.
@@ -88,5 +124,6 @@ void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_
                       struct credentials *pcred, const ftpd_listing_kind &kind,
                       int (*writer)(int, int, char *, char *, struct credentials *));
 
-// Writes one whole line to the temporary file; false on a short write.
-bool ftpd_write_line(int fd, const char *line);
+// Sends a staged listing opened for reading in blocks of up to bufsize bytes taken from buf; as
+// send_list_nlst, whose binary blocks are the 1024-byte line buffer.
+int ftpd_send_listing(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred);

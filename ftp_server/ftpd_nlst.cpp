@@ -1,6 +1,8 @@
 // NLST: the bare name listing. It runs the LIST skeletons (command, staging writer, sending) with
 // its own row: arguments are never taken for options, nothing is logged by the writer, and only
-// regular files are listed, one name per line without any directory prefix.
+// regular files are listed, one name per line without any directory prefix. Names are gathered
+// in batches and the staged file is flushed once, before it is sent.
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -24,18 +26,20 @@ const ftpd_listing_kind kNlstKind = {
     .wildcard = nlst_wildcard,
 };
 
-bool is_regular(const char *path) {
+// Whether an entry of an open directory is a regular file, following links as stat does. The
+// directory's own type field answers without a query when it is certain.
+bool is_regular_entry(int dfd, const struct dirent *ent) {
+    if (ent->d_type == DT_REG) return true;
+    if (ent->d_type != DT_LNK && ent->d_type != DT_UNKNOWN) return false;
     struct stat st;
-    return stat(path, &st) == 0 && S_ISREG(st.st_mode);
+    return fstatat(dfd, ent->d_name, &st, 0) == 0 && S_ISREG(st.st_mode);
 }
 
-// One name and its line feed, written with one write and flushed at once.
-bool write_name(int fd, const char *name, size_t bound, char *databuff) {
+// One name and its line feed.
+bool write_name(ftpd_list_batch &out, const char *name, size_t bound, char *databuff) {
     ftpd_strlcpy(databuff, name, bound);
     ftpd_strlcat(databuff, "\n", FTP_LIST_LINE_SIZE);
-    if (!ftpd_write_line(fd, databuff)) return false;
-    fsync(fd);
-    return true;
+    return out.add(databuff);
 }
 
 }  // namespace
@@ -49,32 +53,29 @@ int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, str
     return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, kNlstKind);
 }
 
-int nlst_dir(const char *path, int fd, const char *nlsttemp, char *onefile, char *databuff) {
+int nlst_dir(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff) {
     dir_handle dir(opendir(path));
     if (!dir) return -1;
     bool root = strcmp(path, "/") == 0;
+    int dfd = dirfd(dir.get());
     while (struct dirent *ent = readdir(dir.get())) {
         const char *name = ent->d_name;
         if (ftpd_entry_hidden(name, nlsttemp, root)) continue;
-        ftpd_strlcpy(onefile, path, FTP_PATH_HALF);
-        size_t len = strlen(onefile);
-        if (len == 0 || onefile[len - 1] != '/') ftpd_strlcat(onefile, "/", FTP_LIST_ENTRY_SIZE);
-        ftpd_strlcat(onefile, name, FTP_LIST_ENTRY_SIZE);
-        if (!is_regular(onefile)) continue;
-        if (!write_name(fd, name, kEntryNameBound, databuff)) return -1;
+        if (!is_regular_entry(dfd, ent)) continue;
+        if (!write_name(out, name, kEntryNameBound, databuff)) return -1;
     }
-    return 0;
+    return out.finish() ? 0 : -1;
 }
 
-int nlst_reg(const char *path, int fd, const char *nlsttemp, char *databuff) {
+int nlst_reg(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff) {
     const char *name = nullptr;
     if (get_file_name(path, &name) != 0) return -3;
     if (strcmp(name, nlsttemp) == 0 || is_special_file(name)) return -3;
-    if (!write_name(fd, name, kFileNameBound, databuff)) return -2;
+    if (!write_name(out, name, kFileNameBound, databuff) || !out.finish()) return -2;
     return 0;
 }
 
-int nlst_wildcard(const char *path, int fd, const char *nlsttemp, char *onefile, char *databuff, char *temppath,
+int nlst_wildcard(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff, char *temppath,
                   const char *current_dir) {
     const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
     struct stat st;
@@ -82,14 +83,13 @@ int nlst_wildcard(const char *path, int fd, const char *nlsttemp, char *onefile,
     dir_handle dir(opendir(temppath));
     if (!dir) return -2;
     bool root = strcmp(temppath, "/") == 0;
+    int dfd = dirfd(dir.get());
     while (struct dirent *ent = readdir(dir.get())) {
         const char *name = ent->d_name;
         if (ftpd_entry_hidden(name, nlsttemp, root)) continue;
-        ftpd_strlcpy(onefile, temppath, FTP_PATH_HALF);
-        ftpd_strlcat(onefile, name, FTP_LIST_ENTRY_SIZE);
-        if (!is_regular(onefile)) continue;
+        if (!is_regular_entry(dfd, ent)) continue;
         if (ftpd_is_match(name, pattern) != 1) continue;
-        if (!write_name(fd, name, kEntryNameBound, databuff)) return -2;
+        if (!write_name(out, name, kEntryNameBound, databuff)) return -2;
     }
-    return 0;
+    return out.finish() ? 0 : -2;
 }

@@ -1,11 +1,22 @@
 // The transfer engine: moves one file's bytes between an open file and an open data connection,
-// block by block, converting line ends in ASCII type, counting bytes into the session record and
-// watching for a stalled data connection and for the stop message of the local control channel.
-// Also the TYPE command and the names of the representation types.
+// converting line ends in ASCII type, counting bytes into the session record and watching for a
+// stalled data connection and for the stop message of the local control channel. Also the TYPE
+// command and the names of the representation types.
+//
+// Bytes move in chunks of many blocks per system call, and in binary type a regular file goes out
+// with sendfile. Line ends are still converted block by block (512-byte file blocks when sending,
+// received blocks of at most 1024 bytes when receiving), so the output is byte for byte that of
+// converting one block per call. The stop message and the idle time-out are checked per chunk.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "ftpd.h"
@@ -14,29 +25,321 @@ const char *typenames[] = {"0", "ASCII", "EBCDIC", "BINARY", "Local"};
 
 namespace {
 
-constexpr size_t FTP_RECV_BLOCK = 1024;  // receive block of the data connection
+constexpr size_t FTP_RECV_BLOCK = 1024;  // conversion block of received bytes
+// Bytes read from the file per call when sending, and taken from the data connection per call
+// when receiving. They bound a transfer's buffers: send 3 x kSendChunk (the conversion buffer is
+// doubled), receive 2 x kRecvChunk.
+constexpr size_t kSendChunk = 64 * 1024;
+constexpr size_t kRecvChunk = 64 * 1024;
+// Most bytes one sendfile call may move before the stop message is looked at again.
+constexpr size_t kSendfileChunk = 1024 * 1024;
+// Pipe of a binary upload spliced from the connection into the file: bytes per chunk.
+constexpr int kSplicePipe = 256 * 1024;
 
-// Owner of one session event waiter for the length of a transfer.
-class epoll_owner {
+const char kReply426Send[] = "426 Connection closed; transfer aborted.\r\n";
+const char kReply226[] = "226 Closing data connection.\r\n";
+
+bool type_is_served(int type) {
+    return type == 1 || type == 3 || type == 4;
+}
+
+// Owner of the transfer's event waiter. The descriptors are registered once for the whole
+// transfer (not once per wait), and a wait lasts the session's idle time-out.
+class xfer_waiter {
   public:
-    epoll_owner() : ep_(ftpd_epoll_create()) {}
-    ~epoll_owner() { reset(); }
-    epoll_owner(const epoll_owner &) = delete;
-    epoll_owner &operator=(const epoll_owner &) = delete;
-    struct ftp_epoll_s *get() const {
-        return ep_;
+    explicit xfer_waiter(int timeout_minutes) : ep_(ftpd_epoll_create()), timeout_ms_(timeout_minutes * 60 * 1000) {
+        if (timeout_ms_ < 0) timeout_ms_ = 0;
     }
+    ~xfer_waiter() { reset(); }
+    xfer_waiter(const xfer_waiter &) = delete;
+    xfer_waiter &operator=(const xfer_waiter &) = delete;
+
+    explicit operator bool() const { return ep_ != nullptr; }
     void reset() {
         if (ep_ != nullptr) ftpd_epoll_destroy(ep_);
         ep_ = nullptr;
     }
+    bool add(int fd, uint32_t events) {
+        struct epoll_event ev {};
+        ev.events = events;
+        ev.data.fd = fd;
+        return epoll_ctl(ep_->efd, EPOLL_CTL_ADD, fd, &ev) == 0;
+    }
+    // Number of ready descriptors, 0 on time-out, negative on failure.
+    int wait() {
+        int n;
+        do {
+            n = epoll_wait(ep_->efd, ep_->ev, FTP_EPOLL_MAX, timeout_ms_);
+        } while (n < 0 && errno == EINTR);
+        ep_->wait_n = n;
+        return n;
+    }
+    bool ready(int fd) const { return ftpd_epoll_event(ep_, fd, FTP_EPOLL_IN | FTP_EPOLL_OUT); }
 
   private:
     struct ftp_epoll_s *ep_;
+    int timeout_ms_;
 };
 
-bool type_is_served(int type) {
-    return type == 1 || type == 3 || type == 4;
+// Puts a descriptor in non-blocking mode for the life of the guard (sendfile has no per-call flag).
+class nonblocking_guard {
+  public:
+    explicit nonblocking_guard(int fd) : fd_(fd), old_(fcntl(fd, F_GETFL)) {
+        if (old_ >= 0 && (old_ & O_NONBLOCK) == 0) fcntl(fd_, F_SETFL, old_ | O_NONBLOCK);
+    }
+    ~nonblocking_guard() {
+        if (old_ >= 0 && (old_ & O_NONBLOCK) == 0) fcntl(fd_, F_SETFL, old_);
+    }
+    nonblocking_guard(const nonblocking_guard &) = delete;
+    nonblocking_guard &operator=(const nonblocking_guard &) = delete;
+
+  private:
+    int fd_;
+    int old_;
+};
+
+// sendfile has no MSG_NOSIGNAL: a peer that went away must fail the call, not raise SIGPIPE in a
+// process that has not ignored it. The signal is held for the guard's life and a SIGPIPE raised
+// meanwhile is taken off the thread again.
+class sigpipe_guard {
+  public:
+    sigpipe_guard() {
+        sigemptyset(&pipe_);
+        sigaddset(&pipe_, SIGPIPE);
+        sigset_t pending;
+        sigemptyset(&pending);
+        sigpending(&pending);
+        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipe_, &old_);
+    }
+    ~sigpipe_guard() {
+        sigset_t pending;
+        sigemptyset(&pending);
+        if (!was_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+            struct timespec zero {};
+            sigtimedwait(&pipe_, nullptr, &zero);
+        }
+        pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+    }
+    sigpipe_guard(const sigpipe_guard &) = delete;
+    sigpipe_guard &operator=(const sigpipe_guard &) = delete;
+
+  private:
+    sigset_t pipe_;
+    sigset_t old_;
+    bool was_pending_ = false;
+};
+
+// Binary uploads: the bytes go from the connection to the file through a pipe, without a copy
+// into the daemon. Each move takes what the connection has, up to the pipe's size.
+class splice_pipe {
+  public:
+    enum result { moved, end_of_data, nothing_yet, unsupported, receive_failed, write_failed };
+
+    splice_pipe() {
+        if (pipe2(fd_, O_CLOEXEC) != 0) {
+            fd_[0] = fd_[1] = -1;
+            return;
+        }
+        fcntl(fd_[1], F_SETPIPE_SZ, kSplicePipe);
+    }
+    ~splice_pipe() {
+        for (int fd : fd_)
+            if (fd >= 0) close(fd);
+    }
+    splice_pipe(const splice_pipe &) = delete;
+    splice_pipe &operator=(const splice_pipe &) = delete;
+    bool ok() const { return fd_[0] >= 0; }
+
+    result move(int sock, int file, ssize_t *count) {
+        ssize_t n = splice(sock, nullptr, fd_[1], nullptr, kSplicePipe, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        if (n == 0) return end_of_data;
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return nothing_yet;
+            if (errno == EINVAL || errno == ENOSYS) return unsupported;
+            return receive_failed;
+        }
+        *count = n;
+        while (n > 0) {
+            ssize_t m = splice(fd_[0], nullptr, file, nullptr, static_cast<size_t>(n), SPLICE_F_MOVE);
+            if (m < 0 && errno == EINTR) continue;
+            if (m <= 0) return write_failed;
+            n -= m;
+        }
+        return moved;
+    }
+
+  private:
+    int fd_[2];
+};
+
+enum class send_outcome { done, input_error, failed, stopped, fall_back, more };
+
+// The sending side looks at the control channel between chunks and aborts only on a datagram it
+// actually received.
+bool stop_received(int domain_fd) {
+    char msg[FTP_DOMAIN_MSG_LEN];
+    return domain_fd >= 0 && recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) > 0;
+}
+
+// Waits until the data connection takes output again: more, or failed on time-out or a failing
+// wait. A stop message that arrives meanwhile is taken at once, so that a stalled transfer does
+// not sit out the time-out first.
+send_outcome wait_for_room(xfer_waiter &w, int domain_fd) {
+    int r = w.wait();
+    if (r == 0) FTPD_LOG_PRO("Time out\n");
+    if (r <= 0) return send_outcome::failed;
+    if (domain_fd >= 0 && w.ready(domain_fd) && stop_received(domain_fd)) return send_outcome::stopped;
+    return send_outcome::more;
+}
+
+// Sends all len bytes, completing partial sends; each wait for room lasts the idle time-out.
+send_outcome send_all(xfer_waiter &w, int sock, const char *p, size_t len, int domain_fd, struct credentials *pcred) {
+    while (len > 0) {
+        ssize_t n = send(sock, p, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            p += n;
+            len -= static_cast<size_t>(n);
+            pcred->byte_count += n;
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            send_outcome r = wait_for_room(w, domain_fd);
+            if (r != send_outcome::more) return r;
+        } else {
+            return send_outcome::failed;
+        }
+    }
+    return send_outcome::more;
+}
+
+// Writes all len bytes to the file, completing partial writes.
+bool write_all(int fd, const char *p, size_t len) {
+    while (len > 0) {
+        ssize_t n = write(fd, p, len);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+ssize_t read_some(int fd, char *p, size_t len) {
+    ssize_t n;
+    do {
+        n = read(fd, p, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+// One block to CR LF form, by the rule of unix_to_dos: a line feed gets a carriage return unless
+// the byte before it in this block is one. Runs between line feeds are copied whole.
+size_t block_to_dos(const char *in, size_t len, char *out) {
+    const char *p = in;
+    const char *end = in + len;
+    char *o = out;
+    while (p < end) {
+        const char *nl = static_cast<const char *>(memchr(p, '\n', static_cast<size_t>(end - p)));
+        if (nl == nullptr) {
+            memcpy(o, p, static_cast<size_t>(end - p));
+            o += end - p;
+            break;
+        }
+        memcpy(o, p, static_cast<size_t>(nl - p));
+        o += nl - p;
+        if (nl == in || nl[-1] != '\r') *o++ = '\r';
+        *o++ = '\n';
+        p = nl + 1;
+    }
+    return static_cast<size_t>(o - out);
+}
+
+// One block to LF form, by the rule of dos_to_unix: a carriage return followed by a line feed
+// inside this block is dropped; one that ends the block is kept.
+size_t block_to_unix(const char *in, size_t len, char *out) {
+    const char *p = in;
+    const char *end = in + len;
+    char *o = out;
+    while (p < end) {
+        const char *cr = static_cast<const char *>(memchr(p, '\r', static_cast<size_t>(end - p)));
+        if (cr == nullptr) {
+            memcpy(o, p, static_cast<size_t>(end - p));
+            o += end - p;
+            break;
+        }
+        memcpy(o, p, static_cast<size_t>(cr - p));
+        o += cr - p;
+        if (cr + 1 == end || cr[1] != '\n') *o++ = '\r';
+        p = cr + 1;
+    }
+    return static_cast<size_t>(o - out);
+}
+
+// Converts len bytes cut into blocks of blk bytes from the start, each block by itself.
+size_t chunk_to_dos(const char *in, size_t len, size_t blk, char *out) {
+    size_t k = 0;
+    for (size_t off = 0; off < len; off += blk) k += block_to_dos(in + off, len - off < blk ? len - off : blk, out + k);
+    return k;
+}
+
+size_t chunk_to_unix(const char *in, size_t len, size_t blk, char *out) {
+    size_t k = 0;
+    for (size_t off = 0; off < len; off += blk)
+        k += block_to_unix(in + off, len - off < blk ? len - off : blk, out + k);
+    return k;
+}
+
+// Binary type, regular file: the kernel moves the bytes. Falls back to reading and sending when
+// the file system cannot do sendfile; the file offset is then where sendfile stopped.
+send_outcome send_with_sendfile(int instr, int outstr, int domain_fd, xfer_waiter &w, struct credentials *pcred) {
+    off_t off = lseek(instr, 0, SEEK_CUR);
+    struct stat st;
+    if (off < 0 || fstat(instr, &st) != 0) return send_outcome::fall_back;
+    off_t size_hint = st.st_size;
+    nonblocking_guard nb(outstr);
+    sigpipe_guard quiet;
+    for (;;) {
+        // At the known end, the next call finds end of file before anything else is looked at,
+        // as a block read would. A file that grew (or reports no size) just goes on.
+        bool at_end = off >= size_hint;
+        if (!at_end && stop_received(domain_fd)) return send_outcome::stopped;
+        ssize_t n = sendfile(outstr, instr, &off, kSendfileChunk);
+        if (n > 0) {
+            pcred->byte_count += n;
+            if (at_end && fstat(instr, &st) == 0) size_hint = st.st_size;
+            continue;
+        }
+        if (n == 0) return send_outcome::done;
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            send_outcome r = wait_for_room(w, domain_fd);
+            if (r != send_outcome::more) return r;
+            continue;
+        }
+        // Let the plain path find out whether the file or the connection failed.
+        if (lseek(instr, off, SEEK_SET) < 0) return send_outcome::input_error;
+        return send_outcome::fall_back;
+    }
+}
+
+// Reads the file a chunk at a time, converts it block by block in ASCII type and sends it.
+send_outcome send_with_copy(int instr, int outstr, size_t blk, char *buf, char *chang_buf, size_t chunk, int domain_fd,
+                            xfer_waiter &w, struct credentials *pcred) {
+    for (;;) {
+        ssize_t n = read_some(instr, buf, chunk);
+        if (n < 0) return send_outcome::input_error;
+        if (n == 0) return send_outcome::done;
+        if (stop_received(domain_fd)) return send_outcome::stopped;
+        const char *out = buf;
+        size_t len = static_cast<size_t>(n);
+        if (pcred->cnt.tran_type == 1) {
+            len = chunk_to_dos(buf, len, blk, chang_buf);
+            out = chang_buf;
+        }
+        send_outcome r = send_all(w, outstr, out, len, domain_fd, pcred);
+        if (r != send_outcome::more) return r;
+    }
 }
 
 }  // namespace
@@ -77,68 +380,53 @@ int send_data(int control_fd, int instr, int outstr, int blksize, struct credent
 int send_data_with_type(int control_fd, int instr, int outstr, int blksize, struct credentials *pcred, int domain_fd) {
     if (blksize <= 0) blksize = FTP_BUF_SIZE;
     size_t blk = static_cast<size_t>(blksize);
-    ftpd_block buf(FTPD_M_BUF, blk);
-    ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * blk);
+    // A whole number of conversion blocks per read, so blocks fall where one read per block would.
+    size_t chunk = blk >= kSendChunk ? blk : kSendChunk / blk * blk;
+    ftpd_block buf(FTPD_M_BUF, chunk);
+    ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * chunk);
     if (!buf || !chang_buf) {
         buf.reset();
         chang_buf.reset();
         ftpd_reply(control_fd, "451", "Local resource failure: malloc.", nullptr, nullptr);
         return -1;
     }
-    epoll_owner ep;
-    if (ep.get() == nullptr) {
+    xfer_waiter w(pcred->timeout);
+    if (!w) {
         buf.reset();
         chang_buf.reset();
         ftpd_reply(control_fd, "451", "Local resource failure: epoll.", nullptr, nullptr);
         return -1;
     }
-    ep.get()->fd[0] = outstr;
-    ep.get()->timeout = pcred->timeout * 60;
+
+    send_outcome r = send_outcome::fall_back;
+    if (w.add(outstr, EPOLLOUT) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN))) {
+        struct stat st;
+        if (pcred->cnt.tran_type != 1 && fstat(instr, &st) == 0 && S_ISREG(st.st_mode))
+            r = send_with_sendfile(instr, outstr, domain_fd, w, pcred);
+        if (r == send_outcome::fall_back)
+            r = send_with_copy(instr, outstr, blk, buf.get(), chang_buf.get(), chunk, domain_fd, w, pcred);
+    } else {
+        r = send_outcome::failed;
+    }
 
     // Buffers and waiter are given back before the final reply on every way out.
-    auto release = [&]() {
-        buf.reset();
-        chang_buf.reset();
-        ep.reset();
-    };
-    for (;;) {
-        memset(buf.get(), 0, blk);
-        memset(chang_buf.get(), 0, 2 * blk);
-        ssize_t n = read(instr, buf.get(), blk);
-        if (n < 0) {
-            release();
+    buf.reset();
+    chang_buf.reset();
+    w.reset();
+    switch (r) {
+        case send_outcome::done:
+            ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr);
+            return 0;
+        case send_outcome::input_error:
             ftpd_reply(control_fd, "551", "Error on input file.", nullptr, nullptr);
             return -1;
-        }
-        if (n == 0) {
-            release();
-            ftpd_reply(control_fd, nullptr, "%s", "226 Closing data connection.\r\n", nullptr);
-            return 0;
-        }
-        int w = ftpd_epoll(ep.get(), FTP_EPOLL_OUT);
-        if (w <= 0) {
-            if (w == 0) FTPD_LOG_PRO("Time out\n");
-            break;
-        }
-        char msg[FTP_DOMAIN_MSG_LEN];
-        if (recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) > 0) {
-            release();
-            ftpd_reply(control_fd, nullptr, "%s", "426 Connection closed; transfer aborted.\r\n", nullptr);
+        case send_outcome::stopped:
+            ftpd_reply(control_fd, nullptr, "%s", kReply426Send, nullptr);
             return -2;
-        }
-        const char *out = buf.get();
-        ssize_t len = n;
-        if (pcred->cnt.tran_type == 1) {
-            len = unix_to_dos(buf.get(), chang_buf.get(), static_cast<int>(n));
-            out = chang_buf.get();
-        }
-        // One send per block; a short send counts as failure.
-        if (send(outstr, out, static_cast<size_t>(len), MSG_NOSIGNAL) != len) break;
-        pcred->byte_count += len;
+        default:
+            ftpd_reply(control_fd, nullptr, "%s", kReply426Send, nullptr);
+            return -1;
     }
-    release();
-    ftpd_reply(control_fd, nullptr, "%s", "426 Connection closed; transfer aborted.\r\n", nullptr);
-    return -1;
 }
 
 int receive_data(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd) {
@@ -151,39 +439,41 @@ int receive_data(int control_fd, int instr, int outstr, struct credentials *pcre
 }
 
 int receive_data_with_type(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd) {
-    ftpd_block databuff(FTPD_M_DATA_BUF, FTP_RECV_BLOCK);
-    ftpd_block buf(FTPD_M_BUF, FTP_RECV_BLOCK);
+    ftpd_block databuff(FTPD_M_DATA_BUF, kRecvChunk);
+    ftpd_block buf(FTPD_M_BUF, kRecvChunk);
     if (!databuff || !buf) {
         databuff.reset();
         buf.reset();
         ftpd_reply(control_fd, "451", "Local resource failure: malloc.", nullptr, nullptr);
         return -1;
     }
-    epoll_owner ep;
-    if (ep.get() == nullptr) {
+    xfer_waiter w(pcred->timeout);
+    if (!w) {
         databuff.reset();
         buf.reset();
         ftpd_reply(control_fd, "451", "Local resource failure: epoll.", nullptr, nullptr);
         return -1;
     }
-    ep.get()->fd[0] = instr;
-    if (domain_fd >= 0) ep.get()->fd[1] = domain_fd;
-    ep.get()->timeout = pcred->timeout * 60;
 
     auto release = [&]() {
         databuff.reset();
         buf.reset();
-        ep.reset();
+        w.reset();
     };
-    for (;;) {
-        memset(databuff.get(), 0, FTP_RECV_BLOCK);
-        int w = ftpd_epoll(ep.get(), FTP_EPOLL_IN);
-        if (w <= 0) {
-            if (w == 0) FTPD_LOG_PRO("Time out.\n");
+    bool armed = w.add(instr, EPOLLIN) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN));
+    // Binary type to a regular file is spliced; otherwise (or when the connection cannot splice)
+    // the bytes are received into the buffer.
+    splice_pipe sp;
+    struct stat st;
+    bool use_splice = pcred->cnt.tran_type != 1 && fstat(outstr, &st) == 0 && S_ISREG(st.st_mode) && sp.ok();
+    while (armed) {
+        int n_ready = w.wait();
+        if (n_ready <= 0) {
+            if (n_ready == 0) FTPD_LOG_PRO("Time out.\n");
             break;
         }
         // Abort as soon as the control channel is readable, even if another thread took the datagram.
-        if (domain_fd >= 0 && ftpd_epoll_event(ep.get(), domain_fd, FTP_EPOLL_IN)) {
+        if (domain_fd >= 0 && w.ready(domain_fd)) {
             char msg[FTP_DOMAIN_MSG_LEN];
             if (recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) < 0)
                 FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
@@ -191,26 +481,51 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
             ftpd_reply(control_fd, "426", "Data Connection.", nullptr, nullptr);
             return -2;
         }
-        if (!ftpd_epoll_event(ep.get(), instr, FTP_EPOLL_IN)) continue;
-        ssize_t n = recv(instr, databuff.get(), FTP_RECV_BLOCK, 0);
-        if (n < 0) break;
+        if (!w.ready(instr)) continue;
+        if (use_splice) {
+            ssize_t moved = 0;
+            splice_pipe::result r = sp.move(instr, outstr, &moved);
+            if (r == splice_pipe::moved) {
+                pcred->byte_count += static_cast<off_t>(moved);
+                continue;
+            }
+            if (r == splice_pipe::nothing_yet) continue;
+            if (r == splice_pipe::end_of_data) {
+                fsync(outstr);
+                release();
+                return 0;
+            }
+            if (r == splice_pipe::write_failed) {
+                release();
+                ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
+                return -1;
+            }
+            if (r == splice_pipe::receive_failed) break;
+            use_splice = false;  // unsupported: receive into the buffer from now on
+        }
+        ssize_t n = recv(instr, databuff.get(), kRecvChunk, MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+            break;
+        }
         if (n == 0) {
             fsync(outstr);
             release();
             return 0;
         }
         const char *out = databuff.get();
-        ssize_t len = n;
+        size_t len = static_cast<size_t>(n);
         if (pcred->cnt.tran_type == 1) {
-            len = dos_to_unix(databuff.get(), buf.get(), static_cast<int>(n));
+            // Cut where one receive of at most one block at a time would have cut.
+            len = chunk_to_unix(databuff.get(), len, FTP_RECV_BLOCK, buf.get());
             out = buf.get();
         }
-        if (write(outstr, out, static_cast<size_t>(len)) != len) {
+        if (!write_all(outstr, out, len)) {
             release();
             ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
             return -1;
         }
-        pcred->byte_count += len;
+        pcred->byte_count += static_cast<off_t>(len);
     }
     release();
     ftpd_reply(control_fd, "426", "Data Connection.", nullptr, nullptr);

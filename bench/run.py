@@ -1,0 +1,492 @@
+#!/usr/bin/env python3
+"""Side-by-side benchmark of this daemon against vsftpd (a black-box peer from Debian).
+
+Both servers run on loopback and serve the same tmpfs directory (with a bind-mounted directory
+on the disk for the listing on disk). Every measurement is repeated and interleaved between the
+servers, and the median is kept. Server CPU is read from /proc/PID/stat of the server's whole
+process tree: its cpuacct control group when the machine has one (every process the server ever
+forked counts, also those reaped without a wait), otherwise each process's own and waited-for
+children's time. Nothing is asserted: the figures are printed as a table with
+the ratio to each peer and written to docs/performance.md.
+
+Needs root (vsftpd's anonymous sessions change root and user; the bind mount) and the peers
+installed by bench/setup.sh. Run through `make bench`.
+"""
+
+import argparse
+import os
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import textwrap
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+CLK = os.sysconf("SC_CLK_TCK")
+PAGE = os.sysconf("SC_PAGE_SIZE")
+GIB = 1 << 30
+MIB = 1 << 20
+
+USER, PASSWORD = "bench", "benchpw1"
+LIST_ENTRIES = 10000
+
+
+def free_port():
+    import socket
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+def proc_stat(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        text = f.read()
+    fields = text[text.rindex(")") + 2:].split()
+    # fields[0] is field 3 (state): ppid 4, utime 14, stime 15, cutime 16, cstime 17, rss 24
+    return {"ppid": int(fields[1]), "cpu": sum(int(x) for x in fields[11:15]) / CLK,
+            "rss": int(fields[21]) * PAGE}
+
+
+def tree(root_pid):
+    """The process ids of root_pid and all its descendants."""
+    children = {}
+    for name in os.listdir("/proc"):
+        if name.isdigit():
+            try:
+                children.setdefault(proc_stat(int(name))["ppid"], []).append(int(name))
+            except (OSError, ValueError):
+                pass
+    out, todo = [], [root_pid]
+    while todo:
+        pid = todo.pop()
+        out.append(pid)
+        todo.extend(children.get(pid, []))
+    return out
+
+
+def tree_sum(root_pid, key):
+    total = 0
+    for pid in tree(root_pid):
+        try:
+            total += proc_stat(pid)[key]
+        except (OSError, ValueError):
+            pass
+    return total
+
+
+CPUACCT = "/sys/fs/cgroup/cpuacct"
+
+
+class Server:
+    name = "?"
+
+    def __init__(self, work, share):
+        self.work = work
+        self.share = share
+        self.port = free_port()
+        self.proc = None
+        self.cgroup = None
+
+    @property
+    def pid(self):
+        return self.proc.pid
+
+    def spawn(self, argv, env=None):
+        self.proc = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        if os.path.isdir(CPUACCT) and os.access(CPUACCT, os.W_OK):
+            group = os.path.join(CPUACCT, "ftps-bench-%s-%d" % (self.name, os.getpid()))
+            try:
+                os.makedirs(group, exist_ok=True)
+                with open(os.path.join(group, "cgroup.procs"), "w") as f:
+                    f.write(str(self.proc.pid))
+                self.cgroup = group
+            except OSError:
+                self.cgroup = None
+        self.wait_port()
+
+    def cpu(self):
+        if self.cgroup:
+            with open(os.path.join(self.cgroup, "cpuacct.usage")) as f:
+                return int(f.read()) / 1e9
+        return tree_sum(self.pid, "cpu")
+
+    def rss(self):
+        return tree_sum(self.pid, "rss")
+
+    def settle(self, timeout=5.0):
+        """Waits until the sessions of the last measurement are gone (their CPU then counts)."""
+        deadline = time.time() + timeout
+        while time.time() < deadline and len(tree(self.pid)) > 1 + self.base_processes:
+            time.sleep(0.02)
+
+    base_processes = 0
+
+    def wait_port(self):
+        import socket
+        deadline = time.time() + 15
+        while time.time() < deadline:
+            try:
+                with socket.create_connection(("127.0.0.1", self.port), timeout=1) as s:
+                    s.recv(100)
+                    return
+            except OSError:
+                time.sleep(0.1)
+        raise RuntimeError("%s did not come up" % self.name)
+
+    def stop(self):
+        if self.proc and self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+            try:
+                self.proc.wait(10)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        if self.cgroup:
+            for _ in range(50):
+                try:
+                    os.rmdir(self.cgroup)
+                    break
+                except OSError:
+                    time.sleep(0.1)
+
+
+class Ftps(Server):
+    name = "ftps"
+
+    def __init__(self, work, share, build):
+        super().__init__(work, share)
+        self.build = build
+        self.user, self.password = USER, PASSWORD
+        self.dir = os.path.join(work, "ftps")
+        # Temporary listing files go below TMPDIR: on the disk, as with a stock /tmp.
+        self.tmpdir = os.path.join(self.dir, "t")
+        os.makedirs(self.tmpdir)
+        self.platform = os.path.join(self.dir, "platform.conf")
+        startup = os.path.join(self.dir, "startup.conf")
+        with open(startup, "w") as f:
+            f.write("ftp-server topdir flash:/\n"
+                    "ftp-server username %s password %s\n"
+                    "ftp-server max-user-connect 20\n"
+                    "ftp-server enable\n" % (USER, PASSWORD))
+        with open(self.platform, "w") as f:
+            f.write("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\n[storage]\nflash = %s\n"
+                    "[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
+                    "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, share, startup))
+
+    def start(self):
+        env = dict(os.environ, TMPDIR=self.tmpdir, FTPS_PLATFORM=self.platform)
+        env.pop("NOTIFY_SOCKET", None)
+        self.spawn([os.path.join(self.build, "ftp_server.elf")], env=env)
+
+
+class Vsftpd(Server):
+    name = "vsftpd"
+    base_processes = 0
+
+    def __init__(self, work, share):
+        super().__init__(work, share)
+        self.user, self.password = "anonymous", "bench@"
+        self.conf = os.path.join(work, "vsftpd.conf")
+        # Anonymous sessions: the cheapest login the peer has, against the daemon's own user table.
+        # ASCII conversion is switched on so that TYPE A does the same work as this daemon does.
+        with open(self.conf, "w") as f:
+            f.write("\n".join([
+                "listen=YES", "listen_ipv6=NO", "listen_address=127.0.0.1", "listen_port=%d" % self.port,
+                "background=NO", "anonymous_enable=YES", "no_anon_password=YES", "local_enable=NO",
+                "anon_root=%s" % share, "write_enable=YES", "anon_upload_enable=YES",
+                "anon_mkdir_write_enable=YES", "anon_other_write_enable=YES", "anon_umask=022",
+                "ascii_upload_enable=YES", "ascii_download_enable=YES", "dirmessage_enable=NO",
+                "xferlog_enable=NO", "pasv_enable=YES", "max_clients=0", "max_per_ip=0",
+                "seccomp_sandbox=NO", ""]))
+
+    def start(self):
+        self.spawn(["vsftpd", self.conf])
+
+
+class Bench:
+    def __init__(self, args):
+        self.args = args
+        self.client = os.path.join(args.client_build, "ftpbench")
+        self.results = {}  # (test, server) -> dict of metric -> list
+
+    def run_client(self, server, *argv, timeout=600):
+        cmd = [self.client, argv[0], str(server.port), server.user, server.password, *map(str, argv[1:])]
+        r = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
+        if r.returncode != 0:
+            raise RuntimeError("%s %s: %s" % (server.name, " ".join(cmd[1:2] + cmd[5:]), r.stderr.strip()))
+        return {k: float(v) for k, v in (w.split("=") for w in r.stdout.split())}
+
+    def record(self, test, server, **metrics):
+        row = self.results.setdefault((test, server.name), {})
+        for k, v in metrics.items():
+            row.setdefault(k, []).append(v)
+
+    def measured(self, server, *argv):
+        server.settle()
+        c0 = server.cpu()
+        out = self.run_client(server, *argv)
+        server.settle()
+        out["cpu"] = server.cpu() - c0
+        return out
+
+    def interleave(self, servers, reps, fn):
+        for i in range(reps):
+            order = servers if i % 2 == 0 else list(reversed(servers))
+            for s in order:
+                fn(s)
+
+    def transfer(self, test, op, type_, path, size, servers, reps):
+        def one(s):
+            if op == "stor":
+                # Each server writes its own file: an anonymous peer may not replace another's.
+                out = self.measured(s, "stor", type_, path % s.name, size)
+            else:
+                out = self.measured(s, "retr", type_, path)
+            self.record(test, s, mibs=size / MIB / out["seconds"], cpu_gib=out["cpu"] / (size / GIB))
+        self.interleave(servers, reps, one)
+
+    def wanted(self, key):
+        return not self.args.tests or key in self.args.tests.split(",")
+
+    def run(self, servers, share):
+        a = self.args
+        reps = a.reps
+        if self.wanted("retr"):
+            self.transfer("RETR 1 GiB binary", "retr", "I", "big.bin", GIB, servers, reps)
+        if self.wanted("stor"):
+            self.transfer("STOR 1 GiB binary", "stor", "I", "up/stor-%s.bin", GIB, servers, reps)
+        if self.wanted("aretr"):
+            self.transfer("RETR 256 MiB ASCII", "retr", "A", "text.txt", 256 * MIB, servers, reps)
+        if self.wanted("astor"):
+            self.transfer("STOR 256 MiB ASCII", "stor", "A", "up/stor-%s.txt", 256 * MIB, servers, reps)
+        if not self.wanted("logins"):
+            return self.run_rest(servers, reps)
+
+        def logins(s):
+            out = self.measured(s, "logins", 19, a.login_seconds)
+            self.record("19 clients connect+USER+PASS+QUIT", s, rate=out["rate"],
+                        cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1), failed=out["failed"])
+        self.interleave(servers, max(3, reps // 2), logins)
+        return self.run_rest(servers, reps)
+
+    def run_rest(self, servers, reps):
+        def mretr(s):
+            out = self.measured(s, "mretr", 19, "ten.bin")
+            self.record("19 concurrent RETR of 10 MiB", s, mibs=out["bytes"] / MIB / out["seconds"],
+                        cpu_gib=out["cpu"] / (out["bytes"] / GIB))
+        if self.wanted("mretr"):
+            self.interleave(servers, reps, mretr)
+
+        for where, path in (("tmpfs", "dir10k"), ("disk", "disk/dir10k")):
+            for verb in ("LIST", "NLST"):
+                def listing(s, verb=verb, path=path, where=where):
+                    out = self.measured(s, "list", verb, path)
+                    self.record("%s of %d entries (%s)" % (verb, LIST_ENTRIES, where), s,
+                                ms=1000 * out["seconds"], kib=out["bytes"] / 1024)
+                if self.wanted("list"):
+                    self.interleave(servers, reps, listing)
+
+        for s in servers if self.wanted("rss") else []:
+            s.settle()
+            self.record("RSS idle", s, mib=s.rss() / MIB)
+            hold = subprocess.Popen([self.client, "hold", str(s.port), s.user, s.password, "19"],
+                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+            line = hold.stdout.readline()
+            if line.strip() == "ready":
+                time.sleep(0.5)
+                self.record("RSS with 19 logged-in sessions", s, mib=s.rss() / MIB)
+            hold.stdin.close()
+            hold.wait(30)
+
+
+def make_share(share, disk):
+    os.makedirs(share)
+    os.chmod(share, 0o755)
+    with open(os.path.join(share, "big.bin"), "wb") as f:
+        block = os.urandom(MIB)
+        for _ in range(GIB // MIB):
+            f.write(block)
+    with open(os.path.join(share, "ten.bin"), "wb") as f:
+        f.write(os.urandom(10 * MIB))
+    line = (b"".join(bytes([97 + i % 26]) for i in range(63)) + b"\n") * 16384
+    with open(os.path.join(share, "text.txt"), "wb") as f:
+        for _ in range(256 * MIB // len(line)):
+            f.write(line)
+    up = os.path.join(share, "up")
+    os.makedirs(up)
+    shutil.chown(up, "ftp", "ftp")
+    for base in (share, disk):
+        d = os.path.join(base, "dir10k")
+        os.makedirs(d)
+        for i in range(LIST_ENTRIES):
+            with open(os.path.join(d, "file-%05d.dat" % i), "wb") as f:
+                f.write(b"x" * (i % 300))
+        os.chmod(d, 0o755)
+    os.makedirs(os.path.join(share, "disk"))
+    subprocess.run(["mount", "--bind", disk, os.path.join(share, "disk")], check=True)
+    for root, dirs, files in os.walk(share):
+        for n in files:
+            os.chmod(os.path.join(root, n), 0o644)
+
+
+def median(xs):
+    return statistics.median(xs) if xs else float("nan")
+
+
+UNITS = {"mibs": ("MiB/s", True), "cpu_gib": ("CPU s/GiB", False), "rate": ("sessions/s", True),
+         "cpu_ms": ("CPU ms/session", False), "failed": ("refused or failed sessions", False), "ms": ("ms", False), "mib": ("MiB", False)}
+
+
+def table(bench, servers):
+    names = [s.name for s in servers]
+    peers = names[1:]
+    head = "| Measurement | Unit | " + " | ".join(names) + " | " + \
+        " | ".join("ratio to %s" % p for p in peers) + " |"
+    lines = [head, "|" + "---|" * (2 + len(names) + len(peers))]
+    tests = []
+    for (test, _server) in bench.results:
+        if test not in tests:
+            tests.append(test)
+    for test in tests:
+        metrics = [m for m in UNITS if m in bench.results.get((test, names[0]), {})]
+        for m in metrics:
+            unit, higher_better = UNITS[m]
+            vals = [median(bench.results.get((test, n), {}).get(m, [])) for n in names]
+            cells = ["%.3g" % v if v < 100 else "%.0f" % v for v in vals]
+            ratios = []
+            for v in vals[1:]:
+                ratios.append("%.2f×" % (vals[0] / v) if v else "-")
+            lines.append("| %s | %s | %s | %s |" % (test, unit, " | ".join(cells), " | ".join(ratios)))
+    return "\n".join(lines)
+
+
+# The issue's targets, each as (measurement, metric, test on the ratio to the peer or the value).
+TARGETS = [
+    ("RETR 1 GiB binary", "mibs", "ratio >= 1.0"), ("RETR 1 GiB binary", "cpu_gib", "ratio <= 1.0"),
+    ("STOR 1 GiB binary", "mibs", "ratio >= 1.0"), ("STOR 1 GiB binary", "cpu_gib", "ratio <= 1.0"),
+    ("RETR 256 MiB ASCII", "mibs", "ratio >= 1.0"), ("STOR 256 MiB ASCII", "mibs", "ratio >= 1.0"),
+    ("19 clients connect+USER+PASS+QUIT", "rate", "ratio >= 2.5"),
+    ("LIST of %d entries (tmpfs)" % LIST_ENTRIES, "ms", "ratio <= 2.0"),
+    ("NLST of %d entries (tmpfs)" % LIST_ENTRIES, "ms", "ratio <= 2.0"),
+    ("LIST of %d entries (disk)" % LIST_ENTRIES, "ms", "value < 1000"),
+    ("NLST of %d entries (disk)" % LIST_ENTRIES, "ms", "value < 1000"),
+    ("RSS with 19 logged-in sessions", "mib", "ratio <= 1.0"),
+]
+
+
+def targets(bench, servers):
+    """Each target against the first peer: reached or not (a report, not an assertion)."""
+    if len(servers) < 2:
+        return ""
+    me, peer = servers[0].name, servers[1].name
+    lines = ["| Target (against %s) | Figure | Reached |" % peer, "|---|---|---|"]
+    for test, metric, rule in TARGETS:
+        mine = bench.results.get((test, me), {}).get(metric)
+        theirs = bench.results.get((test, peer), {}).get(metric)
+        if not mine or not theirs:
+            continue
+        value = median(mine)
+        ratio = value / median(theirs) if median(theirs) else float("nan")
+        what, op, bound = rule.split()
+        x = ratio if what == "ratio" else value
+        ok = {">=": x >= float(bound), "<=": x <= float(bound), "<": x < float(bound)}[op]
+        shown = "%.2f×" % ratio if what == "ratio" else "%.0f %s" % (value, UNITS[metric][0])
+        lines.append("| %s, %s %s %s | %s | %s |" % (test, UNITS[metric][0], op, bound if what == "value"
+                                                      else bound + "×", shown, "yes" if ok else "no"))
+    return "\n".join(lines)
+
+
+def write_doc(path, text, args, servers, load, goals):
+    with open("/proc/cpuinfo") as f:
+        model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
+    how = ("its cpuacct control group, so every process it forked counts"
+           if all(s.cgroup for s in servers) else "its whole process tree")
+    intro = "\n\n".join(textwrap.fill(p, 96) for p in [
+        "Measured side by side on loopback by `make bench` (bench/run.py), which starts this daemon "
+        "and vsftpd (Debian's package, used as a black-box peer with its own configuration, anonymous "
+        "login, ASCII conversion switched on) serving the same tmpfs directory. Every figure is the "
+        "median of %d interleaved repetitions (the login test: %d runs of %g s). Server CPU is the CPU "
+        "time of each server measured through %s. This daemon logs clients in against its own user "
+        "table, the peer takes anonymous logins (its cheapest). The ratio is this daemon's figure "
+        "divided by the peer's: above 1 is better for throughput and sessions per second, below 1 is "
+        "better for CPU, time and memory." % (args.reps, max(3, args.reps // 2), args.login_seconds, how),
+        "Machine: %d CPU(s), %s; client and servers share them, and the machine was not otherwise idle "
+        "(load average %s when the run began), so single figures move by some tens of percent from run "
+        "to run; the interleaved medians keep the comparison fair, not exact." % (os.cpu_count(), model, load)])
+    doc = f"""# Performance
+
+{intro}
+
+To reproduce: `make bench` (as root; it installs vsftpd through bench/setup.sh), or
+`python3 bench/run.py --build BUILD_DIR` after a build.
+
+{text}
+
+{goals}
+
+The ASCII figures count the file's bytes per second; the wire carries one more byte per line.
+The listing on the disk lists a directory on the disk bind-mounted into the shared directory;
+this daemon's temporary listing files (`TMPDIR`) are on the disk as well. proftpd and pure-ftpd
+are not measured.
+"""
+    with open(path, "w") as f:
+        f.write(doc)
+
+
+def main():
+    p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    p.add_argument("--build", default=os.path.join(ROOT, "build"), help="the daemon's build directory")
+    p.add_argument("--client-build", default=None, help="build directory of the benchmark client")
+    p.add_argument("--reps", type=int, default=7)
+    p.add_argument("--login-seconds", type=float, default=3.0)
+    p.add_argument("--only", default="", help="comma-separated server names (default: all)")
+    p.add_argument("--tests", default="",
+                   help="comma-separated subset of retr,stor,aretr,astor,logins,mretr,list,rss (default: all)")
+    p.add_argument("--doc", default=os.path.join(ROOT, "docs", "performance.md"))
+    p.add_argument("--no-doc", action="store_true")
+    args = p.parse_args()
+    args.build = os.path.abspath(args.build)
+    if args.client_build is None:
+        args.client_build = os.path.join(args.build, "bench")
+    subprocess.run(["cmake", "-S", HERE, "-B", args.client_build], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", args.client_build, "-j2"], check=True, stdout=subprocess.DEVNULL)
+
+    shm = tempfile.mkdtemp(prefix="ftps-bench-", dir="/dev/shm")
+    disk = tempfile.mkdtemp(prefix="ftps-bench-", dir="/var/tmp")
+    share = os.path.join(shm, "share")
+    servers = []
+    load = "%.1f" % os.getloadavg()[0]
+    try:
+        print("preparing files ...", flush=True)
+        make_share(share, os.path.join(disk, "disk"))
+        servers = [Ftps(disk, share, args.build), Vsftpd(disk, share)]
+        if args.only:
+            servers = [s for s in servers if s.name in args.only.split(",")]
+        for s in servers:
+            s.start()
+        bench = Bench(args)
+        print("measuring ...", flush=True)
+        bench.run(servers, share)
+        text = table(bench, servers)
+        print(text)
+        if not args.no_doc:
+            goals = targets(bench, servers)
+            print(goals)
+            write_doc(args.doc, text, args, servers, load, goals)
+            print("written to %s" % os.path.relpath(args.doc, ROOT))
+    finally:
+        for s in servers:
+            s.stop()
+        subprocess.run(["umount", os.path.join(share, "disk")], stderr=subprocess.DEVNULL)
+        shutil.rmtree(shm, ignore_errors=True)
+        shutil.rmtree(disk, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
