@@ -1,10 +1,12 @@
-# Entry points: make run, make test, make build, make asan, make tsan, make format, make lint.
+# Entry points: make run, make test, make build, make asan, make tsan, make fuzz, make format, make lint,
+# make bench, make install (PREFIX, default /usr; DESTDIR honoured), make deb.
 JOBS ?= $(shell nproc)
 BUILD ?= build
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure
+PREFIX ?= /usr
 
-.PHONY: all setup build run test unit asan tsan format lint clean
+.PHONY: all setup build run test unit asan tsan fuzz format lint clean bench install deb
 
 all: build
 
@@ -33,8 +35,30 @@ asan: setup
 tsan: setup
 	$(MAKE) --no-print-directory test BUILD=build-tsan CMAKE_FLAGS="-DFTPS_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug"
 
+# Every libFuzzer target (clang) for FUZZ_SECONDS each, in build-fuzz; see tests/fuzz/run.sh.
+FUZZ_SECONDS ?= 60
+fuzz: setup
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) bash tests/fuzz/run.sh
+
+# Installing and packaging need only the two programs, not the test suite.
+install: setup
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)" --strip
+
+deb: setup
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli
+	cd $(BUILD) && cpack -G DEB
+	@echo "deb: $$(ls -t $(BUILD)/ftps_*.deb | head -n 1)"
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+# Side-by-side benchmark against vsftpd (as root; installs the peer); writes docs/performance.md.
+bench: build
+	@bash bench/setup.sh
+	python3 bench/run.py --build $(BUILD)
 
 lint: build
 	clang-tidy -p $(BUILD) --quiet $$(git ls-files 'ftp_server/*.cpp' 'lib/*.cpp' 'platform/*.cpp' 'tools/*.cpp')

@@ -358,6 +358,9 @@ int set_ftp_server_auth(const char *name);
 const char *get_ftp_server_auth(void);
 const char *ftp_get_flash_dir(void);
 const char *ftp_get_product_name(void);
+// Copies the text ftpd_product_name holds into buf under the lock that guards its replacement
+// and release; what a session shows must not be read through the shared pointer.
+void ftp_copy_product_name(char *buf, size_t size);
 void ftp_release_product_name(void);
 
 // ---------------------------------------------------------------------------------------------

@@ -136,7 +136,9 @@ int statfilecmd(int control_fd, const char *path, char *sendbuff, const char *cu
     if (stat(real_path, &st) != 0) return ftpd_reply_text(control_fd, FTP_REPLY_450);
 
     sendbuff[0] = '\0';
-    if (ftpd_reply(control_fd, nullptr, "211- %s FTP server status:", ftpd_product_name, nullptr) != 0) return -1;
+    char product[FTP_BUF_SIZE];
+    ftp_copy_product_name(product, sizeof product);
+    if (ftpd_reply(control_fd, nullptr, "211- %s FTP server status:", product, nullptr) != 0) return -1;
 
     // Lines already sent are never withdrawn: a later failure adds the 450 line after them.
     if (S_ISREG(st.st_mode)) {

@@ -94,7 +94,13 @@ void str_toupper(char *s) {
         if (islower(static_cast<unsigned char>(*s))) *s = static_cast<char>(toupper(static_cast<unsigned char>(*s)));
 }
 
-static const char *product_name(void) { return ftpd_product_name != nullptr ? ftpd_product_name : "UNKNOWN"; }
+namespace {
+// A copy taken under the name's lock: the shared text is released at shutdown while sessions run.
+struct product_name {
+    char text[FTP_BUF_SIZE];
+    product_name() { ftp_copy_product_name(text, sizeof text); }
+};
+}  // namespace
 
 // The whole table in columns, filled column by column; each line leaves with a bare LF so that
 // the lines form one multi-line 214 reply.
@@ -124,7 +130,7 @@ static void help_list(int control_fd, struct tab *ctab, const char *prefix, int 
         ftpd_strlcat(line, "\n", sizeof line);
         if (ftpd_reply(control_fd, nullptr, "%s", line, nullptr) != 0) return;
     }
-    ftpd_reply(control_fd, "214", "Direct comments to ftp-bugs@%s.", product_name(), nullptr);
+    ftpd_reply(control_fd, "214", "Direct comments to ftp-bugs@%s.", product_name().text, nullptr);
 }
 
 void ftpd_help(int control_fd, struct tab *ctab, char *s) {
@@ -197,7 +203,7 @@ static int stat_address_line(int control_fd, char *sendbuff, int family, const s
 }
 
 void statcmd(int control_fd, char *sendbuff, struct credentials *pcred) {
-    if (ftpd_reply(control_fd, nullptr, "211- %s FTP server status:", product_name(), nullptr) != 0) return;
+    if (ftpd_reply(control_fd, nullptr, "211- %s FTP server status:", product_name().text, nullptr) != 0) return;
     if (!no_version && ftpd_reply(control_fd, nullptr, "     ftpd (%s) %s.", "FTP SERVER", "1.0") != 0) return;
 
     int ret;

@@ -1,6 +1,8 @@
 // One control session: the session thread's body with its admission check, the session record
 // and its buffers, the command loop that waits, reads, recognises and dispatches one command at a
 // time, and the end sequence that gives everything back.
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -295,11 +297,14 @@ void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def
     if (init_cred(&s.pcred, contrl_type) != 0) return;
 
     s.pcred.ctl_fd = s.control_fd;
-    const char *product = ftp_get_product_name();
-    if (product == nullptr) {
-        FTPD_LOG_ERR("sys get product name fail\n");
-        product = "UNKNOWN";
-    }
+    // Every reply is one whole send: without this, a reply that follows another with no command in
+    // between (150 then 226) waits for the client's delayed acknowledgement.
+    int nodelay = 1;
+    setsockopt(s.control_fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
+    if (ftp_get_product_name() == nullptr) FTPD_LOG_ERR("sys get product name fail\n");
+    // The name is copied: the shared text is released at shutdown while sessions still run.
+    char product[FTP_BUF_SIZE];
+    ftp_copy_product_name(product, sizeof product);
     s.pcred.cnt.def_addr = *def_addr;
     memset(s.currentdir, 0, sizeof(s.currentdir));
     set_top_directory(s);

@@ -200,6 +200,11 @@ const char *ftp_get_product_name(void) {
     return ftpd_product_name;
 }
 
+void ftp_copy_product_name(char *buf, size_t size) {
+    std::lock_guard<std::mutex> lock(product_mutex);
+    ftpd_strlcpy(buf, ftpd_product_name != nullptr ? ftpd_product_name : "UNKNOWN", size);
+}
+
 void ftp_release_product_name(void) {
     std::lock_guard<std::mutex> lock(product_mutex);
     // The built-in "UNKNOWN" is constant text and is never freed.

@@ -32,9 +32,10 @@ struct pending {
     verdict v;
 };
 
-std::mutex pending_mutex;
-std::condition_variable pending_cv;
-std::map<uint32_t, std::shared_ptr<pending>> pending_by_session;
+// Never destroyed: a session thread may still wait for a verdict while the process exits.
+std::mutex &pending_mutex = *new std::mutex;
+std::condition_variable &pending_cv = *new std::condition_variable;
+std::map<uint32_t, std::shared_ptr<pending>> &pending_by_session = *new std::map<uint32_t, std::shared_ptr<pending>>;
 std::atomic<uint32_t> next_session_id{1};
 
 // The methods of a list, or nullptr when the platform file does not define it.
@@ -104,7 +105,8 @@ struct open_challenge {
     size_t method = 0;
     std::string state;
 };
-std::map<uint32_t, open_challenge> challenges_by_session;  // guarded by pending_mutex
+std::map<uint32_t, open_challenge> &challenges_by_session =
+    *new std::map<uint32_t, open_challenge>;  // guarded by pending_mutex
 
 // Runs the list from in->first_method; *answered_by is the index of the method whose verdict
 // stands (the list's size when none answered).

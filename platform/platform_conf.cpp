@@ -372,7 +372,9 @@ std::string dir_of(const char *path) {
 }
 
 std::once_flag g_once;
-platform_conf g_conf;
+// Never destroyed: session threads still read it while the process exits (shutdown does not stop
+// them), so it must outlive the static destructors.
+platform_conf &g_conf = *new platform_conf;
 bool g_ok = true;
 
 void load_process_conf() {

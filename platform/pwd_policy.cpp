@@ -45,7 +45,9 @@ thread_local int t_last_code = 0;
 thread_local void *t_last_aux = nullptr;
 
 std::mutex g_clients_lock;
-std::vector<pwd_policy_client *> g_clients;
+// Never destroyed: clients live as long as the process, and a broadcast from another thread may
+// still walk the list while the process exits.
+std::vector<pwd_policy_client *> &g_clients = *new std::vector<pwd_policy_client *>;
 
 void build_settings() {
     g_settings = pwquality_default_settings();

@@ -37,7 +37,9 @@ const oid kSnmpTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
 std::mutex g_lock;  // guards the records and the sessions; sends are serialised under it
 std::vector<trap_record> g_traps;
-std::vector<sink_session> g_sinks;
+// Process-lifetime sessions, never destroyed: a session thread may raise a trap while the
+// process exits.
+std::vector<sink_session> &g_sinks = *new std::vector<sink_session>;
 std::string g_community;  // the sessions' community
 std::string g_agent_name = "ftp_trap";
 

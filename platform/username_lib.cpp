@@ -31,10 +31,11 @@ struct account {
     bool reject_remote_login = false;
 };
 
-std::mutex db_mutex;
-std::map<std::string, account> accounts;
-std::map<std::string, int> online_counts;
-std::string loaded_path;
+// Never destroyed: a session may still be authenticating while the process exits.
+std::mutex &db_mutex = *new std::mutex;
+std::map<std::string, account> &accounts = *new std::map<std::string, account>;
+std::map<std::string, int> &online_counts = *new std::map<std::string, int>;
+std::string &loaded_path = *new std::string;
 struct timespec loaded_mtime = {0, 0};
 bool loaded = false;
 

@@ -11,6 +11,7 @@ packages=(
   clang clang-format clang-tidy
   python3 curl wget lftp strace procps iproute2
   freeradius freeradius-utils snmptrapd snmp pamtester passwd
+  systemd groff-base dpkg-dev
 )
 
 missing=()

@@ -105,6 +105,16 @@ class Daemon:
         env["TMPDIR"] = self.tmpdir
         env["FTPS_PLATFORM"] = self.platform
         env.pop("NOTIFY_SOCKET", None)
+        if SANITIZED:
+            # A sanitizer report must fail the test: ASan and UBSan end the daemon at the first
+            # report with status 1, TSan ends it with status 66 at exit; every test checks the
+            # exit status. Suppressions cover third-party libraries only.
+            supp = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sanitizers")
+            env.setdefault("ASAN_OPTIONS", "halt_on_error=1:exitcode=1:detect_leaks=1")
+            env.setdefault("UBSAN_OPTIONS", "halt_on_error=1:print_stacktrace=1")
+            env.setdefault("LSAN_OPTIONS", "suppressions=" + os.path.join(supp, "lsan.supp"))
+            env.setdefault("TSAN_OPTIONS", "halt_on_error=0:exitcode=66:suppressions=" +
+                           os.path.join(supp, "tsan.supp"))
         return env
 
     def start(self, args=(), wait=True, env=None):
@@ -179,12 +189,13 @@ class Daemon:
             return None
         if self.proc.poll() is None:
             self.proc.send_signal(sig)
+        # Read the output while waiting: a daemon that writes much (sanitizer reports) at exit
+        # would otherwise block on a full pipe and be taken for hung.
         try:
-            self.proc.wait(timeout=START_WAIT)
+            out, err = self.proc.communicate(timeout=START_WAIT)
         except subprocess.TimeoutExpired:
             self.proc.kill()
-            self.proc.wait()
-        out, err = self.proc.communicate()
+            out, err = self.proc.communicate()
         self.stderr = err.decode(errors="replace")
         rc = self.proc.returncode
         self.proc = None

@@ -1,0 +1,109 @@
+// Fuzz target: path resolution as the handlers run it (client path made relative to the virtual
+// root, trimmed, mapped onto the real top directory and back), and the system-tree test. Checks
+// confinement: the real path, with its ".." resolved, never leaves the top directory; and the
+// trimming scratch buffer is always given back.
+//
+// Input: byte 0 picks the top directory, byte 1 the buffer size; the rest is the session's
+// current directory (below the top) and the client's path, separated by the first zero byte.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ftpd.h"
+#include "platform_conf.h"
+
+namespace {
+
+const char *const kTops[] = {"/", "/flash", "/flash/ftp", "/mnt/usb0", "/tmp/a/b/c"};
+
+// Textual resolution of "." and ".." (".." at "/" stays at "/").
+std::string resolve(const std::string &p) {
+    std::vector<std::string> parts;
+    size_t i = 0;
+    while (i <= p.size()) {
+        size_t j = p.find('/', i);
+        if (j == std::string::npos) j = p.size();
+        std::string c = p.substr(i, j - i);
+        if (c == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!c.empty() && c != ".") {
+            parts.push_back(c);
+        }
+        i = j + 1;
+    }
+    std::string out;
+    for (auto &c : parts) out += "/" + c;
+    return out.empty() ? "/" : out;
+}
+
+bool below(const std::string &path, const std::string &top) {
+    if (top == "/") return true;
+    return path == top || (path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    ftpd_mem_init();
+    platform_conf conf;
+    platform_conf_set_defaults(&conf);
+    if (conf.storages.size() > 1) conf.storages[1].dir = "/flash";
+    conf.log_syslog = false;
+    platform_set_for_test(conf);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    if (size < 2 || size > 2 * FTP_BUF_SIZE) return 0;
+    const char *top = kTops[data[0] % (sizeof kTops / sizeof kTops[0])];
+    // The handlers use 512; smaller sizes exercise the truncation paths.
+    int bufsize = (data[1] & 0x80) ? FTP_BUF_SIZE : 1 + data[1];
+    std::string rest(reinterpret_cast<const char *>(data + 2), size - 2);
+    size_t zero = rest.find('\0');
+    std::string cur_rel = zero == std::string::npos ? "" : rest.substr(0, zero);
+    std::string client = zero == std::string::npos ? rest : rest.substr(zero + 1);
+    if (client.find('\0') != std::string::npos) client.resize(client.find('\0'));
+    if (client.size() > FTP_BUF_SIZE - 1) client.resize(FTP_BUF_SIZE - 1);
+
+    char rootdir[FTP_ROOTDIR_LEN];
+    ftpd_strlcpy(rootdir, top, sizeof rootdir);
+    struct credentials cred;
+    memset(&cred, 0, sizeof cred);
+    cred.rootdir = rootdir;
+
+    // The session's current directory is its top directory or a trimmed path below it.
+    char current[FTP_CURRENTDIR_LEN];
+    char trimmed_cur[FTP_CURRENTDIR_LEN];
+    std::string slashed = "/" + cur_rel;
+    if (!ftpd_path_trim(slashed.c_str(), trimmed_cur, sizeof trimmed_cur)) return 0;
+    if (strcmp(top, "/") == 0)
+        ftpd_strlcpy(current, trimmed_cur, sizeof current);
+    else if (strcmp(trimmed_cur, "/") == 0)
+        ftpd_strlcpy(current, top, sizeof current);
+    else
+        ftpd_snprintf(current, sizeof current, "%s%s", top, trimmed_cur);
+
+    ftpd_mem_t before = ftpd_mem_get(FTPD_M_TMP);
+    std::vector<char> inpath(static_cast<size_t>(bufsize)), outpath(static_cast<size_t>(bufsize));
+    ftpd_rootdir_relative_path(&cred, current, client.c_str(), inpath.data(), bufsize);
+    if (memchr(inpath.data(), '\0', inpath.size()) == nullptr) __builtin_trap();
+    bool ok = ftpd_path_trim(inpath.data(), outpath.data(), bufsize);
+    ftpd_mem_t after = ftpd_mem_get(FTPD_M_TMP);
+    if (after.allocs - after.deallocs != before.allocs - before.deallocs) __builtin_trap();
+    if (!ok) return 0;
+    if (memchr(outpath.data(), '\0', outpath.size()) == nullptr) __builtin_trap();
+
+    ftpd_relative_to_absolute_path(&cred, outpath.data(), inpath.data(), bufsize);
+    size_t real_len = strlen(inpath.data());
+    // Confinement, whenever the real path was not cut by the buffer.
+    if (bufsize == FTP_BUF_SIZE && real_len + 1 < static_cast<size_t>(bufsize) && outpath[0] == '/' &&
+        !below(resolve(inpath.data()), top))
+        __builtin_trap();
+    (void)is_access_path(inpath.data());
+
+    char back[FTP_CURRENTDIR_LEN];
+    ftpd_absolute_to_relative_path(&cred, current, back, sizeof back);
+    return 0;
+}

@@ -1,0 +1,372 @@
+"""Fault injection: the accounted allocator made to fail once, for each memory category on the
+paths that use it (the daemon's test switch FTPS_TEST_MEMFAIL=TYPE:N fails the N-th allocation of
+that category after start); each failure is answered as designed, nothing leaks and the daemon
+keeps serving. Also a full file system under an upload, and clients that misbehave (half lines,
+vanishing in the middle of a transfer) while another client is being served."""
+
+import ftplib
+import io
+import os
+import socket
+import subprocess
+import sys
+import threading
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import DAEMON, START_WAIT, Daemon, RawClient, wait_until  # noqa: E402
+from test_transfer_faults import pasv_connect, reset  # noqa: E402
+
+INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \
+    DATA_BUF, OUTPATH, USER_CNT, INFO, EPOLL = range(15)
+ROW = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PCRED DIR", "BUF", "CHANG BUF",
+       "WHOLE BUF", "STRING", "DATA BUF", "OUTPATH", "USER CNT", "INFO", "EPOLL"]
+
+GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
+MALLOC_451 = b"451 Local resource failure: malloc.\r\n"
+EPOLL_451 = b"451 Local resource failure: epoll.\r\n"
+LOCAL_451 = b"451 Requested action aborted. Local error in processing.\r\n"
+DENIED = b"530 Password access denied.\r\n"
+CONTENT = b"first line\r\nsecond line\r\n" * 4000
+
+
+def listening(port):
+    """True when something listens on the TCP port, seen without connecting to it."""
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        try:
+            with open(table) as f:
+                lines = f.readlines()[1:]
+        except FileNotFoundError:
+            continue
+        for line in lines:
+            fields = line.split()
+            if int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == "0A":
+                return True
+    return False
+
+
+def memory_rows(d):
+    """Row name -> (failed, allocs, frees, in use)."""
+    rc, out = d.cli("show ftp-server memory")
+    rows = {}
+    for line in out.splitlines():
+        parts = line.split()
+        if len(parts) >= 5 and all(p.isdigit() for p in parts[-4:]):
+            rows[" ".join(parts[:-4])] = tuple(int(p) for p in parts[-4:])
+    return rows
+
+
+def quiet_start(d, extra_env=None):
+    """Starts the daemon and waits for it without opening a session, which would take
+    allocations of its own and move the injected failure."""
+    env = d.env()
+    env.update(extra_env or {})
+    d.proc = subprocess.Popen([DAEMON], env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    if not wait_until(lambda: d.proc.poll() is None and d.cli_ok() and listening(d.port), timeout=START_WAIT):
+        raise AssertionError("daemon not ready")
+
+
+def new_daemon():
+    d = Daemon(startup=["ftp-server username alice password secret1"])
+    os.makedirs(os.path.join(d.flash, "sub"))
+    with open(os.path.join(d.flash, "f.txt"), "wb") as f:
+        f.write(CONTENT)
+    return d
+
+
+def logged_in(port):
+    c = RawClient(port)
+    c.login()
+    return c
+
+
+def transfer(c, verb, payload=None):
+    """PASV, the transfer command and its data; the replies that followed, as one byte string."""
+    data = pasv_connect(c)
+    c.send(verb + "\r\n")
+    first = c.reply()
+    if not first.startswith(b"150"):
+        data.close()
+        return first
+    if payload is not None:
+        try:
+            data.sendall(payload)
+        except OSError:
+            pass
+    else:
+        data.settimeout(20)
+        try:
+            while data.recv(65536):
+                pass
+        except OSError:
+            pass
+    data.close()
+    return first + c.reply()
+
+
+def whole_session(port):
+    c = logged_in(port)
+    assert c.cmd("TYPE I") == b"200 Type set to I.\r\n"
+    r = transfer(c, "RETR f.txt")
+    assert r.endswith(b"226 Closing data connection.\r\n"), r
+    r = transfer(c, "LIST")
+    assert r.endswith(b"226 Closing data connection.\r\n"), r
+    c.cmd("QUIT")
+    c.close()
+
+
+class MemoryFaultTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        # Allocations the start-up itself makes (the top directory is trimmed once): the injected
+        # count starts from the daemon's start, the cases count from the first client.
+        d = new_daemon()
+        quiet_start(d)
+        cls.startup = {name: row[1] for name, row in memory_rows(d).items()}
+        rc = d.stop()
+        d.cleanup()
+        assert rc == 0, rc
+
+    def inject(self, category, nth, scenario):
+        """Runs scenario(daemon) with the nth allocation of category after start-up failing;
+        then expects exactly one failure counted, every row back to zero In Use, a whole
+        session served, and a clean exit."""
+        d = new_daemon()
+        try:
+            n = self.startup[ROW[category]] + nth
+            quiet_start(d, {"FTPS_TEST_MEMFAIL": "%d:%d" % (category, n)})
+            scenario(d)
+            whole_session(d.port)
+            idle = lambda: all(row[3] == 0 for row in memory_rows(d).values())  # noqa: E731
+            self.assertTrue(wait_until(idle, timeout=20), memory_rows(d))
+            self.assertEqual(memory_rows(d)[ROW[category]][0], 1, "failures counted")
+        finally:
+            rc = d.stop()
+            stderr = getattr(d, "stderr", "")
+            d.cleanup()
+        self.assertEqual(rc, 0, stderr[-4000:])
+
+    def closed_before_greeting(self, d):
+        c = RawClient(d.port)
+        self.assertTrue(c.closed(), "a greeting was sent")
+        c.close()
+
+    def test_session_start_failures_close_without_a_reply(self):
+        # The hand-off record, the session's line buffer and each string of its record.
+        for category in (INFO, WHOLE_BUF, PCRED_DIR, PCRED_NAME, PCRED_PWD):
+            with self.subTest(category=ROW[category]):
+                self.inject(category, 1, self.closed_before_greeting)
+
+    def test_session_event_waiter_failure_ends_after_the_greeting(self):
+        def scenario(d):
+            c = RawClient(d.port)
+            self.assertEqual(c.reply(), GREETING)
+            self.assertTrue(c.closed())
+            c.close()
+        self.inject(EPOLL, 1, scenario)
+
+    def test_login_allocation_failures_refuse_that_login_only(self):
+        def scenario(d):
+            c = RawClient(d.port)
+            c.reply()
+            self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+            c.send("PASS secret1\r\n")
+            self.assertEqual(c.reply() + c.reply(), DENIED + DENIED)
+            # The next attempt of the same session succeeds.
+            self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+            self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
+            c.close()
+        # The scratch message of USER; the user's connection slots, first and a later one of the
+        # batch taken at the user's first login (those already taken are given back).
+        for category, nth in ((PCRED_MSG, 1), (USER_CNT, 1), (USER_CNT, 4)):
+            with self.subTest(category=ROW[category], nth=nth):
+                self.inject(category, nth, scenario)
+
+    def test_aaa_element_buffer_failure(self):
+        def scenario(d):
+            c = RawClient(d.port)
+            c.reply()
+            self.assertEqual(c.cmd("USER carol"), b"331 User name okay, need password.\r\n")
+            c.send("PASS whatever\r\n")
+            self.assertEqual(c.reply() + c.reply(), b"530 Not logged in.\r\n" + DENIED)
+            c.close()
+        self.inject(TMP, 1, scenario)
+
+    def test_transfer_buffers(self):
+        def retr(type_cmd, expected):
+            def scenario(d):
+                c = logged_in(d.port)
+                c.cmd(type_cmd)
+                self.assertEqual(transfer(c, "RETR f.txt"), b"150 Opening %s mode data connection.\r\n" %
+                                 (b"BINARY" if type_cmd == "TYPE I" else b"ASCII") + expected)
+                c.close()
+            return scenario
+
+        def stor(expected):
+            def scenario(d):
+                c = logged_in(d.port)
+                c.cmd("TYPE I")
+                self.assertEqual(transfer(c, "STOR up.bin", CONTENT),
+                                 b"150 Opening BINARY mode data connection.\r\n" + expected)
+                # The reply goes out before the partial file is removed.
+                gone = lambda: not os.path.exists(os.path.join(d.flash, "up.bin"))  # noqa: E731
+                self.assertTrue(wait_until(gone), "partial upload kept")
+                c.close()
+            return scenario
+
+        cases = [
+            (BUF, 1, retr("TYPE I", MALLOC_451)),
+            (CHANG_BUF, 1, retr("TYPE A", MALLOC_451)),
+            (DATA_BUF, 1, stor(MALLOC_451)),
+            # The session's own waiter is the first, the passive wait the second.
+            (EPOLL, 3, retr("TYPE I", EPOLL_451)),
+            (EPOLL, 3, stor(EPOLL_451)),
+        ]
+        for category, nth, scenario in cases:
+            with self.subTest(category=ROW[category], nth=nth):
+                self.inject(category, nth, scenario)
+
+    def test_listing_and_data_connection(self):
+        def listing(verb, expected):
+            def scenario(d):
+                c = logged_in(d.port)
+                self.assertEqual(transfer(c, verb), expected)
+                c.close()
+            return scenario
+
+        opening = b"150 Opening ASCII mode data connection.\r\n"
+        cases = [
+            (BUF, 1, listing("LIST", opening + LOCAL_451)),
+            (CHANG_BUF, 1, listing("NLST", opening + LOCAL_451)),
+            (EPOLL, 2, listing("LIST", b"425 Can't open data connection.\r\n")),
+        ]
+        for category, nth, scenario in cases:
+            with self.subTest(category=ROW[category], nth=nth):
+                self.inject(category, nth, scenario)
+
+    def test_path_and_directory_commands(self):
+        def command(cmd, expected):
+            def scenario(d):
+                c = logged_in(d.port)
+                self.assertEqual(c.cmd(cmd), expected)
+                c.close()
+            return scenario
+
+        def retr(d):
+            c = logged_in(d.port)
+            self.assertEqual(transfer(c, "RETR f.txt"), LOCAL_451)
+            c.close()
+
+        cases = [
+            (TMP, 1, command("CWD sub", b'550 "sub": No such file or directory.\r\n')),
+            (TMP, 1, retr),
+            (WHOLE_BUF, 2, command("CWD sub", b"550 Requested action not taken.\r\n")),
+            (WHOLE_BUF, 2, retr),
+            (OUTPATH, 1, command("PWD", b"550 Requested action not taken.\r\n")),
+        ]
+        for category, nth, scenario in cases:
+            with self.subTest(category=ROW[category], nth=nth):
+                self.inject(category, nth, scenario)
+
+
+class MisbehavingClientTest(unittest.TestCase):
+    """Clients that break off while another one is served from start to end."""
+
+    def setUp(self):
+        self.d = new_daemon()
+        self.d.start()
+        with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
+            f.write(os.urandom(1 << 20) * 16)
+
+    def tearDown(self):
+        rc = self.d.stop()
+        stderr = getattr(self.d, "stderr", "")
+        self.d.cleanup()
+        self.assertEqual(rc, 0, stderr[-4000:])
+
+    def test_half_lines_and_vanishing_clients_do_not_disturb_others(self):
+        # Half a line is taken as a command of its own (one receive is one command): half of
+        # QUIT is an unknown word and the session stays.
+        half = logged_in(self.d.port)
+        half.send(b"QUI")
+        self.assertEqual(half.reply(), b"502 Command not implemented.\r\n")
+
+        down = logged_in(self.d.port)
+        down.cmd("TYPE I")
+        ddata = pasv_connect(down)
+        down.send("RETR big.bin\r\n")
+        self.assertTrue(down.reply().startswith(b"150 "))
+        ddata.recv(65536)
+
+        up = logged_in(self.d.port)
+        up.cmd("TYPE I")
+        udata = pasv_connect(up)
+        up.send("STOR part.bin\r\n")
+        self.assertTrue(up.reply().startswith(b"150 "))
+        udata.sendall(b"z" * 100000)
+
+        # Both vanish without a word, control and data at once.
+        for s in (ddata, down.sock, udata, up.sock):
+            reset(s)
+        whole_session(self.d.port)
+        # The one that sent half a line is still served.
+        self.assertEqual(half.cmd("SYST")[:4], b"215 ")
+        half.cmd("QUIT")
+        half.close()
+        self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "part.bin"))))
+        self.assertTrue(wait_until(lambda: all(v == 0 for v in self.d.memory_in_use().values()), timeout=20),
+                        self.d.memory_in_use())
+
+
+class DiskFullTest(unittest.TestCase):
+    """An upload larger than the file system: 452 and no file left."""
+
+    def setUp(self):
+        self.d = new_daemon()
+        self.mounted = False
+        if os.geteuid() != 0:
+            self.d.cleanup()
+            self.skipTest("mounting a small file system needs root")
+        r = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "ftpsfull", self.d.flash],
+                           capture_output=True, text=True)
+        if r.returncode != 0:
+            self.d.cleanup()
+            self.skipTest("mount is not permitted here: " + (r.stderr.strip() or r.stdout.strip()))
+        self.mounted = True
+        self.d.start()
+
+    def tearDown(self):
+        rc = self.d.stop()
+        stderr = getattr(self.d, "stderr", "")
+        if self.mounted:
+            subprocess.run(["umount", self.d.flash], capture_output=True)
+        self.d.cleanup()
+        self.assertEqual(rc, 0, stderr[-4000:])
+
+    def test_upload_beyond_free_space_is_refused_and_removed(self):
+        c = logged_in(self.d.port)
+        for type_cmd in ("TYPE I", "TYPE A"):
+            c.cmd(type_cmd)
+            data = pasv_connect(c)
+            c.send("STOR huge.bin\r\n")
+            self.assertTrue(c.reply().startswith(b"150 "))
+            try:
+                data.sendall(b"0123456789abcde\n" * (1 << 17))  # 2 MiB
+            except OSError:
+                pass  # the daemon may stop reading once the write failed
+            data.close()
+            self.assertEqual(c.reply(), b"452 Error writing file.\r\n")
+            self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "huge.bin"))))
+        # Space is free again: a small upload succeeds.
+        ftp = ftplib.FTP()
+        ftp.connect("127.0.0.1", self.d.port, timeout=20)
+        ftp.login("alice", "secret1")
+        ftp.storbinary("STOR small.bin", io.BytesIO(b"x" * 1000))
+        ftp.quit()
+        self.assertEqual(os.path.getsize(os.path.join(self.d.flash, "small.bin")), 1000)
+        c.close()
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,252 @@
+"""Soak: thousands of sessions, one after another and several at once, mixing whole sessions
+(login, LIST, NLST, RETR, STOR, DELE, QUIT) with clients that vanish: before the greeting, after
+login, in the middle of a download or an upload, with a half-sent line or an unused passive
+port. Afterwards every memory category is back at its baseline, the daemon holds the same
+number of descriptors, no temporary or partial file is left, and it still serves."""
+
+# ctest-labels: long
+
+import os
+import random
+import socket
+import sys
+import threading
+import time
+import traceback
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import SANITIZED, Daemon, RawClient, wait_until  # noqa: E402
+from test_transfer_faults import pasv_connect, reset  # noqa: E402
+
+SMALL = os.urandom(48 * 1024)
+LIST_RACE_LOST = b"451 Requested action aborted. Local error in processing.\r\n"
+BIG_SIZE = 8 << 20
+
+
+def read_all(sock):
+    out = bytearray()
+    while True:
+        chunk = sock.recv(65536)
+        if not chunk:
+            return bytes(out)
+        out += chunk
+
+
+class Refused(Exception):
+    """The connection limit closed the connection before the greeting."""
+
+
+def connect(port):
+    c = RawClient(port, timeout=60)
+    try:
+        c.reply()
+    except (EOFError, ConnectionResetError):
+        c.close()
+        raise Refused()
+    return c
+
+
+def expect(reply, code):
+    assert reply.startswith(code), reply
+
+
+def login(c, user):
+    r = c.cmd("USER " + user)
+    assert r.startswith(b"331"), r
+    r = c.cmd("PASS secret1")
+    assert r.startswith(b"230"), r
+
+
+def whole_session(port, user, tag):
+    c = connect(port)
+    login(c, user)
+    expect(c.cmd("TYPE I"), b"200")
+    for verb in ("LIST", "NLST *.bin"):
+        # Two sessions listing at the same moment may pick the same temporary name; the one that
+        # loses that race answers 451, by design, and the client may simply ask again.
+        for attempt in range(20):
+            d = pasv_connect(c)
+            c.send(verb + "\r\n")
+            expect(c.reply(), b"150")
+            listing = read_all(d)
+            d.close()
+            r = c.reply()
+            if r != LIST_RACE_LOST:
+                break
+        expect(r, b"226")
+        assert b"small.bin" in listing, listing
+    d = pasv_connect(c)
+    c.send("RETR small.bin\r\n")
+    expect(c.reply(), b"150")
+    got = read_all(d)
+    d.close()
+    expect(c.reply(), b"226")
+    assert got == SMALL, "RETR differs"
+    name = "w%s.bin" % tag
+    d = pasv_connect(c)
+    c.send("STOR %s\r\n" % name)
+    expect(c.reply(), b"150")
+    d.sendall(SMALL)
+    d.close()
+    expect(c.reply(), b"226")
+    assert c.cmd("SIZE " + name) == b"213 %d\r\n" % len(SMALL)
+    expect(c.cmd("DELE " + name), b"250")
+    expect(c.cmd("QUIT"), b"221")
+    c.close()
+
+
+def vanish_before_greeting(port, user, tag):
+    s = socket.create_connection(("127.0.0.1", port), timeout=30)
+    reset(s)
+
+
+def vanish_after_login(port, user, tag):
+    c = connect(port)
+    login(c, user)
+    reset(c.sock)
+
+
+def vanish_in_download(port, user, tag):
+    c = connect(port)
+    login(c, user)
+    c.cmd("TYPE I")
+    d = pasv_connect(c)
+    c.send("RETR big.bin\r\n")
+    expect(c.reply(), b"150")
+    d.recv(65536)
+    reset(d)
+    reset(c.sock)
+
+
+def vanish_in_upload(port, user, tag):
+    c = connect(port)
+    login(c, user)
+    d = pasv_connect(c)
+    c.send("STOR p%s.bin\r\n" % tag)
+    expect(c.reply(), b"150")
+    d.sendall(SMALL[:10000])
+    reset(d)
+    reset(c.sock)
+
+
+def half_line(port, user, tag):
+    c = connect(port)
+    login(c, user)
+    c.send(b"LIS")
+    c.close()
+
+
+def unused_passive_port(port, user, tag):
+    c = connect(port)
+    login(c, user)
+    expect(c.cmd("PASV"), b"227")
+    expect(c.cmd("QUIT"), b"221")
+    c.close()
+
+
+KINDS = [whole_session, whole_session, whole_session, vanish_before_greeting, vanish_after_login,
+         vanish_in_download, vanish_in_upload, half_line, unused_passive_port]
+
+
+def descriptors(pid):
+    return len(os.listdir("/proc/%d/fd" % pid))
+
+
+def files_below(top):
+    out = set()
+    for dirpath, dirnames, filenames in os.walk(top):
+        for n in dirnames + filenames:
+            out.add(os.path.relpath(os.path.join(dirpath, n), top))
+    return out
+
+
+class SoakBase:
+    """The soak itself; the concrete classes choose how many sessions it runs."""
+
+    SESSIONS = 3000
+    WORKERS = 6
+
+    def setUp(self):
+        self.d = Daemon(startup=["ftp-server username alice password secret1",
+                                 "ftp-server username bob password secret1"]).start()
+        self.assertEqual(self.d.cli("ftp-server max-user-connect 20"), (0, ""))
+        with open(os.path.join(self.d.flash, "small.bin"), "wb") as f:
+            f.write(SMALL)
+        with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
+            f.write(os.urandom(1 << 20) * (BIG_SIZE >> 20))
+
+    def tearDown(self):
+        rc = self.d.stop()
+        stderr = getattr(self.d, "stderr", "")
+        self.d.cleanup()
+        self.assertEqual(rc, 0, stderr[-4000:])
+
+    def settled(self, memory, fds, tmp):
+        return (self.d.memory_in_use() == memory and descriptors(self.d.proc.pid) == fds
+                and files_below(self.d.tmpdir) == tmp)
+
+    def run_kind(self, kind, user, tag, stats):
+        for _ in range(50):
+            try:
+                kind(self.d.port, user, tag)
+                stats["done"] += 1
+                return
+            except Refused:
+                # Sessions that vanished are still being ended by the daemon; try again.
+                stats["refused"] += 1
+                time.sleep(0.05)
+        raise AssertionError("refused 50 times in a row")
+
+    def test_sessions_leave_nothing_behind(self):
+        # One of each kind first, so that everything opened once for the life of the process is
+        # open before the baseline is taken.
+        stats = {"done": 0, "refused": 0}
+        for i, kind in enumerate(KINDS):
+            self.run_kind(kind, "alice", "warm%d" % i, stats)
+        base_files = {"small.bin", "big.bin"}
+        self.assertTrue(wait_until(lambda: set(os.listdir(self.d.flash)) == base_files, timeout=30))
+        time.sleep(1)
+        memory = self.d.memory_in_use()
+        self.assertTrue(all(v == 0 for v in memory.values()), memory)
+        fds = descriptors(self.d.proc.pid)
+        tmp = files_below(self.d.tmpdir)
+
+        sequential = self.SESSIONS // 4
+        rng = random.Random(7)
+        for i in range(sequential):
+            self.run_kind(rng.choice(KINDS), "alice", "s%d" % i, stats)
+
+        errors = []
+
+        def worker(w):
+            r = random.Random(w)
+            try:
+                for i in range((self.SESSIONS - sequential) // self.WORKERS):
+                    self.run_kind(r.choice(KINDS), "alice" if w % 2 else "bob", "%d_%d" % (w, i), stats)
+            except Exception:
+                errors.append("worker %d: %s" % (w, traceback.format_exc()))
+
+        threads = [threading.Thread(target=worker, args=(w,)) for w in range(self.WORKERS)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        self.assertEqual(errors, [])
+
+        self.assertTrue(wait_until(lambda: self.settled(memory, fds, tmp), timeout=60),
+                        "memory %s (was %s), descriptors %d (were %d), temporary files %s (were %s)" %
+                        (self.d.memory_in_use(), memory, descriptors(self.d.proc.pid), fds,
+                         sorted(files_below(self.d.tmpdir)), sorted(tmp)))
+        self.assertEqual(set(os.listdir(self.d.flash)), base_files)
+        whole_session(self.d.port, "alice", "final")
+        sys.stderr.write("soak: %d sessions, %d refused while others were ending\n" %
+                         (stats["done"], stats["refused"]))
+
+
+class SoakTest(SoakBase, unittest.TestCase):
+    SESSIONS = 1000 if SANITIZED else 4000
+
+
+if __name__ == "__main__":
+    unittest.main()
