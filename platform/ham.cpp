@@ -23,7 +23,8 @@ struct ham_entry {
 };
 
 std::mutex g_lock;
-std::vector<ham_entry> g_table;
+// Never destroyed: the listener may still notify while the process exits.
+std::vector<ham_entry> &g_table = *new std::vector<ham_entry>;
 pid_t g_ignored_tid = 0;
 bool g_late = false;  // last verdict, so that a late thread is logged once, not every period
 

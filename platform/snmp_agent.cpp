@@ -35,13 +35,13 @@ const long long kReopenSeconds = 60;
 const oid kSysUpTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 const oid kSnmpTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
+// Everything here lives as long as the process and is never destroyed: a session thread may
+// raise a trap while the process exits.
 std::mutex g_lock;  // guards the records and the sessions; sends are serialised under it
-std::vector<trap_record> g_traps;
-// Process-lifetime sessions, never destroyed: a session thread may raise a trap while the
-// process exits.
+std::vector<trap_record> &g_traps = *new std::vector<trap_record>;
 std::vector<sink_session> &g_sinks = *new std::vector<sink_session>;
-std::string g_community;  // the sessions' community
-std::string g_agent_name = "ftp_trap";
+std::string &g_community = *new std::string;  // the sessions' community
+std::string &g_agent_name = *new std::string("ftp_trap");
 
 std::string oid_text(const std::vector<oid> &o) {
     std::string s;

@@ -16,7 +16,8 @@ const char *const kPrefixes[FS_STORAGE_SLOTS] = {"flash2:", "flash:",   "sata0:"
                                                  "tmp:",    "install:", nullptr,  "nfs:"};
 
 std::mutex g_mountinfo_lock;
-std::string g_mountinfo_path = "/proc/self/mountinfo";
+// Never destroyed: a session may check a mount while the process exits.
+std::string &g_mountinfo_path = *new std::string("/proc/self/mountinfo");
 
 // The storage's directory, or nullptr when the slot is a gap or the storage is absent.
 const char *storage_dir(int i) {
