@@ -1,11 +1,10 @@
-// Implementation of the shared handler-test fixtures.
+// Implementation of the shared unit-test fixtures.
 #include "ftpd_test_support.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <utime.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -36,11 +35,6 @@ std::string ftpd_temp_tree::make_dir(const std::string &rel) const {
 bool ftpd_temp_tree::exists(const std::string &rel) const {
     struct stat st;
     return lstat(full(rel).c_str(), &st) == 0;
-}
-
-void ftpd_temp_tree::set_mtime(const std::string &rel, time_t when) const {
-    struct utimbuf times = {when, when};
-    utime(full(rel).c_str(), &times);
 }
 
 ftpd_scoped_env::ftpd_scoped_env(const char *name, const std::string &value) : name_(name) {
@@ -101,29 +95,4 @@ ftpd_named_session::ftpd_named_session() {
     cred.cnt_index = -1;
     cred.data = cred.pdata = cred.listen_pdata = -1;
     cred.cnt.tran_type = 1;
-}
-
-ftpd_test_session::ftpd_test_session(const std::string &top) {
-    cred.rootdir = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_DIR, FTP_ROOTDIR_LEN));
-    ftpd_strlcpy(cred.rootdir, top.c_str(), FTP_ROOTDIR_LEN);
-    ftpd_strlcpy(currentdir, top.c_str(), sizeof currentdir);
-    cred.logged_in = 1;
-    cred.rwdir_flag = true;
-    cred.usedefault = 1;
-    cred.listen_pdata = cred.pdata = cred.data = -1;
-    cred.ctl_fd = control.near();
-    cred.timeout = 1;
-    cred.cnt_index = -1;
-    cred.cnt.tran_type = 1;
-}
-
-ftpd_test_session::~ftpd_test_session() {
-    ftpd_free(FTPD_M_PCRED_DIR, cred.rootdir);
-    for (int fd : {cred.listen_pdata, cred.pdata, cred.data})
-        if (fd >= 0) close(fd);
-}
-
-char *ftpd_test_session::arg(const std::string &text) {
-    ftpd_strlcpy(data_buff, text.c_str(), sizeof data_buff);
-    return data_buff;
 }

@@ -1,9 +1,8 @@
-// Fixtures shared by the handler tests: a scoped temporary directory tree, a connected socket pair
-// whose far end the test reads back, and a logged-in session record with a top directory and the
-// session's own buffers, as the command loop would hand them to a handler.
+// Fixtures shared by the unit tests: a scoped temporary directory tree, a connected socket pair
+// whose far end the test reads back, memory-category balance checks and a session record before
+// login.
 #pragma once
 
-#include <ctime>
 #include <string>
 
 #include "ftpd.h"
@@ -22,7 +21,6 @@ class ftpd_temp_tree {
     std::string make_file(const std::string &rel, const std::string &contents = "") const;
     std::string make_dir(const std::string &rel) const;
     bool exists(const std::string &rel) const;
-    void set_mtime(const std::string &rel, time_t when) const;
 
   private:
     std::string root_;
@@ -82,26 +80,4 @@ struct ftpd_named_session {
     char name[FTP_NAME_LEN] = {0};
     char passwd[FTP_PASSWD_LEN] = {0};
     struct credentials cred {};
-};
-
-// A logged-in session with access to a top directory, its current directory at the top, ASCII
-// type, no data connection, and the loop's buffers.
-class ftpd_test_session {
-  public:
-    explicit ftpd_test_session(const std::string &top);
-    ~ftpd_test_session();
-    ftpd_test_session(const ftpd_test_session &) = delete;
-    ftpd_test_session &operator=(const ftpd_test_session &) = delete;
-
-    // Puts the client's argument into the loop's argument buffer and returns that buffer.
-    char *arg(const std::string &text);
-    int ctl() const { return control.near(); }
-    std::string replies() const { return control.drain(); }
-
-    struct credentials cred {};
-    ftpd_socket_pair control;
-    char currentdir[FTP_CURRENTDIR_LEN] = {0};
-    char data_buff[FTP_BUF_SIZE] = {0};
-    char reply_buff[FTP_BUF_SIZE] = {0};
-    char rename_from[FTP_CURRENTDIR_LEN] = {0};
 };
