@@ -1,10 +1,12 @@
 """Integration harness: starts the real daemon with its own TMPDIR, platform file, startup
 configuration and free control port, and drives it over sockets and ftps-cli."""
 
+import ftplib
 import os
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import time
@@ -36,6 +38,14 @@ def free_port():
         except OSError:
             s4.close()
     raise RuntimeError("no free port")
+
+
+def free_udp_port():
+    s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
 
 
 def has_ipv6():
@@ -174,15 +184,18 @@ class Daemon:
         except FileNotFoundError:
             return ""
 
-    def memory_in_use(self):
-        """Category name -> In Use, from show ftp-server memory."""
-        rc, out = self.cli("show ftp-server memory")
+    def memory_rows(self):
+        """Category name -> (failed, allocs, frees, in use), from show ftp-server memory."""
         rows = {}
-        for line in out.splitlines():
+        for line in self.cli("show ftp-server memory")[1].splitlines():
             parts = line.split()
-            if len(parts) >= 5 and parts[-1].isdigit() and parts[-4].isdigit():
-                rows[" ".join(parts[:-4])] = int(parts[-1])
+            if len(parts) >= 5 and all(p.isdigit() for p in parts[-4:]):
+                rows[" ".join(parts[:-4])] = tuple(int(p) for p in parts[-4:])
         return rows
+
+    def memory_in_use(self):
+        """Category name -> In Use."""
+        return {name: row[3] for name, row in self.memory_rows().items()}
 
     def stop(self, sig=signal.SIGTERM):
         if self.proc is None:
@@ -205,6 +218,14 @@ class Daemon:
         self.stop()
         shutil.rmtree(self.dir, ignore_errors=True)
 
+    def stop_checked(self):
+        """Stops and removes the daemon; a non-zero exit (a crash, a sanitizer report) fails."""
+        rc = self.stop()
+        stderr = getattr(self, "stderr", "")
+        self.cleanup()
+        if rc != 0:
+            raise AssertionError("daemon exit status %s: %s" % (rc, stderr[-4000:]))
+
 
 class DaemonTestCase(unittest.TestCase):
     """Starts one daemon per test case class unless a test makes its own."""
@@ -217,11 +238,7 @@ class DaemonTestCase(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
-        rc = cls.d.stop()
-        stderr = getattr(cls.d, "stderr", "")
-        cls.d.cleanup()
-        if rc != 0:
-            raise AssertionError("daemon exit status %s: %s" % (rc, stderr[-4000:]))
+        cls.d.stop_checked()
 
 
 def wait_until(predicate, timeout=10.0, step=0.05):
@@ -231,6 +248,43 @@ def wait_until(predicate, timeout=10.0, step=0.05):
             return True
         time.sleep(step)
     return predicate()
+
+
+class BackEnd:
+    """A back-end server (RADIUS, trap receiver) in the foreground in a private directory, its
+    output in a file; ready once that output shows the ready text."""
+
+    def __init__(self, prefix, files, argv, ready, env=None):
+        self.dir = tempfile.mkdtemp(prefix=prefix)
+        self.port = free_udp_port()
+        for name, text in files.items():
+            with open(os.path.join(self.dir, name), "w") as f:
+                f.write(text.format(dir=self.dir, port=self.port))
+        self.out = open(os.path.join(self.dir, "out.log"), "w+")
+        argv = [a.format(dir=self.dir, port=self.port) for a in argv]
+        env = dict(os.environ, **{k: v.format(dir=self.dir) for k, v in (env or {}).items()})
+        self.proc = subprocess.Popen(argv, stdout=self.out, stderr=subprocess.STDOUT, env=env)
+        if not wait_until(lambda: ready in self.output() or self.proc.poll() is not None, timeout=20) \
+                or self.proc.poll() is not None:
+            text = self.output()
+            self.stop()
+            raise AssertionError("%s not ready: %s" % (argv[0], text))
+
+    def output(self):
+        self.out.flush()
+        with open(self.out.name, errors="replace") as f:
+            return f.read()
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.terminate()
+            try:
+                self.proc.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        self.out.close()
+        shutil.rmtree(self.dir, ignore_errors=True)
 
 
 class RawClient:
@@ -290,3 +344,81 @@ class RawClient:
         r = self.cmd("PASS " + password)
         assert r.startswith(b"230"), r
         return r
+
+    def pass_replies(self, user, password):
+        """After the greeting: every reply to PASS (a refusal may send more than one: NOOP, which
+        is not served, marks where they end; its answer also means a session that logged in has
+        counted itself online)."""
+        self.reply()
+        assert self.cmd("USER " + user).startswith(b"331"), "USER refused"
+        replies = [self.cmd("PASS " + password)]
+        self.send("NOOP\r\n")
+        while not replies[-1].startswith(b"502"):
+            replies.append(self.reply())
+        return replies[:-1]
+
+
+def logged_in(port, host="127.0.0.1"):
+    c = RawClient(port, host)
+    c.login()
+    return c
+
+
+def ftp_session(port, host="127.0.0.1", cls=ftplib.FTP, user="alice", password="secret1"):
+    """An ftplib client logged in (as the default user unless told)."""
+    ftp = cls()
+    ftp.connect(host, port, timeout=60)
+    ftp.login(user, password)
+    return ftp
+
+
+def pasv_connect(c):
+    """PASV on a RawClient and the data connection to the port it names."""
+    r = c.cmd("PASV").decode()
+    assert r.startswith("227 "), r
+    nums = r[r.index("(") + 1:r.index(")")].split(",")
+    return socket.create_connection(("127.0.0.1", int(nums[4]) * 256 + int(nums[5])), timeout=20)
+
+
+def reset(sock):
+    """Closes with a reset, as a client that vanishes does."""
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    sock.close()
+
+
+def transfer(c, verb, upload=None):
+    """PASV, verb and its data: (the replies from the first on as one byte string, the data read).
+    A client that sends or reads in vain (the server gave up) just goes on to the replies."""
+    data = pasv_connect(c)
+    c.send(verb + "\r\n")
+    first = c.reply()
+    got = bytearray()
+    if first.startswith(b"150"):
+        data.settimeout(20)
+        try:
+            if upload is not None:
+                data.sendall(upload)
+            else:
+                while chunk := data.recv(65536):
+                    got += chunk
+        except OSError:
+            pass
+        data.close()
+        return first + c.reply(), bytes(got)
+    data.close()
+    return first, b""
+
+
+def start_upload(c, name, first=b"", type_cmd="TYPE I"):
+    """The type, PASV and STOR name answered 150; sends first; returns the data connection."""
+    c.cmd(type_cmd)
+    data = pasv_connect(c)
+    c.send("STOR %s\r\n" % name)
+    r = c.reply()
+    assert r.startswith(b"150 "), r
+    data.sendall(first)
+    return data
+
+
+def memory_idle(d, timeout=20):
+    return wait_until(lambda: all(v == 0 for v in d.memory_in_use().values()), timeout=timeout)

@@ -59,35 +59,17 @@ class PamTest(unittest.TestCase):
             subprocess.run(["userdel", cls.user], capture_output=True)
             cls.made_user = False
 
-    def stop_checked(self, d):
-        """Stops the daemon; a non-zero exit (a crash, a sanitizer report) fails the test."""
-        rc = d.stop()
-        stderr = getattr(d, "stderr", "")
-        d.cleanup()
-        self.assertEqual(rc, 0, stderr[-4000:])
-
     def daemon(self, service, methods="pam"):
         d = Daemon(extra_platform={"pam.service": service, "aaa.list.default": methods},
                    user_database="[user localbob]\npassword = localpass1\n")
         d.start()
-        self.addCleanup(self.stop_checked, d)
+        self.addCleanup(d.stop_checked)
         return d
 
     def attempt(self, d, user, password):
-        """Every reply to PASS (NOOP, which is not served, marks where a refusal's replies end)."""
         c = RawClient(d.port)
         self.addCleanup(c.close)
-        c.reply()
-        self.assertTrue(c.cmd("USER " + user).startswith(b"331"))
-        replies = [c.cmd("PASS " + password)]
-        if not replies[0].startswith(b"230"):
-            c.send("NOOP\r\n")
-            while True:
-                r = c.reply()
-                if r.startswith(b"502"):
-                    break
-                replies.append(r)
-        return replies
+        return c.pass_replies(user, password)
 
     def test_account_logs_in_and_wrong_password_is_refused(self):
         d = self.daemon(self.services["unix"])

@@ -5,16 +5,11 @@ database, a list that starts with none, and an unknown list name."""
 
 import os
 import shutil
-import socket
-import subprocess
 import sys
-import tempfile
-import threading
-import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient  # noqa: E402
+from ftps_harness import BackEnd, Daemon, RawClient, free_udp_port  # noqa: E402
 
 RADIUSD = shutil.which("freeradius") or shutil.which("radiusd")
 SECRET = "t3stsecret"
@@ -27,9 +22,6 @@ run_dir = ${{confdir}}
 db_dir = ${{confdir}}
 pidfile = ${{run_dir}}/radiusd.pid
 correct_escapes = true
-max_request_time = 30
-cleanup_delay = 0
-max_requests = 1024
 log {{
   destination = stdout
 }}
@@ -37,15 +29,9 @@ security {{
   reject_delay = 0
   status_server = no
 }}
-thread pool {{
-  start_servers = 1
-  max_servers = 4
-  min_spare_servers = 1
-  max_spare_servers = 2
-}}
 client test {{
   ipaddr = 127.0.0.1
-  secret = {secret}
+  secret = t3stsecret
   require_message_authenticator = no
 }}
 modules {{
@@ -114,58 +100,6 @@ DEFAULT   Auth-Type := Reject
 """
 
 
-def free_udp_port():
-    s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
-
-
-class RadiusServer:
-    """FreeRADIUS in the foreground on a loopback port, configured in a private directory."""
-
-    def __init__(self):
-        self.dir = tempfile.mkdtemp(prefix="ftps-radius")
-        self.port = free_udp_port()
-        with open(os.path.join(self.dir, "radiusd.conf"), "w") as f:
-            f.write(RADIUSD_CONF.format(dir=self.dir, port=self.port, secret=SECRET))
-        with open(os.path.join(self.dir, "users"), "w") as f:
-            f.write(USERS)
-        self.out = open(os.path.join(self.dir, "out.log"), "w+")
-        # -X: a full trace, which shows every request received.
-        self.proc = subprocess.Popen([RADIUSD, "-X", "-d", self.dir],
-                                     stdout=self.out, stderr=subprocess.STDOUT)
-        deadline = time.time() + 20
-        while time.time() < deadline:
-            if self.proc.poll() is not None:
-                text = self.output()
-                self.stop()
-                raise AssertionError("FreeRADIUS exited: " + text)
-            if "Ready to process requests" in self.output():
-                return
-            time.sleep(0.1)
-        text = self.output()
-        self.stop()
-        raise AssertionError("FreeRADIUS not ready: " + text)
-
-    def output(self):
-        self.out.flush()
-        with open(self.out.name, errors="replace") as f:
-            return f.read()
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self.out.close()
-        shutil.rmtree(self.dir, ignore_errors=True)
-
-
 OK = b"230 User logged in, proceed.\r\n"
 # A refusal: the verdict's own reply, then the login sequence's.
 REJECTED = [b"530 Password access denied.\r\n", b"530 Password access denied.\r\n"]
@@ -180,19 +114,14 @@ password = localpass1
 class RadiusTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.radius = RadiusServer()
+        # -X: a full trace, which shows every request received.
+        cls.radius = BackEnd("ftps-radius", {"radiusd.conf": RADIUSD_CONF, "users": USERS},
+                             [RADIUSD, "-X", "-d", "{dir}"], "Ready to process requests")
         cls.dead_port = free_udp_port()  # nothing answers there
 
     @classmethod
     def tearDownClass(cls):
         cls.radius.stop()
-
-    def stop_checked(self, d):
-        """Stops the daemon; a non-zero exit (a crash, a sanitizer report) fails the test."""
-        rc = d.stop()
-        stderr = getattr(d, "stderr", "")
-        d.cleanup()
-        self.assertEqual(rc, 0, stderr[-4000:])
 
     def daemon(self, lists, servers=None, auth=None):
         platform = {"radius.server": servers or "127.0.0.1:%d" % self.radius.port,
@@ -202,60 +131,24 @@ class RadiusTest(unittest.TestCase):
         startup = ["ftp-server username alice password secret1"]
         if auth:
             startup.append("ftp-server authentication " + auth)
-        d = Daemon(startup=startup, extra_platform=platform, user_database=LOCAL_DB)
-        d.start()
-        self.addCleanup(self.stop_checked, d)
+        d = Daemon(startup=startup, extra_platform=platform, user_database=LOCAL_DB).start()
+        self.addCleanup(d.stop_checked)
         return d
 
     def attempt(self, d, user, password):
-        """The connection and every reply to PASS (a refusal may send more than one: NOOP, which
-        is not served, marks where they end)."""
         c = RawClient(d.port)
         self.addCleanup(c.close)
-        c.reply()
-        self.assertTrue(c.cmd("USER " + user).startswith(b"331"))
-        replies = [c.cmd("PASS " + password)]
-        if replies[0].startswith(b"230"):
-            return c, replies
-        c.send("NOOP\r\n")
-        while True:
-            r = c.reply()
-            if r.startswith(b"502"):
-                return c, replies
-            replies.append(r)
+        return c, c.pass_replies(user, password)
 
     def test_accept_and_reject_by_the_server(self):
         d = self.daemon({"default": "radius"})
         c, replies = self.attempt(d, "raduser", "radpass1")
         self.assertEqual(replies, [OK])
         self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
-        c, replies = self.attempt(d, "raduser", "wrong")
-        self.assertEqual(replies, REJECTED)
-        c, replies = self.attempt(d, "nosuchuser", "radpass1")
-        self.assertEqual(replies, REJECTED)
-
-    def test_concurrent_logins_each_get_their_own_verdict(self):
-        d = self.daemon({"default": "radius"})
-        results = {}
-
-        def one(i):
-            password = "radpass1" if i % 2 == 0 else "wrong%d" % i
-            try:
-                results[i] = self.attempt(d, "raduser", password)[1]
-            except Exception as e:  # reported below, with the others
-                results[i] = repr(e)
-        threads = [threading.Thread(target=one, args=(i,)) for i in range(8)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
-        for i in range(8):
-            self.assertEqual(results[i], [OK] if i % 2 == 0 else REJECTED, i)
-
-    def test_request_carries_peer_address_port_and_service(self):
-        d = self.daemon({"default": "radius"})
-        _, replies = self.attempt(d, "fromlo", "lopass1")
-        self.assertEqual(replies, [OK])
+        for user, password in (("raduser", "wrong"), ("nosuchuser", "radpass1")):
+            self.assertEqual(self.attempt(d, user, password)[1], REJECTED)
+        # The request carries the peer's address, the port and the service.
+        self.assertEqual(self.attempt(d, "fromlo", "lopass1")[1], [OK])
         trace = self.radius.output()
         request = trace[trace.rindex("Received Access-Request"):]
         for attribute in ['User-Name = "fromlo"', "NAS-Port = 21", "Service-Type = Login-User",
@@ -264,43 +157,32 @@ class RadiusTest(unittest.TestCase):
 
     def test_one_challenge_is_answered_with_its_state_and_a_second_refused(self):
         d = self.daemon({"default": "radius"})
-        _, replies = self.attempt(d, "chalonce", "chalpass")
-        self.assertEqual(replies, [OK])
-        _, replies = self.attempt(d, "chaluser", "chalpass")
-        self.assertEqual(replies, NOT_LOGGED_IN)
+        self.assertEqual(self.attempt(d, "chalonce", "chalpass")[1], [OK])
+        self.assertEqual(self.attempt(d, "chaluser", "chalpass")[1], NOT_LOGGED_IN)
         # The challenge of a refused session does not leak into a fresh attempt of the same user.
-        c, replies = self.attempt(d, "chalonce", "chalpass")
-        self.assertEqual(replies, [OK])
+        self.assertEqual(self.attempt(d, "chalonce", "chalpass")[1], [OK])
 
-    def test_unreachable_server_falls_through_to_local(self):
-        d = self.daemon({"default": "radius local"}, servers="127.0.0.1:%d" % self.dead_port)
-        _, replies = self.attempt(d, "localbob", "localpass1")
-        self.assertEqual(replies, [OK])
-        _, replies = self.attempt(d, "localbob", "wrong")
-        self.assertEqual(replies, REJECTED)
-
-    def test_second_server_answers_when_the_first_is_silent(self):
-        servers = "127.0.0.1:%d 127.0.0.1:%d" % (self.dead_port, self.radius.port)
-        d = self.daemon({"default": "radius"}, servers=servers)
-        _, replies = self.attempt(d, "raduser", "radpass1")
-        self.assertEqual(replies, [OK])
-
-    def test_only_silent_servers_refuse_with_not_logged_in(self):
-        d = self.daemon({"default": "radius"}, servers="127.0.0.1:%d" % self.dead_port)
-        _, replies = self.attempt(d, "raduser", "radpass1")
-        self.assertEqual(replies, NOT_LOGGED_IN)
+    def test_silent_servers(self):
+        dead = "127.0.0.1:%d" % self.dead_port
+        # Falls through to the local database when the list goes on.
+        d = self.daemon({"default": "radius local"}, servers=dead)
+        self.assertEqual(self.attempt(d, "localbob", "localpass1")[1], [OK])
+        self.assertEqual(self.attempt(d, "localbob", "wrong")[1], REJECTED)
+        # The second server answers when the first is silent; only silent ones: not logged in.
+        for servers, expected in ((dead + " 127.0.0.1:%d" % self.radius.port, [OK]),
+                                  (dead, NOT_LOGGED_IN)):
+            with self.subTest(servers=servers):
+                d = self.daemon({"default": "radius"}, servers=servers)
+                self.assertEqual(self.attempt(d, "raduser", "radpass1")[1], expected)
 
     def test_list_starting_with_none_and_unknown_list(self):
         d = self.daemon({"open": "none radius", "default": "radius"}, auth="open")
         before = self.radius.output().count("Received Access-Request")
-        _, replies = self.attempt(d, "anybody", "anything")
-        self.assertEqual(replies, [OK])
+        self.assertEqual(self.attempt(d, "anybody", "anything")[1], [OK])
         self.assertEqual(self.radius.output().count("Received Access-Request"), before,
                          "a list starting with none asked the server")
-
         d2 = self.daemon({"default": "radius"}, auth="nolist")
-        _, replies = self.attempt(d2, "raduser", "radpass1")
-        self.assertEqual(replies, NOT_LOGGED_IN)
+        self.assertEqual(self.attempt(d2, "raduser", "radpass1")[1], NOT_LOGGED_IN)
 
 
 if __name__ == "__main__":

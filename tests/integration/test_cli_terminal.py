@@ -46,11 +46,6 @@ TOPDIR_CHOICES.append(("PATH", "Name of the directory/file"))
 ESCAPE = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
 
 
-def screen_text(raw):
-    """The terminal output without cursor movements and carriage returns."""
-    return ESCAPE.sub("", raw.decode(errors="replace")).replace("\r", "").replace("\x07", "")
-
-
 class Terminal:
     """ftps-cli with a pseudo-terminal as its controlling terminal, COLUMNS wide."""
 
@@ -84,7 +79,8 @@ class Terminal:
         return bool(data)
 
     def text(self):
-        return screen_text(self.raw)
+        """The output without cursor movements, bells and carriage returns."""
+        return ESCAPE.sub("", self.raw.decode(errors="replace")).replace("\r", "").replace("\x07", "")
 
     def expect(self, predicate, what):
         deadline = time.time() + WAIT
@@ -94,23 +90,14 @@ class Terminal:
             self.read(0.1)
         raise AssertionError("terminal never showed %s; it shows:\n%s" % (what, self.text()[-3000:]))
 
-    def expect_tail(self, tail):
-        return self.expect(lambda t: t.endswith(tail), repr(tail))
-
     def mark(self):
         return len(self.text())
 
-    def since(self, mark):
-        return self.text()[mark:]
-
-    def editing(self):
-        """True once the editor has the terminal (no canonical mode): keys typed before that
-        are echoed and buffered by the terminal itself, as type-ahead is."""
-        return not termios.tcgetattr(self.fd)[3] & termios.ICANON
-
     def type(self, keys):
+        # Only once the editor has the terminal (no canonical mode): keys typed before that are
+        # echoed and buffered by the terminal itself, as type-ahead is.
         deadline = time.time() + WAIT
-        while not self.editing():
+        while termios.tcgetattr(self.fd)[3] & termios.ICANON:
             if time.time() > deadline:
                 raise AssertionError("the line editor never took the terminal")
             self.read(0.01)
@@ -157,7 +144,7 @@ def listing(text):
 class CliTerminalTest(DaemonTestCase):
     def setUp(self):
         self.t = Terminal(self.d.env())
-        self.t.expect_tail(PROMPT)
+        self.t.expect(lambda t: t.endswith(PROMPT), "the prompt")
 
     def tearDown(self):
         self.t.close()
@@ -174,12 +161,6 @@ class CliTerminalTest(DaemonTestCase):
         shown = self.t.expect(lambda t: t[start:].endswith(PROMPT + partial), "the line again after the listing")
         self.t.type(KILL_LINE)
         return shown[start:]
-
-    def test_prompt_names_the_product_and_exit_ends_with_zero(self):
-        self.assertEqual(self.t.text(), PROMPT)
-        self.t.run("show ftp-server config")
-        self.t.type("exit\r")
-        self.assertEqual(self.t.wait_exit(), 0)
 
     def test_question_mark_lists_next_keywords_with_their_help_texts(self):
         shown = self.help_for("ftp-server ")
@@ -201,7 +182,6 @@ class CliTerminalTest(DaemonTestCase):
         self.t.type("ftp-server ti\t")
         self.t.expect(lambda t: t[start:].endswith("ftp-server timeout "), "the completed keyword")
         self.t.run("5")
-        self.assertIn("ftp-server timeout 5\n", self.running_config())
 
         # Several candidates: the common beginning is completed, a second Tab lists them.
         start = self.t.mark()
@@ -211,6 +191,7 @@ class CliTerminalTest(DaemonTestCase):
         shown = self.t.expect(lambda t: t[start:].endswith(PROMPT + "ftp-server login time"), "the candidates")
         self.assertEqual([name for name, _ in listing(shown[start:])], ["timeout", "times"])
         self.t.run("s 4")
+        self.assertIn("ftp-server timeout 5\n", self.running_config())
         self.assertIn("ftp-server login times 4\n", self.running_config())
 
     def test_errors_put_a_caret_under_the_bad_word(self):
@@ -241,14 +222,12 @@ class CliTerminalTest(DaemonTestCase):
                                         "% Unknown command: 'bogus'"])
 
     def test_history_recalls_earlier_lines(self):
-        self.t.run("ftp-server login timeout 7")
-        self.t.run("ftp-server login timeout 8")
-        self.assertIn("ftp-server login timeout 8\n", self.running_config())
-        self.t.type(UP + UP)
-        self.t.run("")
+        for line in ("ftp-server login timeout 7", "ftp-server login timeout 8", UP + UP):
+            self.t.run(line)
         self.assertIn("ftp-server login timeout 7\n", self.running_config())
 
-    def test_ctrl_c_abandons_the_line_and_ctrl_d_leaves(self):
+    def test_prompt_ctrl_c_abandons_the_line_and_ctrl_d_leaves_with_zero(self):
+        self.assertEqual(self.t.text(), PROMPT)
         start = self.t.mark()
         self.t.type("ftp-server login timeout 9")
         self.t.expect(lambda t: t[start:].endswith("timeout 9"), "the typed line")

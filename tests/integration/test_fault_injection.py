@@ -4,19 +4,15 @@ that category after start); each failure is answered as designed, nothing leaks 
 keeps serving. Also a full file system under an upload, and clients that misbehave (half lines,
 vanishing in the middle of a transfer) while another client is being served."""
 
-import ftplib
 import io
 import os
-import socket
 import subprocess
 import sys
-import threading
-import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DAEMON, START_WAIT, Daemon, RawClient, wait_until  # noqa: E402
-from test_transfer_faults import pasv_connect, reset  # noqa: E402
+from ftps_harness import (DAEMON, START_WAIT, Daemon, RawClient, ftp_session, logged_in,  # noqa: E402
+                          memory_idle, pasv_connect, reset, start_upload, transfer, wait_until)
 
 INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \
     DATA_BUF, OUTPATH, USER_CNT, INFO, EPOLL = range(15)
@@ -46,17 +42,6 @@ def listening(port):
     return False
 
 
-def memory_rows(d):
-    """Row name -> (failed, allocs, frees, in use)."""
-    rc, out = d.cli("show ftp-server memory")
-    rows = {}
-    for line in out.splitlines():
-        parts = line.split()
-        if len(parts) >= 5 and all(p.isdigit() for p in parts[-4:]):
-            rows[" ".join(parts[:-4])] = tuple(int(p) for p in parts[-4:])
-    return rows
-
-
 def quiet_start(d, extra_env=None):
     """Starts the daemon and waits for it without opening a session, which would take
     allocations of its own and move the injected failure."""
@@ -68,50 +53,19 @@ def quiet_start(d, extra_env=None):
 
 
 def new_daemon():
-    d = Daemon(startup=["ftp-server username alice password secret1"])
+    d = Daemon()
     os.makedirs(os.path.join(d.flash, "sub"))
     with open(os.path.join(d.flash, "f.txt"), "wb") as f:
         f.write(CONTENT)
     return d
 
 
-def logged_in(port):
-    c = RawClient(port)
-    c.login()
-    return c
-
-
-def transfer(c, verb, payload=None):
-    """PASV, the transfer command and its data; the replies that followed, as one byte string."""
-    data = pasv_connect(c)
-    c.send(verb + "\r\n")
-    first = c.reply()
-    if not first.startswith(b"150"):
-        data.close()
-        return first
-    if payload is not None:
-        try:
-            data.sendall(payload)
-        except OSError:
-            pass
-    else:
-        data.settimeout(20)
-        try:
-            while data.recv(65536):
-                pass
-        except OSError:
-            pass
-    data.close()
-    return first + c.reply()
-
-
 def whole_session(port):
     c = logged_in(port)
     assert c.cmd("TYPE I") == b"200 Type set to I.\r\n"
-    r = transfer(c, "RETR f.txt")
-    assert r.endswith(b"226 Closing data connection.\r\n"), r
-    r = transfer(c, "LIST")
-    assert r.endswith(b"226 Closing data connection.\r\n"), r
+    for verb in ("RETR f.txt", "LIST"):
+        r = transfer(c, verb)[0]
+        assert r.endswith(b"226 Closing data connection.\r\n"), r
     c.cmd("QUIT")
     c.close()
 
@@ -123,7 +77,7 @@ class MemoryFaultTest(unittest.TestCase):
         # count starts from the daemon's start, the cases count from the first client.
         d = new_daemon()
         quiet_start(d)
-        cls.startup = {name: row[1] for name, row in memory_rows(d).items()}
+        cls.startup = {name: row[1] for name, row in d.memory_rows().items()}
         rc = d.stop()
         d.cleanup()
         assert rc == 0, rc
@@ -138,33 +92,28 @@ class MemoryFaultTest(unittest.TestCase):
             quiet_start(d, {"FTPS_TEST_MEMFAIL": "%d:%d" % (category, n)})
             scenario(d)
             whole_session(d.port)
-            idle = lambda: all(row[3] == 0 for row in memory_rows(d).values())  # noqa: E731
-            self.assertTrue(wait_until(idle, timeout=20), memory_rows(d))
-            self.assertEqual(memory_rows(d)[ROW[category]][0], 1, "failures counted")
+            self.assertTrue(memory_idle(d), d.memory_rows())
+            self.assertEqual(d.memory_rows()[ROW[category]][0], 1, "failures counted")
         finally:
             rc = d.stop()
             stderr = getattr(d, "stderr", "")
             d.cleanup()
         self.assertEqual(rc, 0, stderr[-4000:])
 
-    def closed_before_greeting(self, d):
-        c = RawClient(d.port)
-        self.assertTrue(c.closed(), "a greeting was sent")
-        c.close()
-
-    def test_session_start_failures_close_without_a_reply(self):
-        # The hand-off record, the session's line buffer and each string of its record.
-        for category in (INFO, WHOLE_BUF, PCRED_DIR, PCRED_NAME, PCRED_PWD):
+    def test_session_start_failures_close_the_connection(self):
+        def scenario(greeting):
+            def closed(d):
+                c = RawClient(d.port)
+                if greeting:
+                    self.assertEqual(c.reply(), GREETING)
+                self.assertTrue(c.closed(), "a reply was sent")
+                c.close()
+            return closed
+        # The hand-off record, the session's line buffer and each string of its record: closed
+        # before the greeting; the session's event waiter: right after it.
+        for category in (INFO, WHOLE_BUF, PCRED_DIR, PCRED_NAME, PCRED_PWD, EPOLL):
             with self.subTest(category=ROW[category]):
-                self.inject(category, 1, self.closed_before_greeting)
-
-    def test_session_event_waiter_failure_ends_after_the_greeting(self):
-        def scenario(d):
-            c = RawClient(d.port)
-            self.assertEqual(c.reply(), GREETING)
-            self.assertTrue(c.closed())
-            c.close()
-        self.inject(EPOLL, 1, scenario)
+                self.inject(category, 1, scenario(category == EPOLL))
 
     def test_login_allocation_failures_refuse_that_login_only(self):
         def scenario(d):
@@ -193,77 +142,42 @@ class MemoryFaultTest(unittest.TestCase):
             c.close()
         self.inject(TMP, 1, scenario)
 
-    def test_transfer_buffers(self):
-        def retr(type_cmd, expected):
+    def test_transfer_listing_and_path_failures(self):
+        def exchange(verb, expected, type_cmd=None, upload=None):
+            """One command (a transfer when it needs data) after login and its exact replies."""
             def scenario(d):
                 c = logged_in(d.port)
-                c.cmd(type_cmd)
-                self.assertEqual(transfer(c, "RETR f.txt"), b"150 Opening %s mode data connection.\r\n" %
-                                 (b"BINARY" if type_cmd == "TYPE I" else b"ASCII") + expected)
+                if type_cmd:
+                    c.cmd(type_cmd)
+                if verb.split()[0] in ("RETR", "STOR", "LIST", "NLST"):
+                    self.assertEqual(transfer(c, verb, upload)[0], expected)
+                else:
+                    self.assertEqual(c.cmd(verb), expected)
+                if upload is not None:
+                    # The reply goes out before the partial file is removed.
+                    gone = lambda: not os.path.exists(os.path.join(d.flash, "up.bin"))  # noqa: E731
+                    self.assertTrue(wait_until(gone), "partial upload kept")
                 c.close()
             return scenario
 
-        def stor(expected):
-            def scenario(d):
-                c = logged_in(d.port)
-                c.cmd("TYPE I")
-                self.assertEqual(transfer(c, "STOR up.bin", CONTENT),
-                                 b"150 Opening BINARY mode data connection.\r\n" + expected)
-                # The reply goes out before the partial file is removed.
-                gone = lambda: not os.path.exists(os.path.join(d.flash, "up.bin"))  # noqa: E731
-                self.assertTrue(wait_until(gone), "partial upload kept")
-                c.close()
-            return scenario
-
+        binary = b"150 Opening BINARY mode data connection.\r\n"
+        ascii_ = b"150 Opening ASCII mode data connection.\r\n"
+        not_taken = b"550 Requested action not taken.\r\n"
         cases = [
-            (BUF, 1, retr("TYPE I", MALLOC_451)),
-            (CHANG_BUF, 1, retr("TYPE A", MALLOC_451)),
-            (DATA_BUF, 1, stor(MALLOC_451)),
+            (BUF, 1, exchange("RETR f.txt", binary + MALLOC_451, "TYPE I")),
+            (CHANG_BUF, 1, exchange("RETR f.txt", ascii_ + MALLOC_451, "TYPE A")),
+            (DATA_BUF, 1, exchange("STOR up.bin", binary + MALLOC_451, "TYPE I", CONTENT)),
             # The session's own waiter is the first, the passive wait the second.
-            (EPOLL, 3, retr("TYPE I", EPOLL_451)),
-            (EPOLL, 3, stor(EPOLL_451)),
-        ]
-        for category, nth, scenario in cases:
-            with self.subTest(category=ROW[category], nth=nth):
-                self.inject(category, nth, scenario)
-
-    def test_listing_and_data_connection(self):
-        def listing(verb, expected):
-            def scenario(d):
-                c = logged_in(d.port)
-                self.assertEqual(transfer(c, verb), expected)
-                c.close()
-            return scenario
-
-        opening = b"150 Opening ASCII mode data connection.\r\n"
-        cases = [
-            (BUF, 1, listing("LIST", opening + LOCAL_451)),
-            (CHANG_BUF, 1, listing("NLST", opening + LOCAL_451)),
-            (EPOLL, 2, listing("LIST", b"425 Can't open data connection.\r\n")),
-        ]
-        for category, nth, scenario in cases:
-            with self.subTest(category=ROW[category], nth=nth):
-                self.inject(category, nth, scenario)
-
-    def test_path_and_directory_commands(self):
-        def command(cmd, expected):
-            def scenario(d):
-                c = logged_in(d.port)
-                self.assertEqual(c.cmd(cmd), expected)
-                c.close()
-            return scenario
-
-        def retr(d):
-            c = logged_in(d.port)
-            self.assertEqual(transfer(c, "RETR f.txt"), LOCAL_451)
-            c.close()
-
-        cases = [
-            (TMP, 1, command("CWD sub", b'550 "sub": No such file or directory.\r\n')),
-            (TMP, 1, retr),
-            (WHOLE_BUF, 2, command("CWD sub", b"550 Requested action not taken.\r\n")),
-            (WHOLE_BUF, 2, retr),
-            (OUTPATH, 1, command("PWD", b"550 Requested action not taken.\r\n")),
+            (EPOLL, 3, exchange("RETR f.txt", binary + EPOLL_451, "TYPE I")),
+            (EPOLL, 3, exchange("STOR up.bin", binary + EPOLL_451, "TYPE I", CONTENT)),
+            (BUF, 1, exchange("LIST", ascii_ + LOCAL_451)),
+            (CHANG_BUF, 1, exchange("NLST", ascii_ + LOCAL_451)),
+            (EPOLL, 2, exchange("LIST", b"425 Can't open data connection.\r\n")),
+            (TMP, 1, exchange("CWD sub", b'550 "sub": No such file or directory.\r\n')),
+            (TMP, 1, exchange("RETR f.txt", LOCAL_451)),
+            (WHOLE_BUF, 2, exchange("CWD sub", not_taken)),
+            (WHOLE_BUF, 2, exchange("RETR f.txt", LOCAL_451)),
+            (OUTPATH, 1, exchange("PWD", not_taken)),
         ]
         for category, nth, scenario in cases:
             with self.subTest(category=ROW[category], nth=nth):
@@ -274,16 +188,10 @@ class MisbehavingClientTest(unittest.TestCase):
     """Clients that break off while another one is served from start to end."""
 
     def setUp(self):
-        self.d = new_daemon()
-        self.d.start()
+        self.d = new_daemon().start()
+        self.addCleanup(self.d.stop_checked)
         with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
             f.write(os.urandom(1 << 20) * 16)
-
-    def tearDown(self):
-        rc = self.d.stop()
-        stderr = getattr(self.d, "stderr", "")
-        self.d.cleanup()
-        self.assertEqual(rc, 0, stderr[-4000:])
 
     def test_half_lines_and_vanishing_clients_do_not_disturb_others(self):
         # Half a line is taken as a command of its own (one receive is one command): half of
@@ -300,11 +208,7 @@ class MisbehavingClientTest(unittest.TestCase):
         ddata.recv(65536)
 
         up = logged_in(self.d.port)
-        up.cmd("TYPE I")
-        udata = pasv_connect(up)
-        up.send("STOR part.bin\r\n")
-        self.assertTrue(up.reply().startswith(b"150 "))
-        udata.sendall(b"z" * 100000)
+        udata = start_upload(up, "part.bin", b"z" * 100000)
 
         # Both vanish without a word, control and data at once.
         for s in (ddata, down.sock, udata, up.sock):
@@ -315,8 +219,7 @@ class MisbehavingClientTest(unittest.TestCase):
         half.cmd("QUIT")
         half.close()
         self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "part.bin"))))
-        self.assertTrue(wait_until(lambda: all(v == 0 for v in self.d.memory_in_use().values()), timeout=20),
-                        self.d.memory_in_use())
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
 
 class DiskFullTest(unittest.TestCase):
@@ -338,19 +241,15 @@ class DiskFullTest(unittest.TestCase):
 
     def tearDown(self):
         rc = self.d.stop()
-        stderr = getattr(self.d, "stderr", "")
         if self.mounted:
             subprocess.run(["umount", self.d.flash], capture_output=True)
         self.d.cleanup()
-        self.assertEqual(rc, 0, stderr[-4000:])
+        self.assertEqual(rc, 0, self.d.stderr[-4000:])
 
     def test_upload_beyond_free_space_is_refused_and_removed(self):
         c = logged_in(self.d.port)
         for type_cmd in ("TYPE I", "TYPE A"):
-            c.cmd(type_cmd)
-            data = pasv_connect(c)
-            c.send("STOR huge.bin\r\n")
-            self.assertTrue(c.reply().startswith(b"150 "))
+            data = start_upload(c, "huge.bin", type_cmd=type_cmd)
             try:
                 data.sendall(b"0123456789abcde\n" * (1 << 17))  # 2 MiB
             except OSError:
@@ -359,9 +258,7 @@ class DiskFullTest(unittest.TestCase):
             self.assertEqual(c.reply(), b"452 Error writing file.\r\n")
             self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "huge.bin"))))
         # Space is free again: a small upload succeeds.
-        ftp = ftplib.FTP()
-        ftp.connect("127.0.0.1", self.d.port, timeout=20)
-        ftp.login("alice", "secret1")
+        ftp = ftp_session(self.d.port)
         ftp.storbinary("STOR small.bin", io.BytesIO(b"x" * 1000))
         ftp.quit()
         self.assertEqual(os.path.getsize(os.path.join(self.d.flash, "small.bin")), 1000)

@@ -2,7 +2,6 @@
 twenty-first connection is refused without a reply; every transfer arrives byte for byte, and the
 server serves again and gives back its memory once they end."""
 
-import ftplib
 import hashlib
 import io
 import os
@@ -11,7 +10,7 @@ import threading
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import SANITIZED, DaemonTestCase, RawClient, wait_until  # noqa: E402
+from ftps_harness import SANITIZED, DaemonTestCase, RawClient, ftp_session, logged_in, wait_until  # noqa: E402
 
 SESSIONS = 20
 SIZE = (1 << 20) if SANITIZED else (4 << 20)
@@ -51,12 +50,8 @@ class LoadTest(DaemonTestCase):
             f.write(payload)
         baseline = self.d.memory_in_use()
 
-        sessions = []
-        for i in range(SESSIONS):
-            ftp = ftplib.FTP()
-            ftp.connect("127.0.0.1", self.d.port, timeout=60)
-            ftp.login("alice" if i % 2 == 0 else "bob", "secret1" if i % 2 == 0 else "secret2")
-            sessions.append(ftp)
+        sessions = [ftp_session(self.d.port, user="alice" if i % 2 == 0 else "bob",
+                                password="secret1" if i % 2 == 0 else "secret2") for i in range(SESSIONS)]
 
         gate = threading.Barrier(SESSIONS + 1, timeout=120)
         results = [None] * SESSIONS
@@ -122,10 +117,7 @@ class LoadTest(DaemonTestCase):
         # With the sessions gone a new one is served and the memory rows are back where they were.
         self.assertTrue(wait_until(lambda: self.d.memory_in_use() == baseline, timeout=30),
                         (baseline, self.d.memory_in_use()))
-        c = RawClient(self.d.port)
-        c.login()
-        c.cmd("QUIT")
-        c.close()
+        logged_in(self.d.port).close()
 
 
 if __name__ == "__main__":

@@ -48,62 +48,37 @@ class LocalDatabaseBase:
         self.d = Daemon(user_database=USER_DATABASE,
                         extra_platform={"aaa.new_model": self.new_model, "aaa.list.default": "local"})
         self.d.start()
-        self.clients = []
-
-    def tearDown(self):
-        for c in self.clients:
-            c.close()
-        rc = self.d.stop()
-        self.d.cleanup()
-        self.assertEqual(rc, 0)
+        self.addCleanup(self.d.stop_checked)
 
     def attempt(self, user, password):
-        """The connection and every reply to PASS (NOOP, not served, marks where they end; its
-        answer also means the session has counted itself online after a 230)."""
         c = RawClient(self.d.port)
-        self.clients.append(c)
-        c.reply()
-        self.assertTrue(c.cmd("USER " + user).startswith(b"331"))
-        replies = [c.cmd("PASS " + password)]
-        c.send("NOOP\r\n")
-        while True:
-            r = c.reply()
-            if r.startswith(b"502"):
-                break
-            replies.append(r)
-        return c, replies
+        self.addCleanup(c.close)
+        return c, c.pass_replies(user, password)
 
     def test_online_limit_refuses_with_notice_and_count_comes_back_at_session_end(self):
         first, replies = self.attempt("limited", "lim1ted")
         self.assertEqual(replies, [OK])
-        _, replies = self.attempt("limited", "lim1ted")
-        self.assertEqual(replies, [OK])
-        _, replies = self.attempt("limited", "lim1ted")
-        self.assertEqual(replies, REFUSED_BY_ACCOUNT)
+        self.assertEqual(self.attempt("limited", "lim1ted")[1], [OK])
+        self.assertEqual(self.attempt("limited", "lim1ted")[1], REFUSED_BY_ACCOUNT)
         lines = [l for l in self.d.logtext().splitlines() if "%LOGIN-" in l]
         self.assertTrue(lines, "no LIMIT line in the log")
         self.assertRegex(lines[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %LOGIN-5-LIMIT: "
                          + re.escape("The number of online users 2 has reached the upper limit 2.") + "$")
-
         self.assertEqual(first.cmd("QUIT"), b"221 Service closing control connection(Goodbye).\r\n")
         self.assertTrue(first.closed())
         # The session gives its count back as it ends, after the goodbye.
         self.assertTrue(wait_until(lambda: self.attempt("limited", "lim1ted")[1] == [OK], timeout=10, step=0.2))
 
-    def test_online_amount_zero_refuses_every_login(self):
-        self.assertEqual(self.attempt("zero", "zer0pass")[1], REFUSED_BY_ACCOUNT)
-
-    def test_login_mode_must_include_ftp(self):
-        self.assertEqual(self.attempt("telnetonly", "teln3t")[1], REFUSED_BY_ACCOUNT)
-        self.assertEqual(self.attempt("ftpmode", "ftpm0de")[1], [OK])
-
-    def test_account_refusing_remote_login(self):
-        self.assertEqual(self.attempt("norlogin", "norl0gin")[1], REFUSED_BY_ACCOUNT)
-
-    def test_crypt_hash_and_wrong_password(self):
-        self.assertEqual(self.attempt("hashed", "hashpass1")[1], [OK])
-        self.assertEqual(self.attempt("hashed", "hashpass2")[1],
-                         [b"530 Password access denied.\r\n", b"530 Password access denied.\r\n"])
+    def test_account_checks(self):
+        for user, password, expected in (
+                ("zero", "zer0pass", REFUSED_BY_ACCOUNT),  # online amount 0
+                ("telnetonly", "teln3t", REFUSED_BY_ACCOUNT),  # login mode without FTP
+                ("ftpmode", "ftpm0de", [OK]),
+                ("norlogin", "norl0gin", REFUSED_BY_ACCOUNT),
+                ("hashed", "hashpass1", [OK]),
+                ("hashed", "hashpass2", [b"530 Password access denied.\r\n"] * 2)):
+            with self.subTest(user=user, password=password):
+                self.assertEqual(self.attempt(user, password)[1], expected)
 
 
 class LocalDatabaseThroughMethodListTest(LocalDatabaseBase, unittest.TestCase):

@@ -11,14 +11,10 @@ from ftps_harness import Daemon, RawClient  # noqa: E402
 
 class ManagementTest(unittest.TestCase):
     def setUp(self):
-        self.d = Daemon(startup=["ftp-server username alice password secret1"])
+        self.d = Daemon()
         os.makedirs(os.path.join(self.d.flash, "pub"))
         self.d.start()
-
-    def tearDown(self):
-        rc = self.d.stop()
-        self.d.cleanup()
-        self.assertEqual(rc, 0)
+        self.addCleanup(self.d.stop_checked)
 
     def running(self):
         rc, out = self.d.cli("show running-config")
@@ -31,18 +27,19 @@ class ManagementTest(unittest.TestCase):
         self.assertEqual(self.running(), before, "refused command changed the configuration: " + line)
 
     def test_refusals_print_exact_messages_and_change_nothing(self):
-        self.refused("ftp-server username bob password 0 " + "a" * 26,
-                     "% Password is too long, max length is 25\n")
-        self.refused("ftp-server username bob password !!!", "%Password must include letter or number\n")
-        self.refused("ftp-server username alice password other1", "% User is already exists.\n")
-        self.refused("no ftp-server username nobody", "% User is not exists.\n")
-        self.refused("ftp-server username bob password 7 ABC",
-                     "% Invalid encrypted password, min length is 4, max length is 52.\n")
-        self.refused("ftp-server username bob password 7 ZZZZ", "% Invalid encrypted password:ZZZZ\n")
-        self.refused("ftp-server username " + "u" * 65 + " password abc123", "% Username is too long.\n")
-        self.refused("ftp-server authentication " + "l" * 65,
-                     "authentication list name(%s) is NULL or too long, max length is 64.\n" % ("l" * 65))
-        self.refused("ftp-server topdir /nope", "topdir /nope don't exist!\n")
+        for line, message in (
+                ("ftp-server username bob password 0 " + "a" * 26, "% Password is too long, max length is 25\n"),
+                ("ftp-server username bob password !!!", "%Password must include letter or number\n"),
+                ("ftp-server username alice password other1", "% User is already exists.\n"),
+                ("no ftp-server username nobody", "% User is not exists.\n"),
+                ("ftp-server username bob password 7 ABC",
+                 "% Invalid encrypted password, min length is 4, max length is 52.\n"),
+                ("ftp-server username bob password 7 ZZZZ", "% Invalid encrypted password:ZZZZ\n"),
+                ("ftp-server username " + "u" * 65 + " password abc123", "% Username is too long.\n"),
+                ("ftp-server authentication " + "l" * 65,
+                 "authentication list name(%s) is NULL or too long, max length is 64.\n" % ("l" * 65)),
+                ("ftp-server topdir /nope", "topdir /nope don't exist!\n")):
+            self.refused(line, message)
         self.assertEqual(self.d.cli("ftp-server timeout 3601")[0], 1)
         self.assertEqual(self.d.cli("ftp-server login times 11")[0], 1)
         for i in range(9):

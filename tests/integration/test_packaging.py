@@ -62,7 +62,7 @@ class InstallTest(unittest.TestCase):
                 open(self.path("usr/share/doc/ftps/examples/platform.conf")) as g:
             self.assertEqual(f.read(), g.read())
 
-    def test_reinstall_keeps_the_administrators_platform_file(self):
+    def test_reinstall_keeps_the_platform_file_and_another_prefix_moves_the_unit(self):
         root = os.path.join(self.dir, "again")
         install(root)
         conf = os.path.join(root, "etc/ftps/platform.conf")
@@ -71,12 +71,9 @@ class InstallTest(unittest.TestCase):
         install(root)
         with open(conf) as f:
             self.assertTrue(f.read().endswith("product_name = EDITED\n"))
-
-    def test_another_prefix_moves_the_unit_and_its_program(self):
         other = os.path.join(self.dir, "local")
         install(other, prefix="/usr/local")
-        unit = os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")
-        with open(unit) as f:
+        with open(os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")) as f:
             self.assertIn("\nExecStart=/usr/local/sbin/ftp_server.elf\n", f.read())
         self.assertTrue(os.access(os.path.join(other, "usr/local/sbin/ftp_server.elf"), os.X_OK))
         self.assertFalse(os.path.exists(os.path.join(other, "lib/systemd")))
@@ -131,17 +128,15 @@ class InstallTest(unittest.TestCase):
         with open(self.path("usr/share/doc/ftps/examples/startup.conf")) as f:
             lines = f.read().splitlines()
         d = Daemon(startup=lines, enable=False, topdir=None)
-        try:
-            d.start()
-            rc, out = d.cli("show running-config")
-            self.assertEqual(rc, 0, out)
-            self.assertIn("ftp-server topdir flash:/\n", out)
-            self.assertIn("ftp-server username operator password ChangeMe2024\n", out)
-            self.assertIn("ftp-server enable\n", out)
-            self.assertNotIn("startup-config line", d.logtext())
-            self.assertTrue(d.port_open())
-        finally:
-            d.cleanup()
+        self.addCleanup(d.cleanup)
+        d.start()
+        rc, out = d.cli("show running-config")
+        self.assertEqual(rc, 0, out)
+        for line in ("ftp-server topdir flash:/", "ftp-server username operator password ChangeMe2024",
+                     "ftp-server enable"):
+            self.assertIn(line + "\n", out)
+        self.assertNotIn("startup-config line", d.logtext())
+        self.assertTrue(d.port_open())
 
 
 @unittest.skipIf(shutil.which("dpkg-deb") is None or shutil.which("cpack") is None,
@@ -168,17 +163,12 @@ class DebTest(unittest.TestCase):
         self.assertEqual(r.returncode, 0, r.stderr)
         return r.stdout
 
-    def test_package_holds_exactly_the_installed_files(self):
-        files = {}
-        for line in self.dpkg_deb("-c", self.deb).splitlines():
-            fields = line.split()
-            if fields[0].startswith("-"):
-                files[fields[-1][2:]] = fields[0]
+    def test_package_holds_the_installed_files_libraries_and_conffile(self):
+        files = {f[-1][2:]: f[0] for f in map(str.split, self.dpkg_deb("-c", self.deb).splitlines())
+                 if f[0].startswith("-")}
         self.assertEqual(set(files), set(INSTALLED))
         self.assertEqual(files["usr/sbin/ftp_server.elf"], "-rwxr-xr-x")
         self.assertEqual(files["etc/ftps/platform.conf"], "-rw-r--r--")
-
-    def test_control_names_runtime_libraries_and_the_conffile(self):
         self.assertEqual(self.dpkg_deb("-f", self.deb, "Package").strip(), "ftps")
         depends = self.dpkg_deb("-f", self.deb, "Depends")
         for lib in ("libc6", "libedit2", "libinih1", "libsystemd0", "libpam0g", "libpwquality1"):

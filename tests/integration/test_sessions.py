@@ -1,44 +1,30 @@
 """Serving sessions: greeting and login with real clients over both families, admission limits,
-enable and disable, failed logins, HELP/SYST/STAT texts and the memory table afterwards."""
+enable and disable, failed logins, HELP/SYST/STAT texts."""
 
 import ftplib
 import os
 import socket
 import subprocess
 import sys
-import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient, has_ipv6, wait_until  # noqa: E402
-
-SESSION_ROWS = ["WHOLE BUF", "PCRED NAME", "PCRED PWD", "PCRED DIR", "PCRED MSG", "INFO", "EPOLL",
-                "USER CNT"]
-
+from ftps_harness import DaemonTestCase, RawClient, has_ipv6, logged_in, wait_until  # noqa: E402
 
 class SessionTest(DaemonTestCase):
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1"]}
-
     def tearDown(self):
         # Whatever a test did, no session state is left behind once its sessions ended.
         wait_until(lambda: self.d.cli("show ftp-server")[1].count("trans-type") == 0, timeout=10)
 
-    def greeting(self):
-        return "220 TESTSW FTP server <version 1.00> ready."
-
-    def test_ftplib_login_over_both_families(self):
-        hosts = ["127.0.0.1"] + (["::1"] if has_ipv6() else [])
-        for host in hosts:
+    def test_ftplib_and_curl_log_in_over_both_families(self):
+        for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
             ftp = ftplib.FTP()
-            self.assertEqual(ftp.connect(host, self.d.port, timeout=10), self.greeting())
+            self.assertEqual(ftp.connect(host, self.d.port, timeout=10),
+                             "220 TESTSW FTP server <version 1.00> ready.")
             self.assertEqual(ftp.login("alice", "secret1"), "230 User logged in, proceed.")
             self.assertEqual(ftp.quit(), "221 Service closing control connection(Goodbye).")
-
-    def test_curl_logs_in_and_quits(self):
-        hosts = ["127.0.0.1"] + (["[::1]"] if has_ipv6() else [])
-        for host in hosts:
-            r = subprocess.run(["curl", "-sS", "-v", "--max-time", "20", "-Q", "SYST",
-                                "ftp://alice:secret1@%s:%d/" % (host, self.d.port)],
+            url = "ftp://alice:secret1@%s:%d/" % ("[%s]" % host if ":" in host else host, self.d.port)
+            r = subprocess.run(["curl", "-sS", "-v", "--max-time", "20", "-Q", "SYST", url],
                                capture_output=True, timeout=30)
             err = r.stderr.decode(errors="replace")
             self.assertIn("< 230 User logged in, proceed.", err)
@@ -72,12 +58,10 @@ class SessionTest(DaemonTestCase):
     def test_per_user_limit_and_status_report(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 2")[0], 0)
         try:
-            a = RawClient(self.d.port)
-            a.login()
+            a = logged_in(self.d.port)
             # The slot is a snapshot taken at USER (and refreshed around data connections).
             self.assertTrue(a.cmd("TYPE I").startswith(b"200"))
-            b = RawClient(self.d.port)
-            b.login()
+            b = logged_in(self.d.port)
             c = RawClient(self.d.port)
             c.reply()
             self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
@@ -130,8 +114,6 @@ class SessionTest(DaemonTestCase):
         lines = full.split(b"\n")
         self.assertEqual(lines[0], b"214- The following commands are recognized (* =>is unimplemented).\r")
         self.assertEqual(lines[1], b"214-    USER    PORT    STOR    MSAM*   RNTO    NLST    MKD     CDUP    OPTS*")
-        body = lines[1:7]
-        self.assertEqual(len(body), 6)
         self.assertTrue(lines[7].startswith(b"214 "))
         self.assertEqual(c.cmd("HELP retr"), b"214 Syntax: RETR <sp> file-name\r\n")
         self.assertEqual(c.cmd("HELP abor"), b"214 ABOR    \t(abort operation); unimplemented.\r\n")
@@ -159,26 +141,10 @@ class SessionTest(DaemonTestCase):
         self.assertEqual(c.cmd("QUIT"), b"221 Service closing control connection(Goodbye).\r\n")
         c.close()
 
-    def test_memory_back_to_zero_after_sessions(self):
-        for _ in range(3):
-            c = RawClient(self.d.port)
-            c.login()
-            c.cmd("QUIT")
-            c.close()
-        def idle():
-            rows = self.d.memory_in_use()
-            return all(rows.get(r, 0) == 0 for r in SESSION_ROWS)
-        self.assertTrue(wait_until(idle, timeout=10), self.d.memory_in_use())
-
 
 class EnableTest(DaemonTestCase):
     def test_disable_ends_sessions_and_closes_ports_at_once(self):
-        clients = []
-        for _ in range(3):
-            c = RawClient(self.d.port)
-            c.login()
-            clients.append(c)
-        start = time.time()
+        clients = [logged_in(self.d.port) for _ in range(3)]
         self.assertEqual(self.d.cli("no ftp-server enable"), (0, ""))
         for c in clients:
             self.assertTrue(c.closed(timeout=5))
@@ -186,12 +152,9 @@ class EnableTest(DaemonTestCase):
         self.assertTrue(wait_until(lambda: not self.d.port_open(), timeout=5))
         if has_ipv6():
             self.assertFalse(self.d.port_open(socket.AF_INET6))
-        self.assertLess(time.time() - start, 10)
         self.assertEqual(self.d.cli("ftp-server enable"), (0, ""))
         self.assertTrue(wait_until(self.d.port_open, timeout=5))
-        c = RawClient(self.d.port)
-        c.login()
-        c.close()
+        logged_in(self.d.port).close()
 
 
 if __name__ == "__main__":

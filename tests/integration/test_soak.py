@@ -16,80 +16,54 @@ import traceback
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import SANITIZED, Daemon, RawClient, wait_until  # noqa: E402
-from test_transfer_faults import pasv_connect, reset  # noqa: E402
+from ftps_harness import SANITIZED, Daemon, RawClient, pasv_connect, reset, transfer, wait_until  # noqa: E402
 
 SMALL = os.urandom(48 * 1024)
 LIST_RACE_LOST = b"451 Requested action aborted. Local error in processing.\r\n"
 BIG_SIZE = 8 << 20
 
 
-def read_all(sock):
-    out = bytearray()
-    while True:
-        chunk = sock.recv(65536)
-        if not chunk:
-            return bytes(out)
-        out += chunk
-
-
 class Refused(Exception):
     """The connection limit closed the connection before the greeting."""
-
-
-def connect(port):
-    c = RawClient(port, timeout=60)
-    try:
-        c.reply()
-    except (EOFError, ConnectionResetError):
-        c.close()
-        raise Refused()
-    return c
 
 
 def expect(reply, code):
     assert reply.startswith(code), reply
 
 
-def login(c, user):
-    r = c.cmd("USER " + user)
-    assert r.startswith(b"331"), r
-    r = c.cmd("PASS secret1")
-    assert r.startswith(b"230"), r
+def transferred(replies):
+    assert replies.startswith(b"150") and b"\n226 " in replies, replies
+
+
+def session(port, user):
+    c = RawClient(port, timeout=60)
+    try:
+        c.reply()
+    except (EOFError, ConnectionResetError):
+        c.close()
+        raise Refused()
+    expect(c.cmd("USER " + user), b"331")
+    expect(c.cmd("PASS secret1"), b"230")
+    return c
 
 
 def whole_session(port, user, tag):
-    c = connect(port)
-    login(c, user)
+    c = session(port, user)
     expect(c.cmd("TYPE I"), b"200")
     for verb in ("LIST", "NLST *.bin"):
         # Two sessions listing at the same moment may pick the same temporary name; the one that
         # loses that race answers 451, by design, and the client may simply ask again.
         for attempt in range(20):
-            d = pasv_connect(c)
-            c.send(verb + "\r\n")
-            expect(c.reply(), b"150")
-            listing = read_all(d)
-            d.close()
-            r = c.reply()
-            if r != LIST_RACE_LOST:
+            r, listing = transfer(c, verb)
+            if not r.endswith(LIST_RACE_LOST):
                 break
-        expect(r, b"226")
+        transferred(r)
         assert b"small.bin" in listing, listing
-    d = pasv_connect(c)
-    c.send("RETR small.bin\r\n")
-    expect(c.reply(), b"150")
-    got = read_all(d)
-    d.close()
-    expect(c.reply(), b"226")
+    r, got = transfer(c, "RETR small.bin")
+    transferred(r)
     assert got == SMALL, "RETR differs"
     name = "w%s.bin" % tag
-    d = pasv_connect(c)
-    c.send("STOR %s\r\n" % name)
-    expect(c.reply(), b"150")
-    d.sendall(SMALL)
-    d.close()
-    expect(c.reply(), b"226")
+    transferred(transfer(c, "STOR " + name, SMALL)[0])
     assert c.cmd("SIZE " + name) == b"213 %d\r\n" % len(SMALL)
     expect(c.cmd("DELE " + name), b"250")
     expect(c.cmd("QUIT"), b"221")
@@ -97,56 +71,45 @@ def whole_session(port, user, tag):
 
 
 def vanish_before_greeting(port, user, tag):
-    s = socket.create_connection(("127.0.0.1", port), timeout=30)
-    reset(s)
+    reset(socket.create_connection(("127.0.0.1", port), timeout=30))
 
 
 def vanish_after_login(port, user, tag):
-    c = connect(port)
-    login(c, user)
-    reset(c.sock)
+    reset(session(port, user).sock)
 
 
-def vanish_in_download(port, user, tag):
-    c = connect(port)
-    login(c, user)
-    c.cmd("TYPE I")
-    d = pasv_connect(c)
-    c.send("RETR big.bin\r\n")
-    expect(c.reply(), b"150")
-    d.recv(65536)
-    reset(d)
-    reset(c.sock)
-
-
-def vanish_in_upload(port, user, tag):
-    c = connect(port)
-    login(c, user)
-    d = pasv_connect(c)
-    c.send("STOR p%s.bin\r\n" % tag)
-    expect(c.reply(), b"150")
-    d.sendall(SMALL[:10000])
-    reset(d)
-    reset(c.sock)
+def vanish_in_transfer(verb):
+    def kind(port, user, tag):
+        c = session(port, user)
+        c.cmd("TYPE I")
+        d = pasv_connect(c)
+        c.send(verb.replace("%s", tag) + "\r\n")
+        expect(c.reply(), b"150")
+        if verb.startswith("STOR"):
+            d.sendall(SMALL[:10000])
+        else:
+            d.recv(65536)
+        reset(d)
+        reset(c.sock)
+    return kind
 
 
 def half_line(port, user, tag):
-    c = connect(port)
-    login(c, user)
+    c = session(port, user)
     c.send(b"LIS")
     c.close()
 
 
 def unused_passive_port(port, user, tag):
-    c = connect(port)
-    login(c, user)
+    c = session(port, user)
     expect(c.cmd("PASV"), b"227")
     expect(c.cmd("QUIT"), b"221")
     c.close()
 
 
 KINDS = [whole_session, whole_session, whole_session, vanish_before_greeting, vanish_after_login,
-         vanish_in_download, vanish_in_upload, half_line, unused_passive_port]
+         vanish_in_transfer("RETR big.bin"), vanish_in_transfer("STOR p%s.bin"), half_line,
+         unused_passive_port]
 
 
 def descriptors(pid):
@@ -170,17 +133,12 @@ class SoakBase:
     def setUp(self):
         self.d = Daemon(startup=["ftp-server username alice password secret1",
                                  "ftp-server username bob password secret1"]).start()
+        self.addCleanup(self.d.stop_checked)
         self.assertEqual(self.d.cli("ftp-server max-user-connect 20"), (0, ""))
         with open(os.path.join(self.d.flash, "small.bin"), "wb") as f:
             f.write(SMALL)
         with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
             f.write(os.urandom(1 << 20) * (BIG_SIZE >> 20))
-
-    def tearDown(self):
-        rc = self.d.stop()
-        stderr = getattr(self.d, "stderr", "")
-        self.d.cleanup()
-        self.assertEqual(rc, 0, stderr[-4000:])
 
     def settled(self, memory, fds, tmp):
         return (self.d.memory_in_use() == memory and descriptors(self.d.proc.pid) == fds

@@ -1,5 +1,7 @@
-"""A client that stops reading a download gets the 426 reply after the idle time-out (one
-minute, the smallest setting), and a client that never connects to the passive port gets 425."""
+"""Idle time-outs on data connections (one minute, the smallest setting): a client that stops
+reading a download gets the 426 reply, and clients that ask for a passive port and never connect
+to it get 425 for downloads, listings and uploads alike; other clients are served meanwhile, the
+waiting sessions go on, and nothing is left behind."""
 
 import os
 import socket
@@ -8,15 +10,18 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient  # noqa: E402
+from ftps_harness import DaemonTestCase, RawClient, memory_idle  # noqa: E402
+from test_fault_injection import whole_session  # noqa: E402
 
 
 class StalledTransferTest(DaemonTestCase):
     daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server timeout 1"]}
 
-    def test_stalled_reader_and_missing_data_connection(self):
+    def test_stalled_reader_and_missing_data_connections(self):
         with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
             f.write(b"z" * (64 << 20))
+        with open(os.path.join(self.d.flash, "f.txt"), "wb") as f:
+            f.write(b"x" * 100000)
         stalled = RawClient(self.d.port, timeout=150)
         stalled.login()
         stalled.cmd("TYPE I")
@@ -28,21 +33,31 @@ class StalledTransferTest(DaemonTestCase):
         stalled.send("RETR big.bin\r\n")
         self.assertTrue(stalled.reply().startswith(b"150 "))
 
-        never = RawClient(self.d.port, timeout=150)
-        never.login()
-        self.assertTrue(never.cmd("PASV").startswith(b"227 "))
-        never.send("LIST\r\n")
-
+        waiting = []
+        for verb in ("RETR f.txt", "LIST", "STOR never.bin"):
+            c = RawClient(self.d.port, timeout=150)
+            c.login()
+            self.assertTrue(c.cmd("PASV").startswith(b"227 "))
+            c.send(verb + "\r\n")
+            waiting.append(c)
         start = time.time()
+        # Served while the others wait.
+        for _ in range(3):
+            whole_session(self.d.port)
         self.assertEqual(stalled.reply(), b"426 Connection closed; transfer aborted.\r\n")
-        self.assertEqual(never.reply(), b"425 Can't open data connection.\r\n")
+        for c in waiting:
+            r = c.reply()
+            # STOR answers 150 before it waits; the others wait first.
+            if r.startswith(b"150 "):
+                r = c.reply()
+            self.assertEqual(r, b"425 Can't open data connection.\r\n")
         self.assertGreater(time.time() - start, 50)
-        # Both sessions go on after the failed transfer.
-        self.assertTrue(stalled.cmd("SYST").startswith(b"215 "))
-        self.assertTrue(never.cmd("SYST").startswith(b"215 "))
+        # Every session goes on after its failed transfer.
+        for c in [stalled] + waiting:
+            self.assertTrue(c.cmd("SYST").startswith(b"215 "))
+            c.close()
         data.close()
-        stalled.close()
-        never.close()
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
 
 if __name__ == "__main__":

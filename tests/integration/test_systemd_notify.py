@@ -28,17 +28,13 @@ class NotifySocket:
     def receive(self, timeout):
         """Reads datagrams for up to timeout seconds; each may carry several lines."""
         deadline = time.time() + timeout
-        while True:
-            left = deadline - time.time()
-            if left <= 0:
-                return
+        while (left := deadline - time.time()) > 0:
             self.sock.settimeout(left)
             try:
                 data = self.sock.recv(4096)
             except socket.timeout:
                 return
-            for line in data.decode(errors="replace").splitlines():
-                self.messages.append((time.time(), line))
+            self.messages += [(time.time(), line) for line in data.decode(errors="replace").splitlines()]
 
     def wait_for(self, text, timeout):
         """Reads until text arrives; returns its time, or None."""

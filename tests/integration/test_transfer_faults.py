@@ -4,68 +4,40 @@ session; confinement below the top directory."""
 
 import ftplib
 import os
-import socket
-import struct
 import sys
 import threading
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, DaemonTestCase, RawClient, wait_until  # noqa: E402
-
-
-def pasv_connect(c):
-    r = c.cmd("PASV").decode()
-    assert r.startswith("227 "), r
-    nums = r[r.index("(") + 1:r.index(")")].split(",")
-    port = int(nums[4]) * 256 + int(nums[5])
-    return socket.create_connection(("127.0.0.1", port), timeout=20)
-
-
-def reset(sock):
-    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    sock.close()
+from ftps_harness import (Daemon, DaemonTestCase, ftp_session, logged_in, pasv_connect,  # noqa: E402
+                          reset, start_upload, wait_until)
 
 
 class FaultTest(unittest.TestCase):
     def setUp(self):
-        self.d = Daemon(startup=["ftp-server username alice password secret1"]).start()
+        self.d = Daemon().start()
+        self.addCleanup(self.d.stop_checked)
 
-    def tearDown(self):
-        rc = self.d.stop()
-        self.d.cleanup()
-        self.assertEqual(rc, 0)
+    def gone(self, name):
+        # The reply goes out before the partial file is removed.
+        return wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, name)))
 
     def test_reset_upload_leaves_no_file(self):
-        c = RawClient(self.d.port)
-        c.login()
-        c.cmd("TYPE I")
-        data = pasv_connect(c)
-        c.send("STOR reset.bin\r\n")
-        self.assertTrue(c.reply().startswith(b"150 "))
-        data.sendall(b"x" * 100_000)
+        c = logged_in(self.d.port)
+        data = start_upload(c, "reset.bin", b"x" * 100_000)
         time.sleep(0.3)
         reset(data)
-        r = c.reply()
-        self.assertEqual(r, b"426 Data Connection.\r\n")
-        # The reply goes out before the partial file is removed.
-        self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "reset.bin"))))
+        self.assertEqual(c.reply(), b"426 Data Connection.\r\n")
+        self.assertTrue(self.gone("reset.bin"))
         c.close()
 
     def test_disable_during_upload_and_download(self):
         with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
             f.write(os.urandom(1 << 20) * 64)
-        up = RawClient(self.d.port)
-        up.login()
-        up.cmd("TYPE I")
-        updata = pasv_connect(up)
-        up.send("STOR partial.bin\r\n")
-        self.assertTrue(up.reply().startswith(b"150 "))
-        updata.sendall(b"y" * 50_000)
-
-        down = RawClient(self.d.port)
-        down.login()
+        up = logged_in(self.d.port)
+        updata = start_upload(up, "partial.bin", b"y" * 50_000)
+        down = logged_in(self.d.port)
         down.cmd("TYPE I")
         ddata = pasv_connect(down)
         down.send("RETR big.bin\r\n")
@@ -75,9 +47,7 @@ class FaultTest(unittest.TestCase):
         def slow_reader():
             ddata.settimeout(20)
             try:
-                while not stop.is_set():
-                    if not ddata.recv(65536):
-                        break
+                while not stop.is_set() and ddata.recv(65536):
                     time.sleep(0.005)
             except OSError:
                 pass
@@ -92,19 +62,15 @@ class FaultTest(unittest.TestCase):
         self.assertTrue(down.closed())
         stop.set()
         t.join()
-        self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "partial.bin"))))
+        self.assertTrue(self.gone("partial.bin"))
         for s in (updata, ddata, up.sock, down.sock):
             s.close()
 
 
 class ConfinementTest(DaemonTestCase):
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1"]}
-
     def test_no_path_leaves_the_top_directory(self):
         os.makedirs(os.path.join(self.d.flash, "sub"), exist_ok=True)
-        ftp = ftplib.FTP()
-        ftp.connect("127.0.0.1", self.d.port, timeout=20)
-        ftp.login("alice", "secret1")
+        ftp = ftp_session(self.d.port)
         ftp.cwd("sub")
         self.assertEqual(ftp.sendcmd("CWD ../../../.."), '250 Directory change to "/".')
         self.assertEqual(ftp.sendcmd("PWD"), '257 Current working directory is "/".')
@@ -118,13 +84,11 @@ class ConfinementTest(DaemonTestCase):
 
 class SystemRootTest(DaemonTestCase):
     # With the main flash at "/" and the top directory "/", the system trees are hidden and refused.
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1"], "topdir": "/",
+    daemon_kwargs = {"topdir": "/",
                      "extra_platform": {"storage.flash": "/"}}
 
     def test_system_trees_hidden_and_refused(self):
-        ftp = ftplib.FTP()
-        ftp.connect("127.0.0.1", self.d.port, timeout=20)
-        ftp.login("alice", "secret1")
+        ftp = ftp_session(self.d.port)
         names = ftp.nlst("/")
         listing = []
         ftp.retrlines("LIST /", listing.append)

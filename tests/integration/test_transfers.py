@@ -3,29 +3,20 @@
 (PORT and EPRT), over IPv4 and IPv6."""
 
 import ftplib
-import hashlib
 import io
 import os
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient, has_ipv6, wait_until  # noqa: E402
+from ftps_harness import DaemonTestCase, ftp_session, has_ipv6, memory_idle  # noqa: E402
 
 USER, PASSWORD = "alice", "secret1"
 HOSTS = ["127.0.0.1"] + (["::1"] if has_ipv6() else [])
-
-
-def payload(size, seed):
-    out = bytearray()
-    block = hashlib.sha256(seed.encode()).digest()
-    while len(out) < size:
-        block = hashlib.sha256(block).digest()
-        out += block
-    return bytes(out[:size])
 
 
 class ExtendedFTP(ftplib.FTP):
@@ -36,7 +27,7 @@ class ExtendedFTP(ftplib.FTP):
         return self.sock.getpeername()[0], port
 
     def makeport(self):
-        sock = __import__("socket").create_server(("", 0), family=self.af, backlog=1)
+        sock = socket.create_server(("", 0), family=self.af, backlog=1)
         port = sock.getsockname()[1]
         host = self.sock.getsockname()[0]
         self.sendeprt(host, port)
@@ -46,8 +37,6 @@ class ExtendedFTP(ftplib.FTP):
 
 
 class TransferTest(DaemonTestCase):
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1"]}
-
     def setUp(self):
         self.work = tempfile.mkdtemp(prefix="ftps-client")
 
@@ -62,11 +51,9 @@ class TransferTest(DaemonTestCase):
         return "ftp://%s:%s@%s:%d/%s" % (USER, PASSWORD, h, self.d.port, path)
 
     def roundtrip_ftplib(self, cls, host, passive):
-        data = payload(300_000, "%s%s%s" % (cls.__name__, host, passive))
+        data = os.urandom(300_000)
         name = "py-%s-%s-%s.bin" % (cls.__name__, host.replace(":", "_"), passive)
-        ftp = cls()
-        ftp.connect(host, self.d.port, timeout=20)
-        ftp.login(USER, PASSWORD)
+        ftp = ftp_session(self.d.port, host, cls)
         ftp.set_pasv(passive)
         ftp.storbinary("STOR " + name, io.BytesIO(data))
         with open(self.served(name), "rb") as f:
@@ -94,16 +81,11 @@ class TransferTest(DaemonTestCase):
     def test_ascii_type_converts_line_ends(self):
         with open(self.served("lines.txt"), "wb") as f:
             f.write(b"one\ntwo\nthree\n")
-        ftp = ftplib.FTP()
-        ftp.connect("127.0.0.1", self.d.port, timeout=20)
-        ftp.login(USER, PASSWORD)
+        ftp = ftp_session(self.d.port)
         raw = []
         ftp.sendcmd("TYPE A")
         conn = ftp.transfercmd("RETR lines.txt")
-        while True:
-            chunk = conn.recv(4096)
-            if not chunk:
-                break
+        while chunk := conn.recv(4096):
             raw.append(chunk)
         conn.close()
         self.assertEqual(ftp.voidresp(), "226 Closing data connection.")
@@ -126,7 +108,7 @@ class TransferTest(DaemonTestCase):
                 if mode == "port" and ":" in host:
                     continue  # PORT carries IPv4 addresses only
                 with self.subTest(host=host, mode=mode):
-                    data = payload(200_000, host + mode)
+                    data = os.urandom(200_000)
                     name = "curl-%s-%s.bin" % (mode, host.replace(":", "_"))
                     src = os.path.join(self.work, name)
                     with open(src, "wb") as f:
@@ -154,7 +136,7 @@ class TransferTest(DaemonTestCase):
         for host in HOSTS:
             for mode, settings in modes.items():
                 with self.subTest(host=host, mode=mode):
-                    data = payload(150_000, "lftp" + host + mode)
+                    data = os.urandom(150_000)
                     name = "lftp-%s-%s.bin" % (mode, host.replace(":", "_"))
                     with open(os.path.join(self.work, name), "wb") as f:
                         f.write(data)
@@ -166,7 +148,7 @@ class TransferTest(DaemonTestCase):
                     self.assertFalse(os.path.exists(self.served(name + ".moved")))
 
     def test_wget_downloads_in_both_modes(self):
-        data = payload(250_000, "wget")
+        data = os.urandom(250_000)
         with open(self.served("wget.bin"), "wb") as f:
             f.write(data)
         for host in HOSTS:
@@ -180,17 +162,14 @@ class TransferTest(DaemonTestCase):
                         self.assertEqual(f.read(), data)
 
     def test_no_temporary_files_and_memory_back_to_zero(self):
-        ftp = ftplib.FTP()
-        ftp.connect("127.0.0.1", self.d.port, timeout=20)
-        ftp.login(USER, PASSWORD)
+        ftp = ftp_session(self.d.port)
         for _ in range(3):
             ftp.nlst()
             ftp.retrlines("LIST", lambda line: None)
         ftp.quit()
         tmp = os.path.join(self.d.tmpdir, "app", "ftps")
         self.assertEqual([n for n in os.listdir(tmp) if n.startswith(".ftptemp-")], [])
-        self.assertTrue(wait_until(lambda: all(v == 0 for v in self.d.memory_in_use().values()), timeout=10),
-                        self.d.memory_in_use())
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
 
 if __name__ == "__main__":

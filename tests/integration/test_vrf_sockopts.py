@@ -2,7 +2,6 @@
 and active transfers over IPv4 and IPv6 makes no setsockopt with IPPROTO_IP option 51 or 53 or
 IPPROTO_IPV6 option 102 or 104 (numbers that mean other things on Linux)."""
 
-import ftplib
 import io
 import os
 import re
@@ -13,7 +12,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DAEMON, Daemon, has_ipv6, wait_until  # noqa: E402
+from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6, wait_until  # noqa: E402
 
 STRACE = shutil.which("strace")
 IPPROTO_IP, IPPROTO_IPV6 = 0, 41
@@ -67,9 +66,7 @@ class VrfSockoptTest(unittest.TestCase):
             return []
 
     def transfer(self, host, passive):
-        ftp = ftplib.FTP()
-        ftp.connect(host, self.d.port, timeout=10)
-        ftp.login("alice", "secret1")
+        ftp = ftp_session(self.d.port, host)
         ftp.set_pasv(passive)
         name = "f-%s-%d.bin" % ("v6" if ":" in host else "v4", passive)
         data = os.urandom(20000)
@@ -80,13 +77,8 @@ class VrfSockoptTest(unittest.TestCase):
         ftp.nlst()
         ftp.quit()
 
-    def calls(self):
-        with open(self.trace, errors="replace") as f:
-            return [(int(m.group(1), 0), int(m.group(2), 0)) for m in CALL.finditer(f.read())]
-
     def test_transfers_never_pass_device_vrf_options(self):
-        hosts = ["127.0.0.1"] + (["::1"] if has_ipv6() else [])
-        for host in hosts:
+        for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
             for passive in (True, False):
                 self.transfer(host, passive)
         # The trace is complete once the daemon has ended.
@@ -94,7 +86,8 @@ class VrfSockoptTest(unittest.TestCase):
             os.kill(pid, signal.SIGTERM)
         self.assertTrue(wait_until(lambda: self.d.proc.poll() is not None, timeout=30))
         self.assertEqual(self.d.proc.returncode, 0)  # strace ends with the daemon's status
-        calls = self.calls()
+        with open(self.trace, errors="replace") as f:
+            calls = [(int(m.group(1), 0), int(m.group(2), 0)) for m in CALL.finditer(f.read())]
         self.assertTrue(calls, "strace saw no setsockopt at all: the trace is not working")
         self.assertEqual([c for c in calls if c in DEVICE_OPTIONS], [])
 
