@@ -288,6 +288,8 @@ int receive_data(int control_fd, int instr, int outstr, struct credentials *pcre
 int receive_data_with_type(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd);
 int unix_to_dos(const char *buf, char *chang_buf, int cnt);
 int dos_to_unix(const char *databuff, char *buf, int len);
+// One read, repeated only when a signal interrupted it.
+ssize_t ftpd_read_some(int fd, char *p, size_t len);
 void type_fun(int control_fd, const char *rev_type, struct credentials *pcred);
 int command_retr(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
                  struct credentials *pcred, int domain_fd);

@@ -43,14 +43,6 @@ bool is_dir_root(const char *dir) {
     return strcmp(dir, "/") == 0;
 }
 
-ssize_t read_some(int fd, char *p, size_t len) {
-    ssize_t n;
-    do {
-        n = read(fd, p, len);
-    } while (n < 0 && errno == EINTR);
-    return n;
-}
-
 // Sends all len bytes, completing partial sends; false when the connection fails.
 bool send_all(int sock, const char *p, size_t len) {
     while (len > 0) {
@@ -68,7 +60,7 @@ int send_ascii(int control_fd, int data_sock, int fd, struct credentials *pcred)
     ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * kAsciiChunk);
     if (!buf || !chang_buf) return -2;
     for (;;) {
-        ssize_t n = read_some(fd, buf.get(), kAsciiChunk);
+        ssize_t n = ftpd_read_some(fd, buf.get(), kAsciiChunk);
         if (n < 0) {
             FTPD_LOG_ERR("%s: Read data failed.\n", FTPD_MODULE);
             return -2;
@@ -89,7 +81,7 @@ int send_ascii(int control_fd, int data_sock, int fd, struct credentials *pcred)
 
 int send_binary(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred) {
     for (;;) {
-        ssize_t n = read_some(fd, buf, bufsize);
+        ssize_t n = ftpd_read_some(fd, buf, bufsize);
         if (n < 0) return -2;
         if (n > 0 && !send_all(data_sock, buf, static_cast<size_t>(n))) return -2;
         pcred->byte_count += n;

@@ -77,6 +77,15 @@ unsigned int get_ftp_logintimeout(void) { return logintimeout; }
 void set_ftp_logintimes(unsigned int n) { logintimes = n; }
 unsigned int get_ftp_logintimes(void) { return logintimes; }
 
+namespace {
+// The top directory as an absolute normalised path into trimmed (FTP_ROOTDIR_LEN bytes); slashed
+// receives the path with its leading "/" for the refusal message.
+bool normalise_root(const char *path, char *slashed, size_t slashed_len, char *trimmed) {
+    ftpd_snprintf(slashed, slashed_len, "%s%s", path[0] == '/' ? "" : "/", path);
+    return ftpd_path_trim(slashed, trimmed, FTP_ROOTDIR_LEN);
+}
+}  // namespace
+
 int set_ftp_server_root_dir(const char *path) {
     if (path == nullptr) {
         // The file-system form keeps its old text: sessions only look at the display form.
@@ -88,9 +97,8 @@ int set_ftp_server_root_dir(const char *path) {
         return -1;
     }
     char slashed[FTP_ROOTDIR_LEN + 1];
-    ftpd_snprintf(slashed, sizeof slashed, "%s%s", path[0] == '/' ? "" : "/", path);
     char trimmed[FTP_ROOTDIR_LEN] = {0};
-    if (!ftpd_path_trim(slashed, trimmed, sizeof trimmed)) {
+    if (!normalise_root(path, slashed, sizeof slashed, trimmed)) {
         cli_printf("%s can't be set as rootdir!\n", slashed);
         return -1;
     }
@@ -126,9 +134,8 @@ int set_ftp_server_root_dir_ext(int index, const char *path, const char *prefix)
         return -1;
     }
     char slashed[FTP_ROOTDIR_LEN + 1];
-    ftpd_snprintf(slashed, sizeof slashed, "%s%s", path[0] == '/' ? "" : "/", path);
     char trimmed[FTP_ROOTDIR_LEN] = {0};
-    if (!ftpd_path_trim(slashed, trimmed, sizeof trimmed)) {
+    if (!normalise_root(path, slashed, sizeof slashed, trimmed)) {
         cli_printf("%s can't be set as rootdir!\n", path);
         return -1;
     }

@@ -225,14 +225,6 @@ bool write_all(int fd, const char *p, size_t len) {
     return true;
 }
 
-ssize_t read_some(int fd, char *p, size_t len) {
-    ssize_t n;
-    do {
-        n = read(fd, p, len);
-    } while (n < 0 && errno == EINTR);
-    return n;
-}
-
 // One block to CR LF form, by the rule of unix_to_dos: a line feed gets a carriage return unless
 // the byte before it in this block is one. Runs between line feeds are copied whole.
 size_t block_to_dos(const char *in, size_t len, char *out) {
@@ -327,7 +319,7 @@ send_outcome send_with_sendfile(int instr, int outstr, int domain_fd, xfer_waite
 send_outcome send_with_copy(int instr, int outstr, size_t blk, char *buf, char *chang_buf, size_t chunk, int domain_fd,
                             xfer_waiter &w, struct credentials *pcred) {
     for (;;) {
-        ssize_t n = read_some(instr, buf, chunk);
+        ssize_t n = ftpd_read_some(instr, buf, chunk);
         if (n < 0) return send_outcome::input_error;
         if (n == 0) return send_outcome::done;
         if (stop_received(domain_fd)) return send_outcome::stopped;
@@ -547,4 +539,12 @@ void type_fun(int control_fd, const char *rev_type, struct credentials *pcred) {
     }
     // The type changes only once the client has been told.
     if (ftpd_reply(control_fd, "200", text, nullptr, nullptr) == 0) pcred->cnt.tran_type = type;
+}
+
+ssize_t ftpd_read_some(int fd, char *p, size_t len) {
+    ssize_t n;
+    do {
+        n = read(fd, p, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
 }
