@@ -35,6 +35,16 @@ void ftp_server_alarm_quit(int /*signo*/) {
 
 int ftp_signal_init(void) {
     signal(SIGPIPE, SIG_IGN);
+    // Every thread started from here on inherits a mask without the ending signals, so only the
+    // main thread takes them (the event loop unblocks SIGTERM and SIGINT, main SIGTSTP). A worker
+    // thread that caught one might run the handler late or never: sanitizer runtimes defer it to
+    // the thread's next library call.
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTSTP);
+    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));
     sa.sa_handler = ftp_server_alarm_quit;
@@ -119,6 +129,10 @@ int main(int argc, char **argv) {
         }
         listener_started = true;
         FTPD_KEYMSG("create ftps_main OK.\n");
+        sigset_t tstp;
+        sigemptyset(&tstp);
+        sigaddset(&tstp, SIGTSTP);
+        pthread_sigmask(SIG_UNBLOCK, &tstp, nullptr);
     }
 
     master = zq_thread_master_create();

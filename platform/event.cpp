@@ -161,6 +161,13 @@ struct zq_thread_master *zq_thread_master_create(void) {
     sa.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &sa, &m->old_term);
     sigaction(SIGINT, &sa, &m->old_int);
+    // The process may have blocked them until its loop exists; a stop asked for meanwhile is
+    // pending and ends the loop as soon as it runs.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGINT);
+    pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
     m->next_master = g_masters;
     g_masters = m;
     return m;
