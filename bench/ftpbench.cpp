@@ -244,7 +244,11 @@ int cmd_mretr(int port, char **a) {
     for (int i = 0; i < clients; i++) {
         threads.emplace_back([&]() {
             long long b = 0;
-            if (do_retr(port, a[0], a[1], "I", a[3], &b) < 0) failed++;
+            double r = do_retr(port, a[0], a[1], "I", a[3], &b);
+            if (r < 0) {
+                failed++;
+                fprintf(stderr, "mretr: a client failed at step %d\n", static_cast<int>(-r));
+            }
             bytes += b;
         });
     }

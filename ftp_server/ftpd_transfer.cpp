@@ -3,14 +3,13 @@
 // stalled data connection and for the stop message of the local control channel. Also the TYPE
 // command and the names of the representation types.
 //
-// Bytes move in chunks of many blocks per system call, and in binary type a regular file goes out
-// with sendfile. Line ends are still converted block by block (512-byte file blocks when sending,
+// Bytes move in chunks of many blocks per system call, and in binary type a regular file is
+// spliced through a kernel pipe. Line ends are still converted block by block (512-byte file blocks when sending,
 // received blocks of at most 1024 bytes when receiving), so the output is byte for byte that of
 // converting one block per call. The stop message and the idle time-out are checked per chunk.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
-#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,10 +30,12 @@ constexpr size_t FTP_RECV_BLOCK = 1024;  // conversion block of received bytes
 // doubled), receive 2 x kRecvChunk.
 constexpr size_t kSendChunk = 64 * 1024;
 constexpr size_t kRecvChunk = 64 * 1024;
-// Most bytes one sendfile call may move before the stop message is looked at again.
-constexpr size_t kSendfileChunk = 1024 * 1024;
+// Pipe of a binary download: file pages move through it by reference, a chunk at a time, and the
+// stop message is looked at between chunks. One MiB per chunk gave the least CPU per byte
+// (sendfile pushes the socket every 64 KiB; 4 MiB pipes cost more again).
+constexpr int kSendPipe = 1024 * 1024;
 // Pipe of a binary upload spliced from the connection into the file: bytes per chunk.
-constexpr int kSplicePipe = 256 * 1024;
+constexpr int kReceivePipe = 256 * 1024;
 
 const char kReply426Send[] = "426 Connection closed; transfer aborted.\r\n";
 const char kReply226[] = "226 Closing data connection.\r\n";
@@ -81,7 +82,8 @@ class xfer_waiter {
     int timeout_ms_;
 };
 
-// Puts a descriptor in non-blocking mode for the life of the guard (sendfile has no per-call flag).
+// Puts a descriptor in non-blocking mode for the life of the guard (splice into a socket follows
+// the socket's own flag).
 class nonblocking_guard {
   public:
     explicit nonblocking_guard(int fd) : fd_(fd), old_(fcntl(fd, F_GETFL)) {
@@ -98,7 +100,7 @@ class nonblocking_guard {
     int old_;
 };
 
-// sendfile has no MSG_NOSIGNAL: a peer that went away must fail the call, not raise SIGPIPE in a
+// splice has no MSG_NOSIGNAL: a peer that went away must fail the call, not raise SIGPIPE in a
 // process that has not ignored it. The signal is held for the guard's life and a SIGPIPE raised
 // meanwhile is taken off the thread again.
 class sigpipe_guard {
@@ -130,29 +132,36 @@ class sigpipe_guard {
     bool was_pending_ = false;
 };
 
-// Binary uploads: the bytes go from the connection to the file through a pipe, without a copy
-// into the daemon. Each move takes what the connection has, up to the pipe's size.
-class splice_pipe {
+// A kernel pipe for binary transfers: bytes move between the file and the connection through it
+// without a copy into the daemon.
+class kernel_pipe {
   public:
     enum result { moved, end_of_data, nothing_yet, unsupported, receive_failed, write_failed };
 
-    splice_pipe() {
+    explicit kernel_pipe(int size) {
         if (pipe2(fd_, O_CLOEXEC) != 0) {
             fd_[0] = fd_[1] = -1;
             return;
         }
-        fcntl(fd_[1], F_SETPIPE_SZ, kSplicePipe);
+        // A pipe keeps its default size when the larger one is refused.
+        int got = fcntl(fd_[1], F_SETPIPE_SZ, size);
+        if (got < 0) got = fcntl(fd_[1], F_GETPIPE_SZ);
+        size_ = got > 0 ? static_cast<size_t>(got) : 0;
     }
-    ~splice_pipe() {
+    ~kernel_pipe() {
         for (int fd : fd_)
             if (fd >= 0) close(fd);
     }
-    splice_pipe(const splice_pipe &) = delete;
-    splice_pipe &operator=(const splice_pipe &) = delete;
-    bool ok() const { return fd_[0] >= 0; }
+    kernel_pipe(const kernel_pipe &) = delete;
+    kernel_pipe &operator=(const kernel_pipe &) = delete;
+    bool ok() const { return fd_[0] >= 0 && size_ > 0; }
+    int out() const { return fd_[0]; }
+    int in() const { return fd_[1]; }
+    size_t size() const { return size_; }
 
+    // Upload: takes what the connection has, up to the pipe's size, and writes all of it.
     result move(int sock, int file, ssize_t *count) {
-        ssize_t n = splice(sock, nullptr, fd_[1], nullptr, kSplicePipe, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        ssize_t n = splice(sock, nullptr, fd_[1], nullptr, size_, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
         if (n == 0) return end_of_data;
         if (n < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return nothing_yet;
@@ -171,6 +180,7 @@ class splice_pipe {
 
   private:
     int fd_[2];
+    size_t size_ = 0;
 };
 
 enum class send_outcome { done, input_error, failed, stopped, fall_back, more };
@@ -282,36 +292,48 @@ size_t chunk_to_unix(const char *in, size_t len, size_t blk, char *out) {
     return k;
 }
 
-// Binary type, regular file: the kernel moves the bytes. Falls back to reading and sending when
-// the file system cannot do sendfile; the file offset is then where sendfile stopped.
-send_outcome send_with_sendfile(int instr, int outstr, int domain_fd, xfer_waiter &w, struct credentials *pcred) {
+// Binary type, regular file: the kernel moves the file's pages through a pipe to the connection.
+// Falls back to reading and sending when the file cannot be spliced; the file offset is then where
+// the splicing stopped, with every byte before it sent.
+send_outcome send_with_splice(int instr, int outstr, int domain_fd, xfer_waiter &w, struct credentials *pcred) {
     off_t off = lseek(instr, 0, SEEK_CUR);
     struct stat st;
     if (off < 0 || fstat(instr, &st) != 0) return send_outcome::fall_back;
+    kernel_pipe pipe(kSendPipe);
+    if (!pipe.ok()) return send_outcome::fall_back;
     off_t size_hint = st.st_size;
     nonblocking_guard nb(outstr);
     sigpipe_guard quiet;
+    size_t in_pipe = 0;
     for (;;) {
-        // At the known end, the next call finds end of file before anything else is looked at,
-        // as a block read would. A file that grew (or reports no size) just goes on.
-        bool at_end = off >= size_hint;
-        if (!at_end && stop_received(domain_fd)) return send_outcome::stopped;
-        ssize_t n = sendfile(outstr, instr, &off, kSendfileChunk);
-        if (n > 0) {
-            pcred->byte_count += n;
+        if (in_pipe == 0) {
+            // At the known end, the next read finds end of file before anything else is looked
+            // at, as a block read would. A file that grew (or reports no size) just goes on.
+            bool at_end = off >= size_hint;
+            if (!at_end && stop_received(domain_fd)) return send_outcome::stopped;
+            ssize_t n = splice(instr, &off, pipe.in(), nullptr, pipe.size(), SPLICE_F_MOVE);
+            if (n == 0) return send_outcome::done;
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                // Let the plain path read the file and report what fails.
+                return lseek(instr, off, SEEK_SET) < 0 ? send_outcome::input_error : send_outcome::fall_back;
+            }
+            in_pipe = static_cast<size_t>(n);
             if (at_end && fstat(instr, &st) == 0) size_hint = st.st_size;
+        }
+        ssize_t m = splice(pipe.out(), nullptr, outstr, nullptr, in_pipe, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        if (m > 0) {
+            in_pipe -= static_cast<size_t>(m);
+            pcred->byte_count += m;
             continue;
         }
-        if (n == 0) return send_outcome::done;
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        if (m < 0 && errno == EINTR) continue;
+        if (m < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             send_outcome r = wait_for_room(w, domain_fd);
             if (r != send_outcome::more) return r;
             continue;
         }
-        // Let the plain path find out whether the file or the connection failed.
-        if (lseek(instr, off, SEEK_SET) < 0) return send_outcome::input_error;
-        return send_outcome::fall_back;
+        return send_outcome::failed;
     }
 }
 
@@ -394,7 +416,7 @@ int send_data_with_type(int control_fd, int instr, int outstr, int blksize, stru
     if (w.add(outstr, EPOLLOUT) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN))) {
         struct stat st;
         if (pcred->cnt.tran_type != 1 && fstat(instr, &st) == 0 && S_ISREG(st.st_mode))
-            r = send_with_sendfile(instr, outstr, domain_fd, w, pcred);
+            r = send_with_splice(instr, outstr, domain_fd, w, pcred);
         if (r == send_outcome::fall_back)
             r = send_with_copy(instr, outstr, blk, buf.get(), chang_buf.get(), chunk, domain_fd, w, pcred);
     } else {
@@ -455,7 +477,7 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
     bool armed = w.add(instr, EPOLLIN) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN));
     // Binary type to a regular file is spliced; otherwise (or when the connection cannot splice)
     // the bytes are received into the buffer.
-    splice_pipe sp;
+    kernel_pipe sp(kReceivePipe);
     struct stat st;
     bool use_splice = pcred->cnt.tran_type != 1 && fstat(outstr, &st) == 0 && S_ISREG(st.st_mode) && sp.ok();
     while (armed) {
@@ -476,23 +498,23 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
         if (!w.ready(instr)) continue;
         if (use_splice) {
             ssize_t moved = 0;
-            splice_pipe::result r = sp.move(instr, outstr, &moved);
-            if (r == splice_pipe::moved) {
+            kernel_pipe::result r = sp.move(instr, outstr, &moved);
+            if (r == kernel_pipe::moved) {
                 pcred->byte_count += static_cast<off_t>(moved);
                 continue;
             }
-            if (r == splice_pipe::nothing_yet) continue;
-            if (r == splice_pipe::end_of_data) {
+            if (r == kernel_pipe::nothing_yet) continue;
+            if (r == kernel_pipe::end_of_data) {
                 fsync(outstr);
                 release();
                 return 0;
             }
-            if (r == splice_pipe::write_failed) {
+            if (r == kernel_pipe::write_failed) {
                 release();
                 ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
                 return -1;
             }
-            if (r == splice_pipe::receive_failed) break;
+            if (r == kernel_pipe::receive_failed) break;
             use_splice = false;  // unsupported: receive into the buffer from now on
         }
         ssize_t n = recv(instr, databuff.get(), kRecvChunk, MSG_DONTWAIT);

@@ -213,6 +213,20 @@ TEST_F(BulkTransfer, AsciiReceiveEqualsOneConversionPerReceivedBlockOf1024) {
     EXPECT_EQ(ctl_.drain(), "");
 }
 
+TEST_F(BulkTransfer, BinarySendThroughASmallSendBufferIsWhole) {
+    cred_.cnt.tran_type = 3;
+    std::string content = random_text(3 * 1024 * 1024 + 17, 5, 512);
+    put_file(content);
+    // The pipe drains into the connection in many partial moves, with waits for room between.
+    make_data(SOCK_STREAM, 4096);
+    std::string got;
+    EXPECT_EQ(send_file(&got, 1000), 0);
+    close_data();
+    EXPECT_TRUE(got == content) << got.size() << " bytes";
+    EXPECT_EQ(cred_.byte_count, static_cast<off_t>(content.size()));
+    EXPECT_EQ(ctl_.drain(), "226 Closing data connection.\r\n");
+}
+
 TEST_F(BulkTransfer, EachTransferTakesOneBlockOfEachCategory) {
     put_file(std::string(200000, 'z'));
     struct counts {
