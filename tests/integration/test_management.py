@@ -47,20 +47,6 @@ class ManagementTest(unittest.TestCase):
         self.refused("ftp-server username u10 password passw10",
                      "% The number of users has reached the maximum value.\n")
 
-    def test_password_boundaries_and_trimming(self):
-        self.assertEqual(self.d.cli("ftp-server username b25 password Tq7Lw2Xr9Pz4Kd8Mn3Bv6Hc5J"), (0, ""))
-        self.assertEqual(self.d.cli("ftp-server username trim password   padded1  ")[0], 0)
-        self.assertIn("ftp-server username trim password padded1\n", self.running())
-        rc, out = self.d.cli("show ftp-server user-password")
-        self.assertIn("username:trim password:padded1\n", out)
-
-    def test_password_policy_is_advisory(self):
-        # The policy comments on a weak password; the user is stored all the same.
-        rc, out = self.d.cli("ftp-server username weak password ab1")
-        self.assertEqual(rc, 0)
-        self.assertTrue(out.endswith("\r\n") and "shorter" in out, out)
-        self.assertIn("ftp-server username weak password ab1\n", self.running())
-
     def test_max_user_connect_is_never_saved(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 5"), (0, ""))
         self.assertNotIn("max-user-connect", self.running())

@@ -1,8 +1,7 @@
-// Application frame: the single-instance guard between processes, its path bound, the size limit
-// of the key-message file, and the rate limit of worker notifications.
+// Application frame: the path bound of the single-instance guard, the size limit of the
+// key-message file, and the rate limit of worker notifications.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,16 +24,6 @@ std::string slurp(const fs::path &p) {
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
-}
-
-// Runs fn in a child process and gives back its exit status: the lock is per process.
-template <typename Fn>
-int in_child(Fn fn) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(fn());
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class AppTest : public ::testing::Test {
@@ -64,28 +53,6 @@ TEST_F(AppTest, GuardNeedsTmpdirAndAPathBelow64Bytes) {
     int fd = app_instance_is_running("ftps");
     EXPECT_GE(fd, 0);
     if (fd >= 0) close(fd);
-}
-
-TEST_F(AppTest, SecondInstanceIsRefusedUntilTheFirstReleasesTheLock) {
-    app_init_s init{};
-    snprintf(init.name, sizeof init.name, "ftps");
-    ASSERT_EQ(app_public_instance_init(&init), 0);
-    EXPECT_GE(init.instance_fd, 0);
-    EXPECT_TRUE(fs::exists(app_dir() / ".running"));
-    EXPECT_EQ(fs::status(fs::path(dir_) / "app").permissions(), fs::perms::all);
-
-    EXPECT_EQ(in_child([] {
-                  app_init_s second{};
-                  snprintf(second.name, sizeof second.name, "ftps");
-                  return app_public_instance_init(&second) == -1 ? 0 : 1;
-              }),
-              0);
-    EXPECT_THAT(slurp(app_dir() / ".init_msg.txt"), ::testing::HasSubstr("]- One instance is running.\n"));
-
-    EXPECT_EQ(app_public_instance_deinit(&init), 0);
-    EXPECT_EQ(init.instance_fd, -1);
-    // The file stays behind; only the lock told that an instance ran.
-    EXPECT_EQ(in_child([] { return app_instance_is_running("ftps") < 0 ? 0 : 1; }), 1);
 }
 
 TEST_F(AppTest, KeyMessageFileOverTwoMebibytesIsEmptiedFirst) {
