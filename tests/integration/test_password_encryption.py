@@ -43,18 +43,6 @@ class PasswordEncryptionTest(unittest.TestCase):
         self.assertEqual(self.user_lines(d), [line])
         self.login(d, "alice", "secret1")
 
-    def test_type7_text_from_one_daemon_logs_in_on_another(self):
-        first = self.daemon(["service password-encryption",
-                             "ftp-server username carol password Zk4mVt9q"])
-        [line] = self.user_lines(first)
-        encrypted = line.split()[-1]
-        second = self.daemon([])
-        self.assertEqual(second.cli("ftp-server username dave password 7 " + encrypted), (0, ""))
-        self.assertEqual(self.user_lines(second), ["ftp-server username dave password 7 " + encrypted])
-        self.login(second, "dave", "Zk4mVt9q")
-        rc, out = second.cli("show ftp-server user-password")
-        self.assertIn("username:dave password:Zk4mVt9q\n", out)
-
     def test_malformed_type7_texts_are_refused(self):
         d = self.daemon([])
         cases = [

@@ -1,5 +1,5 @@
-// Tests of the event master: timer order, cancelling, read and queued events, and stopping from
-// another thread or by SIGTERM/SIGINT.
+// Tests of the event master: timer order, cancelling, queued events, and stopping from another
+// thread or by SIGTERM/SIGINT.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -71,30 +71,6 @@ TEST_F(EventTest, CancelledTasksNeverRunAndInsertedHandlesAreCleared) {
     zq_thread_cancel(slot);
     EXPECT_EQ(slot, nullptr);                                                      // cancelled
     EXPECT_NE(zq_thread_add_read(m_, record, nullptr, fds[0], "again"), nullptr);  // fd free again
-    close(fds[0]);
-    close(fds[1]);
-}
-
-TEST_F(EventTest, ReadEventFiresOnceWhenReadableAndCarriesItsDescriptorAndArgument) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    int arg = 0;
-    ASSERT_NE(zq_thread_add_read(m_, record, &arg, fds[0], "pipe"), nullptr);
-    ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, 20, "timer"), nullptr);
-    run(1);  // nothing to read yet
-    EXPECT_EQ(trace_, names{"timer"});
-
-    ASSERT_EQ(write(fds[1], "x", 1), 1);
-    zq_thread task;
-    ASSERT_EQ(zq_thread_fetch(m_, &task), &task);
-    EXPECT_EQ(task.type, ZQ_THREAD_READ);
-    EXPECT_EQ(ZQ_THREAD_FD(&task), fds[0]);
-    EXPECT_EQ(ZQ_THREAD_ARG(&task), &arg);
-    EXPECT_STREQ(task.name, "pipe");
-    // One-shot: it is not delivered again unless added again.
-    ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, 20, "timer2"), nullptr);
-    run(1);
-    EXPECT_EQ(trace_.back(), "timer2");
     close(fds[0]);
     close(fds[1]);
 }
