@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Side-by-side benchmark of this daemon against vsftpd (a black-box peer from Debian).
+"""Side-by-side benchmark of this daemon against vsftpd, pure-ftpd and proftpd (black-box peers
+from Debian; the last two optional).
 
-Both servers run on loopback and serve the same tmpfs directory (with a bind-mounted directory
+All servers run on loopback and serve the same tmpfs directory (with a bind-mounted directory
 on the disk for the listing on disk). Every measurement is repeated and interleaved between the
 servers, and the median is kept. Server CPU is read from /proc/PID/stat of the server's whole
 process tree: its cpuacct control group when the machine has one (every process the server ever
@@ -9,12 +10,14 @@ forked counts, also those reaped without a wait), otherwise each process's own a
 children's time. Nothing is asserted: the figures are printed as a table with
 the ratio to each peer and written to docs/performance.md.
 
-Needs root (vsftpd's anonymous sessions change root and user; the bind mount) and the peers
-installed by bench/setup.sh. Run through `make bench`.
+Needs root (the peers' anonymous sessions change root and user; the bind mounts) and the peers
+installed by bench/setup.sh. A peer that is missing or does not come up is left out of the run,
+except vsftpd, which the targets are judged against. Run through `make bench`.
 """
 
 import argparse
 import os
+import pwd
 import shutil
 import signal
 import statistics
@@ -33,6 +36,18 @@ MIB = 1 << 20
 
 USER, PASSWORD = "bench", "benchpw1"
 LIST_ENTRIES = 10000
+# Where bench/setup.sh unpacks the optional peers: Debian's FTP server packages conflict with one
+# another, so only vsftpd is installed as a package.
+PEERS = "/opt/ftps-bench/peers"
+
+
+def peer_binary(name, package):
+    """The peer's program: installed as a package, or unpacked by bench/setup.sh; None if neither."""
+    found = shutil.which(name)
+    if found:
+        return found
+    unpacked = os.path.join(PEERS, package, "usr", "sbin", name)
+    return unpacked if os.access(unpacked, os.X_OK) else None
 
 
 def free_port():
@@ -85,6 +100,8 @@ CPUACCT = "/sys/fs/cgroup/cpuacct"
 
 class Server:
     name = "?"
+    # An optional peer that cannot be started is left out of the run instead of ending it.
+    optional = False
 
     def __init__(self, work, share):
         self.work = work
@@ -127,8 +144,12 @@ class Server:
         return tree_sum(self.pid, "rss")
 
     def tasks(self):
-        """Threads of the server's process tree: a session is a process of the peer's and a
-        thread of this daemon's."""
+        """Threads of the server: a session is a process of a peer's and a thread of this
+        daemon's. The control group's list also holds a session process whose parent ended
+        before it (seen with pure-ftpd and vsftpd in the login test), which the tree loses."""
+        if self.cgroup:
+            with open(os.path.join(self.cgroup, "tasks")) as f:
+                return len(f.read().split())
         total = 0
         for pid in tree(self.pid):
             try:
@@ -150,6 +171,8 @@ class Server:
         import socket
         deadline = time.time() + 15
         while time.time() < deadline:
+            if self.proc.poll() is not None:
+                raise RuntimeError("%s ended at its start (status %d)" % (self.name, self.proc.returncode))
             try:
                 with socket.create_connection(("127.0.0.1", self.port), timeout=1) as s:
                     s.recv(100)
@@ -206,6 +229,7 @@ class Ftps(Server):
 
 class Vsftpd(Server):
     name = "vsftpd"
+    about = "vsftpd (Debian's package, ASCII conversion switched on)"
 
     def __init__(self, work, share):
         super().__init__(work, share)
@@ -225,6 +249,65 @@ class Vsftpd(Server):
 
     def start(self):
         self.spawn(["vsftpd", self.conf])
+
+
+class PureFtpd(Server):
+    name = "pure-ftpd"
+    about = "pure-ftpd (unpacked from Debian's package, converts TYPE A by itself)"
+    optional = True
+
+    def __init__(self, work, share):
+        super().__init__(work, share)
+        self.user, self.password = "anonymous", "bench@"
+        self.binary = peer_binary("pure-ftpd", "pure-ftpd")
+        # Everything is on its command line (TYPE A is converted without a switch). Anonymous
+        # only (its cheapest login), no syslog, no name lookups, and a listing cap (2000 by
+        # default) above the listing test's directory, so that every entry is sent.
+        self.argv = [self.binary, "-S", "127.0.0.1,%d" % self.port, "-4", "-e", "-H", "-f", "none",
+                     "-c", "100", "-L", "%d:5" % (10 * LIST_ENTRIES),
+                     "-g", os.path.join(work, "pure-ftpd.pid")]
+
+    def start(self):
+        if not self.binary:
+            raise RuntimeError("%s is not installed (bench/setup.sh unpacks it)" % self.name)
+        # Its anonymous root is the ftp user's home directory: the share is bind-mounted there in
+        # a mount namespace of its own, as is an empty /run for its session files, so that the
+        # machine's directories stay as they are. The shell execs: the server keeps the pid.
+        script = 'mount --rbind "$1" "$2" && mount -t tmpfs none /run && shift 2 && exec "$@"'
+        self.spawn(["unshare", "--mount", "--propagation", "private", "sh", "-c", script, self.name,
+                    self.share, pwd.getpwnam("ftp").pw_dir] + self.argv)
+
+
+class Proftpd(Server):
+    name = "proftpd"
+    about = "proftpd (unpacked from Debian's package, converts TYPE A by itself, login delay off)"
+    optional = True
+
+    def __init__(self, work, share):
+        super().__init__(work, share)
+        self.user, self.password = "anonymous", "bench@"
+        self.binary = peer_binary("proftpd", "proftpd-core")
+        self.conf = os.path.join(work, "proftpd.conf")
+        # Anonymous sessions as for vsftpd, without PAM; uploads go where the ftp user may write
+        # (up/). TYPE A is converted by default. Its login delay (against the timing of user
+        # names) would be measured as login time: off.
+        with open(self.conf, "w") as f:
+            f.write("\n".join([
+                "ServerType standalone", 'ServerName "bench"', "Port %d" % self.port,
+                "DefaultAddress 127.0.0.1", "SocketBindTight on", "UseIPv6 off", "UseReverseDNS off",
+                "User nobody", "Group nogroup", "PidFile %s" % os.path.join(work, "proftpd.pid"),
+                "ScoreboardFile %s" % os.path.join(work, "proftpd.scoreboard"), "SystemLog NONE",
+                "TransferLog NONE", "WtmpLog off", "MaxInstances 100", "AuthPAM off",
+                "AuthOrder mod_auth_unix.c", "UseFtpUsers off",
+                "<IfModule mod_delay.c>", "DelayEngine off", "</IfModule>",
+                "<IfModule mod_ctrls.c>", "ControlsEngine off", "</IfModule>",
+                "<Anonymous %s>" % share, "User ftp", "Group nogroup", "UserAlias anonymous ftp",
+                "RequireValidShell off", "MaxClients none", "AllowOverwrite on", "</Anonymous>", ""]))
+
+    def start(self):
+        if not self.binary:
+            raise RuntimeError("%s is not installed (bench/setup.sh unpacks it)" % self.name)
+        self.spawn([self.binary, "-n", "-q", "-c", self.conf])
 
 
 class Bench:
@@ -262,8 +345,15 @@ class Bench:
     def transfer(self, test, op, type_, path, size, servers, reps):
         def one(s):
             if op == "stor":
-                # Each server writes its own file: an anonymous peer may not replace another's.
-                out = self.measured(s, "stor", type_, path % s.name, size)
+                # Each server writes its own file, and as a new one: an anonymous session of
+                # pure-ftpd may not replace a file, and a replaced file's pages would be freed
+                # inside the measurement.
+                name = path % s.name
+                try:
+                    os.unlink(os.path.join(s.share, name))
+                except FileNotFoundError:
+                    pass
+                out = self.measured(s, "stor", type_, name, size)
             else:
                 out = self.measured(s, "retr", type_, path)
             if record:
@@ -382,6 +472,10 @@ def table(bench, servers):
             unit, higher_better = UNITS[m]
             vals = [median(bench.results.get((test, n), {}).get(m, [])) for n in names]
             cells = ["%.3g" % v if v < 100 else "%.0f" % v for v in vals]
+            if m == "rate" and len(peers) > 1:
+                # The peers differ most in logins: the fastest of them is set in bold.
+                best = max(range(1, len(vals)), key=lambda i: vals[i] if vals[i] == vals[i] else -1)
+                cells[best] = "**%s**" % cells[best]
             ratios = []
             for v in vals[1:]:
                 ratios.append("%.2f×" % (vals[0] / v) if v else "-")
@@ -425,31 +519,35 @@ def targets(bench, servers):
     return "\n".join(lines)
 
 
-def write_doc(path, text, args, servers, load, goals):
+def write_doc(path, text, args, servers, left_out, load, goals):
     with open("/proc/cpuinfo") as f:
         model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
     how = ("its cpuacct control group, so every process it forked counts"
            if all(s.cgroup for s in servers) else "its whole process tree")
+    peers = [s.about for s in servers[1:]]
+    named = ", ".join(peers[:-1]) + " and " + peers[-1] if len(peers) > 1 else "".join(peers)
     intro = "\n\n".join(textwrap.fill(p, 96) for p in [
         "Measured side by side on loopback by `make bench` (bench/run.py), which starts this daemon "
-        "and vsftpd (Debian's package, used as a black-box peer with its own configuration, anonymous "
-        "login, ASCII conversion switched on) serving the same tmpfs directory. Every figure is the "
+        "and the black-box %s %s, each with its own configuration and anonymous login, all serving "
+        "the same tmpfs directory. Every figure is the "
         "median of %d interleaved repetitions, the transfers' after one unrecorded round (the login "
         "test: %d runs of %g s). Server CPU is the CPU "
         "time of each server measured through %s. This daemon logs clients in against its own user "
-        "table, the peer takes anonymous logins (its cheapest). The ratio is this daemon's figure "
+        "table, the peers take anonymous logins (their cheapest). A ratio is this daemon's figure "
         "divided by the peer's: above 1 is better for throughput and sessions per second, below 1 is "
-        "better for CPU, time and memory." % (args.reps, max(3, args.reps // 2), args.login_seconds, how),
+        "better for CPU, time and memory." % ("peer" if len(peers) == 1 else "peers", named, args.reps,
+                                              max(3, args.reps // 2), args.login_seconds, how),
         "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
         "began). Single transfers move by some tens of percent from one to the next (on this virtual "
-        "machine, now and then a transfer of either server runs at half speed with twice the CPU per "
+        "machine, now and then a transfer of any server runs at half speed with twice the CPU per "
         "byte); the interleaved medians keep the comparison fair, not exact."
         % (os.cpu_count(), model, load)])
+    missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
     doc = f"""# Performance
 
 {intro}
 
-To reproduce: `make bench` (as root; it installs vsftpd through bench/setup.sh), or
+To reproduce: `make bench` (as root; it installs the peers through bench/setup.sh), or
 `python3 bench/run.py --build BUILD_DIR` after a build.
 
 {text}
@@ -458,14 +556,15 @@ To reproduce: `make bench` (as root; it installs vsftpd through bench/setup.sh),
 
 The ASCII figures count the file's bytes per second; the wire carries one more byte per line.
 The listing on the disk lists a directory on the disk bind-mounted into the shared directory;
-this daemon's temporary listing files (`TMPDIR`) are on the disk as well. proftpd and pure-ftpd
-are not measured.
+this daemon's temporary listing files (`TMPDIR`) are on the disk as well.{missing}
 
-Binary uploads are bound by the kernel's copy of the received bytes into the file's tmpfs pages
-(this daemon splices them from the connection, so that copy is the only one); the two servers
-come out close, and in some runs the STOR binary ratios land just on the other side of 1.0.
-Binary downloads splice 1 MiB of file pages per chunk into the connection, which measured about
-a tenth less CPU per byte than sendfile.
+Every upload writes a new file: the server's previous upload is deleted before each
+measurement, outside the timed part. Binary uploads are bound by the kernel's copy of the
+received bytes into the file's tmpfs pages (this daemon splices them from the connection, so
+that copy is the only one), so the servers that do least besides come out close: in single runs
+on this machine the STOR binary ratio to vsftpd has ranged from just below 1.0 to 1.6×. Binary
+downloads splice 1 MiB of file pages per chunk into the connection, which measured about a tenth
+less CPU per byte than sendfile.
 """
     with open(path, "w") as f:
         f.write(doc)
@@ -490,6 +589,8 @@ def main():
     subprocess.run(["cmake", "--build", args.client_build, "-j2"], check=True, stdout=subprocess.DEVNULL)
 
     shm = tempfile.mkdtemp(prefix="ftps-bench-", dir="/dev/shm")
+    # proftpd checks, as the ftp user, that the way to the shared directory is open.
+    os.chmod(shm, 0o755)
     disk = tempfile.mkdtemp(prefix="ftps-bench-", dir="/var/tmp")
     share = os.path.join(shm, "share")
     servers = []
@@ -497,11 +598,23 @@ def main():
     try:
         print("preparing files ...", flush=True)
         make_share(share, os.path.join(disk, "disk"))
-        servers = [Ftps(disk, share, args.build), Vsftpd(disk, share)]
+        # vsftpd stays the first peer: the targets are judged against it.
+        servers = [Ftps(disk, share, args.build), Vsftpd(disk, share), PureFtpd(disk, share),
+                   Proftpd(disk, share)]
         if args.only:
             servers = [s for s in servers if s.name in args.only.split(",")]
+        started, left_out = [], []
         for s in servers:
-            s.start()
+            try:
+                s.start()
+                started.append(s)
+            except (RuntimeError, OSError) as e:
+                s.stop()
+                if not s.optional:
+                    raise
+                print("%s; left out" % e, flush=True)
+                left_out.append(str(e))
+        servers = started
         bench = Bench(args)
         print("measuring ...", flush=True)
         bench.run(servers, share)
@@ -510,7 +623,7 @@ def main():
         if not args.no_doc:
             goals = targets(bench, servers)
             print(goals)
-            write_doc(args.doc, text, args, servers, load, goals)
+            write_doc(args.doc, text, args, servers, left_out, load, goals)
             print("written to %s" % os.path.relpath(args.doc, ROOT))
     finally:
         for s in servers:
