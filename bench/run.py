@@ -251,63 +251,64 @@ class Vsftpd(Server):
         self.spawn(["vsftpd", self.conf])
 
 
-class PureFtpd(Server):
-    name = "pure-ftpd"
-    about = "pure-ftpd (unpacked from Debian's package, converts TYPE A by itself)"
+class UnpackedPeer(Server):
+    """An optional peer that bench/setup.sh unpacks, logging in anonymously (its cheapest)."""
+
     optional = True
+    program = package = "?"
 
     def __init__(self, work, share):
         super().__init__(work, share)
         self.user, self.password = "anonymous", "bench@"
-        self.binary = peer_binary("pure-ftpd", "pure-ftpd")
-        # Everything is on its command line (TYPE A is converted without a switch). Anonymous
-        # only (its cheapest login), no syslog, no name lookups, and a listing cap (2000 by
-        # default) above the listing test's directory, so that every entry is sent.
-        self.argv = [self.binary, "-S", "127.0.0.1,%d" % self.port, "-4", "-e", "-H", "-f", "none",
-                     "-c", "100", "-L", "%d:5" % (10 * LIST_ENTRIES),
-                     "-g", os.path.join(work, "pure-ftpd.pid")]
+        self.binary = peer_binary(self.program, self.package)
 
     def start(self):
         if not self.binary:
             raise RuntimeError("%s is not installed (bench/setup.sh unpacks it)" % self.name)
+        self.spawn(self.command())
+
+
+class PureFtpd(UnpackedPeer):
+    name = program = package = "pure-ftpd"
+    about = "pure-ftpd (unpacked from Debian's package, converts TYPE A by itself)"
+
+    def command(self):
+        # Everything is on its command line (TYPE A is converted without a switch): no syslog, no
+        # name lookups, and a listing cap (2000 by default) above the listing test's directory,
+        # so that every entry is sent.
+        argv = [self.binary, "-S", "127.0.0.1,%d" % self.port, "-4", "-e", "-H", "-f", "none", "-c", "100",
+                "-L", "%d:5" % (10 * LIST_ENTRIES), "-g", os.path.join(self.work, "pure-ftpd.pid")]
         # Its anonymous root is the ftp user's home directory: the share is bind-mounted there in
         # a mount namespace of its own, as is an empty /run for its session files, so that the
         # machine's directories stay as they are. The shell execs: the server keeps the pid.
         script = 'mount --rbind "$1" "$2" && mount -t tmpfs none /run && shift 2 && exec "$@"'
-        self.spawn(["unshare", "--mount", "--propagation", "private", "sh", "-c", script, self.name,
-                    self.share, pwd.getpwnam("ftp").pw_dir] + self.argv)
+        return ["unshare", "--mount", "--propagation", "private", "sh", "-c", script, self.name,
+                self.share, pwd.getpwnam("ftp").pw_dir] + argv
 
 
-class Proftpd(Server):
-    name = "proftpd"
+class Proftpd(UnpackedPeer):
+    name = program = "proftpd"
+    package = "proftpd-core"
     about = "proftpd (unpacked from Debian's package, converts TYPE A by itself, login delay off)"
-    optional = True
 
-    def __init__(self, work, share):
-        super().__init__(work, share)
-        self.user, self.password = "anonymous", "bench@"
-        self.binary = peer_binary("proftpd", "proftpd-core")
-        self.conf = os.path.join(work, "proftpd.conf")
+    def command(self):
+        conf = os.path.join(self.work, "proftpd.conf")
         # Anonymous sessions as for vsftpd, without PAM; uploads go where the ftp user may write
         # (up/). TYPE A is converted by default. Its login delay (against the timing of user
         # names) would be measured as login time: off.
-        with open(self.conf, "w") as f:
+        with open(conf, "w") as f:
             f.write("\n".join([
                 "ServerType standalone", 'ServerName "bench"', "Port %d" % self.port,
                 "DefaultAddress 127.0.0.1", "SocketBindTight on", "UseIPv6 off", "UseReverseDNS off",
-                "User nobody", "Group nogroup", "PidFile %s" % os.path.join(work, "proftpd.pid"),
-                "ScoreboardFile %s" % os.path.join(work, "proftpd.scoreboard"), "SystemLog NONE",
+                "User nobody", "Group nogroup", "PidFile %s" % os.path.join(self.work, "proftpd.pid"),
+                "ScoreboardFile %s" % os.path.join(self.work, "proftpd.scoreboard"), "SystemLog NONE",
                 "TransferLog NONE", "WtmpLog off", "MaxInstances 100", "AuthPAM off",
                 "AuthOrder mod_auth_unix.c", "UseFtpUsers off",
                 "<IfModule mod_delay.c>", "DelayEngine off", "</IfModule>",
                 "<IfModule mod_ctrls.c>", "ControlsEngine off", "</IfModule>",
-                "<Anonymous %s>" % share, "User ftp", "Group nogroup", "UserAlias anonymous ftp",
+                "<Anonymous %s>" % self.share, "User ftp", "Group nogroup", "UserAlias anonymous ftp",
                 "RequireValidShell off", "MaxClients none", "AllowOverwrite on", "</Anonymous>", ""]))
-
-    def start(self):
-        if not self.binary:
-            raise RuntimeError("%s is not installed (bench/setup.sh unpacks it)" % self.name)
-        self.spawn([self.binary, "-n", "-q", "-c", self.conf])
+        return [self.binary, "-n", "-q", "-c", conf]
 
 
 class Bench:
