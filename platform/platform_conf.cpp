@@ -1,5 +1,6 @@
 // The platform file: parses the INI file that configures the plain-Linux device services into a
-// platform_conf, with every error naming its file, line and key, and keeps the process-wide copy.
+// platform_conf, with every error naming its file, line and key, keeps the process-wide copy and
+// answers the daemon's questions about its FTP settings (ftp_platform.h).
 #include "platform_conf.h"
 
 #include <ini.h>
@@ -14,6 +15,7 @@
 #include <mutex>
 
 #include "fs_info.h"
+#include "ftp_platform.h"
 
 namespace {
 
@@ -24,6 +26,13 @@ const char *const kDefaultFlashDir = "/var/lib/ftps/flash";
 const char *const kStorageKeywords[] = {"flash2", "flash", "sata0", "usb0", "", "tmp", "install", "", "nfs"};
 
 const char *const kMethods[] = {"local", "radius", "pam", "none"};
+
+// Profile names by their PLATFORM_FTP_PROFILE_* value.
+const char *const kProfiles[] = {"device", "standard", nullptr};
+static_assert(PLATFORM_FTP_PROFILE_DEVICE == 0 && PLATFORM_FTP_PROFILE_STANDARD == 1);
+
+// Longest wait the daemon may put before a failed-login reply: more would only hold sessions.
+const int kMaxLoginFailDelay = 60;
 
 struct parse_state {
     platform_conf *conf;
@@ -163,6 +172,38 @@ bool check_pwquality(const char *value, std::string *reason) {
     return ok;
 }
 
+// One of the names in choices (case ignored, as for yes/no), stored as its index.
+bool parse_choice(const char *value, const char *const *choices, int *out, std::string *reason) {
+    std::string names;
+    for (int i = 0; choices[i] != nullptr; i++) {
+        if (strcasecmp(value, choices[i]) == 0) {
+            *out = i;
+            return true;
+        }
+        names += i == 0 ? "" : choices[i + 1] == nullptr ? " or " : ", ";
+        names += choices[i];
+    }
+    *reason = "expected " + names;
+    return false;
+}
+
+// A value in double quotes keeps the blanks that the INI reader would trim; the quotes are not
+// part of it. A lone opening quote is refused rather than kept: it is what is left when a " ;"
+// inside the quotes started a comment, so the value is not what was written.
+bool unquote(const char *value, std::string *out, std::string *reason) {
+    size_t len = strlen(value);
+    if (value[0] != '"') {
+        out->assign(value, len);
+        return true;
+    }
+    if (len < 2 || value[len - 1] != '"') {
+        *reason = "unterminated double quote";
+        return false;
+    }
+    out->assign(value + 1, len - 2);
+    return true;
+}
+
 bool set_methods(platform_conf &c, const std::string &name, const char *value, std::string *reason) {
     std::vector<std::string> methods = split_blanks(value);
     if (methods.empty()) {
@@ -197,6 +238,7 @@ enum class value_kind {
     storage,    // a storage's directory, into slot
     endpoints,  // host[:port] list, port defaulting to lo
     pwquality,  // libpwquality name=value settings
+    choice,     // one of choices, stored as its index
 };
 
 // One row per key of the platform file.
@@ -208,6 +250,7 @@ struct key_row {
     bool platform_conf::*flag = nullptr;
     int platform_conf::*number = nullptr;
     std::vector<std::string> platform_conf::*list = nullptr;
+    const char *const *choices = nullptr;  // nullptr-terminated
     int lo = 0;
     int hi = 0;
     int slot = 0;
@@ -223,6 +266,13 @@ const key_row kKeys[] = {
      .number = &pc::control_port,
      .lo = 1,
      .hi = 65535},
+    {.section = "ftp", .key = "profile", .kind = value_kind::choice, .number = &pc::ftp_profile, .choices = kProfiles},
+    {.section = "ftp",
+     .key = "login_fail_delay",
+     .kind = value_kind::number,
+     .number = &pc::login_fail_delay,
+     .lo = 0,
+     .hi = kMaxLoginFailDelay},
     {.section = "storage", .key = "flash2", .kind = value_kind::storage, .slot = 0},
     {.section = "storage", .key = "flash", .kind = value_kind::storage, .slot = 1},
     {.section = "storage", .key = "sata0", .kind = value_kind::storage, .slot = 2},
@@ -291,6 +341,8 @@ bool set_value(parse_state &st, const key_row &row, const char *value, std::stri
             if (!check_pwquality(value, reason)) return false;
             c.*row.text = value;
             return true;
+        case value_kind::choice:
+            return parse_choice(value, row.choices, &(c.*row.number), reason);
     }
     return false;
 }
@@ -327,7 +379,8 @@ int on_key(void *user, const char *section, const char *name, const char *value)
     } else {
         bool unknown = false;
         std::string reason;
-        if (apply_key(st, sec, key, value, &unknown, &reason)) return 1;
+        std::string text;
+        if (unquote(value, &text, &reason) && apply_key(st, sec, key, text.c_str(), &unknown, &reason)) return 1;
         st.error = where + "key '" + key + "': " + (unknown ? "unknown key in section '" + sec + "'" : reason);
     }
     st.failed = true;
@@ -445,6 +498,18 @@ const platform_conf &platform_get() {
 bool platform_conf_ok() {
     std::call_once(g_once, load_process_conf);
     return g_ok;
+}
+
+int platform_ftp_control_port(void) {
+    return platform_get().control_port;
+}
+
+int platform_ftp_profile(void) {
+    return platform_get().ftp_profile;
+}
+
+int platform_ftp_login_fail_delay(void) {
+    return platform_get().login_fail_delay;
 }
 
 void platform_set_for_test(const platform_conf &conf) {

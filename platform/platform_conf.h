@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "ftp_platform.h"
+
 struct platform_storage {
     std::string keyword;  // "flash", "flash2", "sata0", "usb0", "tmp", "install", "nfs"
     std::string dir;      // absolute directory; empty when the storage is absent
@@ -13,10 +15,12 @@ struct platform_storage {
 struct platform_conf {
     std::string path;  // file it was read from; empty when the built-in defaults are used
     // [device]
-    std::string product_name;  // empty: unknown
-    std::string os_name;       // empty: kernel system name; "-": none
+    std::string product_name;       // empty: unknown
+    std::string os_name = "UNIX ";  // SYST says "UNIX Type: L8."; empty: kernel system name; "-": none
     // [ftp]
     int control_port = 21;
+    int ftp_profile = PLATFORM_FTP_PROFILE_DEVICE;
+    int login_fail_delay = 1;  // seconds before a failed PASS is answered
     // [storage], in the platform's storage order (index 0 = flash2, 1 = flash, ...; see fs_info.h)
     std::vector<platform_storage> storages;
     // [cli]

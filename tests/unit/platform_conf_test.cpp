@@ -1,14 +1,17 @@
 // Tests of the platform file loader: the values that are more than copied text, errors naming
-// file, line and key, and paths relative to the file's own directory.
+// file, line and key, paths relative to the file's own directory, and what the daemon reads back.
 #include "platform_conf.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "ftp_platform.h"
 #include "ftpd_test_support.h"
+#include "zqsys.h"
 
 namespace {
 
@@ -61,6 +64,10 @@ TEST_F(PlatformConfTest, StoragesListsAndAddressesAreReadIntoTheirSlotsAndForms)
 TEST_F(PlatformConfTest, ErrorsNameTheLineAndTheKeyOrSection) {
     EXPECT_EQ(load_error("[ftp]\n\ncontrol_port = 21x\n"), ":3: key 'control_port': not a number");
     EXPECT_EQ(load_error("[ftp]\ncontrol_port = 65536\n"), ":2: key 'control_port': out of range (1-65535)");
+    EXPECT_EQ(load_error("[ftp]\nlogin_fail_delay = 61\n"), ":2: key 'login_fail_delay': out of range (0-60)");
+    EXPECT_EQ(load_error("[ftp]\nprofile = vendor\n"), ":2: key 'profile': expected device or standard");
+    // A blank and ';' inside the quotes start a comment, which leaves the quote open.
+    EXPECT_EQ(load_error("[device]\nos_name = \"UNIX ; V\"\n"), ":2: key 'os_name': unterminated double quote");
     EXPECT_EQ(load_error("[log]\nsyslog = maybe\n"), ":2: key 'syslog': expected yes or no");
     EXPECT_EQ(load_error("[aaa]\nlist.x = local tacacs\n"), ":2: key 'list.x': unknown method 'tacacs'");
     EXPECT_EQ(load_error("[storage]\nflash3 = /x\n"), ":2: key 'flash3': unknown key in section 'storage'");
@@ -90,6 +97,43 @@ TEST_F(PlatformConfTest, RelativePathsAreTakenFromTheFilesDirectory) {
     EXPECT_EQ(c.storages[3].dir, "");  // an empty value leaves the storage absent
     EXPECT_EQ(c.cli_socket, dir_ + "/etc/run/cli");
     EXPECT_EQ(c.log_file, dir_ + "/etc/../ftps.log");
+}
+
+TEST_F(PlatformConfTest, FtpKeysAndQuotedValuesReachTheDaemonsCalls) {
+    struct utsname u;
+    ASSERT_EQ(uname(&u), 0);
+    struct row {
+        const char *text;
+        int profile;
+        int delay;
+        const char *os_name;  // what SYST is given; nullptr: none
+        const char *community;
+    };
+    const row rows[] = {
+        {"", PLATFORM_FTP_PROFILE_DEVICE, 1, "UNIX ", "public"},
+        {"[ftp]\nprofile = standard\nlogin_fail_delay = 0\n[device]\nos_name = \"  Sys V \"\n"
+         "[snmp]\ncommunity = \"a b \"\n",
+         PLATFORM_FTP_PROFILE_STANDARD, 0, "  Sys V ", "a b "},
+        {"[ftp]\nprofile = Device\nlogin_fail_delay = 60\n[device]\nos_name = UNIX \n", PLATFORM_FTP_PROFILE_DEVICE, 60,
+         "UNIX", "public"},
+        {"[device]\nos_name = -\n", PLATFORM_FTP_PROFILE_DEVICE, 1, nullptr, "public"},
+        {"[device]\nos_name = \"\"\n", PLATFORM_FTP_PROFILE_DEVICE, 1, u.sysname, "public"},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.text);
+        std::string path = write_file(std::string("[ftp]\ncontrol_port = 2121\n") + r.text);
+        platform_conf c;
+        std::string err;
+        ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
+        platform_set_for_test(c);
+        EXPECT_EQ(platform_ftp_control_port(), 2121);
+        EXPECT_EQ(platform_ftp_profile(), r.profile);
+        EXPECT_EQ(platform_ftp_login_fail_delay(), r.delay);
+        EXPECT_EQ(c.snmp_community, r.community);
+        char *os = zqsys_get_os_name();
+        EXPECT_EQ(os == nullptr ? std::string("(none)") : std::string(os), r.os_name == nullptr ? "(none)" : r.os_name);
+        free(os);
+    }
 }
 
 }  // namespace
