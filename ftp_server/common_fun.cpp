@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "app_dbg.h"
 #include "fs_info.h"
 #include "ftpd.h"
 
@@ -28,13 +29,16 @@ bool is_top_component(const char *s, const char *word) {
     return strncmp(s, word, n) == 0 && (s[n] == '\0' || s[n] == '/');
 }
 
-// Appends n bytes of src to buf (holding len bytes, capacity cap); what does not fit is cut.
-void append_bytes(char *buf, size_t *len, size_t cap, const char *src, size_t n) {
-    if (*len + 1 >= cap) return;
-    if (n > cap - 1 - *len) n = cap - 1 - *len;
+// Appends n bytes of src to buf (holding len bytes, capacity cap); what does not fit is cut, and
+// false tells so.
+bool append_bytes(char *buf, size_t *len, size_t cap, const char *src, size_t n) {
+    if (*len + 1 >= cap) return n == 0;
+    bool fit = n <= cap - 1 - *len;
+    if (!fit) n = cap - 1 - *len;
     memcpy(buf + *len, src, n);
     *len += n;
     buf[*len] = '\0';
+    return fit;
 }
 
 }  // namespace
@@ -42,19 +46,20 @@ void append_bytes(char *buf, size_t *len, size_t cap, const char *src, size_t n)
 char *ftpd_rootdir_relative_path(const struct credentials *pcred, const char *current_dir, const char *path,
                                  char *outpath, int size) {
     const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    bool fit;
     // An absolute client path is taken relative to the top directory, never to the device root.
     if (path[0] == '/') {
-        ftpd_strlcpy(outpath, path, size);
+        fit = ftpd_strlcpy(outpath, path, size);
     } else if (strcmp(root, current_dir) == 0) {
-        ftpd_snprintf(outpath, size, "/%s", path);
+        fit = ftpd_snprintf(outpath, size, "/%s", path);
     } else if (strcmp(root, "/") == 0) {
-        ftpd_snprintf(outpath, size, "%s/%s", current_dir, path);
+        fit = ftpd_snprintf(outpath, size, "%s/%s", current_dir, path);
     } else {
         // The session keeps the current directory at or below the top directory.
         const char *rest = current_dir + common_prefix_len(root, current_dir);
-        ftpd_snprintf(outpath, size, "%s/%s", rest, path);
+        fit = ftpd_snprintf(outpath, size, "%s/%s", rest, path);
     }
-    return outpath;
+    return fit ? outpath : nullptr;
 }
 
 bool ftpd_path_trim(const char *inpath, char *outpath, int size) {
@@ -89,26 +94,27 @@ bool ftpd_path_trim(const char *inpath, char *outpath, int size) {
             } else if (clen == 1 && p[0] == '.') {
                 p += 1;
             } else {
-                append_bytes(out, &len, cap, p, clen);
+                // SECURITY: a name cut short would name another file.
+                if (!append_bytes(out, &len, cap, p, clen)) return false;
                 p += clen;
             }
         }
         if (slash != nullptr) {
-            if (len == 0 || out[len - 1] != '/') append_bytes(out, &len, cap, "/", 1);
+            if ((len == 0 || out[len - 1] != '/') && !append_bytes(out, &len, cap, "/", 1)) return false;
             p += 1;
         }
     }
-    ftpd_strlcpy(outpath, out, cap);
-    return true;
+    return ftpd_strlcpy(outpath, out, cap);
 }
 
 char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char *inpath, char *outpath, int size) {
     const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    bool fit;
     if (strcmp(root, "/") == 0)
-        ftpd_strlcpy(outpath, inpath, size);
+        fit = ftpd_strlcpy(outpath, inpath, size);
     else
-        ftpd_snprintf(outpath, size, "%s%s", root, inpath);
-    return outpath;
+        fit = ftpd_snprintf(outpath, size, "%s%s", root, inpath);
+    return fit ? outpath : nullptr;
 }
 
 char *ftpd_absolute_to_relative_path(const struct credentials *pcred, const char *current_dir, char *outpath,
@@ -153,7 +159,9 @@ char *ftp_make_path(char *path, int path_len, const char *path_suffix) {
         return path;
     }
     size_t used = strlen(path);
-    append_bytes(path, &used, static_cast<size_t>(path_len), path_suffix, static_cast<size_t>(last + 1 - path_suffix));
+    // The whole text was measured to fit above.
+    (void)append_bytes(path, &used, static_cast<size_t>(path_len), path_suffix,
+                       static_cast<size_t>(last + 1 - path_suffix));
     if (mkdir(path, 0777) != 0 && errno != EEXIST) {
         int err = errno;
         FTPD_LOG_ERR("Failed to create directory %s, errno=%d, %s.\n", path, err, strerror(err));
@@ -165,4 +173,29 @@ char *ftp_make_path(char *path, int path_len, const char *path_suffix) {
 
 bool is_special_file(const char *dir) {
     return dir != nullptr && dir[0] == '.';
+}
+
+ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
+                                      char *inpath, char *outpath) {
+    if (ftpd_rootdir_relative_path(pcred, current_dir, arg, inpath, FTP_PATH_HALF) == nullptr)
+        return ftpd_resolve_result::too_long;
+    if (!ftpd_path_trim(inpath, outpath, FTP_PATH_HALF)) return ftpd_resolve_result::trim_failed;
+    if (ftpd_relative_to_absolute_path(pcred, outpath, inpath, FTP_PATH_HALF) == nullptr)
+        return ftpd_resolve_result::too_long;
+    // SECURITY: with the device root as top directory the system trees stay out of reach.
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    if (strcmp(root, "/") == 0 && !is_access_path(inpath)) return ftpd_resolve_result::refused;
+    return ftpd_resolve_result::ok;
+}
+
+bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func) {
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    if (strncmp(root, "/mnt/", 5) != 0) return true;
+    FTPD_KEYMSG("%s: To check dir (%s)is mounted.\n", func, root);
+    if (fs_check_mount(root) < 0) {
+        FTPD_KEYMSG("%s: Path %s is not mounted !!\n", func, root);
+        return false;
+    }
+    FTPD_KEYMSG("%s: Check dir mount ok.\n", func);
+    return true;
 }

@@ -75,4 +75,7 @@ struct credentials {
     bool epsv_all;
     int32_t cnt_index;
     struct ftp_user_cnt_info_s cnt;
+    uint32_t slot_generation;          // generation of the user-table row the slot was taken from
+    char online_name[FTP_NAME_LEN];    // the account whose online count this session took, if any
+    bool fail_waited;                  // the current PASS has waited out the failed-login delay
 };

@@ -171,7 +171,9 @@ void clear_cred(struct credentials *pcred);
 bool is_logged_in(const struct credentials *pcred);
 bool is_access(const struct credentials *pcred);
 bool is_data_empty(const char *s);
-int get_command(int control_fd, char *recvbuff, char *databuff, int buffsize);
+// peer_closed, when given, is set once the client has closed its sending side or the connection
+// failed: the session answers that last line and ends.
+int get_command(int control_fd, char *recvbuff, char *databuff, int buffsize, bool *peer_closed = nullptr);
 
 // ---------------------------------------------------------------------------------------------
 // HELP, SYST and server STAT (ftpd_help.cpp)
@@ -219,6 +221,7 @@ struct ftp_user_info_s {
     int32_t use_flag;
     int32_t connect_num;
     struct ftp_user_cnt_info_s *cnt[FTP_MAX_USER_CONNECT];
+    uint32_t generation;  // new for every row made; sessions give slots back only to their own row
 };
 extern struct ftp_user_info_s gb_usinfo[FTP_MAX_USERS];
 int ftp_userinfo_init(void);  // initialises ftp_mutex_userinfo; 0 or -1
@@ -247,6 +250,8 @@ int user(int control_fd, char *arg, struct credentials *pcred, char *client_name
 int auth_user(const char *name, struct credentials *pcred);
 int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name);
 int auth_pass(const char *arg, const struct credentials *pcred);
+// Waits the platform's failed-login delay before the first refusal of the current PASS.
+void ftp_login_fail_wait(struct credentials *pcred);
 
 struct aaa_iovec_s;
 int ftp_aaa_init(void);
@@ -284,8 +289,12 @@ extern const char *typenames[];
 int send_data(int control_fd, int instr, int outstr, int blksize, struct credentials *pcred, int domain_fd);
 int send_data_with_type(int control_fd, int instr, int outstr, int blksize, struct credentials *pcred,
                         int domain_fd);
-int receive_data(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd);
-int receive_data_with_type(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd);
+// discard_path, when given, names the file being written: it is removed before a failure is
+// answered.
+int receive_data(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd,
+                 const char *discard_path = nullptr);
+int receive_data_with_type(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd,
+                           const char *discard_path = nullptr);
 int unix_to_dos(const char *buf, char *chang_buf, int cnt);
 int dos_to_unix(const char *databuff, char *buf, int len);
 // One read, repeated only when a signal interrupted it.
@@ -304,20 +313,36 @@ bool is_special_file(const char *dir);
 
 // ---------------------------------------------------------------------------------------------
 // Listing (ftpd_list.cpp) and name listing (ftpd_nlst.cpp)
-void list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-              struct credentials *pcred);
-int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred);
+int list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+             struct credentials *pcred, int domain_fd);
+int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
+               int domain_fd);
 int get_file_info(const char *path, char *stat_buff, int length, const char *name);
 int get_file_name(const char *path, const char **name);
-int send_list_nlst(int control_fd, int data_sock, int fd, char *databuff, struct credentials *pcred);
 int ftpd_mkstemp(char *templ);
 int ftpd_is_match(const char *str1, const char *match1);
-void nlst_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-              struct credentials *pcred);
-int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred);
+int nlst_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+             struct credentials *pcred, int domain_fd);
+int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
+               int domain_fd);
 
 // ---------------------------------------------------------------------------------------------
-// Path resolution and confinement (common_fun.cpp)
+// Path resolution and confinement (common_fun.cpp). A path that does not fit its buffer is
+// refused (nullptr or false), never cut into another name.
+// Work buffer of the path commands: two 512-byte halves, inpath then outpath.
+#define FTP_PATH_HALF 512
+enum class ftpd_resolve_result {
+    ok,           // inpath holds the real path
+    trim_failed,  // normalisation refused the client path
+    refused,      // top directory "/" and the path lies in a system tree
+    too_long,     // the real path does not fit: no file may be touched under a cut name
+};
+// Runs the resolution sequence on a client argument: inpath and outpath are the two halves of a
+// work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
+[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir,
+                                                    const char *arg, char *inpath, char *outpath);
+// Whether the session's top directory, when it lies below /mnt/, is still mounted.
+bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func);
 char *ftpd_rootdir_relative_path(const struct credentials *pcred, const char *current_dir, const char *path,
                                  char *outpath, int size);
 bool ftpd_path_trim(const char *inpath, char *outpath, int size);

@@ -19,9 +19,16 @@ namespace {
 #define AAA_SERVICE_TYPE_LOGIN 2
 #define USER_LOGIN_MODE_FTP 0x10
 
-void reply_not_logged_in(int control_fd) { ftpd_reply(control_fd, nullptr, "%s", "530 Not logged in.\r\n", nullptr); }
+// Both answer a failed PASS, so both wait out the failed-login delay first.
+void reply_not_logged_in(int control_fd, struct credentials *pcred) {
+    ftp_login_fail_wait(pcred);
+    ftpd_reply(control_fd, nullptr, "%s", "530 Not logged in.\r\n", nullptr);
+}
 
-void reply_password_denied(int control_fd) { ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr); }
+void reply_password_denied(int control_fd, struct credentials *pcred) {
+    ftp_login_fail_wait(pcred);
+    ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
+}
 
 uint32_t add_byte(struct aaa_iovec_s *iov, uint32_t code, uint8_t v) { return aaa_add_elem_ext(iov, code, &v, 1); }
 
@@ -112,7 +119,7 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
         FTPD_LOG_PRO("ftp_aaa_auth. %d\n", static_cast<int>(pcred->session_id));
         if (pcred->session_id == 0) {
             FTPD_LOG_ERR("%s aaa get session id fail.\n", __func__);
-            reply_not_logged_in(control_fd);
+            reply_not_logged_in(control_fd, pcred);
             return -1;
         }
     }
@@ -144,7 +151,7 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
             FTPD_LOG_PRO("aaa %s mlist not exist.\n", mlist);
         else
             FTPD_LOG_PRO("aaa default mlist not exist.\n");
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         return -1;
     }
     if (exists == 3) {
@@ -156,7 +163,7 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
     ftpd_block buf(FTPD_M_TMP, AAA_ELEM_BUF_SIZE);
     if (!buf) {
         FTPD_LOG_PRO("aaa create memory failed.\n");
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         return -1;
     }
     aaa_iovec_s iov;
@@ -170,19 +177,19 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
         int rc = aaa_user_req_authen(&req);
         if (rc != 0) {
             FTPD_LOG_ERR("Do aaa auth fail.\n");
-            reply_not_logged_in(control_fd);
+            reply_not_logged_in(control_fd, pcred);
             return rc;
         }
         aaa_result_s *result = nullptr;
         if (aaa_user_get_result(pcred->session_id, AAA_UTYPE_FTP, AAA_WAIT_SECONDS, &result) != 0) {
             FTPD_LOG_ERR("Get aaa auth result timeout.\n");
-            reply_not_logged_in(control_fd);
+            reply_not_logged_in(control_fd, pcred);
             if (result != nullptr) aaa_free_result_info(result);
             return -1;
         }
         if (result == nullptr) {
             FTPD_LOG_PRO("aaa auth error.\n");
-            reply_not_logged_in(control_fd);
+            reply_not_logged_in(control_fd, pcred);
             return -1;
         }
         if (result->sub.mtype == AAA_MTYPE_LOCAL) {
@@ -203,13 +210,13 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
             continue;
         } else if (state == AAA_REJECT) {
             FTPD_LOG_PRO("Do aaa auth: reject, priv(%d).\n", priv);
-            reply_password_denied(control_fd);
+            reply_password_denied(control_fd, pcred);
         } else if (state == AAA_TIMEOUT) {
             FTPD_LOG_PRO("Do aaa auth: timeout, priv(%d).\n", priv);
-            reply_not_logged_in(control_fd);
+            reply_not_logged_in(control_fd, pcred);
         } else {
             FTPD_LOG_PRO("Do aaa auth: unknow.\n");
-            reply_not_logged_in(control_fd);
+            reply_not_logged_in(control_fd, pcred);
         }
         break;
     }
@@ -232,12 +239,12 @@ int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcr
     if (rc != 0) {
         FTPD_LOG_ERR("Call usrname-lib-authen-req fail(%d).\n", rc);
         if (result != nullptr) aaa_free_result_info(result);
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         return -1;
     }
     if (result == nullptr) {
         FTPD_LOG_PRO("aaa authen local error.\n");
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         return -1;
     }
     FTPD_LOG_PRO("Get aaa auth local result(%d).\n", static_cast<int>(result->sub.result));
@@ -250,19 +257,19 @@ int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcr
         return 0;
     case AAA_CHALLENGE:
         FTPD_LOG_PRO("Do auth local: not support challenge.\n");
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         break;
     case AAA_REJECT:
         FTPD_LOG_PRO("Do aaa auth local: reject, priv(%d).\n", priv);
-        reply_password_denied(control_fd);
+        reply_password_denied(control_fd, pcred);
         break;
     case AAA_TIMEOUT:
         FTPD_LOG_PRO("Do aaa auth local: timeout, priv(%d).\n", priv);
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         break;
     default:
         FTPD_LOG_PRO("Do aaa auth local: unknow.\n");
-        reply_not_logged_in(control_fd);
+        reply_not_logged_in(control_fd, pcred);
         break;
     }
     return -1;

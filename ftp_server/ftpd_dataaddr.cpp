@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <strings.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,12 +14,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <random>
 
 #include "ftpd.h"
 
 namespace {
 
-constexpr int kMaxBindTries = 11;
+constexpr int kMaxBindTries = 64;
 constexpr int kPassiveBacklog = 2;
 
 const char kNotLoggedIn[] = "530 Not logged in.\r\n";
@@ -58,16 +60,27 @@ bool is_scoped_v6(const struct in6_addr *a) {
     return a->s6_addr[0] == 0xfe && ((a->s6_addr[1] & 0xc0) == 0x80 || (a->s6_addr[1] & 0xc0) == 0xc0);
 }
 
-// Draws random ports from 1024 to 65535 and binds; on EADDRINUSE it backs off 1, 2, 4 ... s,
-// at most kMaxBindTries binds. Returns the bound port, or -1 with the error in *err.
+// Each session thread draws from its own generator, seeded from the kernel: sessions that open
+// passive ports at the same moment must not draw the same sequence.
+uint32_t draw_port_number() {
+    thread_local std::minstd_rand gen = [] {
+        uint32_t seed = 0;
+        if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof seed))
+            seed = static_cast<uint32_t>(time(nullptr)) ^ static_cast<uint32_t>(gettid());
+        return std::minstd_rand(seed == 0 ? 1 : seed);
+    }();
+    return static_cast<uint32_t>(gen());
+}
+
+// Draws random ports from 1024 to 65535 and binds; a port in use is replaced by another draw at
+// once. Returns the bound port, or -1 with the error in *err.
 int bind_random_port(int fd, struct sockaddr *addr, socklen_t len, in_port_t *port_field, int *err) {
     for (int tries = 1;; tries++) {
-        int port = static_cast<int>(random() % 64512) + 1024;
+        int port = static_cast<int>(draw_port_number() % 64512) + 1024;
         *port_field = htons(static_cast<uint16_t>(port));
         if (bind(fd, addr, len) == 0) return port;
         *err = errno;
         if (*err != EADDRINUSE || tries >= kMaxBindTries) return -1;
-        sleep(1u << (tries - 1));
     }
 }
 
@@ -206,7 +219,8 @@ int command_epsv(int control_fd, char *data_buff, struct credentials *pcred) {
 
 int dopasv(int control_fd, struct credentials *pcred) {
     close_fd(&pcred->data);
-    // A listening socket left by an earlier PASV/EPSV is not closed here.
+    // A listener of an earlier PASV/EPSV that was never used is replaced, not leaked.
+    close_fd(&pcred->listen_pdata);
     pcred->listen_pdata = socket(pcred->cnt.data_type, SOCK_STREAM, IPPROTO_TCP);
     if (pcred->listen_pdata < 0) {
         pcred->listen_pdata = -1;
@@ -218,7 +232,6 @@ int dopasv(int control_fd, struct credentials *pcred) {
         return ftpd_reply(control_fd, "421", "setsockopt", nullptr, nullptr);
     }
     ftps_set_vrf_option(pcred, pcred->listen_pdata);
-    srandom(static_cast<unsigned>(clock()));
 
     struct sockaddr *addr;
     socklen_t len;
@@ -257,7 +270,8 @@ int dopasv(int control_fd, struct credentials *pcred) {
 }
 
 void passive(int control_fd, struct credentials *pcred) {
-    // Unlike EPSV, an open active connection is left as it is.
+    // Unlike EPSV, an open active connection is left as it is; an unused listener is replaced.
+    close_fd(&pcred->listen_pdata);
     pcred->listen_pdata = socket(AF_INET, SOCK_STREAM, 0);
     if (pcred->listen_pdata < 0) {
         pcred->listen_pdata = -1;
@@ -272,7 +286,6 @@ void passive(int control_fd, struct credentials *pcred) {
         return;
     }
     ftps_set_vrf_option(pcred, pcred->listen_pdata);
-    srandom(static_cast<unsigned>(clock()));
 
     // Listen on the address the client already reaches the server on.
     pcred->cnt.pasv_addr = pcred->cnt.def_addr.ctrl_addr;

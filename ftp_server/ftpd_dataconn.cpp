@@ -52,28 +52,54 @@ double seconds_since(const struct timespec *start) {
     return static_cast<double>(now.tv_sec - start->tv_sec) + (now.tv_nsec - start->tv_nsec) / 1e9;
 }
 
-// Passive case: accept exactly one connection on listen_pdata, which is closed afterwards.
+// SECURITY: the data connection must come from the client's own address; another host that
+// reaches the passive port first would otherwise receive or supply the file. When the families
+// differ (EPSV 2 on an IPv4 control connection) there is no address to compare.
+bool from_control_peer(const struct sockaddr_storage &peer, const struct credentials *pcred) {
+    const struct ftp_connect_addr &ctl = pcred->cnt.def_addr;
+    if (peer.ss_family == AF_INET && pcred->cnt.contrl_type == AF_INET) {
+        const auto *p4 = reinterpret_cast<const struct sockaddr_in *>(&peer);
+        return p4->sin_addr.s_addr == ctl.his_addr.sin_addr.s_addr;
+    }
+    if (peer.ss_family == AF_INET6 && pcred->cnt.contrl_type == AF_INET6) {
+        const auto *p6 = reinterpret_cast<const struct sockaddr_in6 *>(&peer);
+        return memcmp(&p6->sin6_addr, &ctl.his_addrv6.sin6_addr, sizeof p6->sin6_addr) == 0;
+    }
+    return true;
+}
+
+// Passive case: accept exactly one connection from the client on listen_pdata, which is closed
+// afterwards. Connections from elsewhere are closed and the wait goes on until its deadline.
 int accept_passive(int control_fd, struct credentials *pcred) {
     bool ok = false;
     struct ftp_epoll_s *ep = ftpd_epoll_create();
     if (ep != nullptr) {
         ep->fd[0] = pcred->listen_pdata;
-        ep->timeout = pcred->timeout * 60;
-        int w = ftpd_epoll(ep, FTP_EPOLL_IN);
-        if (w == 0) FTPD_LOG_PRO("Time out.\n");
-        if (w > 0 && ftpd_epoll_event(ep, pcred->listen_pdata, FTP_EPOLL_IN)) {
+        struct timespec start;
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        const int limit = pcred->timeout * 60;
+        for (;;) {
+            int left = limit - static_cast<int>(seconds_since(&start));
+            ep->timeout = left > 0 ? left : 0;
+            int w = left > 0 ? ftpd_epoll(ep, FTP_EPOLL_IN) : 0;
+            if (w == 0) FTPD_LOG_PRO("Time out.\n");
+            if (w <= 0 || !ftpd_epoll_event(ep, pcred->listen_pdata, FTP_EPOLL_IN)) break;
             struct sockaddr_storage peer;
             socklen_t plen = sizeof peer;
-            pcred->pdata = accept(pcred->listen_pdata, reinterpret_cast<struct sockaddr *>(&peer), &plen);
-            if (pcred->pdata >= 0) {
-                ok = true;
-                if (peer.ss_family == AF_INET6)
-                    memcpy(&pcred->cnt.pasv_destv6, &peer, sizeof pcred->cnt.pasv_destv6);
-                else
-                    memcpy(&pcred->cnt.pasv_dest, &peer, sizeof pcred->cnt.pasv_dest);
-            } else {
-                pcred->pdata = -1;
+            int fd = accept(pcred->listen_pdata, reinterpret_cast<struct sockaddr *>(&peer), &plen);
+            if (fd < 0) break;
+            if (!from_control_peer(peer, pcred)) {
+                FTPD_LOG_ERR("%s: passive connection from another address refused.\n", FTPD_MODULE);
+                close(fd);
+                continue;
             }
+            pcred->pdata = fd;
+            ok = true;
+            if (peer.ss_family == AF_INET6)
+                memcpy(&pcred->cnt.pasv_destv6, &peer, sizeof pcred->cnt.pasv_destv6);
+            else
+                memcpy(&pcred->cnt.pasv_dest, &peer, sizeof pcred->cnt.pasv_dest);
+            break;
         }
         ftpd_epoll_destroy(ep);
     }
@@ -158,11 +184,12 @@ void ftps_set_vrf_option(struct credentials *pcred, int fd) {
                          -1, err);
         return;
     }
+    // The VRF's number is its device's interface index; the default VRF is 0.
+    int vrf_id = name[0] != '\0' ? static_cast<int>(if_nametoindex(name)) : 0;
     if (v6)
-        FTPD_LOG_PRO("%s: getdatasock receive ipv6 vrf is %s\r\n", __func__, name[0] != '\0' ? name : "default");
+        FTPD_LOG_PRO("%s: getdatasock receive ipv6 vrf is %d\r\n", __func__, vrf_id);
     else
-        FTPD_LOG_PRO("%s: getdatasock fd %d receive ip vrf is %s\r\n", __func__, fd,
-                     name[0] != '\0' ? name : "default");
+        FTPD_LOG_PRO("%s: getdatasock fd %d receive ip vrf is %d\r\n", __func__, fd, vrf_id);
     if (name[0] == '\0') return;
     if (vrf_set_socket_vrf(fd, name) != 0) {
         int err = errno;

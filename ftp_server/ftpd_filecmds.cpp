@@ -77,6 +77,8 @@ int sizecmd(int control_fd, const char *filename, const char *current_dir, struc
             return ftpd_reply_text(control_fd, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
             return ftpd_reply_text(control_fd, FTP_REPLY_450);
+        case ftpd_resolve_result::too_long:
+            return ftpd_reply(control_fd, "550", kIllegalFile, filename, nullptr);
         case ftpd_resolve_result::ok:
             break;
     }
@@ -127,6 +129,7 @@ int statfilecmd(int control_fd, const char *path, char *sendbuff, const char *cu
         case ftpd_resolve_result::trim_failed:
             return ftpd_reply_text(control_fd, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
+        case ftpd_resolve_result::too_long:
             return ftpd_reply_text(control_fd, FTP_REPLY_450);
         case ftpd_resolve_result::ok:
             break;
@@ -207,6 +210,8 @@ int command_mdtm(int control_fd, char *data_buff, char *reply_buff, char *curren
             return refuse(control_fd, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
             return refuse(control_fd, FTP_REPLY_450);
+        case ftpd_resolve_result::too_long:
+            return refuse(control_fd, FTP_REPLY_550);
         case ftpd_resolve_result::ok:
             break;
     }

@@ -20,14 +20,12 @@ namespace {
 
 const char kReply451[] = "451 Requested action aborted. Local error in processing.\r\n";
 const char kReply501[] = "501 Syntax error in parameters or arguments.\r\n";
-const char kReply226[] = "226 Closing data connection.\r\n";
 
 const char *const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-// The staged listing is read in whole numbers of the 512-byte conversion blocks when sending in
-// ASCII type (each block converted by itself), and in binary type in blocks of the caller's buffer.
+// The staged listing goes out through the transfer engine, converted in 512-byte blocks in ASCII
+// type as a file would be.
 constexpr int kAsciiBlock = 512;
-constexpr size_t kAsciiChunk = 32 * kAsciiBlock;
 
 // Both matcher inputs are worked on as copies cut at 255 characters.
 constexpr size_t kMatchLen = 256;
@@ -41,53 +39,6 @@ int reply501(int control_fd) {
 
 bool is_dir_root(const char *dir) {
     return strcmp(dir, "/") == 0;
-}
-
-// Sends all len bytes, completing partial sends; false when the connection fails.
-bool send_all(int sock, const char *p, size_t len) {
-    while (len > 0) {
-        ssize_t n = send(sock, p, len, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-int send_ascii(int control_fd, int data_sock, int fd, struct credentials *pcred) {
-    ftpd_block buf(FTPD_M_BUF, kAsciiChunk);
-    ftpd_block chang_buf(FTPD_M_CHANG_BUF, 2 * kAsciiChunk);
-    if (!buf || !chang_buf) return -2;
-    for (;;) {
-        ssize_t n = ftpd_read_some(fd, buf.get(), kAsciiChunk);
-        if (n < 0) {
-            FTPD_LOG_ERR("%s: Read data failed.\n", FTPD_MODULE);
-            return -2;
-        }
-        if (n == 0) break;
-        size_t len = 0;
-        for (ssize_t off = 0; off < n; off += kAsciiBlock) {
-            int blk = n - off < kAsciiBlock ? static_cast<int>(n - off) : kAsciiBlock;
-            len += static_cast<size_t>(unix_to_dos(buf.get() + off, chang_buf.get() + len, blk));
-        }
-        if (!send_all(data_sock, chang_buf.get(), len)) return -2;
-        pcred->byte_count += static_cast<off_t>(len);
-    }
-    buf.reset();
-    chang_buf.reset();
-    return ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr) == 0 ? 0 : -1;
-}
-
-int send_binary(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred) {
-    for (;;) {
-        ssize_t n = ftpd_read_some(fd, buf, bufsize);
-        if (n < 0) return -2;
-        if (n > 0 && !send_all(data_sock, buf, static_cast<size_t>(n))) return -2;
-        pcred->byte_count += n;
-        if (static_cast<size_t>(n) < bufsize) break;
-    }
-    return ftpd_reply(control_fd, nullptr, "%s", kReply226, nullptr) == 0 ? 0 : -1;
 }
 
 // The listing line from the entry's status, "today" being the current calendar year.
@@ -124,17 +75,6 @@ int format_line(const struct stat &st, const char *name, char *stat_buff, int le
 
 // ---------------------------------------------------------------------------------------------
 // Shared internals
-
-ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
-                                      char *inpath, char *outpath) {
-    ftpd_rootdir_relative_path(pcred, current_dir, arg, inpath, FTP_PATH_HALF);
-    if (!ftpd_path_trim(inpath, outpath, FTP_PATH_HALF)) return ftpd_resolve_result::trim_failed;
-    ftpd_relative_to_absolute_path(pcred, outpath, inpath, FTP_PATH_HALF);
-    // SECURITY: with the device root as top directory the system trees stay out of reach.
-    if (pcred->rootdir != nullptr && is_dir_root(pcred->rootdir) && !is_access_path(inpath))
-        return ftpd_resolve_result::refused;
-    return ftpd_resolve_result::ok;
-}
 
 bool ftpd_entry_hidden(const char *name, const char *listtemp, bool dir_is_root) {
     if (strcmp(name, listtemp) == 0 || is_special_file(name)) return true;
@@ -221,7 +161,7 @@ void ftpd_listtemp::remove() {
 }
 
 int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
-                       struct credentials *pcred, const ftpd_listing_kind &kind) {
+                       struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind) {
     // One block: the line, the directory, the entry path, then the batch / sending area.
     ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
     if (!whole) {
@@ -276,20 +216,22 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
     }
 
     if (!temp.reopen_for_reading()) return fail();
-    int sent = ftpd_send_listing(control_fd, data_sock, temp.fd(), batch_area, FTP_LIST_BATCH_SIZE, pcred);
-    if (sent == -2) return fail();
+    whole.reset();
+    // The same waits as a file transfer: a client that stops reading meets the idle time-out, and
+    // the stop message aborts the listing.
+    int sent = send_data_with_type(control_fd, temp.fd(), data_sock, kAsciiBlock, pcred, domain_fd);
     temp.remove();
-    return sent == 0 ? 0 : -1;
+    return sent;
 }
 
-void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-                      struct credentials *pcred, const ftpd_listing_kind &kind,
-                      int (*writer)(int, int, char *, char *, struct credentials *)) {
+int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                     struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind,
+                     int (*writer)(int, int, char *, char *, struct credentials *, int)) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!work) {
         if (kind.log_malloc) FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
         reply451(control_fd);
-        return;
+        return 0;
     }
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
@@ -305,17 +247,18 @@ void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_
 
     switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
         case ftpd_resolve_result::trim_failed:
+        case ftpd_resolve_result::too_long:
             reply451(control_fd);
-            return;
+            return 0;
         case ftpd_resolve_result::refused:
             reply501(control_fd);
-            return;
+            return 0;
         case ftpd_resolve_result::ok:
             break;
     }
 
     unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
-    if (!data_sock) return;  // dataconn has replied
+    if (!data_sock) return 0;  // dataconn has replied
 
     if (kind.count_before_update) {
         pcred->byte_count = 0;
@@ -324,7 +267,7 @@ void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_
         ftp_set_userinfo_update(pcred);
         pcred->byte_count = 0;
     }
-    writer(control_fd, data_sock.get(), current_dir, inpath, pcred);
+    int r = writer(control_fd, data_sock.get(), current_dir, inpath, pcred, domain_fd);
 
     int on = 1;
     ioctl(data_sock.get(), FIONBIO, &on);
@@ -332,6 +275,7 @@ void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_
     pcred->pdata = -1;
     pcred->data = -1;
     ftp_set_userinfo_update(pcred);
+    return r == -2 ? -2 : 0;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -349,13 +293,15 @@ const ftpd_listing_kind kListKind = {
 };
 }  // namespace
 
-void list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-              struct credentials *pcred) {
-    ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, kListKind, write_list);
+int list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+             struct credentials *pcred, int domain_fd) {
+    return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kListKind,
+                            write_list);
 }
 
-int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred) {
-    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, kListKind);
+int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
+               int domain_fd) {
+    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kListKind);
 }
 
 // Entries are queried relative to the open directory, so no entry path is built.
@@ -440,20 +386,6 @@ int get_file_name(const char *path, const char **name) {
     return 0;
 }
 
-int send_list_nlst(int control_fd, int data_sock, int fd, char *databuff, struct credentials *pcred) {
-    return ftpd_send_listing(control_fd, data_sock, fd, databuff, FTP_LIST_LINE_SIZE, pcred);
-}
-
-int ftpd_send_listing(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred) {
-    int type = pcred->cnt.tran_type;
-    if (type == 1) return send_ascii(control_fd, data_sock, fd, pcred);
-    if (type == 3 || type == 4) return send_binary(control_fd, data_sock, fd, buf, bufsize, pcred);
-    char text[64];
-    ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in send_data.", type);
-    ftpd_reply(control_fd, "451", "%s", text, nullptr);
-    return -1;
-}
-
 int ftpd_mkstemp(char *templ) {
     if (templ == nullptr) return -1;
     size_t len = strlen(templ);
@@ -473,9 +405,10 @@ int ftpd_mkstemp(char *templ) {
         struct stat st;
         if (stat(templ, &st) == 0) continue;
         int fd = open(templ, O_RDWR | O_CREAT | O_EXCL, 0644);
+        // Another session took the number between the look and the open: the next one will do.
+        if (fd < 0 && errno == EEXIST) continue;
         if (fd < 0) {
             int err = errno;
-            // Losing a race for the same number is a failure, not a reason to try the next one.
             FTPD_LOG_ERR("ftpd_mkstemp open (%s) fail,errno %d:%s\n", templ, err, strerror(err));
             return -1;
         }

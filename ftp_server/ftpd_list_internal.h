@@ -8,8 +8,6 @@
 
 #include "ftpd.h"
 
-// Work buffer of the path commands: two 512-byte halves, inpath then outpath.
-#define FTP_PATH_HALF 512
 // Listing writer buffer: one line / sending block, a directory, then room for an entry path.
 #define FTP_LIST_BUF_SIZE 3072
 #define FTP_LIST_LINE_SIZE 1024
@@ -20,17 +18,6 @@
 #define FTP_LIST_BATCH_SIZE (32 * 1024)
 // Path buffer of the temporary listing file.
 #define FTP_LISTTEMP_LEN 65
-
-enum class ftpd_resolve_result {
-    ok,           // inpath holds the real path
-    trim_failed,  // normalisation refused the client path
-    refused,      // top directory "/" and the path lies in a system tree
-};
-
-// Runs the resolution sequence on a client argument: inpath and outpath are the two halves of a
-// work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
-ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
-                                      char *inpath, char *outpath);
 
 // True when a directory entry must not be shown: dot names, the listing's own temporary file and,
 // while the listed directory is "/", the system trees.
@@ -116,14 +103,12 @@ struct ftpd_listing_kind {
     int (*wildcard)(const char *, ftpd_list_batch &, const char *, char *, char *, const char *);
 };
 
-// Stages the listing of a real path in a temporary file and sends it: 0, or -1 after a reply.
+// Stages the listing of a real path in a temporary file and sends it: 0, -1 after a reply, or -2
+// when the stop message aborted the sending.
 int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
-                       struct credentials *pcred, const ftpd_listing_kind &kind);
+                       struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind);
 // The LIST / NLST command: resolves the argument, opens the data connection and runs the writer.
-void ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-                      struct credentials *pcred, const ftpd_listing_kind &kind,
-                      int (*writer)(int, int, char *, char *, struct credentials *));
-
-// Sends a staged listing opened for reading in blocks of up to bufsize bytes taken from buf; as
-// send_list_nlst, whose binary blocks are the 1024-byte line buffer.
-int ftpd_send_listing(int control_fd, int data_sock, int fd, char *buf, size_t bufsize, struct credentials *pcred);
+// -2 when the stop message aborted it (the session ends), else 0.
+int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                     struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind,
+                     int (*writer)(int, int, char *, char *, struct credentials *, int));

@@ -1,8 +1,11 @@
 // The USER and PASS commands: binding a session to a configured user and one of its connection
 // slots, the password check against the user table, and the hand-over to AAA or the local user
 // database when the table does not accept the password.
+#include <unistd.h>
+
 #include <cstring>
 
+#include "ftp_platform.h"
 #include "ftpd.h"
 
 namespace {
@@ -15,6 +18,14 @@ void release_message(struct credentials *pcred) {
 int reply_text(int control_fd, const char *text) { return ftpd_reply(control_fd, nullptr, "%s", text, nullptr); }
 
 }  // namespace
+
+void ftp_login_fail_wait(struct credentials *pcred) {
+    // SECURITY: slows password guessing; once per PASS, however many 530 lines answer it.
+    if (pcred->fail_waited) return;
+    pcred->fail_waited = true;
+    int delay = platform_ftp_login_fail_delay();
+    if (delay > 0) sleep(static_cast<unsigned>(delay));
+}
 
 int auth_user(const char *name, struct credentials *pcred) {
     if (name == nullptr || pcred == nullptr) return -1;
@@ -90,7 +101,9 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
         return 0;
     }
     pcred->askpasswd = 0;
+    pcred->fail_waited = false;
     if (pcred->guest != 0) {
+        ftp_login_fail_wait(pcred);
         ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
         return -1;
     }
@@ -102,6 +115,7 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
     }
     if (!g_aaa_ready) {
         FTPD_LOG_ERR("Fail to reg aaa.\n");
+        ftp_login_fail_wait(pcred);
         reply_text(control_fd, "530 Not logged in.\r\n");
         return -1;
     }
@@ -118,6 +132,7 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
     }
     if (ret != 0) {
         // The client gets this second 530 after the one of the authentication step.
+        ftp_login_fail_wait(pcred);
         ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
         return -1;
     }
@@ -128,11 +143,14 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
     }
     FTPD_LOG_PRO("Going to check login.\n");
     if (ftp_username_login_check(client_name) != 0) {
+        ftp_login_fail_wait(pcred);
         reply_text(control_fd, "530 Not logged in.\r\n");
         return -1;
     }
     if (reply_text(control_fd, "230 User logged in, proceed.\r\n") != 0) return -1;
     ftp_update_online_count(client_name, 1);
+    // A later USER changes client_name; the count goes back to the account that took it.
+    ftpd_strlcpy(pcred->online_name, client_name, sizeof pcred->online_name);
     pcred->logged_in = 1;
     pcred->logged_local_aaa_in = true;
     return 0;

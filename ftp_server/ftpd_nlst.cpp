@@ -44,13 +44,15 @@ bool write_name(ftpd_list_batch &out, const char *name, size_t bound, char *data
 
 }  // namespace
 
-void nlst_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-              struct credentials *pcred) {
-    ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, kNlstKind, write_nlst);
+int nlst_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+             struct credentials *pcred, int domain_fd) {
+    return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kNlstKind,
+                            write_nlst);
 }
 
-int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred) {
-    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, kNlstKind);
+int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
+               int domain_fd) {
+    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kNlstKind);
 }
 
 int nlst_dir(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff) {

@@ -55,6 +55,10 @@ int reply_common(int send_sk, const char *cmd, Format &&format_text) {
     int err = sent < 0 ? errno : 0;
     char errtext[128];
     FTPD_LOG_ERR("%s:send fail(errno %d:%s).\n", FTPD_MODULE, err, strerror_r(err, errtext, sizeof errtext));
+    // A reply that could not go out whole (the peer is gone, or stopped reading for a whole
+    // time-out) leaves the connection unusable; shutting it down makes the session's next wait
+    // end it, also where a handler ignores this result.
+    shutdown(send_sk, SHUT_RDWR);
     return -1;
 }
 

@@ -8,8 +8,6 @@
 
 #include <cstring>
 
-#include "app_dbg.h"
-#include "fs_info.h"
 #include "ftpd.h"
 
 namespace {
@@ -27,32 +25,16 @@ int reply_text(int control_fd, const char *text) {
 // Otherwise the refusal has been sent and false is returned.
 bool resolve_client_name(int control_fd, const char *func, const char *name, const char *client_name, char *current_dir,
                          struct credentials *pcred, char *inpath, char *outpath) {
-    ftpd_rootdir_relative_path(pcred, current_dir, name, inpath, kPathLen);
-    if (!ftpd_path_trim(inpath, outpath, kPathLen)) {
+    ftpd_resolve_result r = ftpd_resolve_path(pcred, current_dir, name, inpath, outpath);
+    if (r == ftpd_resolve_result::trim_failed) {
         reply_text(control_fd, kLocalError);
         return false;
     }
-    ftpd_relative_to_absolute_path(pcred, outpath, inpath, kPathLen);
-
-    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
-    bool refused = false;
-    if (strcmp(root, "/") == 0 && !is_access_path(inpath)) refused = true;
-    if (!refused && strncmp(root, "/mnt/", 5) == 0) {
-        FTPD_KEYMSG("%s: To check dir (%s)is mounted.\n", func, root);
-        if (fs_check_mount(root) < 0) {
-            FTPD_KEYMSG("%s: Path %s is not mounted !!\n", func, root);
-            refused = true;
-        } else {
-            FTPD_KEYMSG("%s: Check dir mount ok.\n", func);
-        }
-    }
-    if (refused) {
-        ftpd_snprintf(outpath, kPathLen, "550 \"%s\": No such file or directory.\r\n", client_name);
-        outpath[kPathLen - 1] = '\0';
-        reply_text(control_fd, outpath);
-        return false;
-    }
-    return true;
+    if (r == ftpd_resolve_result::ok && ftpd_top_dir_mounted(pcred, func)) return true;
+    ftpd_snprintf(outpath, kPathLen, "550 \"%s\": No such file or directory.\r\n", client_name);
+    outpath[kPathLen - 1] = '\0';
+    reply_text(control_fd, outpath);
+    return false;
 }
 
 // Closes the data connection of a finished transfer; both data descriptors end at -1.
@@ -172,15 +154,13 @@ int store(int control_fd, const char *name, const char *mode, int unique, int cl
     int dfd = dataconn(control_fd, -1, "r", client_port, client_addr, pcred);
     if (dfd < 0) return 0;
     ftp_set_userinfo_update(pcred);
-    int result = receive_data(control_fd, dfd, file.get(), pcred, domain_fd);
+    int result = receive_data(control_fd, dfd, file.get(), pcred, domain_fd, path);
     if (result == 0) {
         // The name the client asked for is reported, not the generated one.
         if (unique != 0)
             ftpd_reply(control_fd, "226", "Transfer complete (unique file name:%s).", name, nullptr);
         else
             ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
-    } else {
-        unlink(path);
     }
     close_data_connection(dfd, pcred);
     ftp_set_userinfo_update(pcred);

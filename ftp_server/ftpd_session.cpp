@@ -68,9 +68,16 @@ void clear_cred(struct credentials *pcred) {
     if (pcred->message != nullptr) ftpd_free(FTPD_M_PCRED_MSG, pcred->message);
 }
 
-int get_command(int control_fd, char *recvbuff, char *databuff, int buffsize) {
+int get_command(int control_fd, char *recvbuff, char *databuff, int buffsize, bool *peer_closed) {
     ssize_t n = recv(control_fd, recvbuff, static_cast<size_t>(buffsize), 0);
+    if (n < 0 && errno != EINTR && errno != EAGAIN && peer_closed != nullptr) {
+        // A failing connection stays readable: waiting again would spin until the time-out.
+        *peer_closed = true;
+        return -1;
+    }
     if (n < 0) return -1;
+    // SECURITY: a peer that closed its side is answered once, not once per wake-up.
+    if (n == 0 && peer_closed != nullptr) *peer_closed = true;
     // One recv is one command: a closed peer or a line that fills the whole buffer is a bad line.
     if (n == 0 || n >= buffsize) return FTP_CMD_BADLINE;
     recvbuff[n] = '\0';
@@ -100,6 +107,7 @@ struct session {
     char sdata[FTP_DOMAIN_MSG_LEN] = {};
     char currentdir[FTP_CURRENTDIR_LEN] = {};
     struct ftp_epoll_s *epoll = nullptr;
+    bool peer_closed = false;  // the client closed its sending side: the session ends after this command
 };
 
 int reply(const session &s, const char *text) { return ftpd_reply_text(s.control_fd, text); }
@@ -127,16 +135,18 @@ void set_top_directory(session &s) {
     s.currentdir[sizeof(s.currentdir) - 1] = '\0';
 }
 
-// LIST and NLST share their admission; the loop checks it itself.
-void list_or_nlst(session &s, bool nlst) {
+// LIST and NLST share their admission; the loop checks it itself. False when the stop message
+// aborted the listing.
+bool list_or_nlst(session &s, bool nlst) {
     struct credentials *pcred = &s.pcred;
+    int r = 0;
     if (!is_logged_in(pcred)) {
         reply(s, FTP_REPLY_530);
     } else if (is_access(pcred) && s.client_port > FTP_RESERVED_PORT) {
         if (nlst)
-            nlst_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred);
+            r = nlst_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred, s.domain_fd);
         else
-            list_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred);
+            r = list_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred, s.domain_fd);
     } else {
         if (!nlst) {
             if (!is_access(pcred)) FTPD_LOG_ERR("%s:topdir is not access.\n", FTPD_MODULE);
@@ -147,6 +157,7 @@ void list_or_nlst(session &s, bool nlst) {
         reply(s, FTP_REPLY_451);
     }
     pcred->cnt.data_type = 0;
+    return r != -2;
 }
 
 // Runs the handler of one command. Returns false when the session must end.
@@ -229,11 +240,9 @@ bool dispatch(session &s) {
             }
             return reply(s, FTP_REPLY_550) >= 0;
         case FTP_CMD_LIST:
-            list_or_nlst(s, false);
-            return true;
+            return list_or_nlst(s, false);
         case FTP_CMD_NLST:
-            list_or_nlst(s, true);
-            return true;
+            return list_or_nlst(s, true);
         case FTP_CMD_SYST:
             return command_syst(fd) == 0;
         case FTP_CMD_STAT:
@@ -288,9 +297,17 @@ bool wait_command(session &s) {
     // code is dispatched again with its argument; that repetition is intended.
     if (ftpd_epoll_event(s.epoll, s.control_fd, FTP_EPOLL_IN)) {
         memset(s.data_buff, 0, FTP_BUF_SIZE);
-        s.cmd = get_command(s.control_fd, s.read_buff, s.data_buff, FTP_BUF_SIZE);
+        s.cmd = get_command(s.control_fd, s.read_buff, s.data_buff, FTP_BUF_SIZE, &s.peer_closed);
     }
     return true;
+}
+
+// No reply may block longer than the wait for the next command: a client that stops reading
+// must not hold its session past its time-out.
+void set_send_deadline(int fd, int seconds) {
+    struct timeval tv {};
+    tv.tv_sec = seconds > 0 ? seconds : 1;
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
 }
 
 void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def_addr) {
@@ -320,13 +337,16 @@ void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def
     s.epoll->fd[0] = s.control_fd;
     s.epoll->fd[1] = s.domain_fd;
     s.epoll->timeout = static_cast<int>(get_ftp_logintimeout()) * 60;
+    set_send_deadline(s.control_fd, s.epoll->timeout);
 
     for (;;) {
+        int before = s.epoll->timeout;
         if (!wait_command(s)) return;
+        if (s.epoll->timeout != before) set_send_deadline(s.control_fd, s.epoll->timeout);
         // A rename source survives only until the very next command.
         if (s.cmd != FTP_CMD_RNTO) s.rename_from[0] = '\0';
         memset(s.reply_buff, 0, FTP_BUF_SIZE);
-        if (!dispatch(s)) return;
+        if (!dispatch(s) || s.peer_closed) return;
     }
 }
 
@@ -352,7 +372,7 @@ void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp
 
     // End sequence: every way out of the loop comes here.
     FTPD_LOG_PRO("FTP_SERVER_END:\n");
-    if (s.pcred.logged_local_aaa_in) ftp_update_online_count(s.client_name, 0);
+    if (s.pcred.logged_local_aaa_in) ftp_update_online_count(s.pcred.online_name, 0);
     ftp_aaa_del_user(&s.pcred);
     ftpd_epoll_destroy(s.epoll);
     ftpd_free(FTPD_M_WHOLE_BUF, s.whole_buff);

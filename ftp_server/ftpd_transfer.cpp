@@ -8,14 +8,12 @@
 // received blocks of at most 1024 bytes when receiving), so the output is byte for byte that of
 // converting one block per call. The stop message and the idle time-out are checked per chunk.
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
 #include "ftpd.h"
@@ -98,38 +96,6 @@ class nonblocking_guard {
   private:
     int fd_;
     int old_;
-};
-
-// splice has no MSG_NOSIGNAL: a peer that went away must fail the call, not raise SIGPIPE in a
-// process that has not ignored it. The signal is held for the guard's life and a SIGPIPE raised
-// meanwhile is taken off the thread again.
-class sigpipe_guard {
-  public:
-    sigpipe_guard() {
-        sigemptyset(&pipe_);
-        sigaddset(&pipe_, SIGPIPE);
-        sigset_t pending;
-        sigemptyset(&pending);
-        sigpending(&pending);
-        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &pipe_, &old_);
-    }
-    ~sigpipe_guard() {
-        sigset_t pending;
-        sigemptyset(&pending);
-        if (!was_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-            struct timespec zero {};
-            sigtimedwait(&pipe_, nullptr, &zero);
-        }
-        pthread_sigmask(SIG_SETMASK, &old_, nullptr);
-    }
-    sigpipe_guard(const sigpipe_guard &) = delete;
-    sigpipe_guard &operator=(const sigpipe_guard &) = delete;
-
-  private:
-    sigset_t pipe_;
-    sigset_t old_;
-    bool was_pending_ = false;
 };
 
 // A kernel pipe for binary transfers: bytes move between the file and the connection through it
@@ -302,8 +268,9 @@ send_outcome send_with_splice(int instr, int outstr, int domain_fd, xfer_waiter 
     kernel_pipe pipe(kSendPipe);
     if (!pipe.ok()) return send_outcome::fall_back;
     off_t size_hint = st.st_size;
+    // splice has no MSG_NOSIGNAL; SIGPIPE is ignored process-wide, so a peer that went away
+    // fails the call.
     nonblocking_guard nb(outstr);
-    sigpipe_guard quiet;
     size_t in_pipe = 0;
     for (;;) {
         if (in_pipe == 0) {
@@ -443,29 +410,39 @@ int send_data_with_type(int control_fd, int instr, int outstr, int blksize, stru
     }
 }
 
-int receive_data(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd) {
+int receive_data(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd,
+                 const char *discard_path) {
     int type = pcred->cnt.tran_type;
-    if (type_is_served(type)) return receive_data_with_type(control_fd, instr, outstr, pcred, domain_fd);
+    if (type_is_served(type))
+        return receive_data_with_type(control_fd, instr, outstr, pcred, domain_fd, discard_path);
     char text[64];
     ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in receive_data.", type);
+    if (discard_path != nullptr) unlink(discard_path);
     ftpd_reply(control_fd, "550", "%s", text, nullptr);
     return -1;
 }
 
-int receive_data_with_type(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd) {
+int receive_data_with_type(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd,
+                           const char *discard_path) {
+    // A failed upload's file is gone before the client hears of the failure, so that no one can
+    // see the partial file after the reply.
+    auto fail = [&](const char *code, const char *text) {
+        if (discard_path != nullptr) unlink(discard_path);
+        ftpd_reply(control_fd, code, text, nullptr, nullptr);
+    };
     ftpd_block databuff(FTPD_M_DATA_BUF, kRecvChunk);
     ftpd_block buf(FTPD_M_BUF, kRecvChunk);
     if (!databuff || !buf) {
         databuff.reset();
         buf.reset();
-        ftpd_reply(control_fd, "451", "Local resource failure: malloc.", nullptr, nullptr);
+        fail("451", "Local resource failure: malloc.");
         return -1;
     }
     xfer_waiter w(pcred->timeout);
     if (!w) {
         databuff.reset();
         buf.reset();
-        ftpd_reply(control_fd, "451", "Local resource failure: epoll.", nullptr, nullptr);
+        fail("451", "Local resource failure: epoll.");
         return -1;
     }
 
@@ -492,7 +469,7 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
             if (recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) < 0)
                 FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
             release();
-            ftpd_reply(control_fd, "426", "Data Connection.", nullptr, nullptr);
+            fail("426", "Data Connection.");
             return -2;
         }
         if (!w.ready(instr)) continue;
@@ -511,7 +488,7 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
             }
             if (r == kernel_pipe::write_failed) {
                 release();
-                ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
+                fail("452", "Error writing file.");
                 return -1;
             }
             if (r == kernel_pipe::receive_failed) break;
@@ -536,13 +513,13 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
         }
         if (!write_all(outstr, out, len)) {
             release();
-            ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
+            fail("452", "Error writing file.");
             return -1;
         }
         pcred->byte_count += static_cast<off_t>(len);
     }
     release();
-    ftpd_reply(control_fd, "426", "Data Connection.", nullptr, nullptr);
+    fail("426", "Data Connection.");
     return -1;
 }
 

@@ -20,6 +20,10 @@ char pass_word[FTP_PASSWD_LEN];
 char pass_encrypt[FTP_PASSWD_LEN];
 uint32_t pass_type;
 
+// Every row made gets a new number: a session gives its slot back only to the row it took it
+// from, never to a row of the same name made after that one was removed.
+uint32_t last_generation;
+
 // The live limit, never above the slot array.
 unsigned int slot_limit() {
     return ftpd_user_max_connect > FTP_MAX_USER_CONNECT ? FTP_MAX_USER_CONNECT : ftpd_user_max_connect;
@@ -32,6 +36,12 @@ struct ftp_user_info_s *find_row_locked(const char *name) {
         if (row.use_flag == 1 && strcmp(row.username, name) == 0) return &row;
     }
     return nullptr;
+}
+
+// Caller holds the lock. The row a session took its slot from, if it still exists.
+struct ftp_user_info_s *find_session_row_locked(const struct credentials *pcred) {
+    struct ftp_user_info_s *row = find_row_locked(pcred->name);
+    return row != nullptr && row->generation == pcred->slot_generation ? row : nullptr;
 }
 
 bool length_in(const char *s, size_t lo, size_t hi) {
@@ -74,6 +84,7 @@ int set_ftp_server_userinfo(const char *name, const char *password, const char *
             memset(row.pass_encrypt, 0, sizeof row.pass_encrypt);
         row.pass_type = type;
         row.use_flag = 1;
+        row.generation = ++last_generation;
         return 0;
     }
     return 2;
@@ -161,6 +172,7 @@ int ftp_set_userinfo_connect(const char *name, struct credentials *pcred) {
         FTPD_LOG_PRO("save connect userinfo. index[%d]\n", static_cast<int>(i));
         break;
     }
+    pcred->slot_generation = row->generation;
     if (pcred->name != nullptr) ftpd_strlcpy(pcred->name, row->username, FTP_NAME_LEN);
     if (pcred->passwd != nullptr) ftpd_strlcpy(pcred->passwd, row->password, FTP_PASSWD_LEN);
     return 0;
@@ -174,7 +186,7 @@ int ftp_set_userinfo_disconnect(struct credentials *pcred) {
     FTPD_LOG_PRO("%s.\n", __func__);
     {
         std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
-        struct ftp_user_info_s *row = find_row_locked(pcred->name);
+        struct ftp_user_info_s *row = find_session_row_locked(pcred);
         if (row != nullptr && row->connect_num > 0) {
             row->connect_num--;
             int idx = pcred->cnt_index;
@@ -195,7 +207,7 @@ int ftp_set_userinfo_update(struct credentials *pcred) {
         FTPD_LOG_ERR("set user connect information error.cnt index[%d]\n", idx);
         return -1;
     }
-    struct ftp_user_info_s *row = find_row_locked(pcred->name);
+    struct ftp_user_info_s *row = find_session_row_locked(pcred);
     if (row == nullptr) return -1;
     FTPD_LOG_PRO("Update userinfo %s: port_data_fd[%d] pasv_data_fd[%d]\n", pcred->name, pcred->data, pcred->pdata);
     if (idx < 0 || idx >= FTP_MAX_USER_CONNECT || row->cnt[idx] == nullptr) {

@@ -1,5 +1,5 @@
 """Idle time-outs on data connections (one minute, the smallest setting): a client that stops
-reading a download gets the 426 reply, and clients that ask for a passive port and never connect
+reading a download or a listing gets the 426 reply, and clients that ask for a passive port and never connect
 to it get 425 for downloads, listings and uploads alike; other clients are served meanwhile, the
 waiting sessions go on, and nothing is left behind."""
 
@@ -22,16 +22,24 @@ class StalledTransferTest(DaemonTestCase):
             f.write(b"z" * (64 << 20))
         with open(os.path.join(self.d.flash, "f.txt"), "wb") as f:
             f.write(b"x" * 100000)
-        stalled = RawClient(self.d.port, timeout=150)
-        stalled.login()
-        stalled.cmd("TYPE I")
-        r = stalled.cmd("PASV").decode()
-        nums = r[r.index("(") + 1:r.index(")")].split(",")
-        data = socket.socket()
-        data.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-        data.connect(("127.0.0.1", int(nums[4]) * 256 + int(nums[5])))
-        stalled.send("RETR big.bin\r\n")
-        self.assertTrue(stalled.reply().startswith(b"150 "))
+        big = os.path.join(self.d.flash, "many")
+        os.makedirs(big)
+        for i in range(40000):
+            open(os.path.join(big, "%05d-%s" % (i, "n" * 120)), "w").close()
+        stalled_sessions, data_connections = [], []
+        for verb in ("RETR big.bin", "LIST many"):
+            stalled = RawClient(self.d.port, timeout=150)
+            stalled.login()
+            stalled.cmd("TYPE I")
+            r = stalled.cmd("PASV").decode()
+            nums = r[r.index("(") + 1:r.index(")")].split(",")
+            data = socket.socket()
+            data.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            data.connect(("127.0.0.1", int(nums[4]) * 256 + int(nums[5])))
+            stalled.send(verb + "\r\n")
+            self.assertTrue(stalled.reply().startswith(b"150 "))
+            stalled_sessions.append(stalled)
+            data_connections.append(data)
 
         waiting = []
         for verb in ("RETR f.txt", "LIST", "STOR never.bin"):
@@ -44,7 +52,8 @@ class StalledTransferTest(DaemonTestCase):
         # Served while the others wait.
         for _ in range(3):
             whole_session(self.d.port)
-        self.assertEqual(stalled.reply(), b"426 Connection closed; transfer aborted.\r\n")
+        for stalled in stalled_sessions:
+            self.assertEqual(stalled.reply(), b"426 Connection closed; transfer aborted.\r\n")
         for c in waiting:
             r = c.reply()
             # STOR answers 150 before it waits; the others wait first.
@@ -53,10 +62,11 @@ class StalledTransferTest(DaemonTestCase):
             self.assertEqual(r, b"425 Can't open data connection.\r\n")
         self.assertGreater(time.time() - start, 50)
         # Every session goes on after its failed transfer.
-        for c in [stalled] + waiting:
+        for c in stalled_sessions + waiting:
             self.assertTrue(c.cmd("SYST").startswith(b"215 "))
             c.close()
-        data.close()
+        for data in data_connections:
+            data.close()
         self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
 

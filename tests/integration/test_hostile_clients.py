@@ -1,0 +1,269 @@
+"""Clients that misbehave, on purpose or by bad luck, against one daemon: none of them may pin a
+session, leak a descriptor, take another client's data, or leave the daemon's own counts wrong;
+well-behaved clients around them are served as before."""
+
+import os
+import socket
+import sys
+import threading
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import (SANITIZED, Daemon, RawClient, logged_in, memory_idle, pasv_connect,  # noqa: E402
+                          transfer, wait_until)
+
+CONTENT = bytes(range(256)) * 64
+
+
+def descriptors(d):
+    return len(os.listdir("/proc/%d/fd" % d.proc.pid))
+
+
+def pasv_port(reply):
+    nums = reply.decode()
+    nums = nums[nums.index("(") + 1:nums.index(")")].split(",")
+    return int(nums[4]) * 256 + int(nums[5])
+
+
+class HostileClientsTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.d = Daemon(startup=["ftp-server username alice password secret1",
+                                "ftp-server username bob password secret2"]).start()
+        with open(os.path.join(cls.d.flash, "f.bin"), "wb") as f:
+            f.write(CONTENT)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.d.stop_checked()
+
+    def test_half_closed_control_connection_gets_one_reply_and_ends(self):
+        for login in (False, True):
+            c = RawClient(self.d.port)
+            if login:
+                c.login()
+            else:
+                c.reply()
+            c.sock.shutdown(socket.SHUT_WR)
+            c.sock.settimeout(10)
+            got = b""
+            while (chunk := c.sock.recv(65536)) and got.count(b"\r\n") <= 1:
+                got += chunk
+            c.close()
+            self.assertLessEqual(got.count(b"\r\n"), 1, got[:200])
+            self.assertEqual(chunk, b"")
+
+    def test_replaced_passive_listeners_are_closed(self):
+        baseline = descriptors(self.d)
+        c = logged_in(self.d.port)
+        ports = [pasv_port(c.cmd("PASV")) for _ in range(50)]
+        c.cmd("EPSV")
+        # Only the last listener still accepts.
+        for port in ports[:-1]:
+            with self.assertRaises(ConnectionRefusedError):
+                socket.create_connection(("127.0.0.1", port), timeout=5).close()
+        self.assertLess(descriptors(self.d), baseline + 5)
+        c.cmd("QUIT")
+        c.close()
+        self.assertTrue(wait_until(lambda: descriptors(self.d) <= baseline), (descriptors(self.d), baseline))
+
+    def test_concurrent_passive_ports_and_listings(self):
+        """Sessions that open passive ports and list at the same moment all succeed, with no
+        session waiting for another's port."""
+        n = 16
+        failures = []
+        slowest = [0.0]
+        barrier = threading.Barrier(n)
+
+        def client(i):
+            try:
+                c = RawClient(self.d.port)
+                c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
+                barrier.wait(timeout=30)
+                for _ in range(20):
+                    start = time.time()
+                    r = c.cmd("PASV")
+                    slowest[0] = max(slowest[0], time.time() - start)
+                    if not r.startswith(b"227 "):
+                        failures.append(r)
+                barrier.wait(timeout=60)
+                for round_ in range(10):
+                    replies, listing = transfer(c, "LIST" if (i + round_) % 2 else "NLST")
+                    if not replies.endswith(b"226 Closing data connection.\r\n") or b"f.bin" not in listing:
+                        failures.append(replies)
+                c.close()
+            except Exception as e:  # noqa: BLE001
+                failures.append(repr(e))
+
+        threads = [threading.Thread(target=client, args=(i,)) for i in range(n)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join(120)
+        self.assertEqual(failures, [])
+        if not SANITIZED:
+            # A port drawn twice used to cost the loser a back-off of a whole second.
+            self.assertLess(slowest[0], 0.9)
+        self.assertEqual([f for f in os.listdir(os.path.join(self.d.tmpdir, "app", "ftps"))
+                          if f.startswith(".ftptemp-")], [])
+
+    def test_passive_connection_from_another_address_is_refused(self):
+        c = logged_in(self.d.port)
+        c.cmd("TYPE I")
+        port = pasv_port(c.cmd("PASV"))
+        thief = socket.socket()
+        thief.bind(("127.0.0.2", 0))
+        thief.connect(("127.0.0.1", port))
+        c.send("RETR f.bin\r\n")
+        thief.settimeout(10)
+        self.assertEqual(thief.recv(65536), b"")  # closed without a byte of the file
+        thief.close()
+        data = socket.create_connection(("127.0.0.1", port), timeout=10)
+        self.assertTrue(c.reply().startswith(b"150 "))
+        got = bytearray()
+        while chunk := data.recv(65536):
+            got += chunk
+        data.close()
+        self.assertEqual(c.reply(), b"226 Closing data connection.\r\n")
+        self.assertEqual(bytes(got), CONTENT)
+        c.close()
+
+    def test_failed_password_is_answered_after_the_delay(self):
+        c = RawClient(self.d.port)
+        c.reply()
+        c.cmd("USER alice")
+        start = time.time()
+        self.assertTrue(c.cmd("PASS wrong").startswith(b"530"))
+        self.assertGreaterEqual(time.time() - start, 0.9)
+        c.close()
+
+    def test_stalled_listing_ends_when_the_service_is_disabled(self):
+        big = os.path.join(self.d.flash, "big")
+        os.makedirs(big, exist_ok=True)
+        for i in range(40000):
+            open(os.path.join(big, "%05d-%s" % (i, "n" * 120)), "w").close()
+        c = logged_in(self.d.port)
+        c.cmd("CWD big")
+        r = c.cmd("PASV")
+        data = socket.socket()
+        data.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        data.connect(("127.0.0.1", pasv_port(r)))
+        c.send("LIST\r\n")
+        self.assertTrue(c.reply().startswith(b"150 "))
+        data.recv(100)  # the listing is under way; then the client stops reading
+        time.sleep(1)
+        try:
+            self.assertEqual(self.d.cli("no ftp-server enable")[0], 0)
+            c.sock.settimeout(15)
+            rest = c.sock.recv(4096)
+            # The listing is aborted and the session ends.
+            self.assertIn(rest, (b"", b"426 Connection closed; transfer aborted.\r\n"))
+            self.assertTrue(c.closed(timeout=15))
+        finally:
+            data.close()
+            c.close()
+            self.assertEqual(self.d.cli("ftp-server enable")[0], 0)
+            self.assertTrue(wait_until(self.d.port_open))
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
+
+
+class LongNamesTest(unittest.TestCase):
+    def test_names_whose_real_path_does_not_fit_touch_nothing(self):
+        """The real path of each name is longer than the path buffer; cut short it would name an
+        existing file or directory, which must stay as it is."""
+        top = "t" * 60
+        d = Daemon(topdir="flash:/" + top)
+        os.makedirs(os.path.join(d.flash, top))
+        d.start()
+        self.addCleanup(d.stop_checked)
+        with open(os.path.join(d.flash, top, "f.bin"), "wb") as f:
+            f.write(CONTENT)
+        d200 = "d" * 200
+        real = os.path.join(d.flash, top, d200) + "/"
+        os.makedirs(real)
+        cut_len = 511 - len(real)
+        self.assertTrue(0 < cut_len < 240, cut_len)
+        victim = real + "f" * cut_len
+        # Short enough for one command line and its echo in a reply, too long for the real path.
+        long_name = d200 + "/" + "f" * (cut_len + 10)
+        c = logged_in(d.port)
+        c.cmd("TYPE I")
+        cases = [("DELE", b"550 "), ("RMD", b"550 "), ("MKD", b"550 "), ("STOR", b"550 "), ("RNTO", b"553 ")]
+        for verb, code in cases:
+            with self.subTest(verb=verb):
+                if verb == "RMD":
+                    os.mkdir(victim)
+                else:
+                    with open(victim, "wb") as f:
+                        f.write(b"victim")
+                if verb == "STOR":
+                    data = pasv_connect(c)
+                    r = c.cmd("STOR " + long_name)
+                    data.close()
+                elif verb == "RNTO":
+                    self.assertTrue(c.cmd("RNFR f.bin").startswith(b"350"))
+                    r = c.cmd("RNTO " + long_name)
+                else:
+                    r = c.cmd("%s %s" % (verb, long_name))
+                self.assertTrue(r.startswith(code), r)
+                if verb == "RMD":
+                    self.assertTrue(os.path.isdir(victim))
+                    os.rmdir(victim)
+                else:
+                    with open(victim, "rb") as f:
+                        self.assertEqual(f.read(), b"victim")
+                    os.unlink(victim)
+                self.assertEqual(os.listdir(real), [])
+        self.assertTrue(os.path.exists(os.path.join(d.flash, top, "f.bin")))
+        c.close()
+
+
+USER_DATABASE = """
+[user loc]
+password = l0cpass1
+online_amount = 1
+"""
+
+
+class AccountStateTest(unittest.TestCase):
+    def setUp(self):
+        self.d = Daemon(startup=["ftp-server username alice password secret1", "ftp-server max-user-connect 1"],
+                        user_database=USER_DATABASE, extra_platform={"aaa.list.default": "local"})
+        self.d.start()
+        self.addCleanup(self.d.stop_checked)
+
+    def test_online_count_goes_back_to_the_account_that_took_it(self):
+        c = RawClient(self.d.port)
+        c.login("loc", "l0cpass1")
+        c.cmd("USER other")
+        c.cmd("QUIT")
+        c.close()
+        replies = []
+        for _ in range(20):  # the first session's end runs after its QUIT was answered
+            again = RawClient(self.d.port)
+            replies = again.pass_replies("loc", "l0cpass1")
+            again.close()
+            if replies == [b"230 User logged in, proceed.\r\n"]:
+                break
+            time.sleep(0.2)
+        self.assertEqual(replies, [b"230 User logged in, proceed.\r\n"])
+
+    def test_a_session_gives_back_only_the_slot_it_took(self):
+        a = logged_in(self.d.port)
+        self.assertEqual(self.d.cli("no ftp-server username alice")[0], 0)
+        self.assertEqual(self.d.cli("ftp-server username alice password secret1")[0], 0)
+        b = logged_in(self.d.port)
+        a.cmd("QUIT")
+        a.close()
+        time.sleep(0.5)
+        # b still holds the only slot: a third session cannot log in as alice.
+        c = RawClient(self.d.port)
+        self.assertTrue(c.pass_replies("alice", "secret1")[-1].startswith(b"530"))
+        c.close()
+        b.cmd("QUIT")
+        b.close()
+
+
+if __name__ == "__main__":
+    unittest.main()
