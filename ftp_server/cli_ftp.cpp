@@ -50,6 +50,13 @@ struct screened_password {
     uint32_t type;
 };
 
+// A password kept in plain text is saved as "... password TEXT"; when TEXT begins with the word
+// 0 or 7, replaying that line reads the word as the password type and stores another password,
+// or refuses the line and loses the user. (A password saved in its type-7 form replays as it is.)
+bool replays_as_type(const char *text) {
+    return (text[0] == '0' || text[0] == '7') && (text[1] == '\0' || text[1] == ' ');
+}
+
 // Screens the password text of the combined (single == false) or single-user form. Prints the
 // refusal (if any) and returns false when the command must fail. text is trimmed in place.
 bool screen_password(struct cli_cmd *cmd, char *text, bool single, screened_password *out) {
@@ -77,6 +84,12 @@ bool screen_password(struct cli_cmd *cmd, char *text, bool single, screened_pass
     }
     if (len > FTP_PLAIN_PASSWORD_MAX) {
         cli_printf("%% Password is too long, max length is %d\n", FTP_PLAIN_PASSWORD_MAX);
+        return false;
+    }
+    if (!login_is_service_pwd_encrypt_enable() && replays_as_type(text)) {
+        cli_printf(
+            "%% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
+            "password type\n");
         return false;
     }
     ftpd_strlcpy(out->plain, text, sizeof out->plain);
@@ -314,6 +327,7 @@ void support_show_ftp_server_ham_cmd(struct cli_cmd *) { app_ham_show_last_ntfy_
 #define UNENCRYPTED_HELP "Specifies an UNENCRYPTED password will follow"
 #define HIDDEN_HELP "Specifies a HIDDEN password will follow"
 #define PASSWORD_HELP "The UNENCRYPTED (cleartext) 'enable' password"
+#define ENCRYPTED_HELP "The ENCRYPTED 'enable' secret string"
 #define LOGIN_HELP "Specify login of FTP Server waits for FTP client's command"
 
 const char *const h_enable[] = {FTP_HELP, "Enable FTP Server"};
@@ -339,12 +353,15 @@ const char *const h_auth_default[] = {FTP_HELP, "Use an authentication list with
 const char *const h_auth_name[] = {FTP_HELP, "Use an authentication list with this name",
                                    "Use an authentication list with this name."};
 const char *const h_max_connect[] = {FTP_HELP, "Set max-user-connect", "numbers"};
-const char *const h_user_password[] = {FTP_HELP,        "Specify username of FTP Server", "Username length(1-64)",
-                                       "Specify password of FTP Server", UNENCRYPTED_HELP, HIDDEN_HELP,
+// The password forms are registered as two rows each, plain ([0]) and hidden (7), so that the
+// text after 7 has its own help.
+#define USER_HELPS FTP_HELP, "Specify username of FTP Server", "Username length(1-64)"
+const char *const h_user_password[] = {USER_HELPS, "Specify password of FTP Server", UNENCRYPTED_HELP,
                                        PASSWORD_HELP};
-const char *const h_user[] = {FTP_HELP, "Specify username of FTP Server", "Username length(1-64)"};
-const char *const h_password[] = {FTP_HELP, "Specify password of FTP Server", UNENCRYPTED_HELP, HIDDEN_HELP,
-                                  PASSWORD_HELP};
+const char *const h_user_password_7[] = {USER_HELPS, "Specify password of FTP Server", HIDDEN_HELP, ENCRYPTED_HELP};
+const char *const h_user[] = {USER_HELPS};
+const char *const h_password[] = {FTP_HELP, "Specify password of FTP Server", UNENCRYPTED_HELP, PASSWORD_HELP};
+const char *const h_password_7[] = {FTP_HELP, "Specify password of FTP Server", HIDDEN_HELP, ENCRYPTED_HELP};
 
 const cli_node_def cfg_defs[] = {
     {"ftp-server enable", h_enable, ftp_server_enable_cmd, CLI_F_NO | CLI_F_CONFIG},
@@ -358,11 +375,14 @@ const cli_node_def cfg_defs[] = {
     {"ftp-server authentication default", h_auth_default, ftp_server_authen_cmd, 0},
     {"ftp-server authentication NAME", h_auth_name, ftp_server_authen_cmd, CLI_F_NO | CLI_F_CONFIG},
     {"ftp-server max-user-connect <1-20>", h_max_connect, ftp_max_connect_cmd, CLI_F_NO},
-    {"ftp-server username NAME password [(0|7)] PASSWORD...", h_user_password, ftp_server_user_password_cmd,
+    {"ftp-server username NAME password [0] PASSWORD...", h_user_password, ftp_server_user_password_cmd,
+     CLI_F_NO | CLI_F_CONFIG},
+    {"ftp-server username NAME password 7 PASSWORD...", h_user_password_7, ftp_server_user_password_cmd,
      CLI_F_NO | CLI_F_CONFIG},
     // Also the target of "no ftp-server username NAME", which removes the user.
     {"ftp-server username NAME", h_user, ftp_server_user_cmd, CLI_F_NO},
-    {"ftp-server password [(0|7)] PASSWORD...", h_password, ftp_server_password_cmd, 0},
+    {"ftp-server password [0] PASSWORD...", h_password, ftp_server_password_cmd, 0},
+    {"ftp-server password 7 PASSWORD...", h_password_7, ftp_server_password_cmd, 0},
 };
 
 const char *const h_debug_err[] = {"Debugging functions", FTP_HELP, "debug ftp server error information"};

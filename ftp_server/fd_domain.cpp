@@ -2,14 +2,19 @@
 // that wake the listener and every session when the service is disabled.
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "ftpd.h"
 
 static std::atomic<bool> ftp_server_start{false};
+
+// The longest the disabling side keeps retrying sends that find the receiving queue full.
+#define FTP_STOP_SEND_MS 2000
 
 bool is_ftp_server_start(void) { return ftp_server_start.load(); }
 
@@ -62,25 +67,31 @@ void ftp_server_disable_cli(void) {
     struct sockaddr_un saddr;
     fill_unix_addr(&saddr, server_path);
 
-    // One message per counted connection (the sessions and the listener); a failed send is
-    // repeated until it goes out, so the outer retry never takes a second turn.
-    int left = 0;
-    for (int attempt = 0; attempt < 5; attempt++) {
-        int count = ftp_connect_num_get();
-        int sent = 0;
-        while (sent < count) {
-            if (sendto(sock.get(), FTP_STOP_MSG, strlen(FTP_STOP_MSG), 0, reinterpret_cast<struct sockaddr *>(&saddr),
-                       sizeof(saddr)) == static_cast<ssize_t>(strlen(FTP_STOP_MSG))) {
-                sent++;
-            } else {
-                FTPD_LOG_ERR("FTP_CLIENT: domain socket send failed(errno=%d)\n", errno);
-                usleep(10000);  // do not spin while the receiver's queue is full
-            }
+    // One message per counted connection (the sessions and the listener). A send that fails is
+    // repeated, but never for ever: the messages are queued without blocking, and while the
+    // receiving queue is full every watcher already finds the channel readable and the flag
+    // cleared. Retrying stops once the connections still counted have had one message each, or
+    // at the deadline; the main thread must not hang on a queue that no one reads.
+    int count = ftp_connect_num_get();
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    int sent = 0;
+    while (sent < count) {
+        if (sendto(sock.get(), FTP_STOP_MSG, strlen(FTP_STOP_MSG), MSG_DONTWAIT,
+                   reinterpret_cast<struct sockaddr *>(&saddr),
+                   sizeof(saddr)) == static_cast<ssize_t>(strlen(FTP_STOP_MSG))) {
+            sent++;
+            continue;
         }
-        left = count - sent;
-        if (left <= 0) break;
-        sleep(5);
+        if (errno != EAGAIN && errno != EWOULDBLOCK)
+            FTPD_LOG_ERR("FTP_CLIENT: domain socket send failed(errno=%d)\n", errno);
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if ((now.tv_sec - start.tv_sec) * 1000L + (now.tv_nsec - start.tv_nsec) / 1000000L >= FTP_STOP_SEND_MS) break;
+        usleep(10000);  // let the readers make room
+        count = std::min(count, ftp_connect_num_get());
     }
+    int left = count - sent;
     if (left > 0) FTPD_LOG_ERR("ftp server disable failed\n");
     sock.reset();
     unlink(client_path);

@@ -46,6 +46,8 @@ static pthread_cond_t ftp_cond_pause;
 #define FTP_LISTEN_BACKLOG FTP_MAX_CONNECT
 #define FTP_PAUSE_WAKEUP 60
 #define FTP_RETRY_SLEEP 100
+// Stale stop messages taken at most when listening starts; the kernel's queue is far shorter.
+#define FTP_STALE_STOP_MAX 4096
 
 void ftp_listener_sync_init(void) {
     pthread_condattr_t attr;
@@ -89,11 +91,14 @@ void ftp_set_max_user_connect(unsigned int n) {
 
 void ftp_pthread_suspend(void) {
     pthread_mutex_lock(&ftp_mutex_pause);
-    if (!ftp_pthread_pause) {
+    // The enabled flag is looked at under the lock: an enable that came after the caller saw the
+    // service disabled but before the listener parked found nothing to resume, and would
+    // otherwise leave the listener parked while the service is enabled.
+    if (!ftp_pthread_pause && !is_ftp_server_start()) {
         ftp_pthread_pause = true;
         FTPD_LOG_PRO(" pthread suspend\n");
     }
-    while (ftp_pthread_pause) {
+    while (ftp_pthread_pause && !is_ftp_server_start()) {
         struct timespec deadline;
         clock_gettime(CLOCK_MONOTONIC, &deadline);
         deadline.tv_sec += FTP_PAUSE_WAKEUP;
@@ -101,6 +106,7 @@ void ftp_pthread_suspend(void) {
         // The wake-ups only keep the liveness monitor fed while the service is disabled.
         app_ham_client_reset_thread_notify();
     }
+    ftp_pthread_pause = false;
     pthread_mutex_unlock(&ftp_mutex_pause);
 }
 
@@ -197,6 +203,16 @@ int open_listener(int family, int port, const char *kind) {
     return fd.release();
 }
 
+// Stop messages still queued when listening starts were sent for an earlier disable by a sender
+// that counted more readers than took one (a session that lost the race ends without taking its
+// message). The service is enabled again, so they stop no one; left queued they would wake the
+// next sessions for nothing.
+void drain_stop_messages(int domain_fd) {
+    char msg[FTP_DOMAIN_MSG_LEN];
+    for (int i = 0; i < FTP_STALE_STOP_MAX; i++)
+        if (recv(domain_fd, msg, sizeof(msg), MSG_DONTWAIT) < 0 && errno != EINTR) break;
+}
+
 // Hands one accepted connection to a new detached session thread; on any failure the
 // connection is closed.
 void start_session(int domain_fd, int fd, int family, const struct ftp_connect_addr *addr) {
@@ -233,6 +249,9 @@ int server_mode(int domain_fd) {
     no_version = 1;
     const int port = platform_get().control_port;
 
+    // Not yet counted, so no disable from here on has sent a message meant for this run.
+    drain_stop_messages(domain_fd);
+
     listen_pair lp;
     lp.v4.reset(open_listener(AF_INET, port, ""));
     if (!lp.v4) return -1;
@@ -242,11 +261,12 @@ int server_mode(int domain_fd) {
     ftp_connect_num_add();
     lp.counted = true;
 
-    // The family of the last accepted connection is kept across iterations (see below).
-    int family = 0;
-    int fd = -1;
     struct ftp_connect_addr addr;
     for (;;) {
+        // Only a connection accepted in this iteration is handed on: a descriptor handed on
+        // before belongs to its session, which may have closed it since.
+        int family = 0;
+        int fd = -1;
         if (!is_ftp_server_start()) return 0;
 
         memset(&addr, 0, sizeof(addr));
@@ -269,7 +289,10 @@ int server_mode(int domain_fd) {
 
         if (FD_ISSET(domain_fd, &rset)) {
             char msg[FTP_DOMAIN_MSG_LEN];
-            if (recvfrom(domain_fd, msg, sizeof(msg), 0, nullptr, nullptr) < 0) {
+            // The channel is shared: a session that was woken by the same message may have taken
+            // it first. That is no failure of the socket, and the flag below decides all the same.
+            if (recvfrom(domain_fd, msg, sizeof(msg), MSG_DONTWAIT, nullptr, nullptr) < 0 && errno != EAGAIN &&
+                errno != EWOULDBLOCK && errno != EINTR) {
                 FTPD_LOG_ERR("%s: domain recvfrom error when waiting client connect. %d\n", FTPD_MODULE, errno);
                 return -1;
             }
@@ -311,8 +334,6 @@ int server_mode(int domain_fd) {
             family = AF_INET6;
         }
 
-        // An iteration woken only by a control-channel datagram while the service stays enabled
-        // starts a session for the last accepted descriptor again; the loop is kept that way.
         if (family != AF_INET && family != AF_INET6) continue;
         start_session(domain_fd, fd, family, &addr);
     }

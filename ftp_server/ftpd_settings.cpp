@@ -112,18 +112,19 @@ int set_ftp_server_root_dir(const char *path) {
     } else {
         ftpd_strlcpy(real, trimmed, sizeof real);
     }
-    store(rootdir_true, real, sizeof rootdir_true);
+    // Both forms change together and only once the directory is accepted: a refused command
+    // leaves the top directory that sessions are confined to as it was.
     if (!is_access_path(real)) {
         cli_printf("%s can't be set as rootdir!\n", trimmed);
-        store(rootdir_true, nullptr, sizeof rootdir_true);
         return -1;
     }
     if (!opens_as_directory(real)) {
         cli_printf("topdir %s don't exist!\n", trimmed);
-        store(rootdir_true, nullptr, sizeof rootdir_true);
         return -1;
     }
-    store(rootdir, trimmed, sizeof rootdir);
+    std::lock_guard<std::mutex> lock(settings_mutex);
+    ftpd_strlcpy(rootdir, trimmed, sizeof rootdir);
+    ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);
     return 0;
 }
 

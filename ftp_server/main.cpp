@@ -35,15 +35,19 @@ void ftp_server_alarm_quit(int /*signo*/) {
 
 int ftp_signal_init(void) {
     signal(SIGPIPE, SIG_IGN);
-    // Every thread started from here on inherits a mask without the ending signals, so only the
-    // main thread takes them (the event loop unblocks SIGTERM and SIGINT, main SIGTSTP). A worker
-    // thread that caught one might run the handler late or never: sanitizer runtimes defer it to
-    // the thread's next library call.
+    // Log rotation sends SIGHUP: it must never end the daemon. Ignored until the event loop takes
+    // it over (to reopen the log) and again once the loop is gone.
+    signal(SIGHUP, SIG_IGN);
+    // Every thread started from here on inherits a mask without the ending signals and SIGHUP, so
+    // only the main thread takes them (the event loop unblocks SIGTERM, SIGINT and SIGHUP, main
+    // SIGTSTP). A worker thread that caught one might run the handler late or never: sanitizer
+    // runtimes defer it to the thread's next library call.
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
     sigaddset(&ending, SIGINT);
     sigaddset(&ending, SIGTSTP);
+    sigaddset(&ending, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));

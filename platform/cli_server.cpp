@@ -2,7 +2,14 @@
 // socket (mode 0600) that ftps-cli connects to, serves its connections from the event master
 // on the main thread, answers each framed request in full before reading the next, and
 // schedules the replay of the startup configuration. A misbehaving client (oversized frame,
-// stalled reader, disconnect) loses its connection; the daemon never waits on it for long.
+// stalled reader, disconnect, a request begun and never finished) loses its connection; the
+// daemon never waits on it for long.
+//
+// A terminal may stay connected and quiet between requests for as long as it likes (an
+// interactive ftps-cli waits at its prompt). Only when every place is taken does a newcomer push
+// one out: the connection that never completed a request, longest connected first, else the one
+// quiet the longest. So a new terminal is always served, and a quiet connection is closed only to
+// make room for a newcomer that would otherwise be turned away.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -34,11 +41,17 @@ constexpr int kSendTimeoutMs = 2000;
 constexpr long kAnswerDeadlineMs = 10000;
 // Reads per wake-up, so that one busy client cannot starve the event loop.
 constexpr int kReadsPerWakeup = 16;
+// A request, once its first byte has arrived, must be complete within this time. ftps-cli sends
+// each request whole at once.
+constexpr long kRequestDeadlineMs = 2000;
 
 struct connection {
     int fd = -1;
     std::string in;
     zq_thread *task = nullptr;
+    zq_thread *deadline = nullptr;  // armed while a request is incomplete
+    unsigned long answered = 0;     // requests answered
+    long quiet_since_ms = 0;        // accepted, or last request answered
 };
 
 struct server {
@@ -72,6 +85,7 @@ void remove_socket_file() {
 
 void close_conn(connection *c) {
     if (c->task != nullptr) zq_thread_cancel(c->task);
+    if (c->deadline != nullptr) zq_thread_cancel(c->deadline);
     ::close(c->fd);
     for (auto it = g_srv.conns.begin(); it != g_srv.conns.end(); ++it)
         if (it->get() == c) {
@@ -152,9 +166,44 @@ bool serve_requests(connection *c) {
             ok = false;
             break;
         }
+        c->answered++;
+        c->quiet_since_ms = now_ms();
     }
     c->in.erase(0, at);
     return ok;
+}
+
+int request_overdue(zq_thread *task) {
+    connection *c = static_cast<connection *>(ZQ_THREAD_ARG(task));
+    c->deadline = nullptr;  // a timer fires once
+    close_conn(c);
+    return 0;
+}
+
+// Arms the deadline when an incomplete request is waiting and none is armed; disarms it once
+// nothing is waiting. The deadline runs from the request's first byte. false: drop the connection.
+bool watch_request(connection *c) {
+    if (c->in.empty()) {
+        if (c->deadline != nullptr) zq_thread_cancel(c->deadline);
+        c->deadline = nullptr;
+        return true;
+    }
+    if (c->deadline == nullptr)
+        c->deadline = zq_thread_add_timer_msec(g_srv.master, request_overdue, c, kRequestDeadlineMs, "cli_request");
+    return c->deadline != nullptr;
+}
+
+// The connection a newcomer replaces when every place is taken.
+connection *eviction_victim() {
+    connection *victim = nullptr;
+    for (const auto &c : g_srv.conns) {
+        bool c_silent = c->answered == 0;
+        bool v_silent = victim != nullptr && victim->answered == 0;
+        if (victim == nullptr || (c_silent && !v_silent) ||
+            (c_silent == v_silent && c->quiet_since_ms < victim->quiet_since_ms))
+            victim = c.get();
+    }
+    return victim;
 }
 
 int conn_ready(zq_thread *task) {
@@ -164,8 +213,17 @@ int conn_ready(zq_thread *task) {
     for (int round = 0; round < kReadsPerWakeup; ++round) {
         ssize_t n = ::recv(c->fd, buf, sizeof buf, MSG_DONTWAIT);
         if (n > 0) {
+            unsigned long before = c->answered;
             c->in.append(buf, static_cast<size_t>(n));
             if (!serve_requests(c)) {
+                close_conn(c);
+                return 0;
+            }
+            if (c->answered != before && c->deadline != nullptr) {
+                zq_thread_cancel(c->deadline);  // its request was answered; what waits is a new one
+                c->deadline = nullptr;
+            }
+            if (!watch_request(c)) {
                 close_conn(c);
                 return 0;
             }
@@ -195,14 +253,12 @@ int accept_ready(zq_thread *) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
             break;
         }
-        if (g_srv.conns.size() >= kMaxConnections) {
-            ::close(fd);
-            continue;
-        }
+        if (g_srv.conns.size() >= kMaxConnections) close_conn(eviction_victim());
         timeval tv{kSendTimeoutMs / 1000, (kSendTimeoutMs % 1000) * 1000};
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
         auto c = std::make_unique<connection>();
         c->fd = fd;
+        c->quiet_since_ms = now_ms();
         c->task = zq_thread_add_read(g_srv.master, conn_ready, c.get(), fd, "cli_conn");
         if (c->task == nullptr) {
             ::close(fd);

@@ -1,6 +1,7 @@
 // Event master: the main thread's event loop. One-shot timers on the monotonic clock, one-shot
 // read events through epoll, queued events, and a stop path that SIGTERM, SIGINT or another
-// thread can take through an eventfd.
+// thread can take through an eventfd. SIGHUP (log rotation) takes the same eventfd and queues
+// the log service's reopen as an event; it never ends the loop.
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -14,6 +15,7 @@
 #include <list>
 #include <new>
 
+#include "syslog_ext.h"
 #include "zq_thread.h"
 
 namespace {
@@ -38,6 +40,7 @@ struct zq_thread_master {
     std::list<zq_task *> ready;  // fired or queued, handed out in order
     struct sigaction old_term {};
     struct sigaction old_int {};
+    struct sigaction old_hup {};
     zq_thread_master *next_master = nullptr;
 };
 
@@ -46,6 +49,7 @@ namespace {
 // The eventfd the signal handler writes to: the most recently created master's.
 std::atomic<int> g_signal_fd{-1};
 std::atomic<bool> g_signal_stopped{false};
+std::atomic<bool> g_signal_hangup{false};
 // Live masters (only the main thread creates and uses them), so that cancelling a stale handle
 // never dereferences freed memory.
 zq_thread_master *g_masters = nullptr;
@@ -60,6 +64,24 @@ void on_stop_signal(int) {
         (void)n;
     }
     errno = saved;
+}
+
+// Only marks the request: the reopen itself runs as an event on the main thread.
+void on_hangup_signal(int) {
+    int saved = errno;
+    g_signal_hangup.store(true);
+    int fd = g_signal_fd.load();
+    if (fd >= 0) {
+        uint64_t one = 1;
+        ssize_t n = write(fd, &one, sizeof one);
+        (void)n;
+    }
+    errno = saved;
+}
+
+int reopen_logs(zq_thread *) {
+    syslog_reopen();
+    return 0;
 }
 
 int64_t now_ms() {
@@ -122,6 +144,10 @@ void poll_once(zq_thread_master *m, int timeout_ms) {
             ssize_t r = read(m->stopfd, &v, sizeof v);
             (void)r;
             if (g_signal_stopped.load()) m->stopped.store(true);
+            if (g_signal_hangup.exchange(false)) {
+                zq_task *t = new_task(m, ZQ_THREAD_EVENT, reopen_logs, nullptr, -1, "log_reopen");
+                if (t != nullptr) m->ready.push_back(t);
+            }
             continue;
         }
         zq_task *t = static_cast<zq_task *>(evs[i].data.ptr);
@@ -161,12 +187,16 @@ struct zq_thread_master *zq_thread_master_create(void) {
     sa.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &sa, &m->old_term);
     sigaction(SIGINT, &sa, &m->old_int);
+    g_signal_hangup.store(false);
+    sa.sa_handler = on_hangup_signal;
+    sigaction(SIGHUP, &sa, &m->old_hup);
     // The process may have blocked them until its loop exists; a stop asked for meanwhile is
     // pending and ends the loop as soon as it runs.
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);
     sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGHUP);
     pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
     m->next_master = g_masters;
     g_masters = m;
@@ -184,6 +214,7 @@ void zq_thread_master_finish(struct zq_thread_master *m) {
     if (g_signal_fd.load() == m->stopfd) {
         sigaction(SIGTERM, &m->old_term, nullptr);
         sigaction(SIGINT, &m->old_int, nullptr);
+        sigaction(SIGHUP, &m->old_hup, nullptr);
         g_signal_fd.store(-1);
     }
     free_all(m->timers);

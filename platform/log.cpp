@@ -93,6 +93,12 @@ int printk_syslog_ext(int priority, const char *module, const char *tag, int cls
     return rc;
 }
 
+// The file target is opened by name for every line and syslog(3) reconnects by itself, so a
+// rotated file is replaced by a new one at the next line; the notice makes that line come at once.
+int syslog_reopen(void) {
+    return printk_syslog_ext(6, "LOG", "REOPEN", LOG_CLASS_ALWAYS, "log reopened");
+}
+
 int syslog_multi_thread_client_init(int timer, int count) {
     (void)timer;
     (void)count;

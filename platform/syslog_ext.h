@@ -13,6 +13,11 @@ int printk_syslog_ext(int priority, const char *module, const char *tag, int cls
     __attribute__((format(printf, 5, 6)));
 int vprintk_syslog_ext(int priority, const char *module, const char *tag, int cls, const char *fmt, va_list ap);
 
+// After log rotation (SIGHUP, through the event master): opens the log targets again and writes
+// the notice "%LOG-6-REOPEN: log reopened" to them, which starts a moved-away log file anew.
+// Returns 0.
+int syslog_reopen(void);
+
 // Local time "YYYY-MM-DD HH:MM:SS" into buf (mode is the device's format selector; ignored here).
 // Returns 0, or -1 when buf is too small.
 int syslog_get_current_time(char *buf, int len, int mode);

@@ -6,6 +6,7 @@
 #include <ini.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,19 +46,104 @@ bool parse_bool(const char *v, bool *out) {
     return false;
 }
 
+// The longest account name a copy of the account can carry.
+constexpr size_t kNameMax = sizeof(username_lib_user_s{}.name) - 1;
+constexpr char kPrefix[] = "user ";
+constexpr size_t kPrefixLen = sizeof kPrefix - 1;
+// inih reads at most this many characters of a line at a time.
+constexpr size_t kLineMax = INI_MAX_LINE - 1;
+
+// The parse of one file. The reader sees every line before inih does and keeps the section in
+// force itself: inih cuts section names at 49 characters, which would file a long account name
+// under a shorter one, and keeps the previous section in force after a header it cannot read.
+// Keys are filed under the reader's section, never under inih's.
 struct load_state {
-    std::map<std::string, account> *out;
-    const char *path;
+    std::map<std::string, account> *out = nullptr;
+    const char *path = "";
+    FILE *fp = nullptr;
+    int line = 0;
+    std::string section;       // the section in force, in full
+    bool skip = false;         // its keys are dropped: its header was refused
+    bool key_seen = false;     // a key since the last header: an indented line continues its value
+    int first_bad_header = 0;  // the first header reported here as malformed
 };
 
-int on_entry(void *user, const char *section, const char *key, const char *value) {
+void report(const load_state &st, const std::string &what) {
+    fprintf(stderr, "%s:%d: %s\n", st.path, st.line, what.c_str());
+}
+
+// Where inih's search for the end of a header stops: the first ']' or an inline comment.
+const char *header_end(const char *s) {
+    bool was_space = false;
+    while (*s != '\0' && *s != ']' && !(was_space && *s == ';')) {
+        was_space = isspace(static_cast<unsigned char>(*s)) != 0;
+        s++;
+    }
+    return s;
+}
+
+// True when inih reads raw as a section header; follows the header, and reports one whose keys
+// cannot be filed under it (they are then dropped until the next header).
+bool note_header(load_state &st, const std::string &raw) {
+    size_t bom = st.line == 1 && raw.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
+    size_t first = raw.find_first_not_of(" \t\r\n\v\f", bom);
+    if (first == std::string::npos || raw[first] != '[') return false;
+    if (first > bom && st.key_seen) return false;  // an indented line after a key continues its value
+    st.skip = true;
+    if (raw.size() > kLineMax) {
+        report(st, "section header longer than " + std::to_string(kLineMax) + " characters; its keys are ignored");
+        return true;
+    }
+    const char *open = raw.c_str() + first;
+    const char *end = header_end(open + 1);
+    if (*end != ']') {
+        report(st, "malformed section header; its keys are ignored");
+        if (st.first_bad_header == 0) st.first_bad_header = st.line;
+        return true;
+    }
+    st.key_seen = false;
+    std::string section(open + 1, static_cast<size_t>(end - open - 1));
+    if (section.compare(0, kPrefixLen, kPrefix) == 0 && section.size() - kPrefixLen > kNameMax) {
+        report(st, "section '" + section + "': user name longer than " + std::to_string(kNameMax) +
+                       " characters; the account is not loaded");
+        return true;
+    }
+    st.section = section;
+    st.skip = false;
+    return true;
+}
+
+// fgets for inih, with line accounting and header tracking. A line longer than inih takes is
+// dropped as a whole (inih would read its rest as further lines of their own).
+char *read_line(char *buf, int size, void *stream) {
+    auto *st = static_cast<load_state *>(stream);
+    char *got = nullptr;
+    size_t cap = 0;
+    ssize_t len = getline(&got, &cap, st->fp);
+    std::string raw(got != nullptr && len > 0 ? got : "", len > 0 ? static_cast<size_t>(len) : 0);
+    free(got);
+    if (len < 0 || size < 1) return nullptr;
+    st->line++;
+    while (!raw.empty() && (raw.back() == '\n' || raw.back() == '\r')) raw.pop_back();
+    bool header = note_header(*st, raw);
+    if (raw.size() > kLineMax || raw.size() >= static_cast<size_t>(size)) {
+        if (!header) report(*st, "line longer than " + std::to_string(kLineMax) + " characters; ignored");
+        raw.clear();
+    }
+    snprintf(buf, static_cast<size_t>(size), "%s", raw.c_str());
+    return buf;
+}
+
+int on_entry(void *user, const char * /*inih's, possibly cut*/, const char *key, const char *value) {
     auto *st = static_cast<load_state *>(user);
-    static const char prefix[] = "user ";
-    if (strncmp(section, prefix, sizeof prefix - 1) != 0 || section[sizeof prefix - 1] == '\0') {
-        fprintf(stderr, "%s: section '%s': unknown section\n", st->path, section);
+    st->key_seen = true;
+    if (st->skip) return 1;
+    const std::string &section = st->section;
+    if (section.compare(0, kPrefixLen, kPrefix) != 0 || section.size() == kPrefixLen) {
+        report(*st, "section '" + section + "': unknown section");
         return 1;  // reported, the rest of the file still loads
     }
-    account &a = (*st->out)[section + sizeof prefix - 1];
+    account &a = (*st->out)[section.substr(kPrefixLen)];
     char *end = nullptr;
     if (strcmp(key, "secret") == 0) {
         a.secret = value;
@@ -68,22 +154,22 @@ int on_entry(void *user, const char *section, const char *key, const char *value
     } else if (strcmp(key, "online_amount") == 0) {
         long n = strtol(value, &end, 10);
         if (end == value || *end != '\0' || n < 0) {
-            fprintf(stderr, "%s: key '%s': bad value '%s'\n", st->path, key, value);
+            report(*st, std::string("key '") + key + "': bad value '" + value + "'");
             return 1;
         }
         a.online_amount = static_cast<int>(n);
     } else if (strcmp(key, "login_mode") == 0) {
         unsigned long n = strtoul(value, &end, 0);  // hexadecimal with 0x, else decimal
         if (end == value || *end != '\0') {
-            fprintf(stderr, "%s: key '%s': bad value '%s'\n", st->path, key, value);
+            report(*st, std::string("key '") + key + "': bad value '" + value + "'");
             return 1;
         }
         a.login_mode = static_cast<uint32_t>(n);
     } else if (strcmp(key, "reject_remote_login") == 0) {
         if (!parse_bool(value, &a.reject_remote_login))
-            fprintf(stderr, "%s: key '%s': bad value '%s'\n", st->path, key, value);
+            report(*st, std::string("key '") + key + "': bad value '" + value + "'");
     } else {
-        fprintf(stderr, "%s: key '%s': unknown key\n", st->path, key);
+        report(*st, std::string("key '") + key + "': unknown key");
     }
     return 1;
 }
@@ -107,9 +193,18 @@ void refresh_locked() {
         sb.st_mtim.tv_nsec == loaded_mtime.tv_nsec)
         return;
     std::map<std::string, account> fresh;
-    load_state st{&fresh, path.c_str()};
-    int rc = ini_parse(path.c_str(), on_entry, &st);
-    if (rc > 0) fprintf(stderr, "%s:%d: malformed line\n", path.c_str(), rc);
+    load_state st;
+    st.out = &fresh;
+    st.path = path.c_str();
+    st.fp = fopen(path.c_str(), "re");
+    if (st.fp == nullptr) {
+        accounts.clear();
+        loaded = false;
+        return;
+    }
+    int rc = ini_parse_stream(read_line, &st, on_entry, &st);
+    fclose(st.fp);
+    if (rc > 0 && rc != st.first_bad_header) fprintf(stderr, "%s:%d: malformed line\n", path.c_str(), rc);
     accounts.swap(fresh);
     loaded_path = path;
     loaded_mtime = sb.st_mtim;

@@ -23,7 +23,8 @@ struct zq_thread {
 
 struct zq_thread_master *zq_thread_master_create(void);
 // Blocks until a task is ready and copies it into *fetch; returns fetch, or nullptr once the
-// master is stopped (SIGTERM, SIGINT or zq_thread_master_stop).
+// master is stopped (SIGTERM, SIGINT or zq_thread_master_stop). While a master lives, SIGHUP
+// hands out a task that reopens the log service's targets (syslog_reopen).
 struct zq_thread *zq_thread_fetch(struct zq_thread_master *m, struct zq_thread *fetch);
 void zq_thread_call(struct zq_thread *task);
 void zq_thread_master_finish(struct zq_thread_master *m);

@@ -38,7 +38,19 @@ reject_remote_login = yes
 [user hashed]
 ; crypt(3) SHA-512 of "hashpass1"
 secret = $6$ftpstest$l.aL31DcAc1YdNn4aieRZqQ0tr./7o/OyM6w8qHM3s06DhBYV.9/VbvEVTNEEjpdCB73NvOUBa1dDqQ3qohZB/
-"""
+
+; Names that share their first 44 characters are accounts of their own, up to the 63 characters
+; USER takes; a name longer than the database holds is reported, and its keys go nowhere.
+[user {a44}]
+password = pass44
+[user {a50}]
+password = pass50
+[user {a63}]
+password = pass63
+[user {a65}]
+password = pass65
+""".format(a44="a" * 44, a50="a" * 50, a63="a" * 63, a65="a" * 65)
+TOO_LONG_LINE = USER_DATABASE.splitlines().index("[user %s]" % ("a" * 65)) + 1
 
 
 class LocalDatabaseBase:
@@ -76,9 +88,18 @@ class LocalDatabaseBase:
                 ("ftpmode", "ftpm0de", [OK]),
                 ("norlogin", "norl0gin", REFUSED_BY_ACCOUNT),
                 ("hashed", "hashpass1", [OK]),
-                ("hashed", "hashpass2", [b"530 Password access denied.\r\n"] * 2)):
+                ("hashed", "hashpass2", [b"530 Password access denied.\r\n"] * 2),
+                ("a" * 44, "pass44", [OK]),
+                ("a" * 50, "pass50", [OK]),
+                ("a" * 63, "pass63", [OK])):
             with self.subTest(user=user, password=password):
                 self.assertEqual(self.attempt(user, password)[1], expected)
+        # Reported when the file was loaded (at the first login), with its file, line and section.
+        os.set_blocking(self.d.proc.stderr.fileno(), False)
+        reported = (self.d.proc.stderr.read() or b"").decode(errors="replace")
+        os.set_blocking(self.d.proc.stderr.fileno(), True)
+        self.assertIn("users.ini:%d: section 'user %s': user name longer than 64 characters" %
+                      (TOO_LONG_LINE, "a" * 65), reported)
 
 
 class LocalDatabaseThroughMethodListTest(LocalDatabaseBase, unittest.TestCase):

@@ -9,6 +9,10 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import Daemon, RawClient  # noqa: E402
 
 
+TYPE_WORD_REFUSED = ("% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
+                     "password type\n")
+
+
 class ManagementTest(unittest.TestCase):
     def setUp(self):
         self.d = Daemon()
@@ -35,8 +39,14 @@ class ManagementTest(unittest.TestCase):
                 ("ftp-server username " + "u" * 65 + " password abc123", "% Username is too long.\n"),
                 ("ftp-server authentication " + "l" * 65,
                  "authentication list name(%s) is NULL or too long, max length is 64.\n" % ("l" * 65)),
-                ("ftp-server topdir /nope", "topdir /nope don't exist!\n")):
+                ("ftp-server topdir /nope", "topdir /nope don't exist!\n"),
+                ("ftp-server topdir /proc", "/proc can't be set as rootdir!\n")):
             self.refused(line, message)
+        # New sessions are still confined to the top directory that was in force.
+        c = RawClient(self.d.port)
+        c.login()
+        self.assertEqual(c.cmd("CWD pub"), b'250 Directory change to "/pub".\r\n')
+        c.close()
         self.assertEqual(self.d.cli("ftp-server timeout 3601")[0], 1)
         self.assertEqual(self.d.cli("ftp-server login times 11")[0], 1)
         for i in range(9):
@@ -47,6 +57,27 @@ class ManagementTest(unittest.TestCase):
     def test_max_user_connect_is_never_saved(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 5"), (0, ""))
         self.assertNotIn("max-user-connect", self.running())
+
+    def test_plain_passwords_replay_as_entered(self):
+        # Written back in plain text, a password whose first word is 0 or 7 would replay as that
+        # password type: it is refused, in both forms; other plain passwords replay as typed.
+        self.refused("ftp-server username amy password 0 7 Ab12", TYPE_WORD_REFUSED)
+        self.refused("ftp-server password 0 0", TYPE_WORD_REFUSED)
+        for line in ("ftp-server username dave password 0 d4ve  7 0", "ftp-server password 0 07 s4m",
+                     "ftp-server username sam"):
+            self.assertEqual(self.d.cli(line), (0, ""), line)
+        first = self.running()
+        self.assertIn("ftp-server username dave password d4ve  7 0\n", first)
+        self.assertIn("ftp-server username sam password 07 s4m\n", first)
+        self.assertEqual(self.d.cli("write")[0], 0)
+        with open(self.d.startup) as f:
+            saved = f.read()
+        self.assertEqual(self.d.stop(), 0)
+        self.d.start()
+        self.assertEqual(self.running(), first)
+        self.assertEqual(self.d.cli("write")[0], 0)
+        with open(self.d.startup) as f:
+            self.assertEqual(f.read(), saved)
 
     def test_write_restart_write_round_trip(self):
         lines = [

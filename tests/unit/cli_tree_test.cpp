@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli_internal.h"
+#include "ftpd.h"
 
 namespace {
 
@@ -204,6 +205,27 @@ TEST_F(CliTreeTest, CompletionOffersKeywordsForTheLastWord) {
     EXPECT_EQ((std::vector<std::string>{"debug", "ftp-server", "no", "show"}), complete(""));
     EXPECT_EQ((std::vector<std::string>{"ftp-server"}), complete("no f"));
     EXPECT_TRUE(complete("ftp-server timeout ").empty());
+}
+
+// The daemon's own tree: each password form's help names what follows its type keyword.
+TEST(DaemonCommandTreeTest, PasswordHelpNamesThePlainOrEncryptedTextThatFollows) {
+    cli_tree_reset();
+    ASSERT_EQ(0, cfg_ftp_server_init());
+    auto help = [](const std::string &line) {
+        std::string out;
+        EXPECT_EQ(0, cli_help_line(line.c_str(), &out, nullptr)) << line;
+        return out;
+    };
+    for (std::string form : {"ftp-server username amy password ", "ftp-server password "}) {
+        EXPECT_EQ(
+            "  0            Specifies an UNENCRYPTED password will follow\n"
+            "  7            Specifies a HIDDEN password will follow\n"
+            "  PASSWORD...  The UNENCRYPTED (cleartext) 'enable' password\n",
+            help(form));
+        EXPECT_EQ("  PASSWORD...  The UNENCRYPTED (cleartext) 'enable' password\n", help(form + "0 "));
+        EXPECT_EQ("  PASSWORD...  The ENCRYPTED 'enable' secret string\n", help(form + "7 "));
+    }
+    cli_tree_reset();
 }
 
 }  // namespace

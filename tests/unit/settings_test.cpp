@@ -60,19 +60,15 @@ TEST_F(SettingsTest, PlainFormJoinsFlashHomeNormalisesAndStopsClimbingAtTheStora
     EXPECT_EQ(real_root(), tree_.full("flash/dir"));
 }
 
-TEST_F(SettingsTest, RefusalsKeepTheDisplayFormAndClearTheRealOneOnlyPastTheLengthTest) {
-    ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
-    // 257 characters fail the length test: nothing changes.
-    std::string p257 = "/" + std::string(256, 'a');
-    EXPECT_EQ(set_ftp_server_root_dir(p257.c_str()), -1);
-    EXPECT_EQ(root(), "/dir");
-    EXPECT_EQ(real_root(), tree_.full("flash/dir"));
-    // 256 characters pass it and fail later as a missing directory, which clears the real form.
-    for (std::string missing : {"/" + std::string(255, 'a'), std::string("../nodir")}) {
+TEST_F(SettingsTest, PlainFormRefusalsChangeNeitherForm) {
+    // Too long (257 characters), missing (256 characters pass the length test), and a place
+    // sessions may never be confined to.
+    for (std::string refused :
+         {"/" + std::string(256, 'a'), "/" + std::string(255, 'a'), std::string("../nodir"), std::string("/proc")}) {
         ASSERT_EQ(set_ftp_server_root_dir("dir"), 0);
-        EXPECT_EQ(set_ftp_server_root_dir(missing.c_str()), -1);
-        EXPECT_EQ(root(), "/dir");
-        EXPECT_EQ(get_true_ftp_server_root_dir(), nullptr);
+        EXPECT_EQ(set_ftp_server_root_dir(refused.c_str()), -1) << refused;
+        EXPECT_EQ(root(), "/dir") << refused;
+        EXPECT_EQ(real_root(), tree_.full("flash/dir")) << refused;
     }
 }
 
