@@ -69,7 +69,11 @@ static int parse_m(const char *s, char *d) {
         case 'A': return _cmp2('I', 'L', s + 2, d) ? FTP_CMD_MAIL : 0;
         case 'D': return _cmp2('T', 'M', s + 2, d) ? FTP_CMD_MDTM : 0;
         case 'K': return _cmp1('D', s + 2, d) ? FTP_CMD_MKD : 0;
-        case 'L': return _cmp2('F', 'L', s + 2, d) ? FTP_CMD_MLFL : 0;
+        case 'L':
+            if (_cmp2('F', 'L', s + 2, d)) return FTP_CMD_MLFL;
+            if (_cmp2('S', 'D', s + 2, d)) return FTP_CMD_MLSD;
+            if (_cmp2('S', 'T', s + 2, d)) return FTP_CMD_MLST;
+            return 0;
         case 'O': return _cmp2('D', 'E', s + 2, d) ? FTP_CMD_MODE : 0;
         case 'R':
             if (_cmp2('C', 'P', s + 2, d)) return FTP_CMD_MRCP;

@@ -78,4 +78,5 @@ struct credentials {
     uint32_t slot_generation;          // generation of the user-table row the slot was taken from
     char online_name[FTP_NAME_LEN];    // the account whose online count this session took, if any
     bool fail_waited;                  // the current PASS has waited out the failed-login delay
+    off_t rest_offset;                 // standard profile: REST offset for the next transfer, 0 none
 };

@@ -131,12 +131,22 @@ int get_ftp_debug_err(void);
 #define FTP_CMD_EPRT 54
 #define FTP_CMD_EPSV 55
 #define FTP_CMD_SIZE 56
+// Served only in the standard profile; the device answers them as unrecognised words.
+#define FTP_CMD_MLSD 57
+#define FTP_CMD_MLST 58
 
 int ftpd_parse_cmd(const char *str, char *databuff);
 int _cmp1(char c, const char *p, char *databuff);
 int _cmp2(char c1, char c2, const char *p, char *databuff);
 int _cmp3(char c1, char c2, char c3, const char *p, char *databuff);
 void set_data(const char *src, char *databuff);
+
+// ---------------------------------------------------------------------------------------------
+// Wire profile (ftpd_profile.cpp): false for the device's behaviour byte for byte, true for the
+// standard profile of stock clients on plain Linux.
+void ftpd_profile_init(void);
+bool ftpd_standard(void);
+void ftpd_profile_set(bool standard);  // tests
 
 // ---------------------------------------------------------------------------------------------
 // Replies (ftpd_reply.cpp)
@@ -276,7 +286,8 @@ void passive(int control_fd, struct credentials *pcred);
 int parse_port_data(char *data_buff, char *client_addr);
 int toint(const char *str, int strict);
 int doeprt(int control_fd, char *p, char *client_addr, int addr_size, int *client_port, struct credentials *pcred);
-int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int addr_size, int *client_port);
+int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int addr_size, int *client_port,
+                 const struct credentials *pcred);
 int dopasv(int control_fd, struct credentials *pcred);
 int dataconn(int control_fd, off_t size, const char *mode, int client_port, const char *client_addr,
              struct credentials *pcred);
@@ -304,6 +315,9 @@ int command_retr(int control_fd, char *data_buff, char *client_addr, int *client
                  struct credentials *pcred, int domain_fd);
 int command_stor(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
                  struct credentials *pcred, int domain_fd);
+// Standard profile: APPE appends to the file in place (created when missing).
+int command_appe(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
+                 struct credentials *pcred, int domain_fd);
 int retrieve(int control_fd, const char *name, int client_port, const char *client_addr, char *current_dir,
              struct credentials *pcred, int domain_fd);
 int store(int control_fd, const char *name, const char *mode, int unique, int client_port, const char *client_addr,
@@ -325,6 +339,12 @@ int nlst_fun(int control_fd, char *current_dir, char *path, int client_port, cha
              struct credentials *pcred, int domain_fd);
 int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
                int domain_fd);
+// Standard profile (ftpd_mlsd.cpp): MLSD sends machine-readable facts of a directory's entries
+// over the data connection (as list_fun: -2 when stopped, else 0); MLST answers the facts of one
+// path on the control connection (0 to go on, non-zero to end the session).
+int mlsd_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+             struct credentials *pcred, int domain_fd);
+int command_mlst(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred);
 
 // ---------------------------------------------------------------------------------------------
 // Path resolution and confinement (common_fun.cpp). A path that does not fit its buffer is

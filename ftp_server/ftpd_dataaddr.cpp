@@ -84,6 +84,23 @@ int bind_random_port(int fd, struct sockaddr *addr, socklen_t len, in_port_t *po
     }
 }
 
+// SECURITY (standard profile): an active data connection may only go back to the client's own
+// address, so the server cannot be used to reach a third host.
+bool is_control_peer(const struct credentials *pcred, const char *addr) {
+    const struct ftp_connect_addr &ctl = pcred->cnt.def_addr;
+    struct in_addr a4;
+    struct in6_addr a6;
+    if (inet_pton(AF_INET, addr, &a4) == 1) {
+        if (pcred->cnt.contrl_type == AF_INET) return a4.s_addr == ctl.his_addr.sin_addr.s_addr;
+        const uint8_t *p = ctl.his_addrv6.sin6_addr.s6_addr;
+        // An IPv4 client reaching the IPv6 socket through a mapped address.
+        return IN6_IS_ADDR_V4MAPPED(&ctl.his_addrv6.sin6_addr) && memcmp(p + 12, &a4.s_addr, 4) == 0;
+    }
+    if (inet_pton(AF_INET6, addr, &a6) == 1 && pcred->cnt.contrl_type == AF_INET6)
+        return memcmp(&a6, &ctl.his_addrv6.sin6_addr, sizeof a6) == 0;
+    return false;
+}
+
 }  // namespace
 
 int toint(const char *str, int strict) {
@@ -130,6 +147,16 @@ int command_port(int control_fd, char *data_buff, char *client_addr, int *client
     close_fd(&pcred->pdata);
     *client_port = parse_port_data(data_buff, client_addr);
     if (*client_port < 1025) return ftpd_reply(control_fd, "500", "Illegal PORT Command.", nullptr, nullptr);
+    if (ftpd_standard()) {
+        // Typed leading zeros are kept in the text; the comparison needs the plain form.
+        unsigned a[4];
+        char plain[FTP_CLIENT_ADDR_LEN];
+        if (sscanf(client_addr, "%u.%u.%u.%u", &a[0], &a[1], &a[2], &a[3]) != 4 ||
+            !ftpd_snprintf(plain, sizeof plain, "%u.%u.%u.%u", a[0], a[1], a[2], a[3]) || !is_control_peer(pcred, plain)) {
+            *client_port = -1;
+            return ftpd_reply(control_fd, "500", "Illegal PORT Command.", nullptr, nullptr);
+        }
+    }
     return reply_text(control_fd, "200 PORT Command okay.\r\n");
 }
 
@@ -151,7 +178,7 @@ int doeprt(int control_fd, char *p, char *client_addr, int addr_size, int *clien
     p++;
     if (proto == 2) {
         pcred->cnt.data_type = AF_INET6;
-        return do_ipv6_port(control_fd, p, delim, client_addr, addr_size, client_port);
+        return do_ipv6_port(control_fd, p, delim, client_addr, addr_size, client_port, pcred);
     }
     if (proto != 1)
         return ftpd_reply(control_fd, "522", "Only IPv4 and IPv6 are supported (1,2).\r\n", nullptr, nullptr);
@@ -172,11 +199,14 @@ int doeprt(int control_fd, char *p, char *client_addr, int addr_size, int *clien
     }
     if (*p != delim || port < 1 || port > 65535) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
     ftpd_snprintf(client_addr, static_cast<size_t>(addr_size), "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
+    if (ftpd_standard() && !is_control_peer(pcred, client_addr))
+        return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
     *client_port = port;
     return reply_text(control_fd, "200 EPRT Command okay.\r\n");
 }
 
-int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int addr_size, int *client_port) {
+int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int addr_size, int *client_port,
+                 const struct credentials *pcred) {
     char *addr = p;
     p += strspn(p, "0123456789abcdefABCDEF:");
     if (*p == '%') {
@@ -191,6 +221,8 @@ int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int add
     }
     if (*p != delim || atoi(p + 1) == 0) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
     *p = '\0';
+    if (ftpd_standard() && !is_control_peer(pcred, addr))
+        return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
     ftpd_strlcpy(client_addr, addr, static_cast<size_t>(addr_size));
     *client_port = atoi(p + 1);
     return reply_text(control_fd, "200 EPRT Command okay.\r\n");

@@ -91,10 +91,8 @@ int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, str
 
     memset(outpath, 0, FTP_PATH_HALF);
     ftpd_absolute_to_relative_path(pcred, current_dir, outpath, FTP_PATH_HALF);
-    ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "250 Directory change to \"%s\".\r\n", outpath);
-    sendbuff[FTP_BUF_SIZE - 1] = '\0';
     // The new directory stands even when the reply cannot be sent.
-    ftpd_reply(control_fd, nullptr, "%s", sendbuff, nullptr);
+    ftpd_reply(control_fd, nullptr, "250 Directory change to \"%s\".\r\n", outpath, nullptr);
     return 0;
 }
 
@@ -103,9 +101,7 @@ int pwd_fun(int control_fd, char *current_dir, char *sendbuff, struct credential
     if (!view) return ftpd_reply_text(control_fd, FTP_REPLY_550);
     ftpd_absolute_to_relative_path(pcred, current_dir, view.get(), FTP_BUF_SIZE);
     memset(sendbuff, 0, FTP_BUF_SIZE);
-    ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "257 Current working directory is \"%s\".\r\n", view.get());
-    sendbuff[FTP_BUF_SIZE - 1] = '\0';
-    return ftpd_reply(control_fd, nullptr, "%s", sendbuff, nullptr);
+    return ftpd_reply(control_fd, nullptr, "257 Current working directory is \"%s\".\r\n", view.get(), nullptr);
 }
 
 int command_mkd(int control_fd, char *data_buff, char *currentdir, struct credentials *pcred) {

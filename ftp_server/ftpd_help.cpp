@@ -12,6 +12,16 @@
 
 #include "zqsys.h"
 
+// The standard profile serves a few more commands of the table than the device does.
+static bool is_served(const struct tab *c) {
+    if (c->implemented) return true;
+    if (!ftpd_standard()) return false;
+    static const char *const kStandard[] = {"NOOP", "FEAT", "OPTS", "ABOR", "APPE"};
+    for (const char *name : kStandard)
+        if (strcmp(c->name, name) == 0) return true;
+    return false;
+}
+
 struct tab cmdtab[] = {
     {"USER", 1, "<sp> username"},
     {"PASS", 1, "<sp> password"},
@@ -123,7 +133,7 @@ static void help_list(int control_fd, struct tab *ctab, const char *prefix, int 
             if (row >= rows) break;
             const struct tab *c = &ctab[row];
             ftpd_strlcat(line, c->name, sizeof line);
-            ftpd_strlcat(line, c->implemented ? " " : "*", sizeof line);
+            ftpd_strlcat(line, is_served(c) ? " " : "*", sizeof line);
             if (row + lines >= rows) break;
             for (int w = static_cast<int>(strlen(c->name)) + 1; w < width; w++) ftpd_strlcat(line, " ", sizeof line);
         }
@@ -155,7 +165,7 @@ void ftpd_help(int control_fd, struct tab *ctab, char *s) {
         return;
     }
     char text[FTP_HELP_TEXT_LEN];
-    if (!c->implemented)
+    if (!is_served(c))
         ftpd_snprintf(text, sizeof text, "%s%-*s\t%s; unimplemented.", prefix, width, c->name, c->help);
     else
         ftpd_snprintf(text, sizeof text, "Syntax: %s%s %s", prefix, c->name, c->help);

@@ -31,9 +31,7 @@ bool resolve_client_name(int control_fd, const char *func, const char *name, con
         return false;
     }
     if (r == ftpd_resolve_result::ok && ftpd_top_dir_mounted(pcred, func)) return true;
-    ftpd_snprintf(outpath, kPathLen, "550 \"%s\": No such file or directory.\r\n", client_name);
-    outpath[kPathLen - 1] = '\0';
-    reply_text(control_fd, outpath);
+    ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", client_name, nullptr);
     return false;
 }
 
@@ -81,6 +79,12 @@ int command_stor(int control_fd, char *data_buff, char *client_addr, int *client
     if (r != 1) return r < 0 ? -1 : 0;
     return store(control_fd, data_buff, "w", 0, *client_port, client_addr, current_dir, pcred, domain_fd) == -2 ? -1
                                                                                                                 : 0;
+}
+
+int command_appe(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
+                 struct credentials *pcred, int domain_fd) {
+    (void)data_buff, (void)client_addr, (void)client_port, (void)current_dir, (void)pcred, (void)domain_fd;
+    return reply_text(control_fd, "502 Command not implemented.\r\n") < 0 ? -1 : 0;
 }
 
 int retrieve(int control_fd, const char *name, int client_port, const char *client_addr, char *current_dir,

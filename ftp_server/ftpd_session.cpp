@@ -8,7 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <strings.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "app_dbg.h"
@@ -108,7 +111,59 @@ struct session {
     char currentdir[FTP_CURRENTDIR_LEN] = {};
     struct ftp_epoll_s *epoll = nullptr;
     bool peer_closed = false;  // the client closed its sending side: the session ends after this command
+    // Standard profile: bytes received but not yet taken as a command line.
+    char inbuf[FTP_BUF_SIZE] = {};
+    size_t inlen = 0;
+    bool discarding = false;  // the rest of a line too long for the buffer is dropped up to its LF
 };
+
+// Standard profile: takes the next whole line out of the session's input, CR LF or LF ended,
+// parses it and returns its code; -1 when no whole line is there yet.
+int take_line(session &s) {
+    for (;;) {
+        char *lf = static_cast<char *>(memchr(s.inbuf, '\n', s.inlen));
+        if (lf == nullptr) {
+            if (s.discarding) {
+                s.inlen = 0;
+                return -1;
+            }
+            if (s.inlen < sizeof s.inbuf - 1) return -1;
+            // A line over the command buffer is answered once and dropped up to its LF.
+            s.inlen = 0;
+            s.discarding = true;
+            return FTP_CMD_BADLINE;
+        }
+        size_t n = static_cast<size_t>(lf - s.inbuf) + 1;
+        bool drop = s.discarding;
+        s.discarding = false;
+        if (!drop) {
+            size_t len = n - 1;
+            if (len > 0 && s.inbuf[len - 1] == '\r') len--;
+            memcpy(s.read_buff, s.inbuf, len);
+            s.read_buff[len] = '\0';
+        }
+        memmove(s.inbuf, s.inbuf + n, s.inlen - n);
+        s.inlen -= n;
+        if (drop) continue;
+        FTPD_LOG_PRO("(RECV)   %s\n", s.read_buff);
+        // Command words are not case-sensitive for stock clients.
+        for (char *p = s.read_buff; *p >= 'a' && *p <= 'z'; p++) *p = static_cast<char>(*p - 'a' + 'A');
+        if (s.read_buff[0] == '\0') return -1;
+        return ftpd_parse_cmd(s.read_buff, s.data_buff);
+    }
+}
+
+// Standard profile: receives what the control connection has into the session's input.
+void receive_more(session &s) {
+    ssize_t n = recv(s.control_fd, s.inbuf + s.inlen, sizeof s.inbuf - 1 - s.inlen, 0);
+    if (n > 0) {
+        s.inlen += static_cast<size_t>(n);
+        return;
+    }
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    // A closed or failing connection: what is left of a line is answered once, then the end.
+    s.peer_closed = true;
+}
 
 int reply(const session &s, const char *text) { return ftpd_reply_text(s.control_fd, text); }
 
@@ -135,18 +190,17 @@ void set_top_directory(session &s) {
     s.currentdir[sizeof(s.currentdir) - 1] = '\0';
 }
 
-// LIST and NLST share their admission; the loop checks it itself. False when the stop message
-// aborted the listing.
-bool list_or_nlst(session &s, bool nlst) {
+// LIST, NLST and MLSD share their admission; the loop checks it itself. False when the stop
+// message aborted the listing.
+bool list_or_nlst(session &s, int cmd) {
     struct credentials *pcred = &s.pcred;
+    bool nlst = cmd == FTP_CMD_NLST;
     int r = 0;
     if (!is_logged_in(pcred)) {
         reply(s, FTP_REPLY_530);
     } else if (is_access(pcred) && s.client_port > FTP_RESERVED_PORT) {
-        if (nlst)
-            r = nlst_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred, s.domain_fd);
-        else
-            r = list_fun(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred, s.domain_fd);
+        auto *run = cmd == FTP_CMD_NLST ? nlst_fun : cmd == FTP_CMD_MLSD ? mlsd_fun : list_fun;
+        r = run(s.control_fd, s.currentdir, s.data_buff, s.client_port, s.client_addr, pcred, s.domain_fd);
     } else {
         if (!nlst) {
             if (!is_access(pcred)) FTPD_LOG_ERR("%s:topdir is not access.\n", FTPD_MODULE);
@@ -158,6 +212,55 @@ bool list_or_nlst(session &s, bool nlst) {
     }
     pcred->cnt.data_type = 0;
     return r != -2;
+}
+
+// REST STREAM: the offset of the next RETR or STOR.
+bool command_rest(session &s) {
+    if (!is_logged_in(&s.pcred)) return reply(s, FTP_REPLY_530) >= 0;
+    const char *p = s.data_buff;
+    char *end = nullptr;
+    errno = 0;
+    long long v = *p >= '0' && *p <= '9' ? strtoll(p, &end, 10) : -1;
+    if (v < 0 || errno != 0 || end == nullptr || *end != '\0') return reply(s, FTP_REPLY_501) >= 0;
+    s.pcred.rest_offset = static_cast<off_t>(v);
+    char text[96];
+    ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n", v);
+    return reply(s, text) >= 0;
+}
+
+// The commands only the standard profile serves; the others answer 502 as on the device.
+bool dispatch_standard(session &s) {
+    struct credentials *pcred = &s.pcred;
+    const int fd = s.control_fd;
+    switch (s.cmd) {
+        case FTP_CMD_NOOP:
+            return reply(s, "200 NOOP ok.\r\n") >= 0;
+        case FTP_CMD_FEAT:
+            return reply(s, "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+                            " REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n") >= 0;
+        case FTP_CMD_OPTS:
+            if (strcasecmp(s.data_buff, "UTF8 ON") == 0 || strcasecmp(s.data_buff, "UTF8") == 0)
+                return reply(s, "200 Always in UTF8 mode.\r\n") >= 0;
+            return reply(s, "501 Option not understood.\r\n") >= 0;
+        case FTP_CMD_ABOR:
+            // Commands are served one at a time: a transfer has always ended before ABOR is read.
+            return reply(s, "225 No transfer to abort.\r\n") >= 0;
+        case FTP_CMD_REST:
+            return command_rest(s);
+        case FTP_CMD_APPE: {
+            int rc = command_appe(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
+            pcred->rest_offset = 0;
+            if (rc != 0) return false;
+            pcred->cnt.data_type = 0;
+            return true;
+        }
+        case FTP_CMD_MLSD:
+            return list_or_nlst(s, s.cmd);
+        case FTP_CMD_MLST:
+            return command_mlst(fd, s.data_buff, s.currentdir, pcred) == 0;
+        default:
+            return reply(s, FTP_REPLY_502) >= 0;
+    }
 }
 
 // Runs the handler of one command. Returns false when the session must end.
@@ -174,6 +277,12 @@ bool dispatch(session &s) {
             }
             return get_ftp_logintimes() > static_cast<unsigned>(s.logn);
         case FTP_CMD_PASS:
+            // SECURITY: a PASS out of sequence (503) neither resets the failure counts nor ends
+            // the login time-out, or guesses could be interleaved without limit.
+            if (ftpd_standard() && (pcred->logged_in != 0 || pcred->askpasswd == 0)) {
+                pass(fd, s.data_buff, pcred, s.client_name);
+                return true;
+            }
             if (pass(fd, s.data_buff, pcred, s.client_name) != -1) {
                 s.logn = 0;
                 s.logpwd = 0;
@@ -210,14 +319,11 @@ bool dispatch(session &s) {
             if (!is_logged_in(pcred)) return reply(s, FTP_REPLY_530) >= 0;
             type_fun(fd, s.data_buff, pcred);
             return true;
-        case FTP_CMD_RETR: {
-            int rc = command_retr(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
-            if (rc != 0) return false;
-            pcred->cnt.data_type = 0;
-            return true;
-        }
+        case FTP_CMD_RETR:
         case FTP_CMD_STOR: {
-            int rc = command_stor(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
+            auto *run = s.cmd == FTP_CMD_RETR ? command_retr : command_stor;
+            int rc = run(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
+            pcred->rest_offset = 0;
             if (rc != 0) return false;
             pcred->cnt.data_type = 0;
             return true;
@@ -240,9 +346,8 @@ bool dispatch(session &s) {
             }
             return reply(s, FTP_REPLY_550) >= 0;
         case FTP_CMD_LIST:
-            return list_or_nlst(s, false);
         case FTP_CMD_NLST:
-            return list_or_nlst(s, true);
+            return list_or_nlst(s, s.cmd);
         case FTP_CMD_SYST:
             return command_syst(fd) == 0;
         case FTP_CMD_STAT:
@@ -263,6 +368,7 @@ bool dispatch(session &s) {
         case FTP_CMD_SIZE:
             return command_size(fd, s.data_buff, s.currentdir, pcred) == 0;
         default:
+            if (ftpd_standard()) return dispatch_standard(s);
             // Unrecognised words and every recognised command that is not served, NOOP and STOU
             // included.
             return reply(s, FTP_REPLY_502) >= 0;
@@ -273,6 +379,12 @@ bool dispatch(session &s) {
 bool wait_command(session &s) {
     if (get_ftp_server_root_dir() == nullptr) s.pcred.rwdir_flag = false;
     if (s.login) s.epoll->timeout = s.pcred.timeout * 60;
+    if (ftpd_standard()) {
+        // Lines that arrived together are served in order without waiting again.
+        memset(s.data_buff, 0, FTP_BUF_SIZE);
+        s.cmd = take_line(s);
+        if (s.cmd != -1) return true;
+    }
 
     int n = ftpd_epoll(s.epoll, FTP_EPOLL_IN);
     if (n < 0) {
@@ -287,11 +399,25 @@ bool wait_command(session &s) {
         ssize_t got = recvfrom(s.domain_fd, s.sdata, sizeof(s.sdata) - 1, 0, nullptr, nullptr);
         if (got < 0) {
             FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
-            return false;
+            // Another reader took the message: only a disabled service ends the session.
+            bool taken = errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+            if (!taken || !is_ftp_server_start()) return false;
+            got = 0;
         }
         s.sdata[got] = '\0';
         FTPD_LOG_PRO("stop tcp link [%s]\n", s.sdata);
         if (!is_ftp_server_start()) return false;
+    }
+    if (ftpd_standard()) {
+        // The control channel alone, with the service still enabled, means nothing to do.
+        s.cmd = -1;
+        if (ftpd_epoll_event(s.epoll, s.control_fd, FTP_EPOLL_IN)) {
+            receive_more(s);
+            memset(s.data_buff, 0, FTP_BUF_SIZE);
+            s.cmd = take_line(s);
+            if (s.cmd == -1 && s.peer_closed && s.inlen > 0) s.cmd = FTP_CMD_BADLINE;
+        }
+        return true;
     }
     // When only the control channel woke us and the service stays enabled, the previous command
     // code is dispatched again with its argument; that repetition is intended.

@@ -152,10 +152,11 @@ class kernel_pipe {
 enum class send_outcome { done, input_error, failed, stopped, fall_back, more };
 
 // The sending side looks at the control channel between chunks and aborts only on a datagram it
-// actually received.
+// actually received while the service is disabled: a message left over from an earlier disable
+// is taken and ignored.
 bool stop_received(int domain_fd) {
     char msg[FTP_DOMAIN_MSG_LEN];
-    return domain_fd >= 0 && recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) > 0;
+    return domain_fd >= 0 && recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) > 0 && !is_ftp_server_start();
 }
 
 // Waits until the data connection takes output again: more, or failed on time-out or a failing
@@ -463,14 +464,19 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
             if (n_ready == 0) FTPD_LOG_PRO("Time out.\n");
             break;
         }
-        // Abort as soon as the control channel is readable, even if another thread took the datagram.
+        // Abort as soon as the control channel is readable while the service is disabled, even if
+        // another thread took the datagram; a message left over from an earlier disable is taken
+        // and the transfer goes on.
         if (domain_fd >= 0 && w.ready(domain_fd)) {
             char msg[FTP_DOMAIN_MSG_LEN];
             if (recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) < 0)
                 FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
-            release();
-            fail("426", "Data Connection.");
-            return -2;
+            if (!is_ftp_server_start()) {
+                release();
+                fail("426", "Data Connection.");
+                return -2;
+            }
+            if (!w.ready(instr)) continue;
         }
         if (!w.ready(instr)) continue;
         if (use_splice) {

@@ -58,6 +58,7 @@ int ftp_signal_init(void) {
 }
 
 int ftp_server_init(void) {
+    ftpd_profile_init();
     ftp_settings_defaults();
     ftp_listener_sync_init();
     if (ftp_userinfo_init() != 0) {
