@@ -134,21 +134,21 @@ int take_line(session &s) {
             return FTP_CMD_BADLINE;
         }
         size_t n = static_cast<size_t>(lf - s.inbuf) + 1;
-        bool drop = s.discarding;
+        // An empty line is no command; the rest of an over-long line is dropped.
+        size_t len = n - 1;
+        if (len > 0 && s.inbuf[len - 1] == '\r') len--;
+        bool skip = s.discarding || len == 0;
         s.discarding = false;
-        if (!drop) {
-            size_t len = n - 1;
-            if (len > 0 && s.inbuf[len - 1] == '\r') len--;
+        if (!skip) {
             memcpy(s.read_buff, s.inbuf, len);
             s.read_buff[len] = '\0';
         }
         memmove(s.inbuf, s.inbuf + n, s.inlen - n);
         s.inlen -= n;
-        if (drop) continue;
+        if (skip) continue;
         FTPD_LOG_PRO("(RECV)   %s\n", s.read_buff);
         // Command words are not case-sensitive for stock clients.
         for (char *p = s.read_buff; *p >= 'a' && *p <= 'z'; p++) *p = static_cast<char>(*p - 'a' + 'A');
-        if (s.read_buff[0] == '\0') return -1;
         return ftpd_parse_cmd(s.read_buff, s.data_buff);
     }
 }
