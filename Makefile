@@ -2,11 +2,14 @@
 # make bench, make install (PREFIX, default /usr; DESTDIR honoured), make deb.
 JOBS ?= $(shell nproc)
 BUILD ?= build
+# What is installed or packaged is built apart, without the test switches.
+RELEASE_BUILD ?= build-release
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure
 PREFIX ?= /usr
+TEST_FLAGS = -DFTPS_TEST_HOOKS=ON
 
-.PHONY: all setup build run test unit asan tsan fuzz format lint clean bench install deb
+.PHONY: all setup build run test unit asan tsan fuzz format lint clean bench release install deb
 
 all: build
 
@@ -17,10 +20,15 @@ $(BUILD)/Makefile: CMakeLists.txt
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
 
 build: setup
-	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	cmake -S . -B $(BUILD) $(TEST_FLAGS) $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Only what it runs, the daemon and the terminal, and quietly.
+run: setup
+	@cmake -S . -B $(BUILD) $(TEST_FLAGS) $(CMAKE_FLAGS) >/dev/null
+	@echo "building the daemon and ftps-cli ..."
+	@cmake --build $(BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli >$(BUILD)/run-build.log 2>&1 \
+	  || { cat $(BUILD)/run-build.log; exit 1; }
 	@bash scripts/run-dev.sh $(BUILD)
 
 test: build
@@ -40,17 +48,19 @@ FUZZ_SECONDS ?= 60
 fuzz: setup
 	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) bash tests/fuzz/run.sh
 
-# Installing and packaging need only the two programs, not the test suite.
-install: setup
-	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli
-	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)" --strip
+# Installing and packaging need only the two programs, not the test suite, and never carry the
+# test switches (checked on the binary).
+release: setup
+	cmake -S . -B $(RELEASE_BUILD) -DFTPS_TEST_HOOKS=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(RELEASE_BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli
+	@! grep -q FTPS_TEST_ $(RELEASE_BUILD)/ftp_server.elf || { echo "release build holds a test switch"; exit 1; }
 
-deb: setup
-	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli
-	cd $(BUILD) && cpack -G DEB
-	@echo "deb: $$(ls -t $(BUILD)/ftps_*.deb | head -n 1)"
+install: release
+	DESTDIR="$(DESTDIR)" cmake --install $(RELEASE_BUILD) --prefix "$(PREFIX)" --strip
+
+deb: release
+	cd $(RELEASE_BUILD) && cpack -G DEB
+	@echo "deb: $$(ls -t $(RELEASE_BUILD)/ftps_*.deb | head -n 1)"
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
@@ -64,4 +74,4 @@ lint: build
 	clang-tidy -p $(BUILD) --quiet $$(git ls-files 'ftp_server/*.cpp' 'lib/*.cpp' 'platform/*.cpp' 'tools/*.cpp')
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-release

@@ -12,7 +12,7 @@
 #include "credential.h"
 #include "ftpd_memory.h"
 #include "ftpd_raii.h"
-#include "ftpd_str.h"
+#include "bounded_text.h"
 #include "syslog_ext.h"
 
 struct zq_thread_master;
@@ -434,9 +434,14 @@ void ftp_server_alarm_quit(int signo);
 int ftps_cli_ready_thread(struct zq_thread *task);
 
 // ---------------------------------------------------------------------------------------------
-// Test-only switches from the environment (ftpd_testhooks.cpp)
+// Test-only switches from the environment (ftpd_testhooks.cpp, in test builds only)
+#ifdef FTPS_TEST_HOOKS
 void ftpd_testhooks_init(void);
 void ftpd_testhooks_listener_started(void);
+#else
+inline void ftpd_testhooks_init(void) {}
+inline void ftpd_testhooks_listener_started(void) {}
+#endif
 
 // ---------------------------------------------------------------------------------------------
 // Tech-support and trap hooks (ftpd_tech.cpp, ftp_trap.cpp)

@@ -19,7 +19,7 @@
 
 #include "app_init.h"
 #include "ftpd.h"
-#include "platform_conf.h"
+#include "ftp_platform.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define FTPD_ASAN 1
@@ -247,7 +247,7 @@ void start_session(int domain_fd, int fd, int family, const struct ftp_connect_a
 
 int server_mode(int domain_fd) {
     no_version = 1;
-    const int port = platform_get().control_port;
+    const int port = platform_ftp_control_port();
 
     // Not yet counted, so no disable from here on has sent a message meant for this run.
     drain_stop_messages(domain_fd);

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "ftpd_str.h"
+#include "bounded_text.h"
 #include "syslog_ext.h"
 
 #define APP_DBG_PATH_LEN 128        // 127 characters and the terminating zero

@@ -16,7 +16,7 @@
 #include <mutex>
 
 #include "app_dbg.h"
-#include "ftpd_str.h"
+#include "bounded_text.h"
 #include "ham.h"
 #include "syslog_ext.h"
 #include "zq_thread.h"

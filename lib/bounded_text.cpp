@@ -1,5 +1,5 @@
 // Bounded text helpers.
-#include "ftpd_str.h"
+#include "bounded_text.h"
 
 #include <cstdio>
 #include <cstring>
