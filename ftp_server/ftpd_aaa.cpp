@@ -111,70 +111,32 @@ void ftp_aaa_secu_set_aaa_elem_basic(const struct credentials *pcred, struct aaa
     }
 }
 
-int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, const char *password, bool *local) {
-    if (name == nullptr || pcred == nullptr || password == nullptr || local == nullptr) return -1;
-    *local = false;
-    if (pcred->session_id == 0) {
-        pcred->session_id = aaa_get_session_id();
-        FTPD_LOG_PRO("ftp_aaa_auth. %d\n", static_cast<int>(pcred->session_id));
-        if (pcred->session_id == 0) {
-            FTPD_LOG_ERR("%s aaa get session id fail.\n", __func__);
-            reply_not_logged_in(control_fd, pcred);
-            return -1;
-        }
-    }
+namespace {
 
-    authen_info_s req;
-    memset(&req, 0, sizeof req);
-    req.sub.utype = AAA_UTYPE_FTP;
-    req.sub.mode = AAA_AUTHEN_MODE_PAP;
-    req.sub.is_challenge_answer = false;
-    req.sub.session_id = pcred->session_id;
-    req.sub.service_type = AAA_SERVICE_TYPE_LOGIN;
-    req.sub.name = {static_cast<uint32_t>(strlen(name)), name};
-    req.sub.password = {static_cast<uint32_t>(strlen(password)), password};
-
+// The method list to ask: the configured one, or "default". Its look-up code (0 missing, 3 first
+// method none, else present) is returned and its name written into mlist.
+int pick_method_list(char *mlist, size_t size) {
     const char *configured = get_ftp_server_auth();
-    char mlist[FTP_NAME_LEN];
-    int exists;
     if (configured != nullptr) {
-        ftpd_strlcpy(mlist, configured, sizeof mlist);
+        ftpd_strlcpy(mlist, configured, size);
         FTPD_LOG_PRO("Do aaa auth list %s.\n", mlist);
-        exists = aaa_mlist_existed(mlist, AAA_UTYPE_FTP);
-    } else {
-        ftpd_strlcpy(mlist, "default", sizeof mlist);
-        FTPD_LOG_PRO("Do aaa auth default.\n");
-        exists = aaa_mlist_existed("default", AAA_UTYPE_FTP);
+        int exists = aaa_mlist_existed(mlist, AAA_UTYPE_FTP);
+        if (exists == 0) FTPD_LOG_PRO("aaa %s mlist not exist.\n", mlist);
+        return exists;
     }
-    if (exists == 0) {
-        if (configured != nullptr)
-            FTPD_LOG_PRO("aaa %s mlist not exist.\n", mlist);
-        else
-            FTPD_LOG_PRO("aaa default mlist not exist.\n");
-        reply_not_logged_in(control_fd, pcred);
-        return -1;
-    }
-    if (exists == 3) {
-        FTPD_LOG_PRO("aaa first mtd is none.\n");
-        return 0;
-    }
-    req.mlist = mlist;
+    ftpd_strlcpy(mlist, "default", size);
+    FTPD_LOG_PRO("Do aaa auth default.\n");
+    int exists = aaa_mlist_existed("default", AAA_UTYPE_FTP);
+    if (exists == 0) FTPD_LOG_PRO("aaa default mlist not exist.\n");
+    return exists;
+}
 
-    ftpd_block buf(FTPD_M_TMP, AAA_ELEM_BUF_SIZE);
-    if (!buf) {
-        FTPD_LOG_PRO("aaa create memory failed.\n");
-        reply_not_logged_in(control_fd, pcred);
-        return -1;
-    }
-    aaa_iovec_s iov;
-    aaa_iovec_init(&iov, buf.get(), AAA_ELEM_BUF_SIZE);
-    ftp_aaa_secu_set_aaa_elem_basic(pcred, &iov, name, password);
-    req.iov = &iov;
-
+// Sends the request and waits for its verdict, answering one challenge: 0 accepted, otherwise
+// the refusal has been answered.
+int run_request(int control_fd, struct credentials *pcred, authen_info_s *req, const char *mlist, bool *local) {
     bool challenge_allowed = true;
-    int ret = -1;
     for (;;) {
-        int rc = aaa_user_req_authen(&req);
+        int rc = aaa_user_req_authen(req);
         if (rc != 0) {
             FTPD_LOG_ERR("Do aaa auth fail.\n");
             reply_not_logged_in(control_fd, pcred);
@@ -202,13 +164,15 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
         aaa_free_result_info(result);
         if (state == AAA_ACCEPT) {
             FTPD_LOG_PRO("Do aaa auth: accept, priv(%d).\n", priv);
-            ret = 0;
-        } else if (state == AAA_CHALLENGE && challenge_allowed) {
+            return 0;
+        }
+        if (state == AAA_CHALLENGE && challenge_allowed) {
             FTPD_LOG_PRO("Do aaa auth: challange, priv(%d). continue\n", priv);
-            req.sub.is_challenge_answer = true;
+            req->sub.is_challenge_answer = true;
             challenge_allowed = false;
             continue;
-        } else if (state == AAA_REJECT) {
+        }
+        if (state == AAA_REJECT) {
             FTPD_LOG_PRO("Do aaa auth: reject, priv(%d).\n", priv);
             reply_password_denied(control_fd, pcred);
         } else if (state == AAA_TIMEOUT) {
@@ -218,9 +182,58 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
             FTPD_LOG_PRO("Do aaa auth: unknow.\n");
             reply_not_logged_in(control_fd, pcred);
         }
-        break;
+        return -1;
     }
-    return ret;
+}
+
+}  // namespace
+
+int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, const char *password, bool *local) {
+    if (name == nullptr || pcred == nullptr || password == nullptr || local == nullptr) return -1;
+    *local = false;
+    if (pcred->session_id == 0) {
+        pcred->session_id = aaa_get_session_id();
+        FTPD_LOG_PRO("ftp_aaa_auth. %d\n", static_cast<int>(pcred->session_id));
+        if (pcred->session_id == 0) {
+            FTPD_LOG_ERR("%s aaa get session id fail.\n", __func__);
+            reply_not_logged_in(control_fd, pcred);
+            return -1;
+        }
+    }
+
+    authen_info_s req;
+    memset(&req, 0, sizeof req);
+    req.sub.utype = AAA_UTYPE_FTP;
+    req.sub.mode = AAA_AUTHEN_MODE_PAP;
+    req.sub.is_challenge_answer = false;
+    req.sub.session_id = pcred->session_id;
+    req.sub.service_type = AAA_SERVICE_TYPE_LOGIN;
+    req.sub.name = {static_cast<uint32_t>(strlen(name)), name};
+    req.sub.password = {static_cast<uint32_t>(strlen(password)), password};
+
+    char mlist[FTP_NAME_LEN];
+    int exists = pick_method_list(mlist, sizeof mlist);
+    if (exists == 0) {
+        reply_not_logged_in(control_fd, pcred);
+        return -1;
+    }
+    if (exists == 3) {
+        FTPD_LOG_PRO("aaa first mtd is none.\n");
+        return 0;
+    }
+    req.mlist = mlist;
+
+    ftpd_block buf(FTPD_M_TMP, AAA_ELEM_BUF_SIZE);
+    if (!buf) {
+        FTPD_LOG_PRO("aaa create memory failed.\n");
+        reply_not_logged_in(control_fd, pcred);
+        return -1;
+    }
+    aaa_iovec_s iov;
+    aaa_iovec_init(&iov, buf.get(), AAA_ELEM_BUF_SIZE);
+    ftp_aaa_secu_set_aaa_elem_basic(pcred, &iov, name, password);
+    req.iov = &iov;
+    return run_request(control_fd, pcred, &req, mlist, local);
 }
 
 int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcred, const char *password) {

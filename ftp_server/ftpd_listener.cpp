@@ -243,6 +243,34 @@ void start_session(int domain_fd, int fd, int family, const struct ftp_connect_a
     }
 }
 
+// Accepts one connection on a listening socket into the peer and local address pair of its
+// family: the descriptor, or -1 (the failure is logged; only that connection is lost).
+int accept_connection(int lfd, bool v6, struct ftp_connect_addr *addr) {
+    struct sockaddr *peer = v6 ? reinterpret_cast<struct sockaddr *>(&addr->his_addrv6)
+                               : reinterpret_cast<struct sockaddr *>(&addr->his_addr);
+    struct sockaddr *local = v6 ? reinterpret_cast<struct sockaddr *>(&addr->ctrl_addrv6)
+                                : reinterpret_cast<struct sockaddr *>(&addr->ctrl_addr);
+    socklen_t len = v6 ? sizeof(addr->his_addrv6) : sizeof(addr->his_addr);
+    int c = accept(lfd, peer, &len);
+    if (c < 0) {
+        if (v6)
+            FTPD_LOG_ERR("%s: ipv6 control connection accept fail.\n", FTPD_MODULE);
+        else
+            FTPD_LOG_ERR("%s: control connection accept fail.\n", FTPD_MODULE);
+        return -1;
+    }
+    len = v6 ? sizeof(addr->ctrl_addrv6) : sizeof(addr->ctrl_addr);
+    if (getsockname(c, local, &len) < 0) {
+        if (v6)
+            FTPD_LOG_ERR("%s: ipv6 get sock name fail.\n", FTPD_MODULE);
+        else
+            FTPD_LOG_ERR("%s: get sock name fail.\n", FTPD_MODULE);
+        close(c);
+        return -1;
+    }
+    return c;
+}
+
 }  // namespace
 
 int server_mode(int domain_fd) {
@@ -303,38 +331,14 @@ int server_mode(int domain_fd) {
         }
 
         if (FD_ISSET(lp.v4.get(), &rset)) {
-            socklen_t len = sizeof(addr.his_addr);
-            int c = accept(lp.v4.get(), reinterpret_cast<struct sockaddr *>(&addr.his_addr), &len);
-            if (c < 0) {
-                FTPD_LOG_ERR("%s: control connection accept fail.\n", FTPD_MODULE);
-                continue;
-            }
-            len = sizeof(addr.ctrl_addr);
-            if (getsockname(c, reinterpret_cast<struct sockaddr *>(&addr.ctrl_addr), &len) < 0) {
-                FTPD_LOG_ERR("%s: get sock name fail.\n", FTPD_MODULE);
-                close(c);
-                continue;
-            }
-            fd = c;
+            fd = accept_connection(lp.v4.get(), false, &addr);
             family = AF_INET;
         } else if (FD_ISSET(lp.v6.get(), &rset)) {
-            socklen_t len = sizeof(addr.his_addrv6);
-            int c = accept(lp.v6.get(), reinterpret_cast<struct sockaddr *>(&addr.his_addrv6), &len);
-            if (c < 0) {
-                FTPD_LOG_ERR("%s: ipv6 control connection accept fail.\n", FTPD_MODULE);
-                continue;
-            }
-            len = sizeof(addr.ctrl_addrv6);
-            if (getsockname(c, reinterpret_cast<struct sockaddr *>(&addr.ctrl_addrv6), &len) < 0) {
-                FTPD_LOG_ERR("%s: ipv6 get sock name fail.\n", FTPD_MODULE);
-                close(c);
-                continue;
-            }
-            fd = c;
+            fd = accept_connection(lp.v6.get(), true, &addr);
             family = AF_INET6;
         }
+        if (fd < 0) continue;
 
-        if (family != AF_INET && family != AF_INET6) continue;
         start_session(domain_fd, fd, family, &addr);
     }
 }

@@ -82,32 +82,26 @@ int ftps_cli_ready_thread(struct zq_thread *task) {
     return 0;
 }
 
-int main(int argc, char **argv) {
+namespace {
+
+// The command line: false when the process only logs its usage and ends.
+bool take_arguments(int argc, char **argv) {
     if (argc > 1) {
         if (strcmp(argv[1], "-d") != 0) {
             printk_syslog_ext(7, "UNKNOW_MODULE", "DEBUG", LOG_CLASS_DEBUG, "%s", usage_text);
             // On a terminal the administrator sees it too.
             if (isatty(STDOUT_FILENO)) fputs(usage_text + 1, stdout);
-            return 0;
+            return false;
         }
         gb_ftp_start_err = 1;
         app_public_set_debug(1);
     }
     if (getenv("TMPDIR") == nullptr) fprintf(stderr, "ftp_server.elf: TMPDIR is not set; not starting\n");
+    return true;
+}
 
-    struct app_init_s init;
-    memset(&init, 0, sizeof(init));
-    strcpy(init.name, "ftps");
-    init.instance_fd = -1;
-    init.syslog_single_thread = false;
-
-    struct zq_thread_master *master = nullptr;
-    pthread_t listener;
-    bool listener_started = false;
-
-    if (app_public_instance_init(&init) != 0) goto shutdown3;
-    FTPD_KEYMSG("=============== ftp_server main ===============\n");
-
+// Signals, memory accounting, the server's own state and AAA: 0, or -1 when start-up must stop.
+int init_process(void) {
     ftp_signal_init();
     FTPD_KEYMSG("ftp_signal_init OK.\n");
 
@@ -117,7 +111,7 @@ int main(int argc, char **argv) {
 
     if (ftp_server_init() != 0) {
         FTPD_KEYMSG("ftp_server_init fail.\n");
-        goto shutdown3;
+        return -1;
     }
     FTPD_KEYMSG("ftp_server_init OK.\n");
 
@@ -125,31 +119,30 @@ int main(int argc, char **argv) {
         FTPD_KEYMSG("ftp aaa init OK.\n");
     else
         FTPD_KEYMSG("ftp aaa init fail.\n");
+    return 0;
+}
 
-    {
-        int rc = pthread_create(&listener, nullptr, ftps_main, nullptr);
-        if (rc != 0) {
-            FTPD_KEYMSG("create ftps_main fail, ret=%d, %s.\n", rc, strerror(rc));
-            goto shutdown3;
-        }
-        listener_started = true;
-        FTPD_KEYMSG("create ftps_main OK.\n");
-        sigset_t tstp;
-        sigemptyset(&tstp);
-        sigaddset(&tstp, SIGTSTP);
-        pthread_sigmask(SIG_UNBLOCK, &tstp, nullptr);
+// The listener thread; only the main thread takes SIGTSTP from here on.
+int start_listener(pthread_t *listener) {
+    int rc = pthread_create(listener, nullptr, ftps_main, nullptr);
+    if (rc != 0) {
+        FTPD_KEYMSG("create ftps_main fail, ret=%d, %s.\n", rc, strerror(rc));
+        return -1;
     }
+    FTPD_KEYMSG("create ftps_main OK.\n");
+    sigset_t tstp;
+    sigemptyset(&tstp);
+    sigaddset(&tstp, SIGTSTP);
+    pthread_sigmask(SIG_UNBLOCK, &tstp, nullptr);
+    return 0;
+}
 
-    master = zq_thread_master_create();
-    if (master == nullptr) {
-        FTPD_KEYMSG("create thread master fail, memory is not enough.\n");
-        goto shutdown2;
-    }
-    FTPD_KEYMSG("create thread master OK.\n");
-
+// Everything that runs on the event loop: the command line, traps, tech-support, the ready
+// report, the password policy and liveness. 0, or -1 when start-up must stop.
+int init_event_services(struct zq_thread_master *master) {
     if (cli_client_init("FTPSRV", master) != 0) {
         FTPD_KEYMSG("initialize CLI fail, errno=%d, %s.\n", errno, strerror(errno));
-        goto shutdown1;
+        return -1;
     }
     FTPD_KEYMSG("cli_client_init OK.\n");
 
@@ -160,13 +153,13 @@ int main(int argc, char **argv) {
 
     if (ftp_trap_init(master) != 0) {
         FTPD_KEYMSG("initialize ftp trap fail, errno=%d, %s.\n", errno, strerror(errno));
-        goto shutdown1;
+        return -1;
     }
     FTPD_KEYMSG("ftp_trap_init OK.\n");
 
     if (ftpd_tech_init(master) < 0) {
         FTPD_KEYMSG("ftp server tech init v2 failed.");
-        goto shutdown1;
+        return -1;
     }
     FTPD_KEYMSG("ftpd_tech_init OK.\n");
 
@@ -180,6 +173,36 @@ int main(int argc, char **argv) {
 
     app_public_init_dead_detection(master);
     ham_watchdog_start(master);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (!take_arguments(argc, argv)) return 0;
+
+    struct app_init_s init;
+    memset(&init, 0, sizeof(init));
+    strcpy(init.name, "ftps");
+    init.instance_fd = -1;
+    init.syslog_single_thread = false;
+
+    struct zq_thread_master *master = nullptr;
+    pthread_t listener;
+    bool listener_started = false;
+
+    if (app_public_instance_init(&init) != 0) goto shutdown3;
+    FTPD_KEYMSG("=============== ftp_server main ===============\n");
+    if (init_process() != 0 || start_listener(&listener) != 0) goto shutdown3;
+    listener_started = true;
+
+    master = zq_thread_master_create();
+    if (master == nullptr) {
+        FTPD_KEYMSG("create thread master fail, memory is not enough.\n");
+        goto shutdown2;
+    }
+    FTPD_KEYMSG("create thread master OK.\n");
+    if (init_event_services(master) != 0) goto shutdown1;
 
     {
         struct zq_thread task;

@@ -300,26 +300,50 @@ class walker {
     bool walk(const node *n, size_t i, bool no) {
         if (i == words_.size()) return visit(n, no);
         const word w = words_[i];
-        const bool at_root = n == &g_reg.root;
-        const bool may_negate = at_root && i == 0 && !no && g_reg.any_no;
+        const bool may_negate = n == &g_reg.root && i == 0 && !no && g_reg.any_no;
         bool matched = false;
 
         if (may_negate && w.text == kNoKeyword) {
             matched = true;
             if (walk(n, i + 1, true)) return true;
         }
+        if (walk_keywords(n, i, no, &matched)) return true;
+        // A keyword typed in full is taken as that keyword, never as an argument that happens
+        // to have the same text ("password 7" lacks its password, "topdir flash:" its path).
+        if (matched) return false;
+        const node *out_of_range = nullptr;
+        if (walk_values(n, i, no, &matched, &out_of_range)) return true;
+        int prefixes = 0;
+        if (walk_prefix(n, i, no, may_negate, &matched, &prefixes)) return true;
+        if (prefixes > 1) {
+            fail(w.off, "% Ambiguous command: '" + w.text + "'");
+        } else if (!matched) {
+            if (out_of_range != nullptr)
+                fail(w.off, "% Number " + w.text + " out of range " + std::to_string(out_of_range->tok.lo) + "-" +
+                                std::to_string(out_of_range->tok.hi) + ".");
+            else if (number_only(n, no))
+                fail(w.off, "% Invalid number: '" + w.text + "'");
+            else
+                fail(w.off, "% Unknown command: '" + w.text + "'");
+        }
+        return false;
+    }
+
+    // Keywords typed in full, and a storage keyword glued to its path ("flash:/pub" reads as
+    // "flash: /pub").
+    bool walk_keywords(const node *n, size_t i, bool no, bool *matched) {
+        const word w = words_[i];
         for (const auto &c : n->children) {
             if (c->tok.type != TOK_KEYWORD || !eligible(c.get(), no) || c->tok.text != w.text) continue;
-            matched = true;
+            *matched = true;
             if (step(c.get(), i + 1, no, c->tok.text, c->tok.text)) return true;
         }
-        // A storage keyword glued to its path: "flash:/pub" reads as "flash: /pub".
         for (const auto &c : n->children) {
             const std::string &kw = c->tok.text;
             if (c->tok.type != TOK_KEYWORD || !eligible(c.get(), no) || kw.back() != ':' ||
                 w.text.size() <= kw.size() || w.text.compare(0, kw.size(), kw) != 0)
                 continue;
-            matched = true;
+            *matched = true;
             std::vector<word> saved = words_;
             words_[i] = word{kw, w.off};
             words_.insert(words_.begin() + static_cast<long>(i) + 1,
@@ -328,76 +352,68 @@ class walker {
             words_ = std::move(saved);
             if (stop) return true;
         }
-        // A keyword typed in full is taken as that keyword, never as an argument that happens
-        // to have the same text ("password 7" lacks its password, "topdir flash:" its path).
-        if (matched) return false;
-        const node *out_of_range = nullptr;
-        // Only numbers may follow here: a word that is none gets a clearer message.
-        bool number_only = false;
+        return false;
+    }
+
+    // Whether only numbers may follow n: a word that is none then gets a clearer message.
+    static bool number_only(const node *n, bool no) {
+        bool only = false;
         for (const auto &c : n->children) {
             if (!eligible(c.get(), no)) continue;
-            if (c->tok.type != TOK_NUMBER) {
-                number_only = false;
-                break;
-            }
-            number_only = true;
+            if (c->tok.type != TOK_NUMBER) return false;
+            only = true;
         }
+        return only;
+    }
+
+    // Numbers in range, strings and the rest of the line.
+    bool walk_values(const node *n, size_t i, bool no, bool *matched, const node **out_of_range) {
+        const word w = words_[i];
         for (const auto &c : n->children) {
             if (c->tok.type != TOK_NUMBER || !eligible(c.get(), no)) continue;
             if (!all_digits(w.text)) continue;
             long long v = w.text.size() > kMaxDigits ? -1 : std::strtoll(w.text.c_str(), nullptr, 10);
             if (v < c->tok.lo || v > c->tok.hi) {
-                if (out_of_range == nullptr) out_of_range = c.get();
+                if (*out_of_range == nullptr) *out_of_range = c.get();
                 continue;
             }
-            matched = true;
+            *matched = true;
             if (step(c.get(), i + 1, no, c->tok.text, w.text)) return true;
         }
         for (const auto &c : n->children) {
             if (!eligible(c.get(), no)) continue;
             if (c->tok.type == TOK_STRING) {
-                matched = true;
+                *matched = true;
                 if (step(c.get(), i + 1, no, c->tok.text, w.text)) return true;
             } else if (c->tok.type == TOK_REST) {
-                matched = true;
+                *matched = true;
                 if (step(c.get(), words_.size(), no, c->tok.text, line_.substr(static_cast<size_t>(w.off))))
                     return true;
             }
         }
+        return false;
+    }
+
+    // A keyword (or "no") abbreviated to an unambiguous prefix; *prefixes counts the candidates.
+    bool walk_prefix(const node *n, size_t i, bool no, bool may_negate, bool *matched, int *prefixes) {
+        const word w = words_[i];
         const node *prefix = nullptr;
         bool negate_prefix = false;
-        int prefixes = 0;
         if (may_negate && w.text != kNoKeyword && std::strncmp(kNoKeyword, w.text.c_str(), w.text.size()) == 0) {
             negate_prefix = true;
-            ++prefixes;
+            ++*prefixes;
         }
         for (const auto &c : n->children) {
             if (c->tok.type != TOK_KEYWORD || !eligible(c.get(), no) || c->tok.text == w.text ||
                 c->tok.text.compare(0, w.text.size(), w.text) != 0)
                 continue;
             prefix = c.get();
-            ++prefixes;
+            ++*prefixes;
         }
-        if (prefixes == 1) {
-            matched = true;
-            if (negate_prefix) {
-                if (walk(n, i + 1, true)) return true;
-            } else if (step(prefix, i + 1, no, prefix->tok.text, prefix->tok.text)) {
-                return true;
-            }
-        }
-        if (prefixes > 1) {
-            fail(w.off, "% Ambiguous command: '" + w.text + "'");
-        } else if (!matched) {
-            if (out_of_range != nullptr)
-                fail(w.off, "% Number " + w.text + " out of range " + std::to_string(out_of_range->tok.lo) + "-" +
-                                std::to_string(out_of_range->tok.hi) + ".");
-            else if (number_only)
-                fail(w.off, "% Invalid number: '" + w.text + "'");
-            else
-                fail(w.off, "% Unknown command: '" + w.text + "'");
-        }
-        return false;
+        if (*prefixes != 1) return false;
+        *matched = true;
+        if (negate_prefix) return walk(n, i + 1, true);
+        return step(prefix, i + 1, no, prefix->tok.text, prefix->tok.text);
     }
 
     std::vector<word> words_;
