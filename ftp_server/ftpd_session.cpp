@@ -90,17 +90,52 @@ int get_command(int control_fd, char *recvbuff, char *databuff, int buffsize, bo
 
 namespace {
 
-// Everything a session owns besides the record; the loop's dispatch helpers work on it.
+// Gives back what the session record holds when the session ends: its strings and its user's
+// connection slot, then any data connection a handler left open (a passive listener never used).
+class record_release {
+  public:
+    explicit record_release(struct credentials *pcred) : pcred_(pcred) {}
+    ~record_release() {
+        if (!armed_) return;
+        clear_cred(pcred_);
+        for (int32_t fd : {pcred_->listen_pdata, pcred_->pdata, pcred_->data})
+            if (fd >= 0) close(fd);
+    }
+    record_release(const record_release &) = delete;
+    record_release &operator=(const record_release &) = delete;
+    // From the moment the record is set up, whatever happens.
+    void arm() { armed_ = true; }
+
+  private:
+    struct credentials *pcred_;
+    bool armed_ = false;
+};
+
+// The session's event waiter; a null waiter is given back as well.
+class waiter_owner {
+  public:
+    waiter_owner() = default;
+    ~waiter_owner() { ftpd_epoll_destroy(ep_); }
+    waiter_owner(const waiter_owner &) = delete;
+    waiter_owner &operator=(const waiter_owner &) = delete;
+    bool create() { return (ep_ = ftpd_epoll_create()) != nullptr; }
+    struct ftp_epoll_s *operator->() const { return ep_; }
+    struct ftp_epoll_s *get() const { return ep_; }
+
+  private:
+    struct ftp_epoll_s *ep_ = nullptr;
+};
+
+// Everything a session owns; the loop's dispatch helpers work on it.
 struct session {
     int control_fd;
     int domain_fd;
-    struct credentials pcred;
+    struct credentials pcred {};
     int cmd = -1;
     int logn = 0;
     int logpwd = 0;
     int login = 0;
     int client_port = -1;
-    char *whole_buff = nullptr;
     char *data_buff = nullptr;
     char *read_buff = nullptr;
     char *reply_buff = nullptr;
@@ -109,12 +144,16 @@ struct session {
     char client_name[FTP_NAME_LEN] = {};
     char sdata[FTP_DOMAIN_MSG_LEN] = {};
     char currentdir[FTP_CURRENTDIR_LEN] = {};
-    struct ftp_epoll_s *epoll = nullptr;
     bool peer_closed = false;  // the client closed its sending side: the session ends after this command
     // Standard profile: bytes received but not yet taken as a command line.
     char inbuf[FTP_BUF_SIZE] = {};
     size_t inlen = 0;
     bool discarding = false;  // the rest of a line too long for the buffer is dropped up to its LF
+    // The owners, destroyed in the reverse order of their declaration, which is the order in
+    // which a session gives things back: the waiter, the command buffers, the record.
+    record_release record{&pcred};
+    ftpd_block whole_buff;
+    waiter_owner epoll;
 };
 
 // Standard profile: takes the next whole line out of the session's input, CR LF or LF ended,
@@ -386,7 +425,7 @@ bool wait_command(session &s) {
         if (s.cmd != -1) return true;
     }
 
-    int n = ftpd_epoll(s.epoll, FTP_EPOLL_IN);
+    int n = ftpd_epoll(s.epoll.get(), FTP_EPOLL_IN);
     if (n < 0) {
         FTPD_LOG_ERR("%s: Epoll error when waiting command.errno=%d\n", FTPD_MODULE, errno);
         return false;
@@ -395,7 +434,7 @@ bool wait_command(session &s) {
         FTPD_LOG_PRO("Time out.\n");
         return false;
     }
-    if (ftpd_epoll_event(s.epoll, s.domain_fd, FTP_EPOLL_IN)) {
+    if (ftpd_epoll_event(s.epoll.get(), s.domain_fd, FTP_EPOLL_IN)) {
         ssize_t got = recvfrom(s.domain_fd, s.sdata, sizeof(s.sdata) - 1, 0, nullptr, nullptr);
         if (got < 0) {
             FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
@@ -411,7 +450,7 @@ bool wait_command(session &s) {
     if (ftpd_standard()) {
         // The control channel alone, with the service still enabled, means nothing to do.
         s.cmd = -1;
-        if (ftpd_epoll_event(s.epoll, s.control_fd, FTP_EPOLL_IN)) {
+        if (ftpd_epoll_event(s.epoll.get(), s.control_fd, FTP_EPOLL_IN)) {
             receive_more(s);
             memset(s.data_buff, 0, FTP_BUF_SIZE);
             s.cmd = take_line(s);
@@ -421,7 +460,7 @@ bool wait_command(session &s) {
     }
     // When only the control channel woke us and the service stays enabled, the previous command
     // code is dispatched again with its argument; that repetition is intended.
-    if (ftpd_epoll_event(s.epoll, s.control_fd, FTP_EPOLL_IN)) {
+    if (ftpd_epoll_event(s.epoll.get(), s.control_fd, FTP_EPOLL_IN)) {
         memset(s.data_buff, 0, FTP_BUF_SIZE);
         s.cmd = get_command(s.control_fd, s.read_buff, s.data_buff, FTP_BUF_SIZE, &s.peer_closed);
     }
@@ -437,6 +476,7 @@ void set_send_deadline(int fd, int seconds) {
 }
 
 void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def_addr) {
+    s.record.arm();
     if (init_cred(&s.pcred, contrl_type) != 0) return;
 
     s.pcred.ctl_fd = s.control_fd;
@@ -455,8 +495,7 @@ void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def
     ftpd_snprintf(s.data_buff, FTP_BUF_SIZE, "220 %s FTP server <version 1.00> ready.\r\n", product);
     if (ftpd_reply(s.control_fd, nullptr, "%s", s.data_buff, nullptr) < 0) return;
 
-    s.epoll = ftpd_epoll_create();
-    if (s.epoll == nullptr) {
+    if (!s.epoll.create()) {
         FTPD_LOG_ERR("%s: Epoll create errno.\n", FTPD_MODULE);
         return;
     }
@@ -483,30 +522,23 @@ void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp
     session s;
     s.control_fd = control_fd;
     s.domain_fd = domain_fd;
-    memset(&s.pcred, 0, sizeof(s.pcred));
 
-    s.whole_buff = static_cast<char *>(ftpd_malloc(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE));
-    if (s.whole_buff == nullptr) {
+    s.whole_buff = ftpd_block(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
+    if (!s.whole_buff) {
         FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
         return;
     }
-    s.data_buff = s.whole_buff;
-    s.read_buff = s.whole_buff + FTP_BUF_SIZE;
+    s.data_buff = s.whole_buff.get();
+    s.read_buff = s.whole_buff.get() + FTP_BUF_SIZE;
     s.reply_buff = s.read_buff;
 
     run_session(s, contrl_type, def_addr);
 
-    // End sequence: every way out of the loop comes here.
+    // End sequence: every way out of the loop comes here. The counted steps run first; the
+    // owners then give back the waiter, the command buffers and the record.
     FTPD_LOG_PRO("FTP_SERVER_END:\n");
     if (s.pcred.logged_local_aaa_in) ftp_update_online_count(s.pcred.online_name, 0);
     ftp_aaa_del_user(&s.pcred);
-    ftpd_epoll_destroy(s.epoll);
-    ftpd_free(FTPD_M_WHOLE_BUF, s.whole_buff);
-    clear_cred(&s.pcred);
-    // Descriptors a handler may have left open (a passive listener never used) go with the session.
-    if (s.pcred.listen_pdata >= 0) close(s.pcred.listen_pdata);
-    if (s.pcred.pdata >= 0) close(s.pcred.pdata);
-    if (s.pcred.data >= 0) close(s.pcred.data);
 }
 
 void *ftp_connect_thread(void *arg) {
