@@ -253,6 +253,17 @@ bool list_or_nlst(session &s, int cmd) {
     return r != -2;
 }
 
+// RETR, STOR and APPE: a stop message during the transfer ends the session. A REST offset
+// serves only the transfer that follows it.
+bool file_transfer(session &s) {
+    auto *run = s.cmd == FTP_CMD_RETR ? command_retr : s.cmd == FTP_CMD_STOR ? command_stor : command_appe;
+    int rc = run(s.control_fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, &s.pcred, s.domain_fd);
+    s.pcred.rest_offset = 0;
+    if (rc != 0) return false;
+    s.pcred.cnt.data_type = 0;
+    return true;
+}
+
 // REST STREAM: the offset of the next RETR or STOR.
 bool command_rest(session &s) {
     if (!is_logged_in(&s.pcred)) return reply(s, FTP_REPLY_530) >= 0;
@@ -286,13 +297,8 @@ bool dispatch_standard(session &s) {
             return reply(s, "225 No transfer to abort.\r\n") >= 0;
         case FTP_CMD_REST:
             return command_rest(s);
-        case FTP_CMD_APPE: {
-            int rc = command_appe(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
-            pcred->rest_offset = 0;
-            if (rc != 0) return false;
-            pcred->cnt.data_type = 0;
-            return true;
-        }
+        case FTP_CMD_APPE:
+            return file_transfer(s);
         case FTP_CMD_MLSD:
             return list_or_nlst(s, s.cmd);
         case FTP_CMD_MLST:
@@ -359,14 +365,8 @@ bool dispatch(session &s) {
             type_fun(fd, s.data_buff, pcred);
             return true;
         case FTP_CMD_RETR:
-        case FTP_CMD_STOR: {
-            auto *run = s.cmd == FTP_CMD_RETR ? command_retr : command_stor;
-            int rc = run(fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, pcred, s.domain_fd);
-            pcred->rest_offset = 0;
-            if (rc != 0) return false;
-            pcred->cnt.data_type = 0;
-            return true;
-        }
+        case FTP_CMD_STOR:
+            return file_transfer(s);
         case FTP_CMD_RNFR:
             return command_rnfr(fd, s.data_buff, s.reply_buff, s.rename_from, s.currentdir, pcred) == 0;
         case FTP_CMD_RNTO:

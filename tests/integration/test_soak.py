@@ -40,7 +40,7 @@ def transferred(replies):
     assert replies.startswith(b"150") and b"\n226 " in replies, replies
 
 
-def session(port, user):
+def session(port, user, password="secret1", answer=b"230"):
     c = RawClient(port, timeout=60)
     try:
         c.reply()
@@ -48,7 +48,7 @@ def session(port, user):
         c.close()
         raise Refused()
     expect(c.cmd("USER " + user), b"331")
-    expect(c.cmd("PASS secret1"), b"230")
+    expect(c.cmd("PASS " + password), answer)
     return c
 
 
@@ -158,15 +158,7 @@ def long_name(port, user, tag):
 
 
 def wrong_password(port, user, tag):
-    c = RawClient(port, timeout=60)
-    try:
-        c.reply()
-    except (EOFError, ConnectionResetError):
-        c.close()
-        raise Refused()
-    expect(c.cmd("USER " + user), b"331")
-    expect(c.cmd("PASS wrong"), b"530")
-    c.close()
+    session(port, user, "wrong", b"530").close()
 
 
 def never_reads(port, user, tag):
