@@ -1,8 +1,10 @@
 // LIST: the long-form listing staged in a private temporary file and then sent over the data
-// connection. Also owns what LIST shares with NLST and the file commands: the listing line, the
-// wildcard matcher, the unique temporary file and the batched writing of its lines, the sending
-// of a staged listing, the path resolution sequence over a work buffer and the common command and
-// writer skeletons.
+// connection. Also owns what LIST shares with NLST, MLSD and the file commands: the listing line,
+// the wildcard matcher, the unique temporary file and the batched writing of its lines, the
+// sending of a staged listing, the path resolution sequence over a work buffer and the common
+// command and writer skeletons, the device's and the standard profile's. The standard profile
+// skips option words, shows dot files on request and stages the listing before it opens the data
+// connection, so that a path that cannot be listed is refused before any preliminary reply.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -291,10 +293,29 @@ const ftpd_listing_kind kListKind = {
     .reg = list_reg,
     .wildcard = list_wildcard,
 };
+
+size_t std_list_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line,
+                     size_t cap) {
+    (void)d_type;
+    if (ftpd_entry_info(dfd, name, line, static_cast<int>(cap), view.this_year) != 0) return 0;
+    return strlen(line);
+}
+
+const ftpd_std_kind kStdListKind = {
+    .line = std_list_line,
+    .options = true,
+    .patterns = true,
+    .single_file = true,
+    .name_prefix = false,
+    .raw_lines = false,
+};
 }  // namespace
 
 int list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
              struct credentials *pcred, int domain_fd) {
+    if (ftpd_standard())
+        return ftpd_run_std_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd,
+                                    kStdListKind);
     return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kListKind,
                             write_list);
 }
@@ -348,6 +369,209 @@ int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, 
         if (!out.add(databuff)) return -2;
     }
     return out.finish() ? 0 : -2;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Standard profile
+
+namespace {
+
+bool std_entry_hidden(const char *name, const ftpd_std_view &view) {
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return true;
+    // A line end inside a name would read as two names on the client's side.
+    if (strpbrk(name, "\r\n") != nullptr) return true;
+    if (view.temp_name != nullptr && strcmp(name, view.temp_name) == 0) return true;
+    if (name[0] == '.' && !view.dot_names) return true;
+    return view.root && !is_access_path(name);
+}
+
+// The temporary file's own name when it lies in the directory dir, else nullptr.
+const char *temp_name_in(const char *listtemp, const char *dir) {
+    const char *slash = strrchr(listtemp, '/');
+    if (slash == nullptr) return nullptr;
+    size_t n = static_cast<size_t>(slash - listtemp);
+    size_t len = strlen(dir);
+    while (len > 1 && dir[len - 1] == '/') len--;
+    if (len != n || strncmp(listtemp, dir, n) != 0) return nullptr;
+    return slash + 1;
+}
+
+// The client's text up to and including its last "/" (empty without one); with whole_dir, the
+// text itself as a directory, ending in "/". Fits: the text is bounded by the command line.
+void client_prefix(const char *client, bool whole_dir, char *prefix, size_t cap) {
+    prefix[0] = '\0';
+    if (whole_dir) {
+        ftpd_strlcpy(prefix, client, cap);
+        size_t len = strlen(prefix);
+        if (len > 0 && prefix[len - 1] != '/') ftpd_strlcat(prefix, "/", cap);
+        return;
+    }
+    const char *slash = strrchr(client, '/');
+    if (slash == nullptr) return;
+    size_t n = static_cast<size_t>(slash - client) + 1;
+    if (n >= cap) n = cap - 1;
+    memcpy(prefix, client, n);
+    prefix[n] = '\0';
+}
+
+// Removes the leading option words (each a word beginning with "-") of a LIST or NLST argument in
+// place, leaving the path. True when one of them asks for names beginning with "." (a or A).
+bool skip_list_options(char *arg) {
+    bool dots = false;
+    char *p = arg;
+    while (*p == '-') {
+        for (; *p != '\0' && *p != ' ' && *p != '\t'; p++)
+            if (*p == 'a' || *p == 'A') dots = true;
+        while (*p == ' ' || *p == '\t') p++;
+    }
+    memmove(arg, p, strlen(p) + 1);
+    return dots;
+}
+
+enum class std_stage { ok, missing, not_dir, failed };
+
+// Writes the listing of the real path into the batch. area holds the line, then the directory
+// scanned, then the name prefix. named: the client gave a path (an empty argument lists the
+// current directory with bare names).
+std_stage stage_std(const char *real, const char *client, bool named, bool dot_names, const ftpd_std_kind &kind,
+                    const char *current_dir, const char *listtemp, ftpd_list_batch &out, char *area) {
+    char *line = area;
+    char *dir = line + FTP_LIST_LINE_SIZE;
+    char *prefix = dir + FTP_LIST_TEMPPATH_SIZE;
+    prefix[0] = '\0';
+    ftpd_std_view view{};
+    view.dot_names = dot_names;
+    view.prefix = prefix;
+    view.this_year = ftpd_this_year();
+
+    struct stat st;
+    const char *pattern = nullptr;
+    if (stat(real, &st) != 0) {
+        if (!kind.patterns || strpbrk(real, "*?") == nullptr) return std_stage::missing;
+        pattern = ftpd_split_pattern(real, dir, current_dir);
+        if (stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) return std_stage::missing;
+        // As in a shell, a pattern that begins with "." is asking for such names.
+        if (pattern[0] == '.') view.dot_names = true;
+        if (kind.name_prefix) client_prefix(client, false, prefix, FTP_LIST_ENTRY_SIZE);
+    } else if (S_ISDIR(st.st_mode)) {
+        if (!ftpd_strlcpy(dir, real, FTP_LIST_TEMPPATH_SIZE)) return std_stage::missing;
+        if (kind.name_prefix && named) client_prefix(client, true, prefix, FTP_LIST_ENTRY_SIZE);
+    } else if (!S_ISREG(st.st_mode)) {
+        return kind.single_file ? std_stage::missing : std_stage::not_dir;
+    } else {
+        if (!kind.single_file) return std_stage::not_dir;
+        // A file named by itself is shown, dot file or not, through its directory like any entry.
+        const char *name = ftpd_split_pattern(real, dir, current_dir);
+        unique_fd dfd(open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        const char *temp_name = temp_name_in(listtemp, dir);
+        if (!dfd || (temp_name != nullptr && strcmp(name, temp_name) == 0)) return std_stage::missing;
+        if (kind.name_prefix) client_prefix(client, false, prefix, FTP_LIST_ENTRY_SIZE);
+        size_t n = kind.line(dfd.get(), name, DT_UNKNOWN, view, line, FTP_LIST_LINE_SIZE);
+        if (n == 0) return std_stage::missing;
+        return out.add(line, n) && out.finish() ? std_stage::ok : std_stage::failed;
+    }
+
+    dir_handle d(opendir(dir));
+    if (!d) return std_stage::missing;
+    int dfd = dirfd(d.get());
+    struct stat dst;
+    view.dir_writable = fstat(dfd, &dst) == 0 && (dst.st_mode & S_IWUSR) != 0;
+    view.root = is_dir_root(dir);
+    view.temp_name = temp_name_in(listtemp, dir);
+    while (struct dirent *ent = readdir(d.get())) {
+        const char *name = ent->d_name;
+        if (std_entry_hidden(name, view)) continue;
+        if (pattern != nullptr && ftpd_is_match(name, pattern) != 1) continue;
+        size_t n = kind.line(dfd, name, ent->d_type, view, line, FTP_LIST_LINE_SIZE);
+        if (n > 0 && !out.add(line, n)) return std_stage::failed;
+    }
+    return out.finish() ? std_stage::ok : std_stage::failed;
+}
+
+}  // namespace
+
+int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                         struct credentials *pcred, int domain_fd, const ftpd_std_kind &kind) {
+    ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
+    if (!work) {
+        reply451(control_fd);
+        return 0;
+    }
+    char *inpath = work.get();
+    char *outpath = inpath + FTP_PATH_HALF;
+
+    bool dot_names = kind.options ? skip_list_options(path) : true;
+    bool named = path[0] != '\0';
+    if (!named) ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+    // Refusals name the path as the client sent it, never the real one.
+    auto missing = [&]() {
+        ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
+        return 0;
+    };
+    switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
+        case ftpd_resolve_result::trim_failed:
+            reply451(control_fd);
+            return 0;
+        case ftpd_resolve_result::refused:
+        case ftpd_resolve_result::too_long:
+            return missing();
+        case ftpd_resolve_result::ok:
+            break;
+    }
+
+    // The whole listing is staged before the data connection is opened: a path that cannot be
+    // listed is refused without a preliminary reply.
+    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
+    if (!whole) {
+        FTPD_LOG_ERR("malloc while_buff fail\n");
+        reply451(control_fd);
+        return 0;
+    }
+    ftpd_listtemp temp;
+    if (temp.create() != 0) {
+        FTPD_LOG_ERR("ftpd_mkstemp fail\n");
+        reply451(control_fd);
+        return 0;
+    }
+    ftpd_list_batch out(temp.fd(), whole.get() + FTP_LIST_BUF_SIZE, FTP_LIST_BATCH_SIZE);
+    switch (stage_std(inpath, path, named, dot_names, kind, current_dir, temp.path(), out, whole.get())) {
+        case std_stage::missing:
+            return missing();
+        case std_stage::not_dir:
+            ftpd_reply(control_fd, nullptr, "501 \"%s\": Not a directory.\r\n", path, nullptr);
+            return 0;
+        case std_stage::failed:
+            reply451(control_fd);
+            return 0;
+        case std_stage::ok:
+            break;
+    }
+    whole.reset();
+    work.reset();
+    if (!temp.reopen_for_reading()) {
+        reply451(control_fd);
+        return 0;
+    }
+
+    unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
+    if (!data_sock) return 0;  // dataconn has replied
+    ftp_set_userinfo_update(pcred);
+    pcred->byte_count = 0;
+    // Lines that carry their CR LF already go out untouched, as in binary type; the session's
+    // type is back before anyone looks at the slot again.
+    int type = pcred->cnt.tran_type;
+    if (kind.raw_lines) pcred->cnt.tran_type = 3;
+    int sent = send_data_with_type(control_fd, temp.fd(), data_sock.get(), kAsciiBlock, pcred, domain_fd);
+    pcred->cnt.tran_type = type;
+    temp.remove();
+
+    int on = 1;
+    ioctl(data_sock.get(), FIONBIO, &on);
+    data_sock.reset();
+    pcred->pdata = -1;
+    pcred->data = -1;
+    ftp_set_userinfo_update(pcred);
+    return sent == -2 ? -2 : 0;
 }
 
 // ---------------------------------------------------------------------------------------------

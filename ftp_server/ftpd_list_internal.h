@@ -1,9 +1,10 @@
-// Internals shared by the listing commands (LIST, NLST) and the directory and file commands: the
-// path resolution sequence over a work buffer, the temporary listing file owner, the batched
-// writer of listing lines, the per-entry listers and the common command and writer skeletons that
-// LIST and NLST fill with their own rows.
+// Internals shared by the listing commands (LIST, NLST, MLSD, MLST) and the directory and file
+// commands: the path resolution sequence over a work buffer, the temporary listing file owner, the
+// batched writer of listing lines, the per-entry listers and the common command and writer
+// skeletons that the listing commands fill with their own rows.
 #pragma once
 
+#include <cstddef>
 #include <cstring>
 
 #include "ftpd.h"
@@ -112,3 +113,37 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
 int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
                      struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind,
                      int (*writer)(int, int, char *, char *, struct credentials *, int));
+
+// ---------------------------------------------------------------------------------------------
+// Standard profile. The listing is staged completely before the data connection is opened, so
+// that a path that cannot be listed is refused without a preliminary reply.
+
+// What a standard-profile listing shows of the entries of one directory.
+struct ftpd_std_view {
+    const char *temp_name;  // the listing's own temporary file when it lies in that directory
+    bool dot_names;         // names beginning with "." are shown ("." and ".." never are)
+    bool root;              // the directory is "/": the system trees stay hidden
+    bool dir_writable;      // the directory's owner may write it (MLSD perm facts)
+    const char *prefix;     // put before every name: the directory part the client named (NLST)
+    int this_year;          // for the listing line's time or year
+};
+
+// One entry's line of a standard-profile listing, written into line (cap bytes) with its line end:
+// the length, or 0 when the entry is not shown (type, vanished, or text that does not fit).
+// dfd is the open directory; d_type is the entry's type from the directory, DT_UNKNOWN if unsure.
+using ftpd_std_line_fn = size_t (*)(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view,
+                                    char *line, size_t cap);
+
+struct ftpd_std_kind {
+    ftpd_std_line_fn line;
+    bool options;      // leading option words are skipped; else every name is shown
+    bool patterns;     // a missing path with "*" or "?" is matched in its directory
+    bool single_file;  // a regular file is listed by itself (else: 501, not a directory)
+    bool name_prefix;  // names carry the directory part the client named
+    bool raw_lines;    // lines carry their CR LF already: sent untouched whatever the type
+};
+
+// The standard-profile LIST, NLST and MLSD command: resolves the argument, stages the listing,
+// then opens the data connection and sends it. -2 when the stop message aborted it, else 0.
+int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                         struct credentials *pcred, int domain_fd, const ftpd_std_kind &kind);

@@ -2,6 +2,10 @@
 // its own row: arguments are never taken for options, nothing is logged by the writer, and only
 // regular files are listed, one name per line without any directory prefix. Names are gathered
 // in batches and the staged file is flushed once, before it is sent.
+//
+// The standard profile names directories too, skips option words as LIST does, and gives every
+// name the directory part the client named ("NLST sub" and "NLST sub/*.c" answer sub/a.c), so
+// that each line can be handed back to RETR or DELE as it is, as multiple-file gets do.
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -42,10 +46,34 @@ bool write_name(ftpd_list_batch &out, const char *name, size_t bound, char *data
     return out.add(databuff);
 }
 
+// Standard profile: directories and regular files (links followed), after the prefix.
+size_t std_nlst_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line,
+                     size_t cap) {
+    if (d_type != DT_REG && d_type != DT_DIR) {
+        if (d_type != DT_LNK && d_type != DT_UNKNOWN) return 0;
+        struct stat st;
+        if (fstatat(dfd, name, &st, 0) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) return 0;
+    }
+    if (!ftpd_snprintf(line, cap, "%s%s\n", view.prefix, name)) return 0;
+    return strlen(line);
+}
+
+const ftpd_std_kind kStdNlstKind = {
+    .line = std_nlst_line,
+    .options = true,
+    .patterns = true,
+    .single_file = true,
+    .name_prefix = true,
+    .raw_lines = false,
+};
+
 }  // namespace
 
 int nlst_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
              struct credentials *pcred, int domain_fd) {
+    if (ftpd_standard())
+        return ftpd_run_std_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd,
+                                    kStdNlstKind);
     return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kNlstKind,
                             write_nlst);
 }

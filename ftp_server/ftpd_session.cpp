@@ -291,6 +291,9 @@ bool dispatch_standard(session &s) {
         case FTP_CMD_OPTS:
             if (strcasecmp(s.data_buff, "UTF8 ON") == 0 || strcasecmp(s.data_buff, "UTF8") == 0)
                 return reply(s, "200 Always in UTF8 mode.\r\n") >= 0;
+            // Every fact is always sent; clients pick the ones they asked for.
+            if (strncasecmp(s.data_buff, "MLST", 4) == 0 && (s.data_buff[4] == '\0' || s.data_buff[4] == ' '))
+                return reply(s, "200 MLST OPTS type;size;modify;perm;unique;\r\n") >= 0;
             return reply(s, "501 Option not understood.\r\n") >= 0;
         case FTP_CMD_ABOR:
             // Commands are served one at a time: a transfer has always ended before ABOR is read.
