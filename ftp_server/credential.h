@@ -79,4 +79,5 @@ struct credentials {
     char online_name[FTP_NAME_LEN];    // the account whose online count this session took, if any
     bool fail_waited;                  // the current PASS has waited out the failed-login delay
     off_t rest_offset;                 // standard profile: REST offset for the next transfer, 0 none
+    bool at_user_limit;                // the user named by USER had no free connection slot
 };

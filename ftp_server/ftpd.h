@@ -242,6 +242,8 @@ int set_ftp_server_userinfo(const char *name, const char *password, const char *
 int unset_ftp_server_userinfo(const char *name);
 int get_ftp_server_userinfo(int index, char *name, char *password, uint32_t *type);
 int ftp_set_userinfo_connect(const char *name, struct credentials *pcred);
+// Whether a configured user of that name has exactly that password (no slot is taken).
+bool ftp_userinfo_password_matches(const char *name, const char *password);
 int ftp_set_userinfo_disconnect(struct credentials *pcred);
 int ftp_set_userinfo_update(struct credentials *pcred);
 int ftp_malloc_userinfo_cnt(struct ftp_user_info_s *row);
@@ -258,6 +260,7 @@ uint32_t get_ftp_server_passtype(void);
 extern bool g_aaa_ready;
 int user(int control_fd, char *arg, struct credentials *pcred, char *client_name);
 int auth_user(const char *name, struct credentials *pcred);
+// 0 accepted (or answered 503), -1 refused, -2 refused for good (the session ends).
 int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name);
 int auth_pass(const char *arg, const struct credentials *pcred);
 // Waits the platform's failed-login delay before the first refusal of the current PASS.

@@ -27,8 +27,10 @@ int makedir(int control_fd, const char *name, const char *current_dir, struct cr
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
+    // The device's process runs with no umask; on plain Linux a new directory is not world-writable.
+    mode_t mode = ftpd_standard() ? 0755 : 0777;
     if (ftpd_resolve_path(pcred, current_dir, name, inpath, outpath) != ftpd_resolve_result::ok ||
-        mkdir(inpath, 0777) != 0) {
+        mkdir(inpath, mode) != 0) {
         ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
         return ftpd_reply_text(control_fd, outpath);
     }

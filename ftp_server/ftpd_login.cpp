@@ -44,6 +44,7 @@ int auth_user(const char *name, struct credentials *pcred) {
     }
     int ret = ftp_set_userinfo_connect(name, pcred);
     FTPD_LOG_PRO("%s, ftp_set_userinfo_connect, ret = %d", __func__, ret);
+    pcred->at_user_limit = ret == 2;
     switch (ret) {
     case 0:
         return 0;
@@ -113,6 +114,12 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
         reply_text(control_fd, "230 User logged in, proceed.\r\n");
         return 0;
     }
+    // Stock clients wait and try again on 421, but give up on 530: a user at its connection
+    // limit is told so, once the password has shown that the name is theirs.
+    if (ftpd_standard() && pcred->at_user_limit && ftp_userinfo_password_matches(client_name, arg)) {
+        reply_text(control_fd, "421 Too many connections for this user, try again later.\r\n");
+        return -2;
+    }
     if (!g_aaa_ready) {
         FTPD_LOG_ERR("Fail to reg aaa.\n");
         ftp_login_fail_wait(pcred);
@@ -131,9 +138,10 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
         FTPD_LOG_PRO("Ftp local authentication finish, ret = %d.\n", ret);
     }
     if (ret != 0) {
-        // The client gets this second 530 after the one of the authentication step.
+        // The device sends this second 530 after the one of the authentication step; a stock
+        // client would take it for the answer to its next command.
         ftp_login_fail_wait(pcred);
-        ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
+        if (!ftpd_standard()) ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
         return -1;
     }
     if (!local) {

@@ -324,14 +324,16 @@ bool dispatch(session &s) {
                 s.logn++;
             }
             return get_ftp_logintimes() > static_cast<unsigned>(s.logn);
-        case FTP_CMD_PASS:
+        case FTP_CMD_PASS: {
             // SECURITY: a PASS out of sequence (503) neither resets the failure counts nor ends
             // the login time-out, or guesses could be interleaved without limit.
             if (ftpd_standard() && (pcred->logged_in != 0 || pcred->askpasswd == 0)) {
                 pass(fd, s.data_buff, pcred, s.client_name);
                 return true;
             }
-            if (pass(fd, s.data_buff, pcred, s.client_name) != -1) {
+            int passed = pass(fd, s.data_buff, pcred, s.client_name);
+            if (passed == -2) return false;  // refused for good: the session ends
+            if (passed != -1) {
                 s.logn = 0;
                 s.logpwd = 0;
                 s.login = 1;
@@ -340,6 +342,7 @@ bool dispatch(session &s) {
             ftp_authen_trap_send();
             s.logpwd++;
             return get_ftp_logintimes() > static_cast<unsigned>(s.logpwd);
+        }
         case FTP_CMD_CWD:
             return command_cwd(fd, s.data_buff, s.reply_buff, s.currentdir, pcred) == 0;
         case FTP_CMD_CDUP:

@@ -178,6 +178,12 @@ int ftp_set_userinfo_connect(const char *name, struct credentials *pcred) {
     return 0;
 }
 
+bool ftp_userinfo_password_matches(const char *name, const char *password) {
+    std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
+    const struct ftp_user_info_s *row = find_row_locked(name);
+    return row != nullptr && password != nullptr && password[0] != '\0' && strcmp(row->password, password) == 0;
+}
+
 int ftp_set_userinfo_disconnect(struct credentials *pcred) {
     if (pcred == nullptr || ftp_serch_userinfo(pcred->name) == nullptr) {
         FTPD_LOG_PRO("ftp set userinfo disconnect failed: no such user.");

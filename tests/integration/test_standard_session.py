@@ -93,6 +93,22 @@ class StandardSessionTest(ProfileCase):
         self.assertEqual(c.cmd("EPRT |1|127.0.0.1|51201|"), b"200 EPRT Command okay.\r\n")
         c.close()
 
+    def test_user_at_its_limit_and_refused_passwords(self):
+        """At the per-user limit the right password gets 421 and the end of the session (clients
+        retry that later), a wrong one a single 530, like any refused password."""
+        held = [logged_in(self.d.port) for _ in range(10)]
+        c = RawClient(self.d.port)
+        c.reply()
+        c.cmd("USER alice")
+        self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
+        self.assertEqual(c.cmd("NOOP"), NOOP_OK)  # no second 530 left to read
+        c.cmd("USER alice")
+        self.assertTrue(c.cmd("PASS secret1").startswith(b"421 "))
+        self.assertTrue(c.closed())
+        c.close()
+        for h in held:
+            h.close()
+
     def test_out_of_sequence_pass_does_not_reset_the_failures(self):
         """Three wrong passwords end the session even with a 503 PASS between each."""
         self.assertTrue(guesses_with_503_between(self.d.port))
