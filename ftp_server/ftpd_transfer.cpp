@@ -454,10 +454,12 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
     };
     bool armed = w.add(instr, EPOLLIN) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN));
     // Binary type to a regular file is spliced; otherwise (or when the connection cannot splice)
-    // the bytes are received into the buffer.
+    // the bytes are received into the buffer. The kernel does not splice into a file opened for
+    // appending (the standard profile's APPE), so that one is written from the buffer too.
     kernel_pipe sp(kReceivePipe);
     struct stat st;
-    bool use_splice = pcred->cnt.tran_type != 1 && fstat(outstr, &st) == 0 && S_ISREG(st.st_mode) && sp.ok();
+    bool use_splice = pcred->cnt.tran_type != 1 && fstat(outstr, &st) == 0 && S_ISREG(st.st_mode) && sp.ok() &&
+                      !(ftpd_standard() && (fcntl(outstr, F_GETFL) & O_APPEND) != 0);
     while (armed) {
         int n_ready = w.wait();
         if (n_ready <= 0) {
