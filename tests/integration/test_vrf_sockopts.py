@@ -1,6 +1,7 @@
 """The device's VRF socket options never reach Linux: under strace, a daemon that serves passive
 and active transfers over IPv4 and IPv6 makes no setsockopt with IPPROTO_IP option 51 or 53 or
-IPPROTO_IPV6 option 102 or 104 (numbers that mean other things on Linux)."""
+IPPROTO_IPV6 option 102 or 104 (numbers that mean other things on Linux). The debug lines name
+the VRF by its number, 0 for the default VRF."""
 
 import io
 import os
@@ -78,6 +79,7 @@ class VrfSockoptTest(unittest.TestCase):
         ftp.quit()
 
     def test_transfers_never_pass_device_vrf_options(self):
+        self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
         for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
             for passive in (True, False):
                 self.transfer(host, passive)
@@ -90,6 +92,10 @@ class VrfSockoptTest(unittest.TestCase):
             calls = [(int(m.group(1), 0), int(m.group(2), 0)) for m in CALL.finditer(f.read())]
         self.assertTrue(calls, "strace saw no setsockopt at all: the trace is not working")
         self.assertEqual([c for c in calls if c in DEVICE_OPTIONS], [])
+        log = self.d.logtext()
+        self.assertRegex(log, r"getdatasock fd \d+ receive ip vrf is 0\b")
+        if has_ipv6():
+            self.assertIn("getdatasock receive ipv6 vrf is 0", log)
 
 
 if __name__ == "__main__":
