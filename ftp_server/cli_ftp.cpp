@@ -8,6 +8,10 @@
 #include "cli.h"
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_cli.h"
+#include "ftpd_listener.h"
+#include "ftpd_settings.h"
+#include "ftpd_users.h"
 #include "login_pwd.h"
 #include "pwd_policy.h"
 
@@ -17,7 +21,9 @@ namespace {
 #define POLICY_TEXT_LEN 256
 #define PASSWORD_INPUT_LEN FTP_BUF_SIZE
 
-void fail(struct cli_cmd *cmd) { cli_client_execmd_fail(cmd); }
+void fail(struct cli_cmd *cmd) {
+    cli_client_execmd_fail(cmd);
+}
 
 // Storage keywords of the top-directory command and the device's storage number of each.
 struct storage_kw {
@@ -312,13 +318,21 @@ void debug_ftp_server_pro_cmd(struct cli_cmd *cmd) {
     }
 }
 
-void support_show_ftp_server_cmd(struct cli_cmd *) { dump_ftp_server_information(cli_printf); }
+void support_show_ftp_server_cmd(struct cli_cmd *) {
+    dump_ftp_server_information(cli_printf);
+}
 
-void support_show_ftp_server_user_cmd(struct cli_cmd *) { dump_ftp_server_user_password(cli_printf); }
+void support_show_ftp_server_user_cmd(struct cli_cmd *) {
+    dump_ftp_server_user_password(cli_printf);
+}
 
-void support_show_ftp_server_memory_cmd(struct cli_cmd *) { ftpd_mem_dump(cli_printf); }
+void support_show_ftp_server_memory_cmd(struct cli_cmd *) {
+    ftpd_mem_dump(cli_printf);
+}
 
-void support_show_ftp_server_ham_cmd(struct cli_cmd *) { app_ham_show_last_ntfy_time(cli_printf); }
+void support_show_ftp_server_ham_cmd(struct cli_cmd *) {
+    app_ham_show_last_ntfy_time(cli_printf);
+}
 
 // ----- the command tree -------------------------------------------------------------------------
 
@@ -356,8 +370,7 @@ const char *const h_max_connect[] = {FTP_HELP, "Set max-user-connect", "numbers"
 // The password forms are registered as two rows each, plain ([0]) and hidden (7), so that the
 // text after 7 has its own help.
 #define USER_HELPS FTP_HELP, "Specify username of FTP Server", "Username length(1-64)"
-const char *const h_user_password[] = {USER_HELPS, "Specify password of FTP Server", UNENCRYPTED_HELP,
-                                       PASSWORD_HELP};
+const char *const h_user_password[] = {USER_HELPS, "Specify password of FTP Server", UNENCRYPTED_HELP, PASSWORD_HELP};
 const char *const h_user_password_7[] = {USER_HELPS, "Specify password of FTP Server", HIDDEN_HELP, ENCRYPTED_HELP};
 const char *const h_user[] = {USER_HELPS};
 const char *const h_password[] = {FTP_HELP, "Specify password of FTP Server", UNENCRYPTED_HELP, PASSWORD_HELP};

@@ -3,10 +3,11 @@
 // compared, so a word run together with its argument (LISTX, PASSWORD) still matches. That loose
 // matching is relied on by clients and stays.
 #include "ftpd.h"
+#include "ftpd_parser.h"
 
 // Argument: from the first character that is not a blank, tab, CR or LF up to the first zero,
 // CR or LF, at most FTP_BUF_SIZE - 1 characters; the rest is dropped silently.
-void set_data(const char *src, char *databuff) {
+static void set_data(const char *src, char *databuff) {
     while (*src == ' ' || *src == '\t' || *src == '\r' || *src == '\n') src++;
     int n = 0;
     while (n < FTP_BUF_SIZE - 1 && src[n] != '\0' && src[n] != '\r' && src[n] != '\n') {
@@ -16,21 +17,21 @@ void set_data(const char *src, char *databuff) {
     databuff[n] = '\0';
 }
 
-int _cmp1(char c, const char *p, char *databuff) {
+static int _cmp1(char c, const char *p, char *databuff) {
     if (p[0] != c) return 0;
     set_data(p + 1, databuff);
     return 1;
 }
 
 // Each byte is tested before the next is read, so a line ending early never reads past its zero.
-int _cmp2(char c1, char c2, const char *p, char *databuff) {
+static int _cmp2(char c1, char c2, const char *p, char *databuff) {
     if (p[0] == '\0' || p[0] != c1) return 0;
     if (p[1] == '\0' || p[1] != c2) return 0;
     set_data(p + 2, databuff);
     return 1;
 }
 
-int _cmp3(char c1, char c2, char c3, const char *p, char *databuff) {
+static int _cmp3(char c1, char c2, char c3, const char *p, char *databuff) {
     if (p[0] == '\0' || p[0] != c1) return 0;
     if (p[1] == '\0' || p[1] != c2) return 0;
     if (p[2] == '\0' || p[2] != c3) return 0;
@@ -38,6 +39,8 @@ int _cmp3(char c1, char c2, char c3, const char *p, char *databuff) {
     return 1;
 }
 
+// One case a line: the tree reads as a table.
+// clang-format off
 // The line holds at least three characters here, so s[1] and s[2] are readable; s[3] may be the
 // terminating zero, which no letter test matches.
 static int parse_a(const char *s, char *d) {
@@ -164,6 +167,9 @@ static int parse_x(const char *s, char *d) {
     }
 }
 
+// clang-format on
+
+// clang-format off
 int ftpd_parse_cmd(const char *str, char *databuff) {
     if (str == nullptr || str[0] == '\0' || str[1] == '\0' || str[2] == '\0') return 0;
     if (str[0] < 'A' || str[0] > 'X') return 0;
@@ -189,3 +195,4 @@ int ftpd_parse_cmd(const char *str, char *databuff) {
         default: return 0;
     }
 }
+// clang-format on

@@ -13,6 +13,7 @@
 #include "app_dbg.h"
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_path.h"
 
 namespace {
 

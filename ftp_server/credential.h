@@ -16,8 +16,8 @@ struct ftp_connect_addr {
 
 // Hand-off record from the listener to a session thread (category FTPD_M_INFO).
 struct ftp_connect_info {
-    int domain_fd;  // local control-channel socket (shared, not owned)
-    int fd;         // accepted control connection (owned by the session thread)
+    int domain_fd;    // local control-channel socket (shared, not owned)
+    int fd;           // accepted control connection (owned by the session thread)
     int contrl_type;  // AF_INET (2) or AF_INET6 (10)
     struct ftp_connect_addr def_addr;
 };
@@ -75,9 +75,9 @@ struct credentials {
     bool epsv_all;
     int32_t cnt_index;
     struct ftp_user_cnt_info_s cnt;
-    uint32_t slot_generation;          // generation of the user-table row the slot was taken from
-    char online_name[FTP_NAME_LEN];    // the account whose online count this session took, if any
-    bool fail_waited;                  // the current PASS has waited out the failed-login delay
-    off_t rest_offset;                 // standard profile: REST offset for the next transfer, 0 none
-    bool at_user_limit;                // the user named by USER had no free connection slot
+    uint32_t slot_generation;        // generation of the user-table row the slot was taken from
+    char online_name[FTP_NAME_LEN];  // the account whose online count this session took, if any
+    bool fail_waited;                // the current PASS has waited out the failed-login delay
+    off_t rest_offset;               // standard profile: REST offset for the next transfer, 0 none
+    bool at_user_limit;              // the user named by USER had no free connection slot
 };

@@ -10,13 +10,17 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_listener.h"
+#include "ftpd_path.h"
 
 static std::atomic<bool> ftp_server_start{false};
 
 // The longest the disabling side keeps retrying sends that find the receiving queue full.
 #define FTP_STOP_SEND_MS 2000
 
-bool is_ftp_server_start(void) { return ftp_server_start.load(); }
+bool is_ftp_server_start(void) {
+    return ftp_server_start.load();
+}
 
 void ftp_server_enable(void) {
     if (!ftp_server_start.load()) {

@@ -1,6 +1,7 @@
 // The authentication-failure notification: its registration record with the SNMP agent and the
 // send that each failed USER or PASS raises.
 #include "ftpd.h"
+#include "ftpd_tech.h"
 #include "snmp_agent.h"
 
 namespace {
@@ -30,6 +31,10 @@ int ftp_trap_init(struct zq_thread_master *master) {
     return 0;
 }
 
-void ftp_authen_trap_reg(void) { snmp_trap_register(&ftp_authenticationFailure_trap); }
+void ftp_authen_trap_reg(void) {
+    snmp_trap_register(&ftp_authenticationFailure_trap);
+}
 
-void ftp_authen_trap_send(void) { snmp_send_trap(FTP_AUTH_FAIL_TRAP_ID, nullptr); }
+void ftp_authen_trap_send(void) {
+    snmp_send_trap(FTP_AUTH_FAIL_TRAP_ID, nullptr);
+}

@@ -8,6 +8,9 @@
 
 #include "aaa.h"
 #include "ftpd.h"
+#include "ftpd_login.h"
+#include "ftpd_reply.h"
+#include "ftpd_settings.h"
 
 bool g_aaa_ready = false;
 
@@ -30,7 +33,9 @@ void reply_password_denied(int control_fd, struct credentials *pcred) {
     ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
 }
 
-uint32_t add_byte(struct aaa_iovec_s *iov, uint32_t code, uint8_t v) { return aaa_add_elem_ext(iov, code, &v, 1); }
+uint32_t add_byte(struct aaa_iovec_s *iov, uint32_t code, uint8_t v) {
+    return aaa_add_elem_ext(iov, code, &v, 1);
+}
 
 uint32_t add_text(struct aaa_iovec_s *iov, uint32_t code, const char *s) {
     return aaa_add_elem_ext(iov, code, s, static_cast<uint32_t>(strlen(s)));
@@ -265,25 +270,25 @@ int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcr
     aaa_state_t state = result->sub.result;
     aaa_free_result_info(result);
     switch (state) {
-    case AAA_ACCEPT:
-        FTPD_LOG_PRO("Do aaa auth local: accept, priv(%d).\n", priv);
-        return 0;
-    case AAA_CHALLENGE:
-        FTPD_LOG_PRO("Do auth local: not support challenge.\n");
-        reply_not_logged_in(control_fd, pcred);
-        break;
-    case AAA_REJECT:
-        FTPD_LOG_PRO("Do aaa auth local: reject, priv(%d).\n", priv);
-        reply_password_denied(control_fd, pcred);
-        break;
-    case AAA_TIMEOUT:
-        FTPD_LOG_PRO("Do aaa auth local: timeout, priv(%d).\n", priv);
-        reply_not_logged_in(control_fd, pcred);
-        break;
-    default:
-        FTPD_LOG_PRO("Do aaa auth local: unknow.\n");
-        reply_not_logged_in(control_fd, pcred);
-        break;
+        case AAA_ACCEPT:
+            FTPD_LOG_PRO("Do aaa auth local: accept, priv(%d).\n", priv);
+            return 0;
+        case AAA_CHALLENGE:
+            FTPD_LOG_PRO("Do auth local: not support challenge.\n");
+            reply_not_logged_in(control_fd, pcred);
+            break;
+        case AAA_REJECT:
+            FTPD_LOG_PRO("Do aaa auth local: reject, priv(%d).\n", priv);
+            reply_password_denied(control_fd, pcred);
+            break;
+        case AAA_TIMEOUT:
+            FTPD_LOG_PRO("Do aaa auth local: timeout, priv(%d).\n", priv);
+            reply_not_logged_in(control_fd, pcred);
+            break;
+        default:
+            FTPD_LOG_PRO("Do aaa auth local: unknow.\n");
+            reply_not_logged_in(control_fd, pcred);
+            break;
     }
     return -1;
 }

@@ -17,6 +17,9 @@
 #include <random>
 
 #include "ftpd.h"
+#include "ftpd_data.h"
+#include "ftpd_reply.h"
+#include "ftpd_session.h"
 
 namespace {
 
@@ -152,7 +155,8 @@ int command_port(int control_fd, char *data_buff, char *client_addr, int *client
         unsigned a[4];
         char plain[FTP_CLIENT_ADDR_LEN];
         if (sscanf(client_addr, "%u.%u.%u.%u", &a[0], &a[1], &a[2], &a[3]) != 4 ||
-            !ftpd_snprintf(plain, sizeof plain, "%u.%u.%u.%u", a[0], a[1], a[2], a[3]) || !is_control_peer(pcred, plain)) {
+            !ftpd_snprintf(plain, sizeof plain, "%u.%u.%u.%u", a[0], a[1], a[2], a[3]) ||
+            !is_control_peer(pcred, plain)) {
             *client_port = -1;
             return ftpd_reply(control_fd, "500", "Illegal PORT Command.", nullptr, nullptr);
         }

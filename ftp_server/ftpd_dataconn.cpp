@@ -14,6 +14,9 @@
 #include <ctime>
 
 #include "ftpd.h"
+#include "ftpd_data.h"
+#include "ftpd_epoll.h"
+#include "ftpd_reply.h"
 #include "vrf.h"
 
 namespace {

@@ -6,8 +6,11 @@
 #include <cstring>
 
 #include "ftpd.h"
-#include "ftpd_replies.h"
+#include "ftpd_cmds.h"
 #include "ftpd_list_internal.h"
+#include "ftpd_path.h"
+#include "ftpd_reply.h"
+#include "ftpd_session.h"
 
 namespace {
 

@@ -1,12 +1,14 @@
 // Session event waiting: a small epoll wrapper with which one session thread waits, with a
 // time-out in seconds, for readiness on up to five descriptors (in practice its control
 // connection and the local control-channel socket).
-#include "ftpd.h"
+#include "ftpd_epoll.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "ftpd.h"
 
 static uint32_t mode_events(int mode) {
     uint32_t events = 0;
@@ -48,8 +50,8 @@ int ftpd_epoll(struct ftp_epoll_s *epoll, int mode) {
                 FTPD_LOG_PRO("(%s) epoll_ctl, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i, epoll->fd[i], ret,
                              why);
             else
-                FTPD_LOG_PRO("(%s) epoll_ctl MOD, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i,
-                             epoll->fd[i], ret, why);
+                FTPD_LOG_PRO("(%s) epoll_ctl MOD, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i, epoll->fd[i], ret,
+                             why);
             return -1;
         }
     }
@@ -64,8 +66,7 @@ int ftpd_epoll(struct ftp_epoll_s *epoll, int mode) {
 bool ftpd_epoll_event(const struct ftp_epoll_s *epoll, int fd, int mode) {
     if (epoll == nullptr) return false;
     for (int i = 0; i < epoll->wait_n && i < FTP_EPOLL_MAX; i++) {
-        if (epoll->ev[i].data.fd == fd)
-            return (epoll->ev[i].events & (mode_events(mode) | EPOLLERR | EPOLLHUP)) != 0;
+        if (epoll->ev[i].data.fd == fd) return (epoll->ev[i].events & (mode_events(mode) | EPOLLERR | EPOLLHUP)) != 0;
     }
     return false;
 }

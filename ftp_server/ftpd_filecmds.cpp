@@ -8,8 +8,15 @@
 #include <ctime>
 
 #include "ftpd.h"
-#include "ftpd_replies.h"
+#include "ftpd_cmds.h"
+#include "ftpd_help.h"
+#include "ftpd_list.h"
 #include "ftpd_list_internal.h"
+#include "ftpd_path.h"
+#include "ftpd_reply.h"
+#include "ftpd_session.h"
+#include "ftpd_settings.h"
+#include "ftpd_transfer.h"
 
 namespace {
 
@@ -146,9 +153,11 @@ int statfilecmd(int control_fd, const char *path, char *sendbuff, const char *cu
     // Lines already sent are never withdrawn: a later failure adds the 450 line after them.
     if (S_ISREG(st.st_mode)) {
         const char *name = nullptr;
-        if (get_file_name(real_path, &name) != 0 || is_special_file(name)) return ftpd_reply_text(control_fd, FTP_REPLY_450);
+        if (get_file_name(real_path, &name) != 0 || is_special_file(name))
+            return ftpd_reply_text(control_fd, FTP_REPLY_450);
         // The line is bounded by the reply buffer actually at hand.
-        if (get_file_info(real_path, sendbuff, FTP_BUF_SIZE, name) != 0) return ftpd_reply_text(control_fd, FTP_REPLY_450);
+        if (get_file_info(real_path, sendbuff, FTP_BUF_SIZE, name) != 0)
+            return ftpd_reply_text(control_fd, FTP_REPLY_450);
         if (!send_stat_line(control_fd, sendbuff)) return ftpd_reply_text(control_fd, FTP_REPLY_450);
     } else if (S_ISDIR(st.st_mode)) {
         if (!stat_directory(control_fd, real_path, sendbuff, work.outpath())) return -1;

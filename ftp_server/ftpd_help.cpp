@@ -1,7 +1,7 @@
 // HELP, SYST and server STAT: the two command tables that HELP shows (the parser, not these
 // tables, decides what is carried out), the multi-line HELP layout, the SYST reply and the
 // session status that STAT without an argument reports.
-#include "ftpd.h"
+#include "ftpd_help.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -10,6 +10,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ftpd.h"
+#include "ftpd_listener.h"
+#include "ftpd_reply.h"
+#include "ftpd_settings.h"
+#include "ftpd_transfer.h"
 #include "zqsys.h"
 
 // The standard profile serves a few more commands of the table than the device does.
@@ -218,9 +223,9 @@ void statcmd(int control_fd, char *sendbuff, struct credentials *pcred) {
 
     int ret;
     if (!pcred->logged_in)
-        ret = ftpd_reply(control_fd, nullptr, pcred->askpasswd ? "     Waiting for password."
-                                                                : "     Waiting for user name.",
-                         nullptr, nullptr);
+        ret = ftpd_reply(control_fd, nullptr,
+                         pcred->askpasswd ? "     Waiting for password." : "     Waiting for user name.", nullptr,
+                         nullptr);
     else if (pcred->guest)
         ret = ftpd_reply(control_fd, nullptr, "     Logged in anonymously.", nullptr, nullptr);
     else

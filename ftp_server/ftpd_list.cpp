@@ -5,6 +5,8 @@
 // command and writer skeletons, the device's and the standard profile's. The standard profile
 // skips option words, shows dot files on request and stages the listing before it opens the data
 // connection, so that a path that cannot be listed is refused before any preliminary reply.
+#include "ftpd_list.h"
+
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -16,7 +18,12 @@
 #include <ctime>
 
 #include "ftpd.h"
+#include "ftpd_data.h"
 #include "ftpd_list_internal.h"
+#include "ftpd_path.h"
+#include "ftpd_reply.h"
+#include "ftpd_transfer.h"
+#include "ftpd_users.h"
 
 namespace {
 
@@ -320,8 +327,7 @@ int list_fun(int control_fd, char *current_dir, char *path, int client_port, cha
                             write_list);
 }
 
-int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
-               int domain_fd) {
+int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred, int domain_fd) {
     return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kListKind);
 }
 

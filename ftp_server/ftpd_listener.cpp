@@ -1,6 +1,8 @@
 // The listener thread: both listening sockets of the control port, the accept loop that hands
 // each connection to a session thread, the connection counter and the pause/resume pair that
 // parks the listener while the service is disabled.
+#include "ftpd_listener.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -18,8 +20,12 @@
 #include <cstring>
 
 #include "app_init.h"
-#include "ftpd.h"
 #include "ftp_platform.h"
+#include "ftpd.h"
+#include "ftpd_path.h"
+#include "ftpd_session.h"
+#include "ftpd_testhooks.h"
+#include "ftpd_users.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define FTPD_ASAN 1
@@ -193,7 +199,8 @@ int open_listener(int family, int port, const char *kind) {
         rc = bind(fd.get(), reinterpret_cast<struct sockaddr *>(&a), sizeof(a));
     }
     if (rc < 0) {
-        FTPD_LOG_ERR("%s: %scontrol connection bind fail. errno=%%\n", FTPD_MODULE, kind);  // the text ends in a bare "%"
+        FTPD_LOG_ERR("%s: %scontrol connection bind fail. errno=%%\n", FTPD_MODULE,
+                     kind);  // the text ends in a bare "%"
         return -1;
     }
     if (listen(fd.get(), FTP_LISTEN_BACKLOG) < 0) {

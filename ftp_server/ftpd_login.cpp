@@ -1,12 +1,17 @@
 // The USER and PASS commands: binding a session to a configured user and one of its connection
 // slots, the password check against the user table, and the hand-over to AAA or the local user
 // database when the table does not accept the password.
+#include "ftpd_login.h"
+
 #include <unistd.h>
 
 #include <cstring>
 
 #include "ftp_platform.h"
 #include "ftpd.h"
+#include "ftpd_listener.h"
+#include "ftpd_reply.h"
+#include "ftpd_users.h"
 
 namespace {
 
@@ -15,7 +20,9 @@ void release_message(struct credentials *pcred) {
     pcred->message = nullptr;
 }
 
-int reply_text(int control_fd, const char *text) { return ftpd_reply(control_fd, nullptr, "%s", text, nullptr); }
+int reply_text(int control_fd, const char *text) {
+    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
+}
 
 }  // namespace
 
@@ -46,17 +53,17 @@ int auth_user(const char *name, struct credentials *pcred) {
     FTPD_LOG_PRO("%s, ftp_set_userinfo_connect, ret = %d", __func__, ret);
     pcred->at_user_limit = ret == 2;
     switch (ret) {
-    case 0:
-        return 0;
-    case 1:
-        return -1;
-    case 5:
-        ftpd_snprintf(pcred->message, msg_len, "User %s unknown.\n", name);
-        return -1;
-    default:
-        ftpd_snprintf(pcred->message, msg_len, "User connection limit reached. max number:[%d]\n",
-                      static_cast<int>(ftpd_user_max_connect));
-        return -1;
+        case 0:
+            return 0;
+        case 1:
+            return -1;
+        case 5:
+            ftpd_snprintf(pcred->message, msg_len, "User %s unknown.\n", name);
+            return -1;
+        default:
+            ftpd_snprintf(pcred->message, msg_len, "User connection limit reached. max number:[%d]\n",
+                          static_cast<int>(ftpd_user_max_connect));
+            return -1;
     }
 }
 

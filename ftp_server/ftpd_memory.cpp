@@ -110,8 +110,7 @@ void ftpd_mem_dump(ftpd_print_fn print) {
     if (print == nullptr) return;
     print("\nFTPD Dynamic Memory Usage:\n");
     print("  %-15s  %-12s  %-8s  %-8s  %-8s\n", "Memory Block", "Allocs(Fail)", "Allocs", "Free", "In Use");
-    print("  %-15s  %-12s  %-8s  %-8s  %-8s\n", "---------------", "------------", "--------", "--------",
-          "--------");
+    print("  %-15s  %-12s  %-8s  %-8s  %-8s\n", "---------------", "------------", "--------", "--------", "--------");
     for (int type = 0; type < FTPD_M_MAX; type++) {
         ftpd_mem_t row = ftpd_mem_get(type);
         // In Use is unsigned on purpose: more releases than allocations show as a wrapped value.

@@ -9,8 +9,11 @@
 #include <ctime>
 
 #include "ftpd.h"
+#include "ftpd_list.h"
 #include "ftpd_list_internal.h"
-#include "ftpd_replies.h"
+#include "ftpd_path.h"
+#include "ftpd_reply.h"
+#include "ftpd_session.h"
 
 namespace {
 

@@ -12,7 +12,9 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_list.h"
 #include "ftpd_list_internal.h"
+#include "ftpd_transfer.h"
 
 namespace {
 
@@ -78,8 +80,7 @@ int nlst_fun(int control_fd, char *current_dir, char *path, int client_port, cha
                             write_nlst);
 }
 
-int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred,
-               int domain_fd) {
+int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred, int domain_fd) {
     return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kNlstKind);
 }
 

@@ -3,6 +3,7 @@
 // since the encryption policy decides the form of the saved user lines.
 #include "cli.h"
 #include "ftpd.h"
+#include "ftpd_cli.h"
 #include "pwd_policy.h"
 
 namespace {

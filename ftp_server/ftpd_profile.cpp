@@ -9,8 +9,14 @@ namespace {
 std::atomic<bool> standard_profile{false};
 }  // namespace
 
-void ftpd_profile_init(void) { standard_profile = platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD; }
+void ftpd_profile_init(void) {
+    standard_profile = platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD;
+}
 
-bool ftpd_standard(void) { return standard_profile.load(std::memory_order_relaxed); }
+bool ftpd_standard(void) {
+    return standard_profile.load(std::memory_order_relaxed);
+}
 
-void ftpd_profile_set(bool standard) { standard_profile = standard; }
+void ftpd_profile_set(bool standard) {
+    standard_profile = standard;
+}

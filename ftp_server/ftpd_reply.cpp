@@ -1,14 +1,16 @@
 // Reply formatting: every reply on a control connection is built here in one 512-byte buffer,
 // given its final CR LF, sent with a single send and traced. A reply that does not fit is refused
 // whole, never truncated.
-#include "ftpd.h"
-#include "ftpd_replies.h"
+#include "ftpd_reply.h"
 
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "ftpd.h"
+#include "ftpd_session.h"
 
 namespace {
 
@@ -113,7 +115,8 @@ int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, 
         // a client waiting for the reply would hang.
         char probe[FTP_BUF_SIZE];
         size_t code_len = cmd != nullptr ? strlen(cmd) + 1 : 0;
-        int need = arg2 != nullptr ? snprintf(probe, sizeof probe, fmt, arg1, arg2) : snprintf(probe, sizeof probe, fmt, arg1);
+        int need =
+            arg2 != nullptr ? snprintf(probe, sizeof probe, fmt, arg1, arg2) : snprintf(probe, sizeof probe, fmt, arg1);
         // Room for the CR LF and for the CRs a bare line feed may get.
         size_t total = code_len + static_cast<size_t>(need > 0 ? need : 0) + 4;
         if (need > 0 && total >= sizeof probe) {
@@ -153,7 +156,9 @@ int ftpd_reply_size(int send_sk, const char *cmd, const char *fmt, unsigned long
     });
 }
 
-int ftpd_reply_text(int control_fd, const char *text) { return ftpd_reply(control_fd, nullptr, "%s", text, nullptr); }
+int ftpd_reply_text(int control_fd, const char *text) {
+    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
+}
 
 int ftpd_admit_path_cmd(int control_fd, const char *arg, const struct credentials *pcred) {
     const char *refusal = nullptr;

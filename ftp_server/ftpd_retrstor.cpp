@@ -17,6 +17,12 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_data.h"
+#include "ftpd_path.h"
+#include "ftpd_reply.h"
+#include "ftpd_session.h"
+#include "ftpd_transfer.h"
+#include "ftpd_users.h"
 
 namespace {
 

@@ -1,14 +1,15 @@
 // One control session: the session thread's body with its admission check, the session record
 // and its buffers, the command loop that waits, reads, recognises and dispatches one command at a
 // time, and the end sequence that gives everything back.
+#include "ftpd_session.h"
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <strings.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,18 +17,35 @@
 
 #include "app_dbg.h"
 #include "ftpd.h"
-#include "ftpd_replies.h"
-
+#include "ftpd_cmds.h"
+#include "ftpd_data.h"
+#include "ftpd_epoll.h"
+#include "ftpd_help.h"
+#include "ftpd_list.h"
+#include "ftpd_listener.h"
+#include "ftpd_login.h"
+#include "ftpd_parser.h"
+#include "ftpd_reply.h"
+#include "ftpd_settings.h"
+#include "ftpd_tech.h"
+#include "ftpd_transfer.h"
+#include "ftpd_users.h"
 
 #define FTP_RENAME_LEN 256
 #define FTP_RESERVED_PORT 1024  // IPPORT_RESERVED
 #define FTP_PASSIVE_MARK 1025
 
-bool is_logged_in(const struct credentials *pcred) { return pcred->logged_in != 0; }
+bool is_logged_in(const struct credentials *pcred) {
+    return pcred->logged_in != 0;
+}
 
-bool is_access(const struct credentials *pcred) { return pcred->rwdir_flag; }
+bool is_access(const struct credentials *pcred) {
+    return pcred->rwdir_flag;
+}
 
-bool is_data_empty(const char *s) { return s == nullptr || s[0] == '\0'; }
+bool is_data_empty(const char *s) {
+    return s == nullptr || s[0] == '\0';
+}
 
 int init_cred(struct credentials *pcred, int contrl_type) {
     memset(pcred, 0, sizeof(*pcred));
@@ -119,8 +137,12 @@ class waiter_owner {
     waiter_owner(const waiter_owner &) = delete;
     waiter_owner &operator=(const waiter_owner &) = delete;
     bool create() { return (ep_ = ftpd_epoll_create()) != nullptr; }
-    struct ftp_epoll_s *operator->() const { return ep_; }
-    struct ftp_epoll_s *get() const { return ep_; }
+    struct ftp_epoll_s *operator->() const {
+        return ep_;
+    }
+    struct ftp_epoll_s *get() const {
+        return ep_;
+    }
 
   private:
     struct ftp_epoll_s *ep_ = nullptr;
@@ -204,7 +226,9 @@ void receive_more(session &s) {
     s.peer_closed = true;
 }
 
-int reply(const session &s, const char *text) { return ftpd_reply_text(s.control_fd, text); }
+int reply(const session &s, const char *text) {
+    return ftpd_reply_text(s.control_fd, text);
+}
 
 // Resolves the configured top directory into the current directory and the record.
 void set_top_directory(session &s) {
@@ -286,8 +310,9 @@ bool dispatch_standard(session &s) {
         case FTP_CMD_NOOP:
             return reply(s, "200 NOOP ok.\r\n") >= 0;
         case FTP_CMD_FEAT:
-            return reply(s, "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
-                            " REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n") >= 0;
+            return reply(s,
+                         "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+                         " REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n") >= 0;
         case FTP_CMD_OPTS:
             if (strcasecmp(s.data_buff, "UTF8 ON") == 0 || strcasecmp(s.data_buff, "UTF8") == 0)
                 return reply(s, "200 Always in UTF8 mode.\r\n") >= 0;

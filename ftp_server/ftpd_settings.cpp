@@ -6,6 +6,8 @@
 // kept under one small mutex; their getters copy the text out into a per-thread buffer and return
 // that, so a session never reads a buffer that the management thread is rewriting. A returned
 // pointer stays valid until the same thread calls the same getter again.
+#include "ftpd_settings.h"
+
 #include <dirent.h>
 
 #include <atomic>
@@ -16,6 +18,7 @@
 #include "cli.h"
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_path.h"
 #include "zqsys.h"
 
 namespace {
@@ -70,12 +73,24 @@ void ftp_settings_defaults(void) {
     ftp_release_product_name();
 }
 
-void set_ftp_timeout(unsigned int minutes) { ftp_timeout = minutes; }
-unsigned int get_ftp_timeout(void) { return ftp_timeout; }
-void set_ftp_logintimeout(unsigned int minutes) { logintimeout = minutes; }
-unsigned int get_ftp_logintimeout(void) { return logintimeout; }
-void set_ftp_logintimes(unsigned int n) { logintimes = n; }
-unsigned int get_ftp_logintimes(void) { return logintimes; }
+void set_ftp_timeout(unsigned int minutes) {
+    ftp_timeout = minutes;
+}
+unsigned int get_ftp_timeout(void) {
+    return ftp_timeout;
+}
+void set_ftp_logintimeout(unsigned int minutes) {
+    logintimeout = minutes;
+}
+unsigned int get_ftp_logintimeout(void) {
+    return logintimeout;
+}
+void set_ftp_logintimes(unsigned int n) {
+    logintimes = n;
+}
+unsigned int get_ftp_logintimes(void) {
+    return logintimes;
+}
 
 namespace {
 // The top directory as an absolute normalised path into trimmed (FTP_ROOTDIR_LEN bytes); slashed

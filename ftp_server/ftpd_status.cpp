@@ -7,6 +7,11 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_cli.h"
+#include "ftpd_listener.h"
+#include "ftpd_settings.h"
+#include "ftpd_transfer.h"
+#include "ftpd_users.h"
 
 namespace {
 
@@ -28,7 +33,9 @@ void print_v6(ftpd_print_fn print, const char *lead, const struct sockaddr_in6 &
     print("%sIP:%s[%d]\n", lead, text, static_cast<int>(ntohs(a.sin6_port)));
 }
 
-const char *type_name(int t) { return t >= 0 && t <= 4 ? typenames[t] : ""; }
+const char *type_name(int t) {
+    return t >= 0 && t <= 4 ? typenames[t] : "";
+}
 
 // One slot's control part and, while a transfer is in progress, its data part. True when the
 // slot had a data part (only those count towards the user's connection number).
@@ -89,7 +96,8 @@ void dump_ftp_server_information(ftpd_print_fn print) {
             print("username:%s\npassword:(PLAINT)%s\nconnect num[%d]\n", row.username, row.password, row.connect_num);
         if (row.connect_num == 0) continue;
         int shown = 0;
-        unsigned int limit = ftpd_user_max_connect > FTP_MAX_USER_CONNECT ? FTP_MAX_USER_CONNECT : ftpd_user_max_connect;
+        unsigned int limit =
+            ftpd_user_max_connect > FTP_MAX_USER_CONNECT ? FTP_MAX_USER_CONNECT : ftpd_user_max_connect;
         for (unsigned int i = 0; i < limit; i++) {
             const struct ftp_user_cnt_info_s *slot = row.cnt[i];
             if (slot == nullptr || slot->use_flag == 0) continue;

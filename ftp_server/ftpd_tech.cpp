@@ -1,8 +1,11 @@
 // The tech-support hook: on request the collector receives the running line, the server
 // information report and the memory table, every piece indented by two blanks.
+#include "ftpd_tech.h"
+
 #include <cstdarg>
 
 #include "ftpd.h"
+#include "ftpd_cli.h"
 #include "tech.h"
 
 int ftpd_tech_init(struct zq_thread_master *master) {

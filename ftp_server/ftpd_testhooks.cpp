@@ -4,6 +4,8 @@
 //                                       or -1 for any category) fails
 //   FTPS_TEST_LISTENER_SILENT_AFTER=S   S seconds after the listener starts, its liveness
 //                                       notifications are dropped, as if it hung
+#include "ftpd_testhooks.h"
+
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -7,6 +7,8 @@
 // spliced through a kernel pipe. Line ends are still converted block by block (512-byte file blocks when sending,
 // received blocks of at most 1024 bytes when receiving), so the output is byte for byte that of
 // converting one block per call. The stop message and the idle time-out are checked per chunk.
+#include "ftpd_transfer.h"
+
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -17,6 +19,9 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_epoll.h"
+#include "ftpd_listener.h"
+#include "ftpd_reply.h"
 
 const char *typenames[] = {"0", "ASCII", "EBCDIC", "BINARY", "Local"};
 
@@ -414,8 +419,7 @@ int send_data_with_type(int control_fd, int instr, int outstr, int blksize, stru
 int receive_data(int control_fd, int instr, int outstr, struct credentials *pcred, int domain_fd,
                  const char *discard_path) {
     int type = pcred->cnt.tran_type;
-    if (type_is_served(type))
-        return receive_data_with_type(control_fd, instr, outstr, pcred, domain_fd, discard_path);
+    if (type_is_served(type)) return receive_data_with_type(control_fd, instr, outstr, pcred, domain_fd, discard_path);
     char text[64];
     ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in receive_data.", type);
     if (discard_path != nullptr) unlink(discard_path);

@@ -1,10 +1,13 @@
 // The server's own user table (at most ten configured users with plain and/or type-7 passwords),
 // each user's connection slots with the per-user connection limit, the lock that guards them
 // (shared with the listener's connection counter), and the older single-user configuration.
+#include "ftpd_users.h"
+
 #include <cstring>
 #include <mutex>
 
 #include "ftpd.h"
+#include "ftpd_listener.h"
 #include "login_pwd.h"
 
 struct ftp_user_info_s gb_usinfo[FTP_MAX_USERS];
@@ -57,9 +60,13 @@ int ftp_userinfo_init(void) {
     return 0;
 }
 
-void ftp_userinfo_lock(void) { ftp_mutex_userinfo.lock(); }
+void ftp_userinfo_lock(void) {
+    ftp_mutex_userinfo.lock();
+}
 
-void ftp_userinfo_unlock(void) { ftp_mutex_userinfo.unlock(); }
+void ftp_userinfo_unlock(void) {
+    ftp_mutex_userinfo.unlock();
+}
 
 struct ftp_user_info_s *ftp_serch_userinfo(const char *name) {
     std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
@@ -127,8 +134,8 @@ int ftp_malloc_userinfo_cnt(struct ftp_user_info_s *row) {
     if (row == nullptr) return -1;
     unsigned int n = slot_limit();
     for (unsigned int i = 0; i < n; i++) {
-        row->cnt[i] = static_cast<struct ftp_user_cnt_info_s *>(
-            ftpd_malloc(FTPD_M_USER_CNT, sizeof(struct ftp_user_cnt_info_s)));
+        row->cnt[i] =
+            static_cast<struct ftp_user_cnt_info_s *>(ftpd_malloc(FTPD_M_USER_CNT, sizeof(struct ftp_user_cnt_info_s)));
         if (row->cnt[i] == nullptr) {
             for (unsigned int j = 0; j < i; j++) {
                 ftpd_free(FTPD_M_USER_CNT, row->cnt[j]);
@@ -257,10 +264,18 @@ int set_ftp_server_password(const char *password, const char *encrypt, uint32_t 
     return 0;
 }
 
-const char *get_ftp_server_user(void) { return user_name; }
+const char *get_ftp_server_user(void) {
+    return user_name;
+}
 
-const char *get_ftp_server_password(void) { return pass_word; }
+const char *get_ftp_server_password(void) {
+    return pass_word;
+}
 
-const char *get_ftp_server_pass_encrypt(void) { return pass_encrypt; }
+const char *get_ftp_server_pass_encrypt(void) {
+    return pass_encrypt;
+}
 
-uint32_t get_ftp_server_passtype(void) { return pass_type; }
+uint32_t get_ftp_server_passtype(void) {
+    return pass_type;
+}

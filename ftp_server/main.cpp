@@ -14,6 +14,14 @@
 #include "cli.h"
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_cli.h"
+#include "ftpd_listener.h"
+#include "ftpd_login.h"
+#include "ftpd_main.h"
+#include "ftpd_settings.h"
+#include "ftpd_tech.h"
+#include "ftpd_testhooks.h"
+#include "ftpd_users.h"
 #include "ham.h"
 #include "zq_thread.h"
 
@@ -24,9 +32,13 @@ static const char usage_text[] =
     "\nUsage:  ftp_server.elf [option]\n\nOptions:   -d   debug, open startup debug switch.\n"
     "           -h   print help message.\n";
 
-void set_ftp_cli_end(void) { gb_ftp_cli_end = 1; }
+void set_ftp_cli_end(void) {
+    gb_ftp_cli_end = 1;
+}
 
-int get_ftp_start_err(void) { return gb_ftp_start_err; }
+int get_ftp_start_err(void) {
+    return gb_ftp_start_err;
+}
 
 void ftp_server_alarm_quit(int /*signo*/) {
     ham_cancel_proc(getpid());

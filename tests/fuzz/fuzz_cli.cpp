@@ -10,6 +10,9 @@
 #include "cli.h"
 #include "cli_internal.h"
 #include "ftpd.h"
+#include "ftpd_cli.h"
+#include "ftpd_settings.h"
+#include "ftpd_users.h"
 #include "login_pwd.h"
 #include "platform_conf.h"
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_data.h"
 
 namespace {
 int ctl[2] = {-1, -1};

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_list.h"
 
 namespace {
 char *copy_of(const uint8_t *p, size_t n) {

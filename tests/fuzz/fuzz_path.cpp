@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ftpd.h"
+#include "ftpd_path.h"
 #include "platform_conf.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "ftpd.h"
+#include "ftpd_data.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;

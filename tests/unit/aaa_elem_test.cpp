@@ -9,6 +9,7 @@
 
 #include "aaa.h"
 #include "ftpd.h"
+#include "ftpd_login.h"
 
 namespace {
 

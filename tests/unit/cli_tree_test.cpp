@@ -9,6 +9,7 @@
 
 #include "cli_internal.h"
 #include "ftpd.h"
+#include "ftpd_cli.h"
 
 namespace {
 

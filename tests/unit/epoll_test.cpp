@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "ftpd.h"
+#include "ftpd_epoll.h"
 
 namespace {
 

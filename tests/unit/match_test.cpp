@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ftpd.h"
+#include "ftpd_list.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ftpd.h"
+#include "ftpd_parser.h"
 
 namespace {
 

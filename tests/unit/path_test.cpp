@@ -8,7 +8,9 @@
 
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_path.h"
 #include "ftpd_test_support.h"
+#include "ftpd_transfer.h"
 
 namespace {
 

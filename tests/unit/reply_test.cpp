@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ftpd.h"
+#include "ftpd_reply.h"
 #include "ftpd_test_support.h"
 
 namespace {

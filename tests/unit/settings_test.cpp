@@ -8,6 +8,7 @@
 
 #include "fs_info.h"
 #include "ftpd.h"
+#include "ftpd_settings.h"
 #include "ftpd_test_support.h"
 #include "platform_conf.h"
 

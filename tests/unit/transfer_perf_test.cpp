@@ -13,6 +13,7 @@
 
 #include "ftpd.h"
 #include "ftpd_test_support.h"
+#include "ftpd_transfer.h"
 
 namespace {
 

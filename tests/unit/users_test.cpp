@@ -5,7 +5,9 @@
 #include <string>
 
 #include "ftpd.h"
+#include "ftpd_listener.h"
 #include "ftpd_test_support.h"
+#include "ftpd_users.h"
 #include "login_pwd.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ftpd.h"
+#include "ftpd_tech.h"
 
 // A private directory below the system's temporary area, removed with its contents at the end.
 class ftpd_temp_tree {

@@ -1,8 +1,11 @@
-// Reply texts that several commands send whole, and the admission check that the file and
-// directory commands share.
+// Replies: the formatting function every reply leaves through, the reply texts several commands
+// send whole, and the admission check that the file and directory commands share.
 #pragma once
 
-struct credentials;
+#include "ftpd.h"
+
+int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, const char *arg2);
+int ftpd_reply_size(int send_sk, const char *cmd, const char *fmt, unsigned long arg1, const char *arg2);
 
 inline constexpr char FTP_REPLY_221[] = "221 Service closing control connection(Goodbye).\r\n";
 inline constexpr char FTP_REPLY_226[] = "226 Closing data connection.\r\n";
