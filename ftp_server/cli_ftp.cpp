@@ -84,7 +84,7 @@ bool screen_password(struct cli_cmd *cmd, char *text, bool single, screened_pass
             cli_printf(single ? "Invalid encrypted password:%s\n" : "%% Invalid encrypted password:%s\n", text);
             return false;
         }
-        ftpd_strlcpy(out->encrypted, text, sizeof out->encrypted);
+        (void)ftpd_strlcpy(out->encrypted, text, sizeof out->encrypted);
         out->type = 7;
         return true;
     }
@@ -98,7 +98,7 @@ bool screen_password(struct cli_cmd *cmd, char *text, bool single, screened_pass
             "password type\n");
         return false;
     }
-    ftpd_strlcpy(out->plain, text, sizeof out->plain);
+    (void)ftpd_strlcpy(out->plain, text, sizeof out->plain);
     if (login_is_service_pwd_encrypt_enable()) {
         login_password_encrypt(text, out->encrypted, sizeof out->encrypted);
         if (out->encrypted[0] == '\0') {
@@ -116,7 +116,11 @@ bool screen_password(struct cli_cmd *cmd, char *text, bool single, screened_pass
 char *password_input(struct cli_cmd *cmd, char *buf, size_t size) {
     const char *typed = cli_arg(cmd, "PASSWORD...");
     if (typed == nullptr) return nullptr;
-    ftpd_strlcpy(buf, typed, size);
+    // A password cut short would be another password.
+    if (!ftpd_strlcpy(buf, typed, size)) {
+        cli_printf("%% Password is too long, max length is %d\n", FTP_PLAIN_PASSWORD_MAX);
+        return nullptr;
+    }
     return buf;
 }
 

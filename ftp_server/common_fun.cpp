@@ -121,13 +121,14 @@ char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char
 char *ftpd_absolute_to_relative_path(const struct credentials *pcred, const char *current_dir, char *outpath,
                                      int size) {
     const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    bool fit;
     if (strcmp(root, "/") == 0)
-        ftpd_strlcpy(outpath, current_dir, size);
+        fit = ftpd_strlcpy(outpath, current_dir, size);
     else if (strcmp(root, current_dir) == 0)
-        ftpd_strlcpy(outpath, "/", size);
+        fit = ftpd_strlcpy(outpath, "/", size);
     else
-        ftpd_strlcpy(outpath, current_dir + common_prefix_len(root, current_dir), size);
-    return outpath;
+        fit = ftpd_strlcpy(outpath, current_dir + common_prefix_len(root, current_dir), size);
+    return fit ? outpath : nullptr;
 }
 
 bool is_access_path(const char *inpath) {
@@ -153,10 +154,10 @@ char *ftp_make_path(char *path, int path_len, const char *path_suffix) {
         FTPD_LOG_ERR("path_len is not enough.\n");
         return nullptr;
     }
-    ftpd_strlcpy(path, tmpdir, path_len);
+    (void)ftpd_strlcpy(path, tmpdir, path_len);
     const char *last = strrchr(path_suffix, '/');
     if (last == nullptr) {
-        ftpd_strlcat(path, path_suffix, path_len);
+        (void)ftpd_strlcat(path, path_suffix, path_len);
         return path;
     }
     size_t used = strlen(path);
@@ -168,7 +169,7 @@ char *ftp_make_path(char *path, int path_len, const char *path_suffix) {
         FTPD_LOG_ERR("Failed to create directory %s, errno=%d, %s.\n", path, err, strerror(err));
         return nullptr;
     }
-    ftpd_strlcat(path, last + 1, path_len);
+    (void)ftpd_strlcat(path, last + 1, path_len);
     return path;
 }
 

@@ -47,7 +47,7 @@ int ftp_aaa_init(void) {
     if (g_aaa_ready) return 1;
     aaa_srv_reg_info_s info;
     memset(&info, 0, sizeof info);
-    ftpd_strlcpy(info.name, "ftp", sizeof info.name);
+    (void)ftpd_strlcpy(info.name, "ftp", sizeof info.name);
     if (aaa_svr_reg(&info) >= 0) {
         g_aaa_ready = true;
         return 1;
@@ -123,13 +123,13 @@ namespace {
 int pick_method_list(char *mlist, size_t size) {
     const char *configured = get_ftp_server_auth();
     if (configured != nullptr) {
-        ftpd_strlcpy(mlist, configured, size);
+        (void)ftpd_strlcpy(mlist, configured, size);
         FTPD_LOG_PRO("Do aaa auth list %s.\n", mlist);
         int exists = aaa_mlist_existed(mlist, AAA_UTYPE_FTP);
         if (exists == 0) FTPD_LOG_PRO("aaa %s mlist not exist.\n", mlist);
         return exists;
     }
-    ftpd_strlcpy(mlist, "default", size);
+    (void)ftpd_strlcpy(mlist, "default", size);
     FTPD_LOG_PRO("Do aaa auth default.\n");
     int exists = aaa_mlist_existed("default", AAA_UTYPE_FTP);
     if (exists == 0) FTPD_LOG_PRO("aaa default mlist not exist.\n");
@@ -297,7 +297,7 @@ int ftp_username_login_check(const char *name) {
     if (name == nullptr) return -1;
     FTPD_LOG_PRO("In %s.\n", __func__);
     char key[FTP_NAME_LEN];
-    ftpd_strlcpy(key, name, sizeof key);
+    (void)ftpd_strlcpy(key, name, sizeof key);
     username_lib_user_s user;
     memset(&user, 0, sizeof user);
     int rc = username_lib_copy_user(key, &user);

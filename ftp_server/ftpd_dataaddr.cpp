@@ -134,7 +134,7 @@ int parse_port_data(char *data_buff, char *client_addr) {
         if (!in_range(v, i == 0 ? 1 : 0, 254)) return -1;
     }
     // The address is kept as typed (leading zeros included), not rebuilt from the values.
-    ftpd_snprintf(client_addr, FTP_CLIENT_ADDR_LEN, "%s.%s.%s.%s", h[0], h[1], h[2], h[3]);
+    (void)ftpd_snprintf(client_addr, FTP_CLIENT_ADDR_LEN, "%s.%s.%s.%s", h[0], h[1], h[2], h[3]);
     char *p1 = next_field(&rest);
     if (p1 == nullptr) return -1;
     char *p2 = next_field(&rest);
@@ -202,7 +202,7 @@ int doeprt(int control_fd, char *p, char *client_addr, int addr_size, int *clien
         while (isdigit(static_cast<unsigned char>(*p))) p++;
     }
     if (*p != delim || port < 1 || port > 65535) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
-    ftpd_snprintf(client_addr, static_cast<size_t>(addr_size), "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
+    (void)ftpd_snprintf(client_addr, static_cast<size_t>(addr_size), "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
     if (ftpd_standard() && !is_control_peer(pcred, client_addr))
         return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
     *client_port = port;
@@ -227,7 +227,7 @@ int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int add
     *p = '\0';
     if (ftpd_standard() && !is_control_peer(pcred, addr))
         return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
-    ftpd_strlcpy(client_addr, addr, static_cast<size_t>(addr_size));
+    (void)ftpd_strlcpy(client_addr, addr, static_cast<size_t>(addr_size));
     *client_port = atoi(p + 1);
     return reply_text(control_fd, "200 EPRT Command okay.\r\n");
 }
@@ -297,7 +297,7 @@ int dopasv(int control_fd, struct credentials *pcred) {
         return reply_text(control_fd, kCantOpen);
     }
     char text[64];
-    ftpd_snprintf(text, sizeof text, "Extended Passive mode OK (|||%u|)", static_cast<unsigned>(port));
+    (void)ftpd_snprintf(text, sizeof text, "Extended Passive mode OK (|||%u|)", static_cast<unsigned>(port));
     if (ftpd_reply(control_fd, "229", "%s", text, nullptr) < 0) {
         close_fd(&pcred->listen_pdata);
         return -1;
@@ -342,7 +342,7 @@ void passive(int control_fd, struct credentials *pcred) {
     }
     const unsigned char *a = reinterpret_cast<const unsigned char *>(&pcred->cnt.pasv_addr.sin_addr);
     char text[80];
-    ftpd_snprintf(text, sizeof text, "Entering Passive Mode (%d,%d,%d,%d,%d,%d).", a[0], a[1], a[2], a[3],
+    (void)ftpd_snprintf(text, sizeof text, "Entering Passive Mode (%d,%d,%d,%d,%d,%d).", a[0], a[1], a[2], a[3],
                   (port >> 8) & 0xff, port & 0xff);
     ftpd_reply(control_fd, "227", "%s", text, nullptr);
 }

@@ -34,7 +34,7 @@ int makedir(int control_fd, const char *name, const char *current_dir, struct cr
     mode_t mode = ftpd_standard() ? 0755 : 0777;
     if (ftpd_resolve_path(pcred, current_dir, name, inpath, outpath) != ftpd_resolve_result::ok ||
         mkdir(inpath, mode) != 0) {
-        ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
+        (void)ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
         return ftpd_reply_text(control_fd, outpath);
     }
     // The argument is echoed as sent; resolved paths always take the first branch, the others
@@ -89,13 +89,13 @@ int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, str
         return -1;
     }
 
-    ftpd_strlcpy(current_dir, inpath, FTP_CURRENTDIR_LEN);
+    (void)ftpd_strlcpy(current_dir, inpath, FTP_CURRENTDIR_LEN);
     size_t len = strlen(current_dir);
     if (len > 1 && current_dir[len - 1] == '/') current_dir[len - 1] = '\0';
     current_dir[FTP_CURRENTDIR_LEN - 1] = '\0';
 
     memset(outpath, 0, FTP_PATH_HALF);
-    ftpd_absolute_to_relative_path(pcred, current_dir, outpath, FTP_PATH_HALF);
+    (void)ftpd_absolute_to_relative_path(pcred, current_dir, outpath, FTP_PATH_HALF);
     // The new directory stands even when the reply cannot be sent.
     ftpd_reply(control_fd, nullptr, "250 Directory change to \"%s\".\r\n", outpath, nullptr);
     return 0;
@@ -104,7 +104,7 @@ int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, str
 int pwd_fun(int control_fd, char *current_dir, char *sendbuff, struct credentials *pcred) {
     ftpd_block view(FTPD_M_OUTPATH, FTP_BUF_SIZE);
     if (!view) return ftpd_reply_text(control_fd, FTP_REPLY_550);
-    ftpd_absolute_to_relative_path(pcred, current_dir, view.get(), FTP_BUF_SIZE);
+    (void)ftpd_absolute_to_relative_path(pcred, current_dir, view.get(), FTP_BUF_SIZE);
     memset(sendbuff, 0, FTP_BUF_SIZE);
     return ftpd_reply(control_fd, nullptr, "257 Current working directory is \"%s\".\r\n", view.get(), nullptr);
 }

@@ -63,7 +63,7 @@ int renamefrom(int control_fd, const char *name, const char *current_dir, struct
     // rename a different file.
     if (strlen(work.inpath()) >= kRenameFromLen) return ftpd_reply_text(control_fd, FTP_REPLY_501);
     if (ftpd_reply_text(control_fd, FTP_REPLY_350) != 0) return -1;
-    ftpd_strlcpy(oldname, work.inpath(), kRenameOldLen);
+    (void)ftpd_strlcpy(oldname, work.inpath(), kRenameOldLen);
     return 0;
 }
 
@@ -113,10 +113,11 @@ bool stat_directory(int control_fd, const char *real_path, char *sendbuff, char 
         const char *name = ent->d_name;
         if (is_special_file(name)) continue;
         if (root && !is_access_path(name)) continue;
-        ftpd_strlcpy(entry, real_path, FTP_CURRENTDIR_LEN);
+        // An entry whose path does not fit is left out rather than shown as another file.
+        if (!ftpd_strlcpy(entry, real_path, FTP_PATH_HALF)) continue;
         size_t len = strlen(entry);
-        if (len == 0 || entry[len - 1] != '/') ftpd_strlcat(entry, "/", FTP_PATH_HALF);
-        ftpd_strlcat(entry, name, FTP_PATH_HALF);
+        if ((len == 0 || entry[len - 1] != '/') && !ftpd_strlcat(entry, "/", FTP_PATH_HALF)) continue;
+        if (!ftpd_strlcat(entry, name, FTP_PATH_HALF)) continue;
         if (get_file_info(entry, sendbuff, FTP_BUF_SIZE, name) != 0) continue;
         if (!send_stat_line(control_fd, sendbuff)) {
             ftpd_reply_text(control_fd, FTP_REPLY_450);
@@ -233,7 +234,7 @@ int command_mdtm(int control_fd, char *data_buff, char *reply_buff, char *curren
     // UTC, and the line ends in a bare line feed: the reply function then adds no CR.
     struct tm utc;
     gmtime_r(&st.st_mtime, &utc);
-    ftpd_snprintf(reply_buff, kMdtmBound, "213 %04d%02d%02d%02d%02d%02d\n", utc.tm_year + 1900, utc.tm_mon + 1,
+    (void)ftpd_snprintf(reply_buff, kMdtmBound, "213 %04d%02d%02d%02d%02d%02d\n", utc.tm_year + 1900, utc.tm_mon + 1,
                   utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
     return ftpd_reply_text(control_fd, reply_buff) == 0 ? 0 : -1;
 }

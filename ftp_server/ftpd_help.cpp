@@ -132,17 +132,17 @@ static void help_list(int control_fd, struct tab *ctab, const char *prefix, int 
 
     for (int i = 0; i < lines; i++) {
         char line[FTP_BUF_SIZE];
-        ftpd_strlcpy(line, "214-    ", sizeof line);
+        (void)ftpd_strlcpy(line, "214-    ", sizeof line);
         for (int j = 0; j < columns; j++) {
             int row = j * lines + i;
             if (row >= rows) break;
             const struct tab *c = &ctab[row];
-            ftpd_strlcat(line, c->name, sizeof line);
-            ftpd_strlcat(line, is_served(c) ? " " : "*", sizeof line);
+            (void)ftpd_strlcat(line, c->name, sizeof line);
+            (void)ftpd_strlcat(line, is_served(c) ? " " : "*", sizeof line);
             if (row + lines >= rows) break;
-            for (int w = static_cast<int>(strlen(c->name)) + 1; w < width; w++) ftpd_strlcat(line, " ", sizeof line);
+            for (int w = static_cast<int>(strlen(c->name)) + 1; w < width; w++) (void)ftpd_strlcat(line, " ", sizeof line);
         }
-        ftpd_strlcat(line, "\n", sizeof line);
+        (void)ftpd_strlcat(line, "\n", sizeof line);
         if (ftpd_reply(control_fd, nullptr, "%s", line, nullptr) != 0) return;
     }
     ftpd_reply(control_fd, "214", "Direct comments to ftp-bugs@%s.", product_name().text, nullptr);
@@ -171,9 +171,9 @@ void ftpd_help(int control_fd, struct tab *ctab, char *s) {
     }
     char text[FTP_HELP_TEXT_LEN];
     if (!is_served(c))
-        ftpd_snprintf(text, sizeof text, "%s%-*s\t%s; unimplemented.", prefix, width, c->name, c->help);
+        (void)ftpd_snprintf(text, sizeof text, "%s%-*s\t%s; unimplemented.", prefix, width, c->name, c->help);
     else
-        ftpd_snprintf(text, sizeof text, "Syntax: %s%s %s", prefix, c->name, c->help);
+        (void)ftpd_snprintf(text, sizeof text, "Syntax: %s%s %s", prefix, c->name, c->help);
     ftpd_reply(control_fd, "214", "%s", text, nullptr);
 }
 
@@ -207,11 +207,11 @@ static int stat_address_line(int control_fd, char *sendbuff, int family, const s
     if (family == AF_INET6) {
         char text[INET6_ADDRSTRLEN] = {0};
         inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
-        ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "     (%s(%d))\n", text, ntohs(v6->sin6_port));
+        (void)ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "     (%s(%d))\n", text, ntohs(v6->sin6_port));
     } else {
         const auto *a = reinterpret_cast<const unsigned char *>(&v4->sin_addr.s_addr);
         unsigned port = ntohs(v4->sin_port);
-        ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "     (%d,%d,%d,%d,%d,%d)\n", a[0], a[1], a[2], a[3],
+        (void)ftpd_snprintf(sendbuff, FTP_BUF_SIZE, "     (%d,%d,%d,%d,%d,%d)\n", a[0], a[1], a[2], a[3],
                       static_cast<int>(port >> 8), static_cast<int>(port & 0xff));
     }
     return ftpd_reply(control_fd, nullptr, "%s", sendbuff, nullptr);

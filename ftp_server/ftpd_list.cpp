@@ -71,10 +71,10 @@ int format_line(const struct stat &st, const char *name, char *stat_buff, int le
     long long size = static_cast<long long>(st.st_size);
     const char *month = kMonths[mtime.tm_mon];
     if (mtime.tm_year == this_year)
-        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
+        (void)ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
                       mode, links, size, month, mtime.tm_mday, mtime.tm_hour, mtime.tm_min, shown);
     else
-        ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
+        (void)ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
                       links, size, month, mtime.tm_mday, mtime.tm_year + 1900, shown);
     stat_buff[length - 1] = '\0';
     return 0;
@@ -95,16 +95,17 @@ const char *ftpd_split_pattern(const char *path, char *dir, const char *current_
     const char *pattern;
     if (slash != nullptr) {
         size_t n = static_cast<size_t>(slash - path) + 1;
-        if (n > FTP_LIST_TEMPPATH_SIZE - 1) n = FTP_LIST_TEMPPATH_SIZE - 1;
+        // SECURITY: a directory cut short would be another directory.
+        if (n > FTP_LIST_TEMPPATH_SIZE - 1) return nullptr;
         memcpy(dir, path, n);
         dir[n] = '\0';
         pattern = slash + 1;
     } else {
-        ftpd_strlcpy(dir, current_dir, FTP_CURRENTDIR_LEN);
+        if (!ftpd_strlcpy(dir, current_dir, FTP_CURRENTDIR_LEN)) return nullptr;
         pattern = path;
     }
     size_t len = strlen(dir);
-    if (len == 0 || dir[len - 1] != '/') ftpd_strlcat(dir, "/", FTP_LIST_TEMPPATH_SIZE);
+    if ((len == 0 || dir[len - 1] != '/') && !ftpd_strlcat(dir, "/", FTP_LIST_TEMPPATH_SIZE)) return nullptr;
     return pattern;
 }
 
@@ -252,7 +253,7 @@ int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_p
             "only\n");
         path[0] = '\0';
     }
-    if (path[0] == '\0') ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+    if (path[0] == '\0') (void)ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
 
     switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
         case ftpd_resolve_result::trim_failed:
@@ -361,7 +362,7 @@ int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, 
                   const char *current_dir) {
     const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
     struct stat st;
-    if (stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
+    if (pattern == nullptr || stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
     dir_handle dir(opendir(temppath));
     if (!dir) return -2;
     bool root = is_dir_root(temppath);
@@ -407,9 +408,9 @@ const char *temp_name_in(const char *listtemp, const char *dir) {
 void client_prefix(const char *client, bool whole_dir, char *prefix, size_t cap) {
     prefix[0] = '\0';
     if (whole_dir) {
-        ftpd_strlcpy(prefix, client, cap);
+        (void)ftpd_strlcpy(prefix, client, cap);
         size_t len = strlen(prefix);
-        if (len > 0 && prefix[len - 1] != '/') ftpd_strlcat(prefix, "/", cap);
+        if (len > 0 && prefix[len - 1] != '/') (void)ftpd_strlcat(prefix, "/", cap);
         return;
     }
     const char *slash = strrchr(client, '/');
@@ -455,7 +456,7 @@ std_stage stage_std(const char *real, const char *client, bool named, bool dot_n
     if (stat(real, &st) != 0) {
         if (!kind.patterns || strpbrk(real, "*?") == nullptr) return std_stage::missing;
         pattern = ftpd_split_pattern(real, dir, current_dir);
-        if (stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) return std_stage::missing;
+        if (pattern == nullptr || stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) return std_stage::missing;
         // As in a shell, a pattern that begins with "." is asking for such names.
         if (pattern[0] == '.') view.dot_names = true;
         if (kind.name_prefix) client_prefix(client, false, prefix, FTP_LIST_ENTRY_SIZE);
@@ -468,6 +469,7 @@ std_stage stage_std(const char *real, const char *client, bool named, bool dot_n
         if (!kind.single_file) return std_stage::not_dir;
         // A file named by itself is shown, dot file or not, through its directory like any entry.
         const char *name = ftpd_split_pattern(real, dir, current_dir);
+        if (name == nullptr) return std_stage::missing;
         unique_fd dfd(open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC));
         const char *temp_name = temp_name_in(listtemp, dir);
         if (!dfd || (temp_name != nullptr && strcmp(name, temp_name) == 0)) return std_stage::missing;
@@ -508,7 +510,7 @@ int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int clie
 
     bool dot_names = kind.options ? skip_list_options(path) : true;
     bool named = path[0] != '\0';
-    if (!named) ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+    if (!named) (void)ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
     // Refusals name the path as the client sent it, never the real one.
     auto missing = [&]() {
         ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
@@ -630,7 +632,7 @@ int ftpd_mkstemp(char *templ) {
     // Lowest free number first, so numbers come back as soon as a listing removed its file.
     for (int num = 1; num <= 999998; num++) {
         char digits[8];
-        ftpd_snprintf(digits, sizeof digits, "%.6d", num);
+        (void)ftpd_snprintf(digits, sizeof digits, "%.6d", num);
         memcpy(suffix, digits, 6);
         struct stat st;
         if (stat(templ, &st) == 0) continue;
@@ -652,8 +654,8 @@ int ftpd_is_match(const char *str1, const char *match1) {
     if (str1 == nullptr || match1 == nullptr) return 0;
     char str[kMatchLen];
     char pat[kMatchLen];
-    ftpd_strlcpy(str, str1, sizeof str);
-    ftpd_strlcpy(pat, match1, sizeof pat);
+    (void)ftpd_strlcpy(str, str1, sizeof str);
+    (void)ftpd_strlcpy(pat, match1, sizeof pat);
     size_t sl = strlen(str);
     size_t pl = strlen(pat);
     if (sl == 0 || pl == 0) return 0;

@@ -42,7 +42,7 @@ int auth_user(const char *name, struct credentials *pcred) {
     pcred->message = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_MSG, msg_len));
     if (pcred->message == nullptr) return -1;
     if (name[0] == '\0') {
-        ftpd_strlcpy(pcred->message, "User is NULL.\n", msg_len);
+        (void)ftpd_strlcpy(pcred->message, "User is NULL.\n", msg_len);
         return -1;
     }
     if (pcred->cnt_index != -1) {
@@ -58,10 +58,10 @@ int auth_user(const char *name, struct credentials *pcred) {
         case 1:
             return -1;
         case 5:
-            ftpd_snprintf(pcred->message, msg_len, "User %s unknown.\n", name);
+            (void)ftpd_snprintf(pcred->message, msg_len, "User %s unknown.\n", name);
             return -1;
         default:
-            ftpd_snprintf(pcred->message, msg_len, "User connection limit reached. max number:[%d]\n",
+            (void)ftpd_snprintf(pcred->message, msg_len, "User connection limit reached. max number:[%d]\n",
                           static_cast<int>(ftpd_user_max_connect));
             return -1;
     }
@@ -70,7 +70,8 @@ int auth_user(const char *name, struct credentials *pcred) {
 int user(int control_fd, char *arg, struct credentials *pcred, char *client_name) {
     if (arg == nullptr || pcred == nullptr || client_name == nullptr) return -1;
     memset(client_name, 0, FTP_USERNAME_MAX);
-    ftpd_snprintf(client_name, FTP_USERNAME_MAX, "%s", arg);
+    // SECURITY: a name cut short could be another account's; one that does not fit names none.
+    if (!ftpd_snprintf(client_name, FTP_USERNAME_MAX, "%s", arg)) client_name[0] = '\0';
     // The slot held from an earlier USER is given back while the session's name still names its
     // user: once the name is cleared below, the table could no longer find the row.
     if (pcred->cnt_index != -1) {
@@ -165,7 +166,7 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
     if (reply_text(control_fd, "230 User logged in, proceed.\r\n") != 0) return -1;
     ftp_update_online_count(client_name, 1);
     // A later USER changes client_name; the count goes back to the account that took it.
-    ftpd_strlcpy(pcred->online_name, client_name, sizeof pcred->online_name);
+    (void)ftpd_strlcpy(pcred->online_name, client_name, sizeof pcred->online_name);
     pcred->logged_in = 1;
     pcred->logged_local_aaa_in = true;
     return 0;

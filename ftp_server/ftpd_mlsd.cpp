@@ -52,7 +52,7 @@ size_t mlsx_facts(const struct stat &st, bool parent_writable, char *out, size_t
     perm[k] = '\0';
 
     char size[32] = "";
-    if (!dir) ftpd_snprintf(size, sizeof size, "size=%lld;", static_cast<long long>(st.st_size));
+    if (!dir) (void)ftpd_snprintf(size, sizeof size, "size=%lld;", static_cast<long long>(st.st_size));
     struct tm utc;
     gmtime_r(&st.st_mtime, &utc);
     bool fit = ftpd_snprintf(out, cap, "type=%s;%smodify=%04d%02d%02d%02d%02d%02d;perm=%s;unique=%llxU%llx;",
@@ -115,7 +115,7 @@ int command_mlst(int control_fd, char *data_buff, char *current_dir, struct cred
 
     // The path is shown as the client named it; without one, as the current directory's view.
     char *shown = data_buff;
-    if (shown[0] == '\0') ftpd_absolute_to_relative_path(pcred, current_dir, shown, FTP_BUF_SIZE);
+    if (shown[0] == '\0') (void)ftpd_absolute_to_relative_path(pcred, current_dir, shown, FTP_BUF_SIZE);
     auto missing = [&]() {
         return ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, shown, nullptr) == 0 ? 0 : -1;
     };

@@ -43,8 +43,8 @@ bool is_regular_entry(int dfd, const struct dirent *ent) {
 
 // One name and its line feed.
 bool write_name(ftpd_list_batch &out, const char *name, size_t bound, char *databuff) {
-    ftpd_strlcpy(databuff, name, bound);
-    ftpd_strlcat(databuff, "\n", FTP_LIST_LINE_SIZE);
+    (void)ftpd_strlcpy(databuff, name, bound);
+    (void)ftpd_strlcat(databuff, "\n", FTP_LIST_LINE_SIZE);
     return out.add(databuff);
 }
 
@@ -110,7 +110,7 @@ int nlst_wildcard(const char *path, ftpd_list_batch &out, const char *nlsttemp, 
                   const char *current_dir) {
     const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
     struct stat st;
-    if (stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
+    if (pattern == nullptr || stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
     dir_handle dir(opendir(temppath));
     if (!dir) return -2;
     bool root = strcmp(temppath, "/") == 0;

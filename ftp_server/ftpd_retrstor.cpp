@@ -310,7 +310,7 @@ int store(int control_fd, const char *name, const char *mode, int unique, int cl
     char *inpath = whole.get();
     char *outpath = whole.get() + kPathLen;
     char tmp_name[kPathLen];
-    ftpd_strlcpy(tmp_name, name, sizeof tmp_name);
+    (void)ftpd_strlcpy(tmp_name, name, sizeof tmp_name);
     if (!resolve_client_name(control_fd, "store", tmp_name, name, current_dir, pcred, inpath, outpath)) return 0;
 
     // The generated name belongs to this call and is given back on every way out.
@@ -378,7 +378,7 @@ char *gunique(int control_fd, char *local) {
     char *s = static_cast<char *>(ftpd_malloc(FTPD_M_STRING, n));
     if (s != nullptr) {
         for (int i = 1; i <= 99; i++) {
-            ftpd_snprintf(s, n, "%s.%d", local, i);
+            (void)ftpd_snprintf(s, n, "%s.%d", local, i);
             if (stat(s, &st) < 0) return s;
         }
         ftpd_free(FTPD_M_STRING, s);

@@ -236,7 +236,7 @@ void set_top_directory(session &s) {
     if (root == nullptr) {
         printk_syslog_ext(4, FTPD_MODULE, "DIR_CONF", LOG_CLASS_ALWAYS, "FTP server root dir is not configured.\n");
     } else if (strlen(root) <= 255) {
-        ftpd_strlcpy(s.currentdir, root, sizeof(s.currentdir));
+        (void)ftpd_strlcpy(s.currentdir, root, sizeof(s.currentdir));
         size_t len = strlen(s.currentdir);
         if (len > 1 && s.currentdir[len - 1] == '/') s.currentdir[len - 1] = '\0';
     } else {
@@ -246,7 +246,7 @@ void set_top_directory(session &s) {
     }
     if (s.currentdir[0] != '\0') {
         s.pcred.rwdir_flag = true;
-        ftpd_strlcpy(s.pcred.rootdir, s.currentdir, FTP_ROOTDIR_LEN);
+        (void)ftpd_strlcpy(s.pcred.rootdir, s.currentdir, FTP_ROOTDIR_LEN);
     } else {
         s.pcred.rootdir[0] = '\0';
     }
@@ -298,7 +298,7 @@ bool command_rest(session &s) {
     if (v < 0 || errno != 0 || end == nullptr || *end != '\0') return reply(s, FTP_REPLY_501) >= 0;
     s.pcred.rest_offset = static_cast<off_t>(v);
     char text[96];
-    ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n", v);
+    (void)ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n", v);
     return reply(s, text) >= 0;
 }
 
@@ -523,7 +523,7 @@ void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def
     memset(s.currentdir, 0, sizeof(s.currentdir));
     set_top_directory(s);
 
-    ftpd_snprintf(s.data_buff, FTP_BUF_SIZE, "220 %s FTP server <version 1.00> ready.\r\n", product);
+    (void)ftpd_snprintf(s.data_buff, FTP_BUF_SIZE, "220 %s FTP server <version 1.00> ready.\r\n", product);
     if (ftpd_reply(s.control_fd, nullptr, "%s", s.data_buff, nullptr) < 0) return;
 
     if (!s.epoll.create()) {

@@ -42,7 +42,7 @@ std::mutex product_mutex;  // the one-time replacement of "UNKNOWN" by the devic
 const char *copy_out(const char *src, char *dst, size_t size) {
     std::lock_guard<std::mutex> lock(settings_mutex);
     if (src[0] == '\0') return nullptr;
-    ftpd_strlcpy(dst, src, size);
+    (void)ftpd_strlcpy(dst, src, size);
     return dst;
 }
 
@@ -51,7 +51,7 @@ void store(char *dst, const char *src, size_t size) {
     if (src == nullptr)
         memset(dst, 0, size);
     else
-        ftpd_strlcpy(dst, src, size);
+        (void)ftpd_strlcpy(dst, src, size);
 }
 
 bool opens_as_directory(const char *path) {
@@ -96,8 +96,8 @@ namespace {
 // The top directory as an absolute normalised path into trimmed (FTP_ROOTDIR_LEN bytes); slashed
 // receives the path with its leading "/" for the refusal message.
 bool normalise_root(const char *path, char *slashed, size_t slashed_len, char *trimmed) {
-    ftpd_snprintf(slashed, slashed_len, "%s%s", path[0] == '/' ? "" : "/", path);
-    return ftpd_path_trim(slashed, trimmed, FTP_ROOTDIR_LEN);
+    return ftpd_snprintf(slashed, slashed_len, "%s%s", path[0] == '/' ? "" : "/", path) &&
+           ftpd_path_trim(slashed, trimmed, FTP_ROOTDIR_LEN);
 }
 }  // namespace
 
@@ -123,9 +123,13 @@ int set_ftp_server_root_dir(const char *path) {
         char *h = const_cast<char *>(home);  // the calling thread's own copy
         size_t hl = strlen(h);
         if (hl > 0 && h[hl - 1] == '/') h[hl - 1] = '\0';
-        ftpd_snprintf(real, sizeof real, "%s%s", h, trimmed);
+        // SECURITY: a directory cut short would confine sessions to another one.
+        if (!ftpd_snprintf(real, sizeof real, "%s%s", h, trimmed)) {
+            cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
+            return -1;
+        }
     } else {
-        ftpd_strlcpy(real, trimmed, sizeof real);
+        (void)ftpd_strlcpy(real, trimmed, sizeof real);  // both hold FTP_ROOTDIR_LEN
     }
     // Both forms change together and only once the directory is accepted: a refused command
     // leaves the top directory that sessions are confined to as it was.
@@ -138,8 +142,9 @@ int set_ftp_server_root_dir(const char *path) {
         return -1;
     }
     std::lock_guard<std::mutex> lock(settings_mutex);
-    ftpd_strlcpy(rootdir, trimmed, sizeof rootdir);
-    ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);
+    // Both were checked against the same bounds above.
+    (void)ftpd_strlcpy(rootdir, trimmed, sizeof rootdir);
+    (void)ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);
     return 0;
 }
 
@@ -169,10 +174,13 @@ int set_ftp_server_root_dir_ext(int index, const char *path, const char *prefix)
         return -1;
     }
     char shown[FTP_ROOTDIR_LEN];
-    ftpd_snprintf(shown, sizeof shown, "%s%s", prefix, trimmed);
+    if (!ftpd_snprintf(shown, sizeof shown, "%s%s", prefix, trimmed)) {
+        cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
+        return -1;
+    }
     std::lock_guard<std::mutex> lock(settings_mutex);
-    ftpd_strlcpy(rootdir, shown, sizeof rootdir);
-    ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);
+    (void)ftpd_strlcpy(rootdir, shown, sizeof rootdir);
+    (void)ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);  // get_final_path checked its bound
     return 0;
 }
 
@@ -225,7 +233,7 @@ const char *ftp_get_product_name(void) {
 
 void ftp_copy_product_name(char *buf, size_t size) {
     std::lock_guard<std::mutex> lock(product_mutex);
-    ftpd_strlcpy(buf, ftpd_product_name != nullptr ? ftpd_product_name : "UNKNOWN", size);
+    (void)ftpd_strlcpy(buf, ftpd_product_name != nullptr ? ftpd_product_name : "UNKNOWN", size);  // shown cut
 }
 
 void ftp_release_product_name(void) {

@@ -31,7 +31,7 @@ int ftpd_tech_printf(const char *fmt, ...) {
     char buf[FTP_BUF_SIZE];
     va_list ap;
     va_start(ap, fmt);
-    ftpd_vsnprintf(buf, sizeof buf, fmt, ap);  // longer output is cut
+    (void)ftpd_vsnprintf(buf, sizeof buf, fmt, ap);  // longer output is cut
     va_end(ap);
     tech_module_msg_output("  %s", buf);
     return 0;

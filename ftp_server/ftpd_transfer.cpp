@@ -421,7 +421,7 @@ int receive_data(int control_fd, int instr, int outstr, struct credentials *pcre
     int type = pcred->cnt.tran_type;
     if (type_is_served(type)) return receive_data_with_type(control_fd, instr, outstr, pcred, domain_fd, discard_path);
     char text[64];
-    ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in receive_data.", type);
+    (void)ftpd_snprintf(text, sizeof text, "Unimplemented TYPE %d in receive_data.", type);
     if (discard_path != nullptr) unlink(discard_path);
     ftpd_reply(control_fd, "550", "%s", text, nullptr);
     return -1;

@@ -83,10 +83,10 @@ int set_ftp_server_userinfo(const char *name, const char *password, const char *
     std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
     for (auto &row : gb_usinfo) {
         if (row.use_flag != 0) continue;
-        ftpd_strlcpy(row.username, name, sizeof row.username);
-        ftpd_strlcpy(row.password, password, sizeof row.password);
+        (void)ftpd_strlcpy(row.username, name, sizeof row.username);
+        (void)ftpd_strlcpy(row.password, password, sizeof row.password);
         if (encrypt != nullptr)
-            ftpd_strlcpy(row.pass_encrypt, encrypt, sizeof row.pass_encrypt);
+            (void)ftpd_strlcpy(row.pass_encrypt, encrypt, sizeof row.pass_encrypt);
         else
             memset(row.pass_encrypt, 0, sizeof row.pass_encrypt);
         row.pass_type = type;
@@ -121,12 +121,12 @@ int get_ftp_server_userinfo(int index, char *name, char *password, uint32_t *typ
         char enc[FTP_PASSWD_LEN] = {0};
         login_password_encrypt(row.password, enc, sizeof enc);
         if (enc[0] == '\0') return -2;
-        ftpd_strlcpy(row.pass_encrypt, enc, sizeof row.pass_encrypt);
+        (void)ftpd_strlcpy(row.pass_encrypt, enc, sizeof row.pass_encrypt);
         row.pass_type = 7;
     }
-    ftpd_strlcpy(name, row.username, FTP_NAME_LEN);
+    (void)ftpd_strlcpy(name, row.username, FTP_NAME_LEN);
     *type = row.pass_type;
-    ftpd_strlcpy(password, row.pass_type == 7 ? row.pass_encrypt : row.password, FTP_PASSWD_LEN);
+    (void)ftpd_strlcpy(password, row.pass_type == 7 ? row.pass_encrypt : row.password, FTP_PASSWD_LEN);
     return 0;
 }
 
@@ -180,8 +180,8 @@ int ftp_set_userinfo_connect(const char *name, struct credentials *pcred) {
         break;
     }
     pcred->slot_generation = row->generation;
-    if (pcred->name != nullptr) ftpd_strlcpy(pcred->name, row->username, FTP_NAME_LEN);
-    if (pcred->passwd != nullptr) ftpd_strlcpy(pcred->passwd, row->password, FTP_PASSWD_LEN);
+    if (pcred->name != nullptr) (void)ftpd_strlcpy(pcred->name, row->username, FTP_NAME_LEN);
+    if (pcred->passwd != nullptr) (void)ftpd_strlcpy(pcred->passwd, row->password, FTP_PASSWD_LEN);
     return 0;
 }
 
@@ -243,7 +243,7 @@ int set_ftp_server_user(const char *name) {
         return 0;
     }
     if (!length_in(name, 1, FTP_USERNAME_MAX)) return -1;
-    ftpd_strlcpy(user_name, name, sizeof user_name);
+    (void)ftpd_strlcpy(user_name, name, sizeof user_name);
     return 0;
 }
 
@@ -256,9 +256,9 @@ int set_ftp_server_password(const char *password, const char *encrypt, uint32_t 
     }
     size_t len = strlen(password);
     if (len > FTP_PASSWORD_MAX) return static_cast<int>(len);
-    ftpd_strlcpy(pass_word, password, sizeof pass_word);
+    (void)ftpd_strlcpy(pass_word, password, sizeof pass_word);
     if (encrypt != nullptr)
-        ftpd_strlcpy(pass_encrypt, encrypt, sizeof pass_encrypt);
+        (void)ftpd_strlcpy(pass_encrypt, encrypt, sizeof pass_encrypt);
     else
         memset(pass_encrypt, 0, sizeof pass_encrypt);
     return 0;

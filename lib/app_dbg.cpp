@@ -31,7 +31,7 @@ static char app_dbg_name[16] = "ftps";
 
 void app_dbg_set_name(const char *name) {
     std::lock_guard<std::mutex> lock(app_init_sem);
-    ftpd_strlcpy(app_dbg_name, name != nullptr ? name : "", sizeof app_dbg_name);
+    (void)ftpd_strlcpy(app_dbg_name, name != nullptr ? name : "", sizeof app_dbg_name);
 }
 
 // Creates one directory; an error other than "already exists" means the application cannot
@@ -43,14 +43,14 @@ static void app_dbg_mkdir(const char *dir) {
 char *app_dbg_make_path(const char *file) {
     const char *base = getenv("TMPDIR");
     if (base == nullptr) base = "/tmp";
-    ftpd_strlcpy(app_dbg_path, base, sizeof app_dbg_path);
-    ftpd_strlcat(app_dbg_path, "/app", sizeof app_dbg_path);
+    (void)ftpd_strlcpy(app_dbg_path, base, sizeof app_dbg_path);
+    (void)ftpd_strlcat(app_dbg_path, "/app", sizeof app_dbg_path);
     // The parent is made too, so that a fresh TMPDIR works without preparation.
     app_dbg_mkdir(app_dbg_path);
-    ftpd_strlcat(app_dbg_path, "/", sizeof app_dbg_path);
-    ftpd_strlcat(app_dbg_path, app_dbg_name, sizeof app_dbg_path);
+    (void)ftpd_strlcat(app_dbg_path, "/", sizeof app_dbg_path);
+    (void)ftpd_strlcat(app_dbg_path, app_dbg_name, sizeof app_dbg_path);
     app_dbg_mkdir(app_dbg_path);
-    ftpd_strlcat(app_dbg_path, file != nullptr ? file : "", sizeof app_dbg_path);
+    (void)ftpd_strlcat(app_dbg_path, file != nullptr ? file : "", sizeof app_dbg_path);
     return app_dbg_path;
 }
 
@@ -61,10 +61,10 @@ static void app_write_file(const char *file, const char *function, int line, con
     syslog_get_current_time(now, sizeof now, 2);
 
     char text[APP_DBG_LINE_LEN];
-    ftpd_snprintf(text, sizeof text, "%s [%s/%d]- ", now, function != nullptr ? function : "", line);
+    (void)ftpd_snprintf(text, sizeof text, "%s [%s/%d]- ", now, function != nullptr ? function : "", line);
     size_t used = strnlen(text, sizeof text);
     // A message longer than the line is cut; the cut is accepted.
-    ftpd_vsnprintf(text + used, sizeof text - used, fmt, ap);
+    (void)ftpd_vsnprintf(text + used, sizeof text - used, fmt, ap);
     size_t len = strnlen(text, sizeof text);
 
     const char *path = app_dbg_make_path(file);

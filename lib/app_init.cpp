@@ -94,17 +94,17 @@ int app_instance_is_running(const char *name) {
     }
 
     char path[APP_INSTANCE_PATH_LEN];
-    ftpd_snprintf(path, sizeof path, "%s/app/", base);
+    (void)ftpd_snprintf(path, sizeof path, "%s/app/", base);
     if (app_make_path(path) == nullptr) {
         APP_LOG("Failed to get app path.\n");
         return -1;
     }
-    ftpd_strlcat(path, name, sizeof path);
+    (void)ftpd_strlcat(path, name, sizeof path);
     if (app_make_path(path) == nullptr) {
         APP_LOG("Failed to get /app/%s path.\n", name);
         return -1;
     }
-    ftpd_strlcat(path, "/.running", sizeof path);
+    (void)ftpd_strlcat(path, "/.running", sizeof path);
 
     char eb[128];
     int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);

@@ -5,8 +5,8 @@
 #include <cstddef>
 
 // Formats into buf (always terminated when size > 0). Returns true when the whole text fit.
-bool ftpd_snprintf(char *buf, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
-bool ftpd_vsnprintf(char *buf, size_t size, const char *fmt, va_list ap);
+[[nodiscard]] bool ftpd_snprintf(char *buf, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+[[nodiscard]] bool ftpd_vsnprintf(char *buf, size_t size, const char *fmt, va_list ap);
 // Copies / appends src (always terminated when size > 0). Returns true when the whole text fit.
-bool ftpd_strlcpy(char *dst, const char *src, size_t size);
-bool ftpd_strlcat(char *dst, const char *src, size_t size);
+[[nodiscard]] bool ftpd_strlcpy(char *dst, const char *src, size_t size);
+[[nodiscard]] bool ftpd_strlcat(char *dst, const char *src, size_t size);

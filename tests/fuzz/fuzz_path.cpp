@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (client.size() > FTP_BUF_SIZE - 1) client.resize(FTP_BUF_SIZE - 1);
 
     char rootdir[FTP_ROOTDIR_LEN];
-    ftpd_strlcpy(rootdir, top, sizeof rootdir);
+    if (!ftpd_strlcpy(rootdir, top, sizeof rootdir)) return 0;
     struct credentials cred;
     memset(&cred, 0, sizeof cred);
     cred.rootdir = rootdir;
@@ -79,32 +79,33 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char trimmed_cur[FTP_CURRENTDIR_LEN];
     std::string slashed = "/" + cur_rel;
     if (!ftpd_path_trim(slashed.c_str(), trimmed_cur, sizeof trimmed_cur)) return 0;
+    bool fit;
     if (strcmp(top, "/") == 0)
-        ftpd_strlcpy(current, trimmed_cur, sizeof current);
+        fit = ftpd_strlcpy(current, trimmed_cur, sizeof current);
     else if (strcmp(trimmed_cur, "/") == 0)
-        ftpd_strlcpy(current, top, sizeof current);
+        fit = ftpd_strlcpy(current, top, sizeof current);
     else
-        ftpd_snprintf(current, sizeof current, "%s%s", top, trimmed_cur);
+        fit = ftpd_snprintf(current, sizeof current, "%s%s", top, trimmed_cur);
+    if (!fit) return 0;
 
     ftpd_mem_t before = ftpd_mem_get(FTPD_M_TMP);
     std::vector<char> inpath(static_cast<size_t>(bufsize)), outpath(static_cast<size_t>(bufsize));
-    ftpd_rootdir_relative_path(&cred, current, client.c_str(), inpath.data(), bufsize);
+    // A result that does not fit is refused; whatever is in the buffer is still terminated.
+    bool rel_fit = ftpd_rootdir_relative_path(&cred, current, client.c_str(), inpath.data(), bufsize) != nullptr;
     if (memchr(inpath.data(), '\0', inpath.size()) == nullptr) __builtin_trap();
+    if (!rel_fit) return 0;
     bool ok = ftpd_path_trim(inpath.data(), outpath.data(), bufsize);
     ftpd_mem_t after = ftpd_mem_get(FTPD_M_TMP);
     if (after.allocs - after.deallocs != before.allocs - before.deallocs) __builtin_trap();
     if (!ok) return 0;
     if (memchr(outpath.data(), '\0', outpath.size()) == nullptr) __builtin_trap();
 
-    ftpd_relative_to_absolute_path(&cred, outpath.data(), inpath.data(), bufsize);
-    size_t real_len = strlen(inpath.data());
-    // Confinement, whenever the real path was not cut by the buffer.
-    if (bufsize == FTP_BUF_SIZE && real_len + 1 < static_cast<size_t>(bufsize) && outpath[0] == '/' &&
-        !below(resolve(inpath.data()), top))
-        __builtin_trap();
+    if (ftpd_relative_to_absolute_path(&cred, outpath.data(), inpath.data(), bufsize) == nullptr) return 0;
+    // Confinement: a real path that fit never leaves the top directory.
+    if (outpath[0] == '/' && !below(resolve(inpath.data()), top)) __builtin_trap();
     (void)is_access_path(inpath.data());
 
     char back[FTP_CURRENTDIR_LEN];
-    ftpd_absolute_to_relative_path(&cred, current, back, sizeof back);
+    (void)ftpd_absolute_to_relative_path(&cred, current, back, sizeof back);
     return 0;
 }

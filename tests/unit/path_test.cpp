@@ -57,20 +57,22 @@ TEST(PathTrim, ScratchBufferIsGivenBackAndItsShortageRefuses) {
 // The resolution sequence of the file commands, for top directory top and current directory cur.
 std::string resolve(const char *top, const char *cur, const char *arg) {
     char root[FTP_ROOTDIR_LEN], in[512], out[512];
-    ftpd_strlcpy(root, top, sizeof root);
+    EXPECT_TRUE(ftpd_strlcpy(root, top, sizeof root));
     credentials c{};
     c.rootdir = root;
-    ftpd_rootdir_relative_path(&c, cur, arg, in, sizeof in);
+    if (ftpd_rootdir_relative_path(&c, cur, arg, in, sizeof in) == nullptr) return "<too long>";
     if (!ftpd_path_trim(in, out, sizeof out)) return "<false>";
-    return ftpd_relative_to_absolute_path(&c, out, in, sizeof in);
+    const char *real = ftpd_relative_to_absolute_path(&c, out, in, sizeof in);
+    return real != nullptr ? real : "<too long>";
 }
 
 std::string client_view(const char *top, const char *cur) {
     char root[FTP_ROOTDIR_LEN], out[512];
-    ftpd_strlcpy(root, top, sizeof root);
+    EXPECT_TRUE(ftpd_strlcpy(root, top, sizeof root));
     credentials c{};
     c.rootdir = root;
-    return ftpd_absolute_to_relative_path(&c, cur, out, sizeof out);
+    const char *view = ftpd_absolute_to_relative_path(&c, cur, out, sizeof out);
+    return view != nullptr ? view : "<too long>";
 }
 
 TEST(PathMapping, ClientPathsStayBelowTopDirectory) {
@@ -87,14 +89,15 @@ TEST(PathMapping, ClientPathsStayBelowTopDirectory) {
     EXPECT_EQ(client_view("/", "/var/log"), "/var/log");
 }
 
-TEST(PathMapping, OverlongResultIsCutAndTerminated) {
+// A path cut short would name another file: each step refuses what does not fit.
+TEST(PathMapping, OverlongResultIsRefused) {
     char root[] = "/top", out[16];
     credentials c{};
     c.rootdir = root;
-    ftpd_rootdir_relative_path(&c, "/top", std::string(600, 'n').c_str(), out, sizeof out);
-    EXPECT_EQ(std::string(out), "/" + std::string(14, 'n'));
-    ftpd_relative_to_absolute_path(&c, "/aaaaaaaaaaaaaaaaaaaaaaaa", out, sizeof out);
-    EXPECT_EQ(std::string(out), "/top/aaaaaaaaaa");
+    EXPECT_EQ(ftpd_rootdir_relative_path(&c, "/top", std::string(600, 'n').c_str(), out, sizeof out), nullptr);
+    EXPECT_EQ(ftpd_relative_to_absolute_path(&c, "/aaaaaaaaaaaaaaaaaaaaaaaa", out, sizeof out), nullptr);
+    EXPECT_FALSE(ftpd_path_trim(("/" + std::string(40, 'x')).c_str(), out, sizeof out));
+    EXPECT_EQ(resolve("/top", "/top", std::string(600, 'n').c_str()), "<too long>");
 }
 
 TEST(SystemTree, OnlyTheFirstComponentAfterFlashHomeDecides) {
