@@ -53,11 +53,6 @@ bool in_range(int v, int lo, int hi) {
     return v >= lo && v <= hi;
 }
 
-void close_fd(int32_t *fd) {
-    if (*fd >= 0) close(*fd);
-    *fd = -1;
-}
-
 // First 10 bits of fe80:: (link-local) or fec0:: (site-local).
 bool is_scoped_v6(const struct in6_addr *a) {
     return a->s6_addr[0] == 0xfe && ((a->s6_addr[1] & 0xc0) == 0x80 || (a->s6_addr[1] & 0xc0) == 0xc0);
@@ -147,7 +142,7 @@ int command_port(int control_fd, char *data_buff, char *client_addr, int *client
     if (!is_logged_in(pcred)) return reply_text(control_fd, kNotLoggedIn);
     if (pcred->epsv_all) return ftpd_reply(control_fd, "501", kActiveDisabled, nullptr, nullptr);
     pcred->usedefault = 0;
-    close_fd(&pcred->pdata);
+    ftpd_data_close(&pcred->pdata);
     *client_port = parse_port_data(data_buff, client_addr);
     if (*client_port < 1025) return ftpd_reply(control_fd, "500", "Illegal PORT Command.", nullptr, nullptr);
     if (ftpd_standard()) {
@@ -169,7 +164,7 @@ int command_eprt(int control_fd, char *data_buff, char *client_addr, int addr_si
     if (!is_logged_in(pcred)) return reply_text(control_fd, kNotLoggedIn);
     if (pcred->epsv_all) return ftpd_reply(control_fd, "501", kActiveDisabled, nullptr, nullptr);
     pcred->usedefault = 0;
-    close_fd(&pcred->pdata);
+    ftpd_data_close(&pcred->pdata);
     return doeprt(control_fd, data_buff, client_addr, addr_size, client_port, pcred);
 }
 
@@ -254,9 +249,9 @@ int command_epsv(int control_fd, char *data_buff, struct credentials *pcred) {
 }
 
 int dopasv(int control_fd, struct credentials *pcred) {
-    close_fd(&pcred->data);
+    ftpd_data_close(&pcred->data);
     // A listener of an earlier PASV/EPSV that was never used is replaced, not leaked.
-    close_fd(&pcred->listen_pdata);
+    ftpd_data_close(&pcred->listen_pdata);
     pcred->listen_pdata = socket(pcred->cnt.data_type, SOCK_STREAM, IPPROTO_TCP);
     if (pcred->listen_pdata < 0) {
         pcred->listen_pdata = -1;
@@ -264,7 +259,7 @@ int dopasv(int control_fd, struct credentials *pcred) {
     }
     int on = 1;
     if (setsockopt(pcred->listen_pdata, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         return ftpd_reply(control_fd, "421", "setsockopt", nullptr, nullptr);
     }
     ftps_set_vrf_option(pcred, pcred->listen_pdata);
@@ -289,17 +284,17 @@ int dopasv(int control_fd, struct credentials *pcred) {
     int port = bind_random_port(pcred->listen_pdata, addr, len, port_field, &err);
     if (port < 0) {
         FTPD_LOG_ERR("%s:ipv6 data connection, bind fail(errno=%d).\n", __func__, err);
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         return reply_text(control_fd, kCantOpen);
     }
     if (listen(pcred->listen_pdata, kPassiveBacklog) < 0) {
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         return reply_text(control_fd, kCantOpen);
     }
     char text[64];
     (void)ftpd_snprintf(text, sizeof text, "Extended Passive mode OK (|||%u|)", static_cast<unsigned>(port));
     if (ftpd_reply(control_fd, "229", "%s", text, nullptr) < 0) {
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         return -1;
     }
     return 0;
@@ -307,7 +302,7 @@ int dopasv(int control_fd, struct credentials *pcred) {
 
 void passive(int control_fd, struct credentials *pcred) {
     // Unlike EPSV, an open active connection is left as it is; an unused listener is replaced.
-    close_fd(&pcred->listen_pdata);
+    ftpd_data_close(&pcred->listen_pdata);
     pcred->listen_pdata = socket(AF_INET, SOCK_STREAM, 0);
     if (pcred->listen_pdata < 0) {
         pcred->listen_pdata = -1;
@@ -317,7 +312,7 @@ void passive(int control_fd, struct credentials *pcred) {
     int on = 1;
     if (setsockopt(pcred->listen_pdata, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
         FTPD_LOG_ERR("%s:data connection, setsockopt fail.\n", __func__);
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         reply_text(control_fd, kCantOpen);
         return;
     }
@@ -330,13 +325,13 @@ void passive(int control_fd, struct credentials *pcred) {
                                 sizeof pcred->cnt.pasv_addr, &pcred->cnt.pasv_addr.sin_port, &err);
     if (port < 0) {
         FTPD_LOG_ERR("%s:data connection, bind fail(errno=%d).\n", __func__, err);
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         reply_text(control_fd, kCantOpen);
         return;
     }
     if (listen(pcred->listen_pdata, kPassiveBacklog) < 0) {
         FTPD_LOG_ERR("%s:data connection, listen fail.\n", __func__);
-        close_fd(&pcred->listen_pdata);
+        ftpd_data_close(&pcred->listen_pdata);
         reply_text(control_fd, kCantOpen);
         return;
     }

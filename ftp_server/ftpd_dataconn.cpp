@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,11 +27,6 @@ constexpr int kConnectRetrySeconds = 90;
 constexpr unsigned kConnectRetrySleep = 5;
 
 const char kCantOpen[] = "425 Can't open data connection.\r\n";
-
-void close_fd(int32_t *fd) {
-    if (*fd >= 0) close(*fd);
-    *fd = -1;
-}
 
 bool is_scoped_v6(const struct in6_addr *a) {
     return a->s6_addr[0] == 0xfe && ((a->s6_addr[1] & 0xc0) == 0x80 || (a->s6_addr[1] & 0xc0) == 0xc0);
@@ -106,7 +102,7 @@ int accept_passive(int control_fd, struct credentials *pcred) {
         }
         ftpd_epoll_destroy(ep);
     }
-    close_fd(&pcred->listen_pdata);
+    ftpd_data_close(&pcred->listen_pdata);
     if (!ok) {
         ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
         return -1;
@@ -116,7 +112,7 @@ int accept_passive(int control_fd, struct credentials *pcred) {
     socklen_t llen = sizeof local;
     if (getsockname(pcred->pdata, reinterpret_cast<struct sockaddr *>(&local), &llen) < 0) {
         ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
-        close_fd(&pcred->pdata);
+        ftpd_data_close(&pcred->pdata);
         return -1;
     }
     if (local.ss_family == AF_INET6)
@@ -129,7 +125,7 @@ int accept_passive(int control_fd, struct credentials *pcred) {
     setsockopt(pcred->pdata, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
     setsockopt(pcred->pdata, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     if (reply_opening(control_fd, pcred) < 0) {
-        close_fd(&pcred->pdata);
+        ftpd_data_close(&pcred->pdata);
         return -1;
     }
     return pcred->pdata;
@@ -172,6 +168,31 @@ void set_active_destination(int control_fd, int family, int client_port, const c
 }
 
 }  // namespace
+
+void ftpd_data_close(int32_t *fd) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
+}
+
+void ftpd_data_finish(struct credentials *pcred, int dfd) {
+    // Closed without lingering: a client that stopped reading cannot hold the close.
+    int on = 1;
+    if (dfd >= 0) {
+        ioctl(dfd, FIONBIO, &on);
+        close(dfd);
+    }
+    // A connection of the other mode left open by an earlier command goes as well.
+    if (pcred->data != dfd) ftpd_data_close(&pcred->data);
+    if (pcred->pdata != dfd) ftpd_data_close(&pcred->pdata);
+    pcred->data = -1;
+    pcred->pdata = -1;
+}
+
+void ftpd_data_release(struct credentials *pcred) {
+    ftpd_data_close(&pcred->listen_pdata);
+    ftpd_data_close(&pcred->pdata);
+    ftpd_data_close(&pcred->data);
+}
 
 void ftps_set_vrf_option(struct credentials *pcred, int fd) {
     // On Linux a VRF is a device: the control connection's binding is read and given to fd.
@@ -237,7 +258,7 @@ int dataconn(int control_fd, off_t size, const char *mode, int client_port, cons
     if (pcred->data >= 0) {
         pcred->usedefault = 1;
         if (ftpd_reply(control_fd, "125", "Using existing data connection.", nullptr, nullptr) < 0) {
-            close_fd(&pcred->data);
+            ftpd_data_close(&pcred->data);
             return -1;
         }
         return pcred->data;
@@ -287,7 +308,7 @@ int dataconn(int control_fd, off_t size, const char *mode, int client_port, cons
 
     pcred->data = sock.release();
     if (reply_opening(control_fd, pcred) < 0) {
-        close_fd(&pcred->data);
+        ftpd_data_close(&pcred->data);
         return -1;
     }
     return pcred->data;

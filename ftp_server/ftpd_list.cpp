@@ -279,11 +279,7 @@ int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_p
     }
     int r = writer(control_fd, data_sock.get(), current_dir, inpath, pcred, domain_fd);
 
-    int on = 1;
-    ioctl(data_sock.get(), FIONBIO, &on);
-    data_sock.reset();
-    pcred->pdata = -1;
-    pcred->data = -1;
+    ftpd_data_finish(pcred, data_sock.release());
     ftp_set_userinfo_update(pcred);
     return r == -2 ? -2 : 0;
 }
@@ -573,11 +569,7 @@ int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int clie
     pcred->cnt.tran_type = type;
     temp.remove();
 
-    int on = 1;
-    ioctl(data_sock.get(), FIONBIO, &on);
-    data_sock.reset();
-    pcred->pdata = -1;
-    pcred->data = -1;
+    ftpd_data_finish(pcred, data_sock.release());
     ftp_set_userinfo_update(pcred);
     return sent == -2 ? -2 : 0;
 }

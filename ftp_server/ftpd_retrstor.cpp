@@ -54,17 +54,6 @@ bool resolve_client_name(int control_fd, const char *func, const char *name, con
     return false;
 }
 
-// Closes the data connection of a finished transfer; both data descriptors end at -1.
-void close_data_connection(int dfd, struct credentials *pcred) {
-    int on = 1;
-    ioctl(dfd, FIONBIO, &on);
-    close(dfd);
-    // A connection of the other mode left open by an earlier command is given back as well.
-    if (pcred->data >= 0 && pcred->data != dfd) close(pcred->data);
-    if (pcred->pdata >= 0 && pcred->pdata != dfd) close(pcred->pdata);
-    pcred->data = -1;
-    pcred->pdata = -1;
-}
 
 int open_flags(const char *mode) {
     // Every mode creates and empties the file; "a" is read-write, not append, by design.
@@ -227,7 +216,7 @@ int store_standard(int control_fd, const char *name, const char *path, upload_ki
         else
             ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
     }
-    close_data_connection(dfd, pcred);
+    ftpd_data_finish(pcred, dfd);
     ftp_set_userinfo_update(pcred);
     return result;
 }
@@ -294,7 +283,7 @@ int retrieve(int control_fd, const char *name, int client_port, const char *clie
     if (dfd < 0) return 0;
     ftp_set_userinfo_update(pcred);
     int result = send_data(control_fd, file.get(), dfd, kSendBlock, pcred, domain_fd);
-    close_data_connection(dfd, pcred);
+    ftpd_data_finish(pcred, dfd);
     ftp_set_userinfo_update(pcred);
     return result;
 }
@@ -354,7 +343,7 @@ int store(int control_fd, const char *name, const char *mode, int unique, int cl
         else
             ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
     }
-    close_data_connection(dfd, pcred);
+    ftpd_data_finish(pcred, dfd);
     ftp_set_userinfo_update(pcred);
     return result;
 }

@@ -116,8 +116,7 @@ class record_release {
     ~record_release() {
         if (!armed_) return;
         clear_cred(pcred_);
-        for (int32_t fd : {pcred_->listen_pdata, pcred_->pdata, pcred_->data})
-            if (fd >= 0) close(fd);
+        ftpd_data_release(pcred_);
     }
     record_release(const record_release &) = delete;
     record_release &operator=(const record_release &) = delete;
