@@ -329,6 +329,70 @@ send_outcome send_with_copy(int instr, int outstr, size_t blk, char *buf, char *
     }
 }
 
+enum class recv_outcome { more, done, write_failed, failed, stopped };
+
+// What one upload moves between its data connection and its file.
+struct upload {
+    int instr;
+    int outstr;
+    int domain_fd;
+    kernel_pipe *sp;
+    bool use_splice;
+    char *databuff;  // kRecvChunk bytes as received
+    char *buf;       // kRecvChunk bytes converted
+    struct credentials *pcred;
+};
+
+// One wake-up of an upload: the stop message first (only while the service is disabled, even if
+// another thread took the datagram; a message left over from an earlier disable is taken and the
+// transfer goes on), then what the connection has, into the file.
+recv_outcome receive_step(xfer_waiter &w, upload &u) {
+    if (u.domain_fd >= 0 && w.ready(u.domain_fd)) {
+        char msg[FTP_DOMAIN_MSG_LEN];
+        if (recv(u.domain_fd, msg, sizeof msg, MSG_DONTWAIT) < 0)
+            FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
+        if (!is_ftp_server_start()) return recv_outcome::stopped;
+    }
+    if (!w.ready(u.instr)) return recv_outcome::more;
+    if (u.use_splice) {
+        ssize_t moved = 0;
+        kernel_pipe::result r = u.sp->move(u.instr, u.outstr, &moved);
+        switch (r) {
+            case kernel_pipe::moved:
+                u.pcred->byte_count += static_cast<off_t>(moved);
+                return recv_outcome::more;
+            case kernel_pipe::nothing_yet:
+                return recv_outcome::more;
+            case kernel_pipe::end_of_data:
+                fsync(u.outstr);
+                return recv_outcome::done;
+            case kernel_pipe::write_failed:
+                return recv_outcome::write_failed;
+            case kernel_pipe::receive_failed:
+                return recv_outcome::failed;
+            case kernel_pipe::unsupported:
+                u.use_splice = false;  // receive into the buffer from now on
+                break;
+        }
+    }
+    ssize_t n = recv(u.instr, u.databuff, kRecvChunk, MSG_DONTWAIT);
+    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? recv_outcome::more : recv_outcome::failed;
+    if (n == 0) {
+        fsync(u.outstr);
+        return recv_outcome::done;
+    }
+    const char *out = u.databuff;
+    size_t len = static_cast<size_t>(n);
+    if (u.pcred->cnt.tran_type == 1) {
+        // Cut where one receive of at most one block at a time would have cut.
+        len = chunk_to_unix(u.databuff, len, FTP_RECV_BLOCK, u.buf);
+        out = u.buf;
+    }
+    if (!write_all(u.outstr, out, len)) return recv_outcome::write_failed;
+    u.pcred->byte_count += static_cast<off_t>(len);
+    return recv_outcome::more;
+}
+
 }  // namespace
 
 int unix_to_dos(const char *buf, char *chang_buf, int cnt) {
@@ -451,11 +515,6 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
         return -1;
     }
 
-    auto release = [&]() {
-        databuff.reset();
-        buf.reset();
-        w.reset();
-    };
     bool armed = w.add(instr, EPOLLIN) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN));
     // Binary type to a regular file is spliced; otherwise (or when the connection cannot splice)
     // the bytes are received into the buffer. The kernel does not splice into a file opened for
@@ -464,75 +523,34 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
     struct stat st;
     bool use_splice = pcred->cnt.tran_type != 1 && fstat(outstr, &st) == 0 && S_ISREG(st.st_mode) && sp.ok() &&
                       !(ftpd_standard() && (fcntl(outstr, F_GETFL) & O_APPEND) != 0);
-    while (armed) {
+    upload u{instr, outstr, domain_fd, &sp, use_splice, databuff.get(), buf.get(), pcred};
+    recv_outcome r = armed ? recv_outcome::more : recv_outcome::failed;
+    while (r == recv_outcome::more) {
         int n_ready = w.wait();
         if (n_ready <= 0) {
             if (n_ready == 0) FTPD_LOG_PRO("Time out.\n");
+            r = recv_outcome::failed;
             break;
         }
-        // Abort as soon as the control channel is readable while the service is disabled, even if
-        // another thread took the datagram; a message left over from an earlier disable is taken
-        // and the transfer goes on.
-        if (domain_fd >= 0 && w.ready(domain_fd)) {
-            char msg[FTP_DOMAIN_MSG_LEN];
-            if (recv(domain_fd, msg, sizeof msg, MSG_DONTWAIT) < 0)
-                FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
-            if (!is_ftp_server_start()) {
-                release();
-                fail("426", "Data Connection.");
-                return -2;
-            }
-            if (!w.ready(instr)) continue;
-        }
-        if (!w.ready(instr)) continue;
-        if (use_splice) {
-            ssize_t moved = 0;
-            kernel_pipe::result r = sp.move(instr, outstr, &moved);
-            if (r == kernel_pipe::moved) {
-                pcred->byte_count += static_cast<off_t>(moved);
-                continue;
-            }
-            if (r == kernel_pipe::nothing_yet) continue;
-            if (r == kernel_pipe::end_of_data) {
-                fsync(outstr);
-                release();
-                return 0;
-            }
-            if (r == kernel_pipe::write_failed) {
-                release();
-                fail("452", "Error writing file.");
-                return -1;
-            }
-            if (r == kernel_pipe::receive_failed) break;
-            use_splice = false;  // unsupported: receive into the buffer from now on
-        }
-        ssize_t n = recv(instr, databuff.get(), kRecvChunk, MSG_DONTWAIT);
-        if (n < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
-            break;
-        }
-        if (n == 0) {
-            fsync(outstr);
-            release();
+        r = receive_step(w, u);
+    }
+    // Buffers and waiter are given back before the final reply on every way out.
+    databuff.reset();
+    buf.reset();
+    w.reset();
+    switch (r) {
+        case recv_outcome::done:
             return 0;
-        }
-        const char *out = databuff.get();
-        size_t len = static_cast<size_t>(n);
-        if (pcred->cnt.tran_type == 1) {
-            // Cut where one receive of at most one block at a time would have cut.
-            len = chunk_to_unix(databuff.get(), len, FTP_RECV_BLOCK, buf.get());
-            out = buf.get();
-        }
-        if (!write_all(outstr, out, len)) {
-            release();
+        case recv_outcome::stopped:
+            fail("426", "Data Connection.");
+            return -2;
+        case recv_outcome::write_failed:
             fail("452", "Error writing file.");
             return -1;
-        }
-        pcred->byte_count += static_cast<off_t>(len);
+        default:
+            fail("426", "Data Connection.");
+            return -1;
     }
-    release();
-    fail("426", "Data Connection.");
-    return -1;
 }
 
 void type_fun(int control_fd, const char *rev_type, struct credentials *pcred) {
