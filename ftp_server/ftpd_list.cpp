@@ -328,20 +328,16 @@ int write_list(int control_fd, int data_sock, char *current_dir, char *path, str
     return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kListKind);
 }
 
-// Entries are queried relative to the open directory, so no entry path is built.
+namespace {
+// A LIST line for every entry that can be queried; entries are queried relative to the open
+// directory, so no entry path is built.
+bool list_line(int dfd, const struct dirent *ent, char *databuff, int year) {
+    return ftpd_entry_info(dfd, ent->d_name, databuff, FTP_LIST_LINE_SIZE, year) == 0;
+}
+}  // namespace
+
 int list_dir(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff) {
-    dir_handle dir(opendir(path));
-    if (!dir) return -1;
-    bool root = is_dir_root(path);
-    int year = ftpd_this_year();
-    int dfd = dirfd(dir.get());
-    while (struct dirent *ent = readdir(dir.get())) {
-        const char *name = ent->d_name;
-        if (ftpd_entry_hidden(name, listtemp, root)) continue;
-        if (ftpd_entry_info(dfd, name, databuff, FTP_LIST_LINE_SIZE, year) != 0) continue;
-        if (!out.add(databuff)) return -1;
-    }
-    return out.finish() ? 0 : -1;
+    return ftpd_scan_dir(path, nullptr, listtemp, out, databuff, list_line, -1);
 }
 
 int list_reg(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff) {
@@ -356,22 +352,32 @@ int list_reg(const char *path, ftpd_list_batch &out, const char *listtemp, char 
 
 int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff, char *temppath,
                   const char *current_dir) {
-    const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
-    struct stat st;
-    if (pattern == nullptr || stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
-    dir_handle dir(opendir(temppath));
-    if (!dir) return -2;
-    bool root = is_dir_root(temppath);
+    return ftpd_scan_pattern(path, current_dir, temppath, listtemp, out, databuff, list_line);
+}
+
+int ftpd_scan_dir(const char *path, const char *pattern, const char *listtemp, ftpd_list_batch &out, char *databuff,
+                  ftpd_entry_line line, int fail_code) {
+    dir_handle dir(opendir(path));
+    if (!dir) return fail_code;
+    bool root = is_dir_root(path);
     int year = ftpd_this_year();
     int dfd = dirfd(dir.get());
     while (struct dirent *ent = readdir(dir.get())) {
         const char *name = ent->d_name;
-        if (ftpd_is_match(name, pattern) != 1) continue;
         if (ftpd_entry_hidden(name, listtemp, root)) continue;
-        if (ftpd_entry_info(dfd, name, databuff, FTP_LIST_LINE_SIZE, year) != 0) continue;
-        if (!out.add(databuff)) return -2;
+        if (pattern != nullptr && ftpd_is_match(name, pattern) != 1) continue;
+        if (!line(dfd, ent, databuff, year)) continue;
+        if (!out.add(databuff)) return fail_code;
     }
-    return out.finish() ? 0 : -2;
+    return out.finish() ? 0 : fail_code;
+}
+
+int ftpd_scan_pattern(const char *path, const char *current_dir, char *temppath, const char *listtemp,
+                      ftpd_list_batch &out, char *databuff, ftpd_entry_line line) {
+    const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
+    struct stat st;
+    if (pattern == nullptr || stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
+    return ftpd_scan_dir(temppath, pattern, listtemp, out, databuff, line, -2);
 }
 
 // ---------------------------------------------------------------------------------------------

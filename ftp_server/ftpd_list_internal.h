@@ -77,6 +77,16 @@ class ftpd_list_batch {
 
 // The per-entry listers, writing into the batch of the temporary file, which the caller owns.
 // list_dir / nlst_dir: 0 or -1. *_reg and *_wildcard: 0; -2 write or open failure; -3 not listable.
+// The line a lister writes for a directory entry into databuff; false skips the entry.
+using ftpd_entry_line = bool (*)(int dfd, const struct dirent *ent, char *databuff, int year);
+// Every entry of the directory path that is not hidden and matches pattern (when not null) gets
+// its line: 0, or fail_code when the directory cannot be read or the batch fails.
+int ftpd_scan_dir(const char *path, const char *pattern, const char *listtemp, ftpd_list_batch &out, char *databuff,
+                  ftpd_entry_line line, int fail_code);
+// A wildcard path: its directory (split off into temppath) scanned for its pattern. -3 when that
+// is not a directory, -2 on failure, else 0.
+int ftpd_scan_pattern(const char *path, const char *current_dir, char *temppath, const char *listtemp,
+                      ftpd_list_batch &out, char *databuff, ftpd_entry_line line);
 int list_dir(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff);
 int list_reg(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff);
 int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff, char *temppath,

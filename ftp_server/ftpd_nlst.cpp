@@ -41,11 +41,18 @@ bool is_regular_entry(int dfd, const struct dirent *ent) {
     return fstatat(dfd, ent->d_name, &st, 0) == 0 && S_ISREG(st.st_mode);
 }
 
-// One name and its line feed.
-bool write_name(ftpd_list_batch &out, const char *name, size_t bound, char *databuff) {
+// One name and its line feed; a name beyond bound is cut there, as the device does.
+void name_line(const char *name, size_t bound, char *databuff) {
     (void)ftpd_strlcpy(databuff, name, bound);
     (void)ftpd_strlcat(databuff, "\n", FTP_LIST_LINE_SIZE);
-    return out.add(databuff);
+}
+
+// The NLST line of a directory entry, for regular files only.
+bool nlst_line(int dfd, const struct dirent *ent, char *databuff, int year) {
+    (void)year;
+    if (!is_regular_entry(dfd, ent)) return false;
+    name_line(ent->d_name, kEntryNameBound, databuff);
+    return true;
 }
 
 // Standard profile: directories and regular files (links followed), after the prefix.
@@ -85,42 +92,19 @@ int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, str
 }
 
 int nlst_dir(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff) {
-    dir_handle dir(opendir(path));
-    if (!dir) return -1;
-    bool root = strcmp(path, "/") == 0;
-    int dfd = dirfd(dir.get());
-    while (struct dirent *ent = readdir(dir.get())) {
-        const char *name = ent->d_name;
-        if (ftpd_entry_hidden(name, nlsttemp, root)) continue;
-        if (!is_regular_entry(dfd, ent)) continue;
-        if (!write_name(out, name, kEntryNameBound, databuff)) return -1;
-    }
-    return out.finish() ? 0 : -1;
+    return ftpd_scan_dir(path, nullptr, nlsttemp, out, databuff, nlst_line, -1);
 }
 
 int nlst_reg(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff) {
     const char *name = nullptr;
     if (get_file_name(path, &name) != 0) return -3;
     if (strcmp(name, nlsttemp) == 0 || is_special_file(name)) return -3;
-    if (!write_name(out, name, kFileNameBound, databuff) || !out.finish()) return -2;
+    name_line(name, kFileNameBound, databuff);
+    if (!out.add(databuff) || !out.finish()) return -2;
     return 0;
 }
 
 int nlst_wildcard(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff, char *temppath,
                   const char *current_dir) {
-    const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
-    struct stat st;
-    if (pattern == nullptr || stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
-    dir_handle dir(opendir(temppath));
-    if (!dir) return -2;
-    bool root = strcmp(temppath, "/") == 0;
-    int dfd = dirfd(dir.get());
-    while (struct dirent *ent = readdir(dir.get())) {
-        const char *name = ent->d_name;
-        if (ftpd_entry_hidden(name, nlsttemp, root)) continue;
-        if (!is_regular_entry(dfd, ent)) continue;
-        if (ftpd_is_match(name, pattern) != 1) continue;
-        if (!write_name(out, name, kEntryNameBound, databuff)) return -2;
-    }
-    return out.finish() ? 0 : -2;
+    return ftpd_scan_pattern(path, current_dir, temppath, nlsttemp, out, databuff, nlst_line);
 }

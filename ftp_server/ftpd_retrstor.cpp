@@ -55,6 +55,20 @@ bool resolve_client_name(int control_fd, const char *func, const char *name, con
 }
 
 
+// The end of an upload: 226 when it succeeded (naming the name the client asked for, not a
+// generated one), the data connection closed and the slot refreshed. The transfer's result.
+int finish_upload(int control_fd, int result, const char *name, int unique, int dfd, struct credentials *pcred) {
+    if (result == 0) {
+        if (unique != 0)
+            ftpd_reply(control_fd, "226", "Transfer complete (unique file name:%s).", name, nullptr);
+        else
+            ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
+    }
+    ftpd_data_finish(pcred, dfd);
+    ftp_set_userinfo_update(pcred);
+    return result;
+}
+
 int open_flags(const char *mode) {
     // Every mode creates and empties the file; "a" is read-write, not append, by design.
     if (strcmp(mode, "w") == 0) return O_WRONLY | O_CREAT | O_TRUNC;
@@ -210,15 +224,7 @@ int store_standard(int control_fd, const char *name, const char *path, upload_ki
         ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
         result = -1;
     }
-    if (result == 0) {
-        if (unique != 0)
-            ftpd_reply(control_fd, "226", "Transfer complete (unique file name:%s).", name, nullptr);
-        else
-            ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
-    }
-    ftpd_data_finish(pcred, dfd);
-    ftp_set_userinfo_update(pcred);
-    return result;
+    return finish_upload(control_fd, result, name, unique, dfd, pcred);
 }
 
 }  // namespace
@@ -336,16 +342,7 @@ int store(int control_fd, const char *name, const char *mode, int unique, int cl
     if (dfd < 0) return 0;
     ftp_set_userinfo_update(pcred);
     int result = receive_data(control_fd, dfd, file.get(), pcred, domain_fd, path);
-    if (result == 0) {
-        // The name the client asked for is reported, not the generated one.
-        if (unique != 0)
-            ftpd_reply(control_fd, "226", "Transfer complete (unique file name:%s).", name, nullptr);
-        else
-            ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
-    }
-    ftpd_data_finish(pcred, dfd);
-    ftp_set_userinfo_update(pcred);
-    return result;
+    return finish_upload(control_fd, result, name, unique, dfd, pcred);
 }
 
 char *gunique(int control_fd, char *local) {

@@ -99,6 +99,28 @@ bool normalise_root(const char *path, char *slashed, size_t slashed_len, char *t
     return ftpd_snprintf(slashed, slashed_len, "%s%s", path[0] == '/' ? "" : "/", path) &&
            ftpd_path_trim(slashed, trimmed, FTP_ROOTDIR_LEN);
 }
+
+// Whether the real directory may be a top directory; a refusal names it as named.
+bool root_usable(const char *real, const char *named) {
+    if (!is_access_path(real)) {
+        cli_printf("%s can't be set as rootdir!\n", named);
+        return false;
+    }
+    if (!opens_as_directory(real)) {
+        cli_printf("topdir %s don't exist!\n", named);
+        return false;
+    }
+    return true;
+}
+
+// Both forms change together and only once the directory is accepted: a refused command leaves
+// the top directory that sessions are confined to as it was. Both texts were checked against
+// the same bounds.
+void set_root_forms(const char *shown, const char *real) {
+    std::lock_guard<std::mutex> lock(settings_mutex);
+    (void)ftpd_strlcpy(rootdir, shown, sizeof rootdir);
+    (void)ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);
+}
 }  // namespace
 
 int set_ftp_server_root_dir(const char *path) {
@@ -131,20 +153,8 @@ int set_ftp_server_root_dir(const char *path) {
     } else {
         (void)ftpd_strlcpy(real, trimmed, sizeof real);  // both hold FTP_ROOTDIR_LEN
     }
-    // Both forms change together and only once the directory is accepted: a refused command
-    // leaves the top directory that sessions are confined to as it was.
-    if (!is_access_path(real)) {
-        cli_printf("%s can't be set as rootdir!\n", trimmed);
-        return -1;
-    }
-    if (!opens_as_directory(real)) {
-        cli_printf("topdir %s don't exist!\n", trimmed);
-        return -1;
-    }
-    std::lock_guard<std::mutex> lock(settings_mutex);
-    // Both were checked against the same bounds above.
-    (void)ftpd_strlcpy(rootdir, trimmed, sizeof rootdir);
-    (void)ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);
+    if (!root_usable(real, trimmed)) return -1;
+    set_root_forms(trimmed, real);
     return 0;
 }
 
@@ -165,22 +175,13 @@ int set_ftp_server_root_dir_ext(int index, const char *path, const char *prefix)
         cli_printf("%s can't be set as rootdir!\n", real);
         return -1;
     }
-    if (!is_access_path(real)) {
-        cli_printf("%s can't be set as rootdir!\n", real);
-        return -1;
-    }
-    if (!opens_as_directory(real)) {
-        cli_printf("topdir %s don't exist!\n", real);
-        return -1;
-    }
+    if (!root_usable(real, real)) return -1;
     char shown[FTP_ROOTDIR_LEN];
     if (!ftpd_snprintf(shown, sizeof shown, "%s%s", prefix, trimmed)) {
         cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
         return -1;
     }
-    std::lock_guard<std::mutex> lock(settings_mutex);
-    (void)ftpd_strlcpy(rootdir, shown, sizeof rootdir);
-    (void)ftpd_strlcpy(rootdir_true, real, sizeof rootdir_true);  // get_final_path checked its bound
+    set_root_forms(shown, real);
     return 0;
 }
 

@@ -54,9 +54,10 @@ std::atomic<bool> g_signal_hangup{false};
 // never dereferences freed memory.
 zq_thread_master *g_masters = nullptr;
 
-void on_stop_signal(int) {
+// Marks the request and wakes the loop; async-signal-safe.
+void mark_and_wake(std::atomic<bool> &flag) {
     int saved = errno;
-    g_signal_stopped.store(true);
+    flag.store(true);
     int fd = g_signal_fd.load();
     if (fd >= 0) {
         uint64_t one = 1;
@@ -66,18 +67,10 @@ void on_stop_signal(int) {
     errno = saved;
 }
 
+void on_stop_signal(int) { mark_and_wake(g_signal_stopped); }
+
 // Only marks the request: the reopen itself runs as an event on the main thread.
-void on_hangup_signal(int) {
-    int saved = errno;
-    g_signal_hangup.store(true);
-    int fd = g_signal_fd.load();
-    if (fd >= 0) {
-        uint64_t one = 1;
-        ssize_t n = write(fd, &one, sizeof one);
-        (void)n;
-    }
-    errno = saved;
-}
+void on_hangup_signal(int) { mark_and_wake(g_signal_hangup); }
 
 int reopen_logs(zq_thread *) {
     syslog_reopen();
