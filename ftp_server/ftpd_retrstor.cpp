@@ -69,6 +69,22 @@ int finish_upload(int control_fd, int result, const char *name, int unique, int 
     return result;
 }
 
+// The work block of a transfer with the client's name resolved into its first half: the real
+// path, or nullptr once the refusal has been sent.
+char *resolve_in_block(int control_fd, const char *func, const char *name, const char *client_name, char *current_dir,
+                       struct credentials *pcred, ftpd_block *whole) {
+    *whole = ftpd_block(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
+    if (!*whole) {
+        FTPD_LOG_ERR("%s: malloc fail\n", FTPD_MODULE);
+        reply_text(control_fd, kLocalError);
+        return nullptr;
+    }
+    char *inpath = whole->get();
+    if (!resolve_client_name(control_fd, func, name, client_name, current_dir, pcred, inpath, inpath + kPathLen))
+        return nullptr;
+    return inpath;
+}
+
 int open_flags(const char *mode) {
     // Every mode creates and empties the file; "a" is read-write, not append, by design.
     if (strcmp(mode, "w") == 0) return O_WRONLY | O_CREAT | O_TRUNC;
@@ -258,15 +274,9 @@ int command_appe(int control_fd, char *data_buff, char *client_addr, int *client
 
 int retrieve(int control_fd, const char *name, int client_port, const char *client_addr, char *current_dir,
              struct credentials *pcred, int domain_fd) {
-    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!whole) {
-        FTPD_LOG_ERR("%s: malloc fail\n", FTPD_MODULE);
-        reply_text(control_fd, kLocalError);
-        return 0;
-    }
-    char *inpath = whole.get();
-    char *outpath = whole.get() + kPathLen;
-    if (!resolve_client_name(control_fd, "retrieve", name, name, current_dir, pcred, inpath, outpath)) return 0;
+    ftpd_block whole;
+    const char *inpath = resolve_in_block(control_fd, "retrieve", name, name, current_dir, pcred, &whole);
+    if (inpath == nullptr) return 0;
 
     unique_fd file(open(inpath, O_RDONLY));
     if (!file) {
@@ -296,17 +306,11 @@ int retrieve(int control_fd, const char *name, int client_port, const char *clie
 
 int store(int control_fd, const char *name, const char *mode, int unique, int client_port, const char *client_addr,
           char *current_dir, struct credentials *pcred, int domain_fd) {
-    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!whole) {
-        FTPD_LOG_ERR("%s: malloc fail\n", FTPD_MODULE);
-        reply_text(control_fd, kLocalError);
-        return 0;
-    }
-    char *inpath = whole.get();
-    char *outpath = whole.get() + kPathLen;
     char tmp_name[kPathLen];
-    (void)ftpd_strlcpy(tmp_name, name, sizeof tmp_name);
-    if (!resolve_client_name(control_fd, "store", tmp_name, name, current_dir, pcred, inpath, outpath)) return 0;
+    (void)ftpd_strlcpy(tmp_name, name, sizeof tmp_name);  // the command line's argument fits
+    ftpd_block whole;
+    char *inpath = resolve_in_block(control_fd, "store", tmp_name, name, current_dir, pcred, &whole);
+    if (inpath == nullptr) return 0;
 
     // The generated name belongs to this call and is given back on every way out.
     struct unique_name {
@@ -327,7 +331,7 @@ int store(int control_fd, const char *name, const char *mode, int unique, int cl
                            : pcred->rest_offset != 0 ? upload_kind::resume
                                                      : upload_kind::replace;
         // The second half of the scratch block is free once the name is resolved.
-        return store_standard(control_fd, name, path, kind, unique, client_port, client_addr, pcred, domain_fd, outpath,
+        return store_standard(control_fd, name, path, kind, unique, client_port, client_addr, pcred, domain_fd, inpath + kPathLen,
                               kPathLen);
     }
 
