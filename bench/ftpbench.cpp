@@ -3,11 +3,11 @@
 // thrown away and data sent is generated in memory, so that the client stays out of the way of
 // the server being measured.
 //
-//   ftpbench retr   PORT USER PASS TYPE PATH                 one download
+//   ftpbench retr   PORT USER PASS TYPE PATH [OFFSET]        one download (from OFFSET: REST first)
 //   ftpbench stor   PORT USER PASS TYPE NAME BYTES           one upload (TYPE A sends CR LF text)
 //   ftpbench logins PORT USER PASS CLIENTS SECONDS           connect+USER+PASS+QUIT in a loop
 //   ftpbench mretr  PORT USER PASS CLIENTS PATH              concurrent downloads
-//   ftpbench list   PORT USER PASS VERB PATH                 one LIST or NLST
+//   ftpbench list   PORT USER PASS VERB PATH                 one LIST, NLST or MLSD
 //   ftpbench hold   PORT USER PASS CLIENTS                   logged-in sessions until stdin closes
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -132,14 +132,20 @@ long long drain(int fd) {
     return total;
 }
 
-// One download; returns the seconds from RETR to the final reply, or a negative value.
-double do_retr(int port, const char *user, const char *pass, const char *type, const char *path, long long *bytes) {
+// One download, from offset when it is not empty (REST right before RETR); returns the seconds
+// from REST or RETR to the final reply, or a negative value.
+double do_retr(int port, const char *user, const char *pass, const char *type, const char *path, long long *bytes,
+               const char *offset = "") {
     control c(port);
     if (!c.ok() || !c.login(user, pass)) return -1;
     if (c.cmd(std::string("TYPE ") + type) != 200) return -2;
     int d = c.pasv();
     if (d < 0) return -3;
     auto t0 = clock_type::now();
+    if (*offset != '\0' && c.cmd(std::string("REST ") + offset) != 350) {
+        close(d);
+        return -7;
+    }
     if (!c.send_line(std::string("RETR ") + path)) return -4;
     int code = c.reply();
     if (code != 150 && code != 125) {
@@ -154,9 +160,9 @@ double do_retr(int port, const char *user, const char *pass, const char *type, c
     return s;
 }
 
-int cmd_retr(int port, char **a) {
+int cmd_retr(int port, char **a, int n) {
     long long bytes = 0;
-    double s = do_retr(port, a[0], a[1], a[2], a[3], &bytes);
+    double s = do_retr(port, a[0], a[1], a[2], a[3], &bytes, n > 4 ? a[4] : "");
     if (s < 0) {
         fprintf(stderr, "retr failed (%g)\n", s);
         return 1;
@@ -312,7 +318,7 @@ int main(int argc, char **argv) {
     int port = atoi(argv[2]);
     char **a = argv + 3;
     int n = argc - 3;
-    if (op == "retr" && n == 4) return cmd_retr(port, a);
+    if (op == "retr" && (n == 4 || n == 5)) return cmd_retr(port, a, n);
     if (op == "stor" && n == 5) return cmd_stor(port, a);
     if (op == "logins" && n == 4) return cmd_logins(port, a);
     if (op == "mretr" && n == 4) return cmd_mretr(port, a);

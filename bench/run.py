@@ -13,6 +13,9 @@ the ratio to each peer and written to docs/performance.md.
 Needs root (the peers' anonymous sessions change root and user; the bind mounts) and the peers
 installed by bench/setup.sh. A peer that is missing or does not come up is left out of the run,
 except vsftpd, which the targets are judged against. Run through `make bench`.
+
+This daemon runs in its device profile; what only its standard profile serves (MLSD, REST) is
+measured on a second instance in that profile, whose figures go into the same column.
 """
 
 import argparse
@@ -102,6 +105,8 @@ class Server:
     name = "?"
     # An optional peer that cannot be started is left out of the run instead of ending it.
     optional = False
+    # Answers MLSD (RFC 3659); a server that does not is shown as n/a in the MLSD rows.
+    mlsd = True
 
     def __init__(self, work, share):
         self.work = work
@@ -117,7 +122,7 @@ class Server:
     def spawn(self, argv, env=None):
         self.proc = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         if os.path.isdir(CPUACCT) and os.access(CPUACCT, os.W_OK):
-            group = os.path.join(CPUACCT, "ftps-bench-%s-%d" % (self.name, os.getpid()))
+            group = os.path.join(CPUACCT, "ftps-bench-%s-%d" % (self.tag, os.getpid()))
             try:
                 os.makedirs(group, exist_ok=True)
                 with open(os.path.join(group, "cgroup.procs"), "w") as f:
@@ -167,6 +172,11 @@ class Server:
 
     base_tasks = 1
 
+    @property
+    def tag(self):
+        """Names the server's own files and control group: one per running instance."""
+        return self.name
+
     def wait_port(self):
         import socket
         deadline = time.time() + 15
@@ -199,13 +209,16 @@ class Server:
 
 
 class Ftps(Server):
+    """This daemon, in the device profile, or in the standard profile when profile is "standard"
+    (a second instance that serves MLSD and REST; its figures go into the ftps column too)."""
     name = "ftps"
 
-    def __init__(self, work, share, build):
+    def __init__(self, work, share, build, profile="device"):
         super().__init__(work, share)
         self.build = build
+        self.profile = profile
         self.user, self.password = USER, PASSWORD
-        self.dir = os.path.join(work, "ftps")
+        self.dir = os.path.join(work, self.tag)
         # Temporary listing files go below TMPDIR: on the disk, as with a stock /tmp.
         self.tmpdir = os.path.join(self.dir, "t")
         os.makedirs(self.tmpdir)
@@ -217,9 +230,14 @@ class Ftps(Server):
                     "ftp-server max-user-connect 20\n"
                     "ftp-server enable\n" % (USER, PASSWORD))
         with open(self.platform, "w") as f:
-            f.write("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\n[storage]\nflash = %s\n"
-                    "[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
-                    "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, share, startup))
+            f.write("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\nprofile = %s\n[storage]\n"
+                    "flash = %s\n[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
+                    "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, profile, share, startup))
+
+    @property
+    def tag(self):
+        # Short: the daemon's sockets below TMPDIR (self.dir/t) have room for 64 bytes of path.
+        return self.name if self.profile == "device" else self.name + "-std"
 
     def start(self):
         env = dict(os.environ, TMPDIR=self.tmpdir, FTPS_PLATFORM=self.platform)
@@ -230,6 +248,7 @@ class Ftps(Server):
 class Vsftpd(Server):
     name = "vsftpd"
     about = "vsftpd (Debian's package, ASCII conversion switched on)"
+    mlsd = False
 
     def __init__(self, work, share):
         super().__init__(work, share)
@@ -311,11 +330,18 @@ class Proftpd(UnpackedPeer):
         return [self.binary, "-n", "-q", "-c", conf]
 
 
+def bench_wants(args, key):
+    return not args.tests or key in args.tests.split(",")
+
+
 class Bench:
-    def __init__(self, args):
+    def __init__(self, args, standard=None):
         self.args = args
         self.client = os.path.join(args.client_build, "ftpbench")
         self.results = {}  # (test, server) -> dict of metric -> list
+        # This daemon in the standard profile, which stands in for it where the device profile
+        # has no such command (MLSD, REST).
+        self.standard = standard
 
     def run_client(self, server, *argv, timeout=600):
         cmd = [self.client, argv[0], str(server.port), server.user, server.password, *map(str, argv[1:])]
@@ -343,7 +369,11 @@ class Bench:
             for s in order:
                 fn(s)
 
-    def transfer(self, test, op, type_, path, size, servers, reps):
+    def standard_servers(self, servers):
+        return [self.standard if self.standard and s.name == self.standard.name else s for s in servers]
+
+    def transfer(self, test, op, type_, path, size, servers, reps, offset=0):
+        """size counts the bytes sent: for a RETR from offset, those after it."""
         def one(s):
             if op == "stor":
                 # Each server writes its own file, and as a new one: an anonymous session of
@@ -355,6 +385,11 @@ class Bench:
                 except FileNotFoundError:
                     pass
                 out = self.measured(s, "stor", type_, name, size)
+            elif offset:
+                out = self.measured(s, "retr", type_, path, offset)
+                if out["bytes"] != size:
+                    raise RuntimeError("%s sent %d bytes after REST %d, not %d"
+                                       % (s.name, out["bytes"], offset, size))
             else:
                 out = self.measured(s, "retr", type_, path)
             if record:
@@ -366,13 +401,16 @@ class Bench:
         self.interleave(servers, reps, one)
 
     def wanted(self, key):
-        return not self.args.tests or key in self.args.tests.split(",")
+        return bench_wants(self.args, key)
 
     def run(self, servers, share):
         a = self.args
         reps = a.reps
         if self.wanted("retr"):
             self.transfer("RETR 1 GiB binary", "retr", "I", "big.bin", GIB, servers, reps)
+        if self.wanted("rretr"):
+            self.transfer("RETR 1 GiB binary after REST 512 MiB", "retr", "I", "big.bin", GIB // 2,
+                          self.standard_servers(servers), reps, offset=GIB // 2)
         if self.wanted("stor"):
             self.transfer("STOR 1 GiB binary", "stor", "I", "up/stor-%s.bin", GIB, servers, reps)
         if self.wanted("aretr"):
@@ -397,14 +435,15 @@ class Bench:
         if self.wanted("mretr"):
             self.interleave(servers, reps, mretr)
 
+        mlsd = [s for s in self.standard_servers(servers) if s.mlsd]
         for where, path in (("tmpfs", "dir10k"), ("disk", "disk/dir10k")):
-            for verb in ("LIST", "NLST"):
+            for verb, key, among in (("LIST", "list", servers), ("NLST", "list", servers), ("MLSD", "mlsd", mlsd)):
                 def listing(s, verb=verb, path=path, where=where):
                     out = self.measured(s, "list", verb, path)
                     self.record("%s of %d entries (%s)" % (verb, LIST_ENTRIES, where), s,
                                 ms=1000 * out["seconds"], kib=out["bytes"] / 1024)
-                if self.wanted("list"):
-                    self.interleave(servers, reps, listing)
+                if self.wanted(key):
+                    self.interleave(among, reps, listing)
 
         for s in servers if self.wanted("rss") else []:
             s.settle()
@@ -472,19 +511,24 @@ def table(bench, servers):
         for m in metrics:
             unit, higher_better = UNITS[m]
             vals = [median(bench.results.get((test, n), {}).get(m, [])) for n in names]
-            cells = ["%.3g" % v if v < 100 else "%.0f" % v for v in vals]
+            # n/a: the server does not serve the command (vsftpd has no MLSD).
+            cells = ["n/a" if v != v else "%.3g" % v if v < 100 else "%.0f" % v for v in vals]
             if m == "rate" and len(peers) > 1:
                 # The peers differ most in logins: the fastest of them is set in bold.
                 best = max(range(1, len(vals)), key=lambda i: vals[i] if vals[i] == vals[i] else -1)
                 cells[best] = "**%s**" % cells[best]
             ratios = []
             for v in vals[1:]:
-                ratios.append("%.2f×" % (vals[0] / v) if v else "-")
+                ratios.append("n/a" if v != v else "%.2f×" % (vals[0] / v) if v else "-")
             lines.append("| %s | %s | %s | %s |" % (test, unit, " | ".join(cells), " | ".join(ratios)))
     return "\n".join(lines)
 
 
-# The issue's targets, each as (measurement, metric, test on the ratio to the peer or the value).
+# The issue's targets, each as (measurement, metric, test on the ratio or the value[, against]):
+# the ratio is to the first peer, or with BEST to the best peer with a figure, or with the name of
+# another measurement to this daemon's own figure there.
+BEST = "the best peer"
+MLSD_TMPFS, MLSD_DISK = ("MLSD of %d entries (%s)" % (LIST_ENTRIES, w) for w in ("tmpfs", "disk"))
 TARGETS = [
     ("RETR 1 GiB binary", "mibs", "ratio >= 1.0"), ("RETR 1 GiB binary", "cpu_gib", "ratio <= 1.0"),
     ("STOR 1 GiB binary", "mibs", "ratio >= 1.0"), ("STOR 1 GiB binary", "cpu_gib", "ratio <= 1.0"),
@@ -495,18 +539,42 @@ TARGETS = [
     ("LIST of %d entries (disk)" % LIST_ENTRIES, "ms", "value < 1000"),
     ("NLST of %d entries (disk)" % LIST_ENTRIES, "ms", "value < 1000"),
     ("RSS with 19 logged-in sessions", "mib", "ratio <= 1.0"),
+    (MLSD_TMPFS, "ms", "ratio <= 1.0", "LIST of %d entries (tmpfs)" % LIST_ENTRIES),
+    (MLSD_TMPFS, "ms", "ratio <= 1.0", BEST),
+    (MLSD_DISK, "ms", "ratio <= 1.0", "LIST of %d entries (disk)" % LIST_ENTRIES),
+    (MLSD_DISK, "ms", "ratio <= 1.0", BEST),
+    ("RETR 1 GiB binary after REST 512 MiB", "mibs", "ratio >= 1.0", BEST),
 ]
 
 
+def best_peer(bench, servers, test, metric):
+    """The peer with the best median figure of the measurement, and its figures; None if none has one."""
+    figures = [(s.name, bench.results.get((test, s.name), {}).get(metric)) for s in servers[1:]]
+    figures = [(n, f) for n, f in figures if f]
+    if not figures:
+        return None, None
+    pick = max if UNITS[metric][1] else min
+    return pick(figures, key=lambda nf: median(nf[1]))
+
+
 def targets(bench, servers):
-    """Each target against the first peer: reached or not (a report, not an assertion)."""
+    """Each target against the first peer unless it names what else: reached or not (a report, not
+    an assertion)."""
     if len(servers) < 2:
         return ""
     me, peer = servers[0].name, servers[1].name
-    lines = ["| Target (against %s) | Figure | Reached |" % peer, "|---|---|---|"]
-    for test, metric, rule in TARGETS:
+    lines = ["| Target (against %s unless named) | Figure | Reached |" % peer, "|---|---|---|"]
+    for test, metric, rule, *against in TARGETS:
         mine = bench.results.get((test, me), {}).get(metric)
-        theirs = bench.results.get((test, peer), {}).get(metric)
+        named = ""
+        if not against:
+            theirs = bench.results.get((test, peer), {}).get(metric)
+        elif against[0] == BEST:
+            whom, theirs = best_peer(bench, servers, test, metric)
+            named = " %s (%s)" % (BEST, whom)
+        else:
+            theirs = bench.results.get((against[0], me), {}).get(metric)
+            named = " this daemon's %s" % against[0]
         if not mine or not theirs:
             continue
         value = median(mine)
@@ -515,8 +583,8 @@ def targets(bench, servers):
         x = ratio if what == "ratio" else value
         ok = {">=": x >= float(bound), "<=": x <= float(bound), "<": x < float(bound)}[op]
         shown = "%.2f×" % ratio if what == "ratio" else "%.0f %s" % (value, UNITS[metric][0])
-        lines.append("| %s, %s %s %s | %s | %s |" % (test, UNITS[metric][0], op, bound if what == "value"
-                                                      else bound + "×", shown, "yes" if ok else "no"))
+        lines.append("| %s, %s %s %s%s | %s | %s |" % (test, UNITS[metric][0], op, bound if what == "value"
+                                                        else bound + "×", named, shown, "yes" if ok else "no"))
     return "\n".join(lines)
 
 
@@ -539,10 +607,13 @@ def write_doc(path, text, args, servers, left_out, load, goals):
         "better for CPU, time and memory." % ("peer" if len(peers) == 1 else "peers", named, args.reps,
                                               max(3, args.reps // 2), args.login_seconds, how),
         "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
-        "began). Single transfers move by some tens of percent from one to the next (on this virtual "
-        "machine, now and then a transfer of any server runs at half speed with twice the CPU per "
-        "byte); the interleaved medians keep the comparison fair, not exact."
-        % (os.cpu_count(), model, load)])
+        "began, %s when it ended, of which the run's own client and server make up to 2), and other "
+        "work (builds, tests) may share the machine as well: figures from such a run swing, between "
+        "runs more than the ratios do. Single transfers move by some tens of "
+        "percent from one to the next (on this virtual machine, now and then a transfer of any "
+        "server runs at half speed with twice the CPU per byte); the interleaved medians keep the "
+        "comparison fair, not exact."
+        % (os.cpu_count(), model, load, "%.1f" % os.getloadavg()[0])])
     missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
     doc = f"""# Performance
 
@@ -558,6 +629,15 @@ To reproduce: `make bench` (as root; it installs the peers through bench/setup.s
 The ASCII figures count the file's bytes per second; the wire carries one more byte per line.
 The listing on the disk lists a directory on the disk bind-mounted into the shared directory;
 this daemon's temporary listing files (`TMPDIR`) are on the disk as well.{missing}
+
+The MLSD rows and the resumed download (REST 536870912, then RETR of the file's second half;
+its throughput and CPU count the half that is sent) are this daemon in its standard profile
+(`[ftp] profile = standard`), which serves MLSD and REST, started as a second instance beside
+the first. Every other row is the device profile, as before: the standard profile changes what
+they measure as well (its listings are staged whole before the data connection opens, its
+uploads go through a hidden file that is renamed over the target). vsftpd does not serve MLSD
+(n/a); pure-ftpd and proftpd do, and their MLSD listings carry every entry (theirs with `.`
+and `..` besides).
 
 Every upload writes a new file: the server's previous upload is deleted before each
 measurement, outside the timed part. Binary uploads are bound by the kernel's copy of the
@@ -579,7 +659,8 @@ def main():
     p.add_argument("--login-seconds", type=float, default=3.0)
     p.add_argument("--only", default="", help="comma-separated server names (default: all)")
     p.add_argument("--tests", default="",
-                   help="comma-separated subset of retr,stor,aretr,astor,logins,mretr,list,rss (default: all)")
+                   help="comma-separated subset of retr,rretr,stor,aretr,astor,logins,mretr,list,mlsd,rss "
+                   "(default: all)")
     p.add_argument("--doc", default=os.path.join(ROOT, "docs", "performance.md"))
     p.add_argument("--no-doc", action="store_true")
     args = p.parse_args()
@@ -594,7 +675,7 @@ def main():
     os.chmod(shm, 0o755)
     disk = tempfile.mkdtemp(prefix="ftps-bench-", dir="/var/tmp")
     share = os.path.join(shm, "share")
-    servers = []
+    servers, instances = [], []
     load = "%.1f" % os.getloadavg()[0]
     try:
         print("preparing files ...", flush=True)
@@ -616,7 +697,14 @@ def main():
                 print("%s; left out" % e, flush=True)
                 left_out.append(str(e))
         servers = started
-        bench = Bench(args)
+        # MLSD and REST are served in the standard profile only: a second instance of this daemon
+        # measures them, so that the device profile's rows stay as they were.
+        standard = None
+        if any(s.name == "ftps" for s in servers) and (bench_wants(args, "mlsd") or bench_wants(args, "rretr")):
+            standard = Ftps(disk, share, args.build, profile="standard")
+            instances.append(standard)
+            standard.start()
+        bench = Bench(args, standard)
         print("measuring ...", flush=True)
         bench.run(servers, share)
         text = table(bench, servers)
@@ -627,7 +715,7 @@ def main():
             write_doc(args.doc, text, args, servers, left_out, load, goals)
             print("written to %s" % os.path.relpath(args.doc, ROOT))
     finally:
-        for s in servers:
+        for s in servers + instances:
             s.stop()
         subprocess.run(["umount", os.path.join(share, "disk")], stderr=subprocess.DEVNULL)
         shutil.rmtree(shm, ignore_errors=True)
