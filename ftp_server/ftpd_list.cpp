@@ -138,7 +138,9 @@ bool ftpd_list_batch::add(const char *text, size_t len) {
 
 bool ftpd_list_batch::finish() {
     if (!flush()) return false;
-    fsync(fd_);
+    // The device syncs its staged listing; the standard profile reads it back from the page
+    // cache at once and never needs it on the disk.
+    if (!ftpd_standard()) fsync(fd_);
     return true;
 }
 

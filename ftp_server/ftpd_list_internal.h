@@ -63,7 +63,7 @@ class ftpd_list_batch {
     // False once a write of the file came up short; nothing more is written after that.
     bool add(const char *text, size_t len);
     bool add(const char *line) { return add(line, strlen(line)); }
-    // Writes what is gathered and syncs the file.
+    // Writes what is gathered and (device profile) syncs the file.
     bool finish();
 
   private:

@@ -21,54 +21,124 @@ namespace {
 // 16-digit hex numbers fit with room to spare.
 constexpr size_t kFactsLen = 192;
 
+// Appends text to a line without formatting calls: MLSD writes one line per entry, and a
+// formatted line cost more than the entry's status query.
+class line_writer {
+  public:
+    line_writer(char *out, size_t cap) : p_(out), end_(out + cap - 1), start_(out) {}
+    void put(const char *s, size_t n) {
+        if (n > static_cast<size_t>(end_ - p_)) {
+            ok_ = false;
+            return;
+        }
+        memcpy(p_, s, n);
+        p_ += n;
+    }
+    void str(const char *s) { put(s, strlen(s)); }
+    void dec(unsigned long long v, int width = 0) {
+        char t[24];
+        int i = sizeof t;
+        do {
+            t[--i] = static_cast<char>('0' + v % 10);
+            v /= 10;
+        } while (v != 0 || sizeof t - static_cast<size_t>(i) < static_cast<size_t>(width));
+        put(t + i, sizeof t - static_cast<size_t>(i));
+    }
+    void hex(unsigned long long v) {
+        static const char kDigits[] = "0123456789abcdef";
+        char t[16];
+        int i = sizeof t;
+        do {
+            t[--i] = kDigits[v & 15];
+            v >>= 4;
+        } while (v != 0);
+        put(t + i, sizeof t - static_cast<size_t>(i));
+    }
+    // The length written (terminated), or 0 when it did not fit.
+    size_t finish() {
+        *p_ = '\0';
+        return ok_ ? static_cast<size_t>(p_ - start_) : 0;
+    }
+
+  private:
+    char *p_;
+    char *end_;
+    char *start_;
+    bool ok_ = true;
+};
+
 // The RFC 3659 facts of a file or directory, "type=...;size=...;modify=...;perm=...;unique=...;",
-// into out (cap bytes); parent_writable tells whether the entry may be renamed or deleted. The
-// length, or 0 for other file types or when the text does not fit.
-size_t mlsx_facts(const struct stat &st, bool parent_writable, char *out, size_t cap) {
+// onto w; parent_writable tells whether the entry may be renamed or deleted. False for other file
+// types.
+bool put_facts(const struct stat &st, bool parent_writable, line_writer &w) {
     bool dir = S_ISDIR(st.st_mode);
-    if (!dir && !S_ISREG(st.st_mode)) return 0;
+    if (!dir && !S_ISREG(st.st_mode)) return false;
     bool r = (st.st_mode & S_IRUSR) != 0;
-    bool w = (st.st_mode & S_IWUSR) != 0;
+    bool wr = (st.st_mode & S_IWUSR) != 0;
     bool x = (st.st_mode & S_IXUSR) != 0;
     // The owner's bits stand for what the server may do; renaming and deleting depend on the
     // directory that holds the entry.
     char perm[8];
     size_t k = 0;
     if (dir) {
-        if (w && x) perm[k++] = 'c';
+        if (wr && x) perm[k++] = 'c';
         if (parent_writable) perm[k++] = 'd';
         if (x) perm[k++] = 'e';
         if (parent_writable) perm[k++] = 'f';
         if (r) perm[k++] = 'l';
-        if (w && x) perm[k++] = 'm';
-        if (w && x) perm[k++] = 'p';
+        if (wr && x) perm[k++] = 'm';
+        if (wr && x) perm[k++] = 'p';
     } else {
-        if (w) perm[k++] = 'a';
+        if (wr) perm[k++] = 'a';
         if (parent_writable) perm[k++] = 'd';
         if (parent_writable) perm[k++] = 'f';
         if (r) perm[k++] = 'r';
-        if (w) perm[k++] = 'w';
+        if (wr) perm[k++] = 'w';
     }
-    perm[k] = '\0';
 
-    char size[32] = "";
-    if (!dir) (void)ftpd_snprintf(size, sizeof size, "size=%lld;", static_cast<long long>(st.st_size));
+    if (dir) {
+        w.str("type=dir;");
+    } else {
+        w.str("type=file;size=");
+        w.dec(static_cast<unsigned long long>(st.st_size));
+        w.put(";", 1);
+    }
     struct tm utc;
     gmtime_r(&st.st_mtime, &utc);
-    bool fit = ftpd_snprintf(out, cap, "type=%s;%smodify=%04d%02d%02d%02d%02d%02d;perm=%s;unique=%llxU%llx;",
-                             dir ? "dir" : "file", size, utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
-                             utc.tm_min, utc.tm_sec, perm, static_cast<unsigned long long>(st.st_dev),
-                             static_cast<unsigned long long>(st.st_ino));
-    return fit ? strlen(out) : 0;
+    w.str("modify=");
+    w.dec(static_cast<unsigned long long>(utc.tm_year + 1900), 4);
+    w.dec(static_cast<unsigned long long>(utc.tm_mon + 1), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_mday), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_hour), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_min), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_sec), 2);
+    w.str(";perm=");
+    w.put(perm, k);
+    w.str(";unique=");
+    w.hex(static_cast<unsigned long long>(st.st_dev));
+    w.put("U", 1);
+    w.hex(static_cast<unsigned long long>(st.st_ino));
+    w.put(";", 1);
+    return true;
+}
+
+// The facts alone into out (cap bytes): the length, or 0.
+size_t mlsx_facts(const struct stat &st, bool parent_writable, char *out, size_t cap) {
+    line_writer w(out, cap);
+    if (!put_facts(st, parent_writable, w)) return 0;
+    return w.finish();
 }
 
 size_t mlsd_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line, size_t cap) {
     (void)d_type;
     struct stat st;
     if (fstatat(dfd, name, &st, 0) != 0) return 0;
-    size_t n = mlsx_facts(st, view.dir_writable, line, cap);
-    if (n == 0 || !ftpd_snprintf(line + n, cap - n, " %s\r\n", name)) return 0;
-    return n + strlen(line + n);
+    line_writer w(line, cap);
+    if (!put_facts(st, view.dir_writable, w)) return 0;
+    w.put(" ", 1);
+    w.str(name);
+    w.put("\r\n", 2);
+    return w.finish();
 }
 
 const ftpd_std_kind kMlsdKind = {
