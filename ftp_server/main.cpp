@@ -108,7 +108,15 @@ bool take_arguments(int argc, char **argv) {
         gb_ftp_start_err = 1;
         app_public_set_debug(1);
     }
-    if (getenv("TMPDIR") == nullptr) fprintf(stderr, "ftp_server.elf: TMPDIR is not set; not starting\n");
+    const char *tmpdir = getenv("TMPDIR");
+    if (tmpdir == nullptr) fprintf(stderr, "ftp_server.elf: TMPDIR is not set; not starting\n");
+    // The control channel's socket path below TMPDIR must fit its buffer, or the listener could
+    // never start while the process ran on without a word.
+    if (tmpdir != nullptr && strlen(tmpdir) + strlen(FTP_SERVER_SOCK_PATH) >= FTP_NAME_LEN) {
+        fprintf(stderr, "ftp_server.elf: TMPDIR is longer than %zu characters; not starting\n",
+                FTP_NAME_LEN - 1 - strlen(FTP_SERVER_SOCK_PATH));
+        return false;
+    }
     return true;
 }
 
