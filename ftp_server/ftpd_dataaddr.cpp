@@ -220,8 +220,17 @@ int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int add
     }
     if (*p != delim || atoi(p + 1) == 0) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
     *p = '\0';
-    if (ftpd_standard() && !is_control_peer(pcred, addr))
-        return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
+    char peer[INET6_ADDRSTRLEN];
+    if (ftpd_standard()) {
+        // A client that names the unspecified address (lftp in active mode) means its own.
+        struct in6_addr a6;
+        if (inet_pton(AF_INET6, addr, &a6) == 1 && IN6_IS_ADDR_UNSPECIFIED(&a6) &&
+            pcred->cnt.contrl_type == AF_INET6 &&
+            inet_ntop(AF_INET6, &pcred->cnt.def_addr.his_addrv6.sin6_addr, peer, sizeof peer) != nullptr)
+            addr = peer;
+        if (!is_control_peer(pcred, addr))
+            return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
+    }
     (void)ftpd_strlcpy(client_addr, addr, static_cast<size_t>(addr_size));
     *client_port = atoi(p + 1);
     return reply_text(control_fd, "200 EPRT Command okay.\r\n");

@@ -20,6 +20,9 @@ CLI = os.path.join(BUILD_DIR, "ftps-cli")
 SANITIZED = bool(os.environ.get("FTPS_SANITIZE"))
 # Generous waits: sanitizer builds start and run several times slower.
 START_WAIT = 30 if SANITIZED else 10
+# The rows of show ftp-server memory, in the order of the categories' numbers.
+MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PCRED DIR", "BUF", "CHANG BUF",
+               "WHOLE BUF", "STRING", "DATA BUF", "OUTPATH", "USER CNT", "INFO", "EPOLL"]
 
 
 def free_port():
@@ -170,19 +173,30 @@ class Daemon:
         return r.returncode, r.stdout.decode(errors="replace") + r.stderr.decode(errors="replace")
 
     def keymsg(self):
-        path = os.path.join(self.tmpdir, "app", "ftps", ".init_msg.txt")
-        try:
-            with open(path) as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
+        return (read_file(os.path.join(self.tmpdir, "app", "ftps", ".init_msg.txt")) or b"").decode(errors="replace")
 
     def logtext(self):
-        try:
-            with open(self.log, errors="replace") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
+        return (read_file(self.log) or b"").decode(errors="replace")
+
+    def put(self, rel, data=b""):
+        """Writes a file below the flash directory (parents made); returns its path."""
+        path = os.path.join(self.flash, rel)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as f:
+            f.write(data)
+        return path
+
+    def many(self, rel, n=40000):
+        """A directory of n empty files with long names: its listing is far larger than any socket buffer."""
+        os.makedirs(os.path.join(self.flash, rel))
+        for i in range(n):
+            open(os.path.join(self.flash, rel, "%05d-%s" % (i, "n" * 120)), "w").close()
+
+    def descriptors(self):
+        return len(os.listdir("/proc/%d/fd" % self.proc.pid))
+
+    def listing_temporaries(self):
+        return [n for n in os.listdir(os.path.join(self.tmpdir, "app", "ftps")) if n.startswith(".ftptemp-")]
 
     def memory_rows(self):
         """Category name -> (failed, allocs, frees, in use), from show ftp-server memory."""
@@ -239,6 +253,15 @@ class DaemonTestCase(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.d.stop_checked()
+
+
+def read_file(path):
+    """The file's bytes, or None when it does not exist."""
+    try:
+        with open(path, "rb") as f:
+            return f.read()
+    except FileNotFoundError:
+        return None
 
 
 def wait_until(predicate, timeout=10.0, step=0.05):
@@ -372,12 +395,28 @@ def ftp_session(port, host="127.0.0.1", cls=ftplib.FTP, user="alice", password="
     return ftp
 
 
-def pasv_connect(c):
-    """PASV on a RawClient and the data connection to the port it names."""
-    r = c.cmd("PASV").decode()
-    assert r.startswith("227 "), r
-    nums = r[r.index("(") + 1:r.index(")")].split(",")
-    return socket.create_connection(("127.0.0.1", int(nums[4]) * 256 + int(nums[5])), timeout=20)
+def expect(reply, start):
+    assert reply.startswith(start), reply
+
+
+def pasv_port(reply):
+    """The port a 227 reply names."""
+    expect(reply, b"227 ")
+    nums = reply.decode()
+    nums = nums[nums.index("(") + 1:nums.index(")")].split(",")
+    return int(nums[4]) * 256 + int(nums[5])
+
+
+def pasv_connect(c, rcvbuf=None):
+    """PASV on a RawClient and the data connection to the port it names (with a small receive
+    buffer when asked, for a client that stops reading)."""
+    port = pasv_port(c.cmd("PASV"))
+    s = socket.socket()
+    s.settimeout(20)
+    if rcvbuf:
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
+    s.connect(("127.0.0.1", port))
+    return s
 
 
 def reset(sock):
@@ -418,6 +457,23 @@ def start_upload(c, name, first=b"", type_cmd="TYPE I"):
     assert r.startswith(b"150 "), r
     data.sendall(first)
     return data
+
+
+def whole_session(c, name, content, tag=""):
+    """Goes on with a logged-in RawClient up to QUIT: TYPE I, LIST and NLST naming the file, RETR of
+    it compared with content, then STOR, SIZE and DELE of a copy."""
+    assert c.cmd("TYPE I") == b"200 Type set to I.\r\n"
+    for verb in ("LIST", "NLST"):
+        r, listing = transfer(c, verb)
+        assert r.endswith(b"226 Closing data connection.\r\n") and name.encode() in listing, (verb, r)
+    r, got = transfer(c, "RETR " + name)
+    assert r.endswith(b"226 Closing data connection.\r\n") and got == content, (r, len(got))
+    copy = "w%s.bin" % tag
+    expect(transfer(c, "STOR " + copy, content)[0], b"150 Opening BINARY mode data connection.\r\n226 ")
+    assert c.cmd("SIZE " + copy) == b"213 %d\r\n" % len(content)
+    expect(c.cmd("DELE " + copy), b"250 ")
+    expect(c.cmd("QUIT"), b"221 ")
+    c.close()
 
 
 def memory_idle(d, timeout=20):

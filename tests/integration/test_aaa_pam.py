@@ -24,44 +24,18 @@ def run(*args, stdin=None):
 
 @unittest.skipIf(os.geteuid() != 0, "needs root: creates a Linux account and a PAM service file")
 class PamTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
+    def setUp(self):
         tag = secrets.token_hex(4)
-        cls.user = "ftpst" + tag
-        cls.password = "Pw-" + secrets.token_hex(6)
-        cls.services = {}
+        self.user, self.password = "ftpst" + tag, "Pw-" + secrets.token_hex(6)
         # Each step registers its undo before the next one, so a failure half-way leaves nothing.
-        try:
-            run("useradd", "-M", "-s", "/usr/sbin/nologin", cls.user)
-            cls.made_user = True
-            run("chpasswd", stdin="%s:%s\n" % (cls.user, cls.password))
-            for kind, text in (("unix", UNIX_SERVICE),):
-                name = "ftps-test-%s-%s" % (kind, tag)
-                path = os.path.join(PAM_DIR, name)
-                with open(path, "x") as f:
-                    f.write(text)
-                cls.services[kind] = name
-        except BaseException:
-            cls.tearDownClass()
-            raise
-
-    @classmethod
-    def tearDownClass(cls):
-        for name in cls.services.values():
-            try:
-                os.unlink(os.path.join(PAM_DIR, name))
-            except FileNotFoundError:
-                pass
-        cls.services = {}
-        if getattr(cls, "made_user", False):
-            subprocess.run(["userdel", cls.user], capture_output=True)
-            cls.made_user = False
-
-    def daemon(self, service):
-        d = Daemon(extra_platform={"pam.service": service, "aaa.list.default": "pam"})
-        d.start()
-        self.addCleanup(d.stop_checked)
-        return d
+        run("useradd", "-M", "-s", "/usr/sbin/nologin", self.user)
+        self.addCleanup(subprocess.run, ["userdel", self.user], capture_output=True)
+        run("chpasswd", stdin="%s:%s\n" % (self.user, self.password))
+        self.service = "ftps-test-unix-" + tag
+        path = os.path.join(PAM_DIR, self.service)
+        with open(path, "x") as f:
+            self.addCleanup(os.unlink, path)
+            f.write(UNIX_SERVICE)
 
     def attempt(self, d, user, password):
         c = RawClient(d.port)
@@ -69,7 +43,8 @@ class PamTest(unittest.TestCase):
         return c.pass_replies(user, password)
 
     def test_account_logs_in_and_wrong_password_is_refused(self):
-        d = self.daemon(self.services["unix"])
+        d = Daemon(extra_platform={"pam.service": self.service, "aaa.list.default": "pam"}).start()
+        self.addCleanup(d.stop_checked)
         self.assertEqual(self.attempt(d, self.user, self.password), [OK])
         self.assertEqual(self.attempt(d, self.user, self.password + "x"), REJECTED)
         self.assertEqual(self.attempt(d, "ftpst-no-such-user", self.password), REJECTED)

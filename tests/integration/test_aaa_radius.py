@@ -55,19 +55,9 @@ server test {{
     port = {port}
   }}
   authorize {{
-    # Challenged every time: a second challenge is refused by the FTP server.
-    if (&User-Name == "chaluser") {{
-      update reply {{
-        &Reply-Message := "challenge"
-        &State := 0x01
-      }}
-      update control {{
-        &Response-Packet-Type := 11
-      }}
-      handled
-    }}
-    # Challenged until the request carries the State of the challenge back.
-    if (&User-Name == "chalonce" && !&State) {{
+    # chaluser is challenged every time (a second challenge is refused by the FTP server),
+    # chalonce until the request carries the State of the challenge back.
+    if (&User-Name == "chaluser" || (&User-Name == "chalonce" && !&State)) {{
       update reply {{
         &Reply-Message := "challenge"
         &State := 0x7a7a

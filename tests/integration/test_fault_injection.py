@@ -10,13 +10,11 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DAEMON, START_WAIT, Daemon, RawClient, ftp_session, logged_in,  # noqa: E402
-                          memory_idle, start_upload, transfer, wait_until)
+from ftps_harness import (DAEMON, MEMORY_ROWS as ROW, START_WAIT, Daemon, RawClient, ftp_session,  # noqa: E402
+                          logged_in, memory_idle, start_upload, transfer, wait_until, whole_session)
 
 INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \
     DATA_BUF, OUTPATH, USER_CNT, INFO, EPOLL = range(15)
-ROW = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PCRED DIR", "BUF", "CHANG BUF",
-       "WHOLE BUF", "STRING", "DATA BUF", "OUTPATH", "USER CNT", "INFO", "EPOLL"]
 
 GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
 MALLOC_451 = b"451 Local resource failure: malloc.\r\n"
@@ -28,25 +26,19 @@ CONTENT = b"first line\r\nsecond line\r\n" * 4000
 
 def listening(port):
     """True when something listens on the TCP port, seen without connecting to it."""
-    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
-        try:
-            with open(table) as f:
-                lines = f.readlines()[1:]
-        except FileNotFoundError:
-            continue
-        for line in lines:
-            fields = line.split()
-            if int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == "0A":
-                return True
+    for table in filter(os.path.exists, ("/proc/net/tcp", "/proc/net/tcp6")):
+        with open(table) as f:
+            for fields in map(str.split, f.readlines()[1:]):
+                if int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == "0A":
+                    return True
     return False
 
 
 def quiet_start(d, extra_env=None):
     """Starts the daemon and waits for it without opening a session, which would take
     allocations of its own and move the injected failure."""
-    env = d.env()
-    env.update(extra_env or {})
-    d.proc = subprocess.Popen([DAEMON], env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    d.proc = subprocess.Popen([DAEMON], env=dict(d.env(), **(extra_env or {})),
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     if not wait_until(lambda: d.proc.poll() is None and d.cli_ok() and listening(d.port), timeout=START_WAIT):
         raise AssertionError("daemon not ready")
 
@@ -54,19 +46,8 @@ def quiet_start(d, extra_env=None):
 def new_daemon():
     d = Daemon()
     os.makedirs(os.path.join(d.flash, "sub"))
-    with open(os.path.join(d.flash, "f.txt"), "wb") as f:
-        f.write(CONTENT)
+    d.put("f.txt", CONTENT)
     return d
-
-
-def whole_session(port):
-    c = logged_in(port)
-    assert c.cmd("TYPE I") == b"200 Type set to I.\r\n"
-    for verb in ("RETR f.txt", "LIST"):
-        r = transfer(c, verb)[0]
-        assert r.endswith(b"226 Closing data connection.\r\n"), r
-    c.cmd("QUIT")
-    c.close()
 
 
 class MemoryFaultTest(unittest.TestCase):
@@ -90,7 +71,7 @@ class MemoryFaultTest(unittest.TestCase):
             n = self.startup[ROW[category]] + nth
             quiet_start(d, {"FTPS_TEST_MEMFAIL": "%d:%d" % (category, n)})
             scenario(d)
-            whole_session(d.port)
+            whole_session(logged_in(d.port), "f.txt", CONTENT)
             self.assertTrue(memory_idle(d), d.memory_rows())
             self.assertEqual(d.memory_rows()[ROW[category]][0], 1, "failures counted")
         finally:

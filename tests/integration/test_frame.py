@@ -8,7 +8,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import CLI, DAEMON, Daemon, RawClient, START_WAIT, wait_until  # noqa: E402
+from ftps_harness import CLI, DAEMON, MEMORY_ROWS, Daemon, RawClient, START_WAIT, wait_until  # noqa: E402
 
 STARTUP_MESSAGES = [
     "=============== ftp_server main ===============",
@@ -30,8 +30,6 @@ ROW = "  %-15s  %-12s  %-8s  %-8s  %-8s\n"
 MEMORY_HEAD = ("\nFTPD Dynamic Memory Usage:\n"
                + ROW % ("Memory Block", "Allocs(Fail)", "Allocs", "Free", "In Use")
                + ROW % ("---------------", "------------", "--------", "--------", "--------"))
-MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PCRED DIR", "BUF",
-               "CHANG BUF", "WHOLE BUF", "STRING", "DATA BUF", "OUTPATH", "USER CNT", "INFO", "EPOLL"]
 
 
 class FrameTest(unittest.TestCase):

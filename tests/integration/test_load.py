@@ -46,8 +46,7 @@ class LoadTest(DaemonTestCase):
         payload = os.urandom(SIZE)
         # CR LF pairs only: the ASCII upload stores LF lines.
         text = (b"line of text\r\n" * (SIZE // 14 + 1))[:SIZE - SIZE % 14]
-        with open(os.path.join(self.d.flash, "down.bin"), "wb") as f:
-            f.write(payload)
+        self.d.put("down.bin", payload)
         baseline = self.d.memory_in_use()
 
         sessions = [ftp_session(self.d.port, user="alice" if i % 2 == 0 else "bob",

@@ -17,8 +17,7 @@ class LoginTimeoutTest(DaemonTestCase):
                                  "ftp-server login timeout 1"]}
 
     def test_silent_session_ends_after_the_login_timeout(self):
-        fds = lambda: len(os.listdir("/proc/%d/fd" % self.d.proc.pid))  # noqa: E731
-        baseline = fds()
+        baseline = self.d.descriptors()
         deaf = socket.socket()
         deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         deaf.connect(("127.0.0.1", self.d.port))
@@ -40,7 +39,8 @@ class LoginTimeoutTest(DaemonTestCase):
         self.assertEqual(busy.cmd("SYST")[:4], b"215 ")
         silent.close()
         # The deaf session's replies could not be sent for a whole login time-out: it is gone too.
-        self.assertTrue(wait_until(lambda: fds() <= baseline + 1, timeout=40), (fds(), baseline))
+        self.assertTrue(wait_until(lambda: self.d.descriptors() <= baseline + 1, timeout=40),
+                        (self.d.descriptors(), baseline))
         deaf.close()
         busy.close()
 

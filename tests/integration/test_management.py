@@ -1,16 +1,18 @@
 """Management commands through ftps-cli: refusals with their exact messages (and nothing changed),
-configuration lines, and a write / restart / write round trip of the saved configuration."""
+malformed type-7 passwords among them, configuration lines, service-password encryption switched
+at run time (plain users turn into type-7 lines for good), and write / restart / write round
+trips of the saved configuration."""
 
 import os
 import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient  # noqa: E402
-
+from ftps_harness import Daemon, RawClient, read_file  # noqa: E402
 
 TYPE_WORD_REFUSED = ("% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
                      "password type\n")
+TYPE7_LENGTH = "% Invalid encrypted password, min length is 4, max length is 52.\n"
 
 
 class ManagementTest(unittest.TestCase):
@@ -30,6 +32,19 @@ class ManagementTest(unittest.TestCase):
         self.assertEqual(self.d.cli(line), (1, message), line)
         self.assertEqual(self.running(), before, "refused command changed the configuration: " + line)
 
+    def round_trip(self):
+        """write, restart, write: the daemon comes back with the same running configuration and
+        writes the same file again; returns that configuration."""
+        first = self.running()
+        self.assertEqual(self.d.cli("write")[0], 0)
+        saved = read_file(self.d.startup)
+        self.assertEqual(self.d.stop(), 0)
+        self.d.start()
+        self.assertEqual(self.running(), first)
+        self.assertEqual(self.d.cli("write")[0], 0)
+        self.assertEqual(read_file(self.d.startup), saved)
+        return first
+
     def test_refusals_print_exact_messages_and_change_nothing(self):
         for line, message in (
                 ("ftp-server username bob password 0 " + "a" * 26, "% Password is too long, max length is 25\n"),
@@ -40,7 +55,15 @@ class ManagementTest(unittest.TestCase):
                 ("ftp-server authentication " + "l" * 65,
                  "authentication list name(%s) is NULL or too long, max length is 64.\n" % ("l" * 65)),
                 ("ftp-server topdir /nope", "topdir /nope don't exist!\n"),
-                ("ftp-server topdir /proc", "/proc can't be set as rootdir!\n")):
+                ("ftp-server topdir /proc", "/proc can't be set as rootdir!\n"),
+                # Type-7 texts of 54, 53 and 3 characters, of odd length, with a salt outside its
+                # alphabet, not hexadecimal.
+                ("ftp-server username bob password 7 A1" + "0" * 52, TYPE7_LENGTH),
+                ("ftp-server username bob password 7 A1" + "0" * 51, TYPE7_LENGTH),
+                ("ftp-server username bob password 7 A10", TYPE7_LENGTH),
+                ("ftp-server username bob password 7 A1234", "% Invalid encrypted password:A1234\n"),
+                ("ftp-server username bob password 7 !!4142", "% Invalid encrypted password:!!4142\n"),
+                ("ftp-server username bob password 7 A1G0G0", "% Invalid encrypted password:A1G0G0\n")):
             self.refused(line, message)
         # New sessions are still confined to the top directory that was in force.
         c = RawClient(self.d.port)
@@ -66,18 +89,9 @@ class ManagementTest(unittest.TestCase):
         for line in ("ftp-server username dave password 0 d4ve  7 0", "ftp-server password 0 07 s4m",
                      "ftp-server username sam"):
             self.assertEqual(self.d.cli(line), (0, ""), line)
-        first = self.running()
+        first = self.round_trip()
         self.assertIn("ftp-server username dave password d4ve  7 0\n", first)
         self.assertIn("ftp-server username sam password 07 s4m\n", first)
-        self.assertEqual(self.d.cli("write")[0], 0)
-        with open(self.d.startup) as f:
-            saved = f.read()
-        self.assertEqual(self.d.stop(), 0)
-        self.d.start()
-        self.assertEqual(self.running(), first)
-        self.assertEqual(self.d.cli("write")[0], 0)
-        with open(self.d.startup) as f:
-            self.assertEqual(f.read(), saved)
 
     def test_write_restart_write_round_trip(self):
         lines = [
@@ -92,29 +106,27 @@ class ManagementTest(unittest.TestCase):
         ]
         for line in lines:
             self.assertEqual(self.d.cli(line), (0, ""), line)
-        first = self.running()
+        first = self.round_trip()
         for expect in ["ftp-server topdir flash:/pub\n", "ftp-server timeout 30\n",
                        "ftp-server login timeout 5\n", "ftp-server login times 4\n",
                        "ftp-server authentication default\n", "ftp-server enable\n",
                        "service password-encryption\n"]:
             self.assertIn(expect, first)
-        # With encryption on, every user is written in type-7 form.
-        self.assertIn("ftp-server username carol password 7 ", first)
+        # With encryption on, every user is written in type-7 form, those added before it too.
+        for user, password in (("alice", "secret1"), ("bob", "b0bpass"), ("carol", "Zk4mVt9q")):
+            self.assertRegex(first, r"(?m)^ftp-server username %s password 7 \S{%d}$" % (user, 2 + 2 * len(password)))
         self.assertNotIn("Zk4mVt9q", first)
-        self.assertEqual(self.d.cli("write")[0], 0)
-        with open(self.d.startup) as f:
-            saved = f.read()
-        self.assertEqual(self.d.stop(), 0)
-        self.d.start()
-        self.assertEqual(self.running(), first)
-        self.assertEqual(self.d.cli("write")[0], 0)
-        with open(self.d.startup) as f:
-            self.assertEqual(f.read(), saved)
-        # The type-7 user logs in with the original password, below the storage-form top directory.
-        c = RawClient(self.d.port)
-        c.login("carol", "Zk4mVt9q")
-        self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
-        c.close()
+        self.assertNotIn("b0bpass", first)
+        # Switched off again, the users read while it was on keep their type-7 lines.
+        self.assertEqual(self.d.cli("no service password-encryption"), (0, ""))
+        self.assertEqual([l for l in self.running().splitlines() if "username" in l],
+                         [l for l in first.splitlines() if "username" in l])
+        # The type-7 users log in with the original password, below the storage-form top directory.
+        for user, password in (("alice", "secret1"), ("carol", "Zk4mVt9q")):
+            c = RawClient(self.d.port)
+            c.login(user, password)
+            self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
+            c.close()
         rc, out = self.d.cli("show ftp-server")
         self.assertIn("topdir : flash:/pub\n", out)
 

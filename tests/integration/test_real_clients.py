@@ -1,4 +1,4 @@
-"""Real FTP clients, each with its default settings, against the daemon.
+"""Real FTP clients against the daemon.
 
 The standard profile's acceptance: lftp mirror both ways, rclone (copy, sync with deletes, check,
 lsjson, nested mkdir, purge, and a 300 MiB download), curl resume and ranges, wget mirroring, ncftp
@@ -7,8 +7,11 @@ ftputil, and Node's basic-ftp; each over IPv4 and IPv6 where the client can. The
 has nested and empty directories, names with blanks, UTF-8 names, dot files and files of 0, 512,
 1024, 1025 bytes and 1 MiB, and every copy is compared byte for byte.
 
-The device profile (the default) is driven by a smaller set of the clients it has always served,
-so that a change that breaks them shows.
+The device profile (the default) is driven by the clients it has always served: ftplib and curl in
+every data-connection mode (PASV, EPSV, PORT, EPRT), lftp (in each mode too), wget, rclone and
+inetutils ftp, so that a change that breaks them shows. wget runs in passive and active mode in
+both profiles, every client otherwise with its default settings. Once a class's clients are done, no listing
+temporary is left and every memory category is back at zero.
 
 A missing client fails the test (clients.py), it is never skipped. On a failure the message
 carries the client's output and the server's side of the conversation: both daemons run with
@@ -21,6 +24,7 @@ import io
 import json
 import os
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -30,7 +34,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import clients  # noqa: E402
-from ftps_harness import Daemon, ftp_session, has_ipv6  # noqa: E402
+from ftps_harness import Daemon, ftp_session, has_ipv6, memory_idle, read_file  # noqa: E402
 
 USER, PASSWORD = "alice", "secret1"
 FAMILIES = [("IPv4", "127.0.0.1")] + ([("IPv6", "::1")] if has_ipv6() else [])
@@ -58,6 +62,7 @@ DOT_FILES = {
     "nested/.dot dir/x": 5,
 }
 EMPTY_DIRS = ("empty", "nested/deeper/empty too", "ünïcödé/leer")
+
 
 # The standard daemon runs in a time zone far from UTC, so that a time given in local time where
 # the protocol wants UTC (MDTM, MLSD/MLST modify) shows in what the clients do with it.
@@ -87,11 +92,15 @@ def snapshot(root, ignore=()):
         for name in dirnames:
             entries[os.path.normpath(os.path.join(rel, name))] = "dir"
         for name in filenames:
-            if name in ignore:
-                continue
-            path = os.path.join(dirpath, name)
-            entries[os.path.normpath(os.path.join(rel, name))] = (os.path.getsize(path), file_sha256(path))
+            if name not in ignore:
+                path = os.path.join(dirpath, name)
+                entries[os.path.normpath(os.path.join(rel, name))] = (os.path.getsize(path), file_sha256(path))
     return entries
+
+
+def sizes(root):
+    """Relative path -> "dir" or the file's size, for everything below root."""
+    return {p: ("dir" if v == "dir" else v[0]) for p, v in snapshot(root).items()}
 
 
 def tree_difference(expected_root, actual_root, ignore=()):
@@ -99,25 +108,12 @@ def tree_difference(expected_root, actual_root, ignore=()):
     if not os.path.isdir(actual_root):
         return "%s does not exist" % actual_root
     want, got = snapshot(expected_root, ignore), snapshot(actual_root, ignore)
+    describe = lambda e: e if e == "dir" else "%d bytes, sha256 %s..." % (e[0], e[1][:16])  # noqa: E731
     lines = ["missing:    %s" % p for p in sorted(set(want) - set(got))]
     lines += ["unexpected: %s" % p for p in sorted(set(got) - set(want))]
-    for p in sorted(set(want) & set(got)):
-        if want[p] != got[p]:
-            lines.append("differs:    %s (expected %s, got %s)" % (p, describe(want[p]), describe(got[p])))
+    lines += ["differs:    %s (expected %s, got %s)" % (p, describe(want[p]), describe(got[p]))
+              for p in sorted(set(want) & set(got)) if want[p] != got[p]]
     return "\n".join(lines)
-
-
-def describe(entry):
-    return entry if entry == "dir" else "%d bytes, sha256 %s..." % (entry[0], entry[1][:16])
-
-
-def read_file(path):
-    """The file's bytes, or None when it does not exist."""
-    try:
-        with open(path, "rb") as f:
-            return f.read()
-    except FileNotFoundError:
-        return None
 
 
 def compare_bytes(got, want):
@@ -159,13 +155,16 @@ def tail(text, lines=60):
                      + parts[-lines:])
 
 
-class RealClientCase(unittest.TestCase):
+class RealClientCase:
     """One daemon per class (profile and environment from the class attributes), the tree served
-    read-only as "tree", and a private directory and HOME for the clients."""
+    read-only as "tree", and a private directory and HOME for the clients; the tests of the
+    clients both profiles serve. Mixed into a unittest.TestCase for each profile."""
 
     profile = None           # platform value of [ftp] profile; None: the default
     daemon_environment = {}  # extra environment of the daemon
     dot_files = True         # whether the tree holds dot files
+    lftp_settings = ""       # lftp's settings
+    lftp_modes = {"default": ""}  # lftp's data-connection modes: name -> settings
 
     @classmethod
     def setUpClass(cls):
@@ -199,8 +198,13 @@ class RealClientCase(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
-        shutil.rmtree(cls.work, ignore_errors=True)
-        cls.d.stop_checked()
+        try:
+            # Whatever the clients did, nothing is left behind once their sessions have ended.
+            assert cls.d.listing_temporaries() == [], cls.d.listing_temporaries()
+            assert memory_idle(cls.d), cls.d.memory_in_use()
+        finally:
+            shutil.rmtree(cls.work, ignore_errors=True)
+            cls.d.stop_checked()
 
     # --- paths and addresses
 
@@ -217,19 +221,11 @@ class RealClientCase(unittest.TestCase):
 
     def mark(self):
         """Marks where the daemon's log stands: a failure shows the conversation from here on."""
-        try:
-            self._log_mark = os.path.getsize(self.d.log)
-        except FileNotFoundError:
-            self._log_mark = 0
+        self._log_mark = os.path.getsize(self.d.log) if os.path.exists(self.d.log) else 0
 
     def conversation(self):
         time.sleep(0.2)  # the daemon logs a reply just after sending it
-        try:
-            with open(self.d.log, "rb") as f:
-                f.seek(getattr(self, "_log_mark", 0))
-                text = f.read().decode(errors="replace")
-        except FileNotFoundError:
-            text = ""
+        text = (read_file(self.d.log) or b"")[getattr(self, "_log_mark", 0):].decode(errors="replace")
         return "server side of the conversation (debug ftp-server pro):\n" + tail(text, 120)
 
     def run_client(self, argv, cwd=None, input=None, env=None, timeout=CLIENT_TIMEOUT, check=True):
@@ -254,6 +250,11 @@ class RealClientCase(unittest.TestCase):
         diff = tree_difference(expected_root, actual_root, ignore)
         if diff:
             self.fail("%s is not the tree it should be:\n%s\n%s" % (what, diff, self.conversation()))
+
+    def assertSameBytes(self, got, want, what):
+        diff = compare_bytes(got, want)
+        if diff:
+            self.fail("%s: %s\n%s" % (what, diff, self.conversation()))
 
     def lftp(self, host, commands, settings=""):
         script = "%sopen -u %s,%s ftp://%s:%d; %s" % (settings, USER, PASSWORD, url_host(host),
@@ -282,58 +283,73 @@ class RealClientCase(unittest.TestCase):
                                                             self.conversation()))
         return r
 
-    def inetutils_ftp(self, host, commands):
-        """GNU inetutils ftp driven through standard input: -n (no auto-login) and a user command."""
-        script = "user %s %s\n%s\nquit\n" % (USER, PASSWORD, "\n".join(commands))
-        return self.run_client([clients.binary("inetutils-ftp"), "-n", "-v", host, str(self.d.port)],
-                               input=script.encode())
-
-    def check_inetutils_binary_round_trip(self, host, name):
-        """put and get of a binary file without a `binary` command: the client must pick binary
-        type from SYST's reply, so both transfers open in BINARY mode and no byte changes."""
-        data = os.urandom(100_000) + b"a\r\nb\nc\rd\r\r\n\x00\xff" * 100 + b"\r"
-        src, back = self.local(name + ".src"), self.local(name + ".back")
-        with open(src, "wb") as f:
-            f.write(data)
-        r = self.inetutils_ftp(host, ["put %s %s" % (src, name), "get %s %s" % (name, back)])
-        for what, path in (("put", self.served(name)), ("get", back)):
-            diff = compare_bytes(read_file(path), data)
-            if diff:
-                self.fail("%s: %s\n%s\n%s" % (what, diff, r.out, self.conversation()))
-        self.assertEqual(r.out.count("150 Opening BINARY mode data connection."), 2,
-                         "both transfers must run in binary type\n%s\n%s" % (r.out, self.conversation()))
-
-
-class StandardProfileClients(RealClientCase):
-    profile = "standard"
-    daemon_environment = {"TZ": FAR_TIME_ZONE}
-
     def time_mismatches(self, local_root, served_root):
         """Files below local_root whose modification time (to the second) is not the served one's."""
         out = []
         for dirpath, _, filenames in os.walk(local_root):
             for name in filenames:
-                path = os.path.join(dirpath, name)
-                rel = os.path.relpath(path, local_root)
-                want, got = utc_stamp(os.path.join(served_root, rel)), utc_stamp(path)
+                rel = os.path.relpath(os.path.join(dirpath, name), local_root)
+                want, got = utc_stamp(os.path.join(served_root, rel)), utc_stamp(os.path.join(dirpath, name))
                 if want != got:
                     out.append("%s: %s, served %s (UTC)" % (rel, got, want))
         return out
 
+    # --- the clients both profiles serve
+
     def test_lftp_mirror_both_ways(self):
+        for family, host in FAMILIES:
+            for mode, setting in self.lftp_modes.items():
+                with self.subTest(family=family, mode=mode):
+                    self.mark()
+                    remote, down = "lftp-%s-%s" % (family, mode), "lftp-down-%s-%s" % (family, mode)
+                    settings = self.lftp_settings + setting
+                    self.lftp(host, 'mirror -R tree "%s"' % remote, settings)
+                    self.assertSameTree(self.tree, self.served(remote), "the tree lftp mirror -R uploaded")
+                    self.lftp(host, 'mirror "%s" "%s" && mv "%s" "%s.moved"' % (remote, down, remote, remote),
+                              settings)
+                    self.assertSameTree(self.tree, self.local(down), "the tree lftp mirror downloaded")
+                    self.assertFalse(os.path.exists(self.served(remote)), "lftp mv left the directory")
+                    if self.profile == "standard":
+                        # lftp gives each file the time that MLSD reported (UTC).
+                        wrong = self.time_mismatches(self.local(down), self.served(remote + ".moved"))
+                        self.assertEqual(wrong, [], "lftp mirror set other times than the served files':\n"
+                                         + self.conversation())
+
+    def test_wget_mirror(self):
+        for family, host in FAMILIES:
+            for flags in ([], ["--no-passive-ftp"]):
+                with self.subTest(family=family, flags=flags):
+                    self.mark()
+                    dest = self.local("wget-%s-%d" % (family, len(flags)))
+                    self.run_client([clients.binary("wget"), "-m", "-nv", "-nH", "--cut-dirs=1", *flags, "-P", dest,
+                                     self.url(host, "tree/")])
+                    # -m keeps wget's own .listing file in every directory.
+                    self.assertSameTree(self.tree, dest, "the tree wget -m downloaded", ignore={".listing"})
+
+    def test_inetutils_ftp_takes_binary_type_from_syst(self):
+        """put and get of a binary file without a `binary` command: the client must pick binary
+        type from SYST's reply, so both transfers open in BINARY mode and no byte changes."""
+        data = os.urandom(100_000) + b"a\r\nb\nc\rd\r\r\n\x00\xff" * 100 + b"\r"
+        src = self.local("inetutils.src")
+        with open(src, "wb") as f:
+            f.write(data)
         for family, host in FAMILIES:
             with self.subTest(family=family):
                 self.mark()
-                remote = "lftp-" + family
-                self.lftp(host, 'mirror -R tree "%s"' % remote)
-                self.assertSameTree(self.tree, self.served(remote), "the tree lftp mirror -R uploaded")
-                down = "lftp-down-" + family
-                self.lftp(host, 'mirror "%s" "%s"' % (remote, down))
-                self.assertSameTree(self.tree, self.local(down), "the tree lftp mirror downloaded")
-                # lftp gives each file the time that MLSD reported (UTC).
-                wrong = self.time_mismatches(self.local(down), self.served(remote))
-                self.assertEqual(wrong, [], "lftp mirror set other times than the served files':\n"
-                                 + self.conversation())
+                name, back = "inetutils-%s.bin" % family, self.local("inetutils-%s.back" % family)
+                # Driven through standard input: -n (no auto-login) and a user command.
+                script = "user %s %s\nput %s %s\nget %s %s\nquit\n" % (USER, PASSWORD, src, name, name, back)
+                r = self.run_client([clients.binary("inetutils-ftp"), "-n", "-v", host, str(self.d.port)],
+                                    input=script.encode())
+                self.assertSameBytes(read_file(self.served(name)), data, "put\n" + r.out)
+                self.assertSameBytes(read_file(back), data, "get\n" + r.out)
+                self.assertEqual(r.out.count("150 Opening BINARY mode data connection."), 2,
+                                 "both transfers must run in binary type\n%s\n%s" % (r.out, self.conversation()))
+
+
+class StandardProfileClients(RealClientCase, unittest.TestCase):
+    profile = "standard"
+    daemon_environment = {"TZ": FAR_TIME_ZONE}
 
     def test_rclone_copy_sync_check_lsjson_mkdir_purge(self):
         for family, _ in FAMILIES:
@@ -350,9 +366,7 @@ class StandardProfileClients(RealClientCase):
                 self.rclone("check", self.tree, top + "/copy")
 
                 listed = json.loads(self.rclone("lsjson", "-R", top + "/copy").out)
-                want = snapshot(self.tree)
-                got = {e["Path"]: ("dir" if e["IsDir"] else e["Size"]) for e in listed}
-                self.assertEqual(got, {p: ("dir" if v == "dir" else v[0]) for p, v in want.items()},
+                self.assertEqual({e["Path"]: ("dir" if e["IsDir"] else e["Size"]) for e in listed}, sizes(self.tree),
                                  "rclone lsjson -R\n" + self.conversation())
                 for e in listed:
                     if not e["IsDir"]:
@@ -426,18 +440,14 @@ class StandardProfileClients(RealClientCase):
                 # A broken download: what is left of it is an unaligned prefix.
                 os.truncate(out, 1_234_567)
                 self.run_client([curl, "-sS", "-C", "-", "-o", out, self.url(host, "curl/data.bin")])
-                diff = compare_bytes(read_file(out), data)
-                if diff:
-                    self.fail("curl -C - download: %s\n%s" % (diff, self.conversation()))
+                self.assertSameBytes(read_file(out), data, "curl -C - download")
             for rng, want in (("100-1123", data[100:1124]), ("2999000-", data[2999000:]),
                               ("0-0", data[:1]), ("-500", data[-500:]),
                               ("2999990-3000100", data[2999990:])):
                 with self.subTest(family=family, range=rng):
                     self.mark()
                     got = self.run_client([curl, "-sS", "-r", rng, self.url(host, "curl/data.bin")]).stdout
-                    diff = compare_bytes(got, want)
-                    if diff:
-                        self.fail("curl -r %s: %s\n%s" % (rng, diff, self.conversation()))
+                    self.assertSameBytes(got, want, "curl -r " + rng)
             with self.subTest(family=family, case="resumed upload"):
                 self.mark()
                 name = "curl/up-%s.bin" % family
@@ -447,19 +457,7 @@ class StandardProfileClients(RealClientCase):
                 with open(src, "wb") as f:
                     f.write(data)
                 self.run_client([curl, "-sS", "-C", "-", "-T", src, self.url(host, name)])
-                diff = compare_bytes(read_file(self.served(name)), data)
-                if diff:
-                    self.fail("curl -C - -T upload: %s\n%s" % (diff, self.conversation()))
-
-    def test_wget_mirror(self):
-        for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                dest = self.local("wget-" + family)
-                self.run_client([clients.binary("wget"), "-m", "-nv", "-nH", "--cut-dirs=1", "-P", dest,
-                                 self.url(host, "tree/")])
-                # -m keeps wget's own .listing file in every directory.
-                self.assertSameTree(self.tree, dest, "the tree wget -m downloaded", ignore={".listing"})
+                self.assertSameBytes(read_file(self.served(name)), data, "curl -C - -T upload")
 
     def test_ncftp_recursive_get_and_put(self):
         # ncftp 3.2 has no IPv6: it takes ::1 for an unknown host name. IPv4 only.
@@ -475,14 +473,8 @@ class StandardProfileClients(RealClientCase):
         self.assertSameTree(self.tree, self.served("ncftpput", "into", "tree"),
                             "the tree ncftpput -R uploaded")
 
-    def test_inetutils_ftp_takes_binary_type_from_syst(self):
-        for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                self.check_inetutils_binary_round_trip(host, "inetutils-%s.bin" % family)
-
     def test_ftplib_mlsd(self):
-        want = {p: ("dir", None) if v == "dir" else ("file", v[0]) for p, v in snapshot(self.tree).items()}
+        want = {p: ("dir", None) if v == "dir" else ("file", v) for p, v in sizes(self.tree).items()}
         for family, host in FAMILIES:
             with self.subTest(family=family):
                 self.mark()
@@ -532,7 +524,7 @@ class StandardProfileClients(RealClientCase):
                 self.connect(host, port)
                 self.login(USER, PASSWORD)
 
-        expected = {p: ("dir" if v == "dir" else v[0]) for p, v in snapshot(self.tree).items()}
+        expected = sizes(self.tree)
         # ftputil lists without -a: dot files may be left out, nothing else.
         visible = {p: v for p, v in expected.items()
                    if not any(part.startswith(".") for part in p.split(os.sep))}
@@ -595,64 +587,96 @@ class StandardProfileClients(RealClientCase):
                 self.assertSameTree(self.tree, down, "the tree basic-ftp downloadToDir downloaded")
 
 
-class DeviceProfileClients(RealClientCase):
+
+
+class ExtendedFTP(ftplib.FTP):
+    """ftplib that uses EPSV and EPRT on IPv4 too."""
+
+    def makepasv(self):
+        _, port = ftplib.parse229(self.sendcmd("EPSV"), self.sock.getpeername())
+        return self.sock.getpeername()[0], port
+
+    def makeport(self):
+        sock = socket.create_server(("", 0), family=self.af, backlog=1)
+        self.sendeprt(self.sock.getsockname()[0], sock.getsockname()[1])
+        sock.settimeout(self.timeout)
+        return sock
+
+
+class DeviceProfileClients(RealClientCase, unittest.TestCase):
     """The clients the device profile has always served. Its LIST leaves dot files out whatever the
     options, so the tree has none."""
 
     dot_files = False
+    # The device ends MDTM replies with a bare LF; lftp then waits seconds for the rest of the
+    # line before it takes it. It mirrors without MDTM (and without trying TLS), over PASV (EPSV
+    # over IPv6), EPSV, and in active mode (PORT, EPRT over IPv6).
+    lftp_settings = "set ftp:ssl-allow no; set ftp:use-mdtm no; "
+    lftp_modes = {"pasv": "set ftp:prefer-epsv no; ", "epsv": "set ftp:prefer-epsv yes; ",
+                  "active": "set ftp:passive-mode off; "}
 
-    def test_lftp_mirror_both_ways(self):
-        # The device ends MDTM replies with a bare LF; lftp then waits seconds for the rest of the
-        # line before it takes it. It mirrors without MDTM (and without trying TLS).
-        settings = "set ftp:ssl-allow no; set ftp:use-mdtm no; "
-        for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                remote = "lftp-" + family
-                self.lftp(host, 'mirror -R tree "%s"' % remote, settings)
-                self.assertSameTree(self.tree, self.served(remote), "the tree lftp mirror -R uploaded")
-                down = "lftp-down-" + family
-                self.lftp(host, 'mirror "%s" "%s"' % (remote, down), settings)
-                self.assertSameTree(self.tree, self.local(down), "the tree lftp mirror downloaded")
-
-    def test_wget_mirror(self):
-        for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                dest = self.local("wget-" + family)
-                self.run_client([clients.binary("wget"), "-m", "-nv", "-nH", "--cut-dirs=1", "-P", dest,
-                                 self.url(host, "tree/")])
-                self.assertSameTree(self.tree, dest, "the tree wget -m downloaded", ignore={".listing"})
-
-    def test_curl_download_and_upload(self):
-        curl = clients.binary("curl")
-        src = os.path.join(self.tree, "one MiB.bin")
-        for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                name = "curl-%s.bin" % family
-                self.run_client([curl, "-sS", "-T", src, self.url(host, name)])
-                self.assertEqual(file_sha256(self.served(name)), file_sha256(src), self.conversation())
-                got = self.run_client([curl, "-sS", self.url(host, name)]).stdout
-                with open(src, "rb") as f:
-                    self.assertTrue(got == f.read(), "curl download differs\n" + self.conversation())
-
-    def test_ftplib_store_retrieve_list(self):
+    def test_ftplib_every_mode_and_family(self):
         data = os.urandom(300_000)
         for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                name = "ftplib-%s.bin" % family
-                ftp = ftp_session(self.d.port, host, user=USER, password=PASSWORD)
-                ftp.storbinary("STOR " + name, io.BytesIO(data))
-                got = io.BytesIO()
-                ftp.retrbinary("RETR " + name, got.write)
-                self.assertTrue(got.getvalue() == data, "RETR differs\n" + self.conversation())
-                self.assertIn(name, ftp.nlst())
-                lines = []
-                ftp.retrlines("LIST tree", lines.append)
-                self.assertTrue(any(l.endswith(" one MiB.bin") for l in lines), lines)
-                ftp.quit()
+            for cls in (ftplib.FTP, ExtendedFTP):
+                for passive in (True, False):
+                    with self.subTest(family=family, cls=cls.__name__, passive=passive):
+                        self.mark()
+                        name = "py-%s-%s-%s.bin" % (cls.__name__, family, passive)
+                        ftp = ftp_session(self.d.port, host, cls)
+                        self.assertEqual(ftp.getwelcome(), "220 TESTSW FTP server <version 1.00> ready.")
+                        ftp.set_pasv(passive)
+                        ftp.storbinary("STOR " + name, io.BytesIO(data))
+                        self.assertSameBytes(read_file(self.served(name)), data, "STOR")
+                        got = io.BytesIO()
+                        ftp.retrbinary("RETR " + name, got.write)
+                        self.assertSameBytes(got.getvalue(), data, "RETR")
+                        self.assertIn(name, ftp.nlst())
+                        for path, entry in (("", name), ("tree", "one MiB.bin")):
+                            lines = []
+                            ftp.retrlines("LIST " + path, lines.append)
+                            self.assertTrue(any(l.endswith(" " + entry) and l.startswith("-rw") for l in lines), lines)
+                        ftp.rename(name, name + ".moved")
+                        self.assertTrue(os.path.exists(self.served(name + ".moved")))
+                        ftp.delete(name + ".moved")
+                        self.assertFalse(os.path.exists(self.served(name + ".moved")))
+                        ftp.quit()
+
+    def test_ascii_type_converts_line_ends(self):
+        with open(self.served("lines.txt"), "wb") as f:
+            f.write(b"one\ntwo\nthree\n")
+        ftp = ftp_session(self.d.port)
+        ftp.sendcmd("TYPE A")
+        conn = ftp.transfercmd("RETR lines.txt")
+        raw = b""
+        while chunk := conn.recv(4096):
+            raw += chunk
+        conn.close()
+        self.assertEqual(ftp.voidresp(), "226 Closing data connection.")
+        self.assertEqual(raw, b"one\r\ntwo\r\nthree\r\n")
+        ftp.storlines("STOR up.txt", io.BytesIO(b"a\r\nb\r\n"))
+        self.assertEqual(read_file(self.served("up.txt")), b"a\nb\n")
+        ftp.quit()
+
+    def test_curl_every_mode_and_family(self):
+        curl = clients.binary("curl")
+        src = os.path.join(self.tree, "one MiB.bin")
+        modes = {"epsv": [], "pasv": ["--disable-epsv"], "eprt": ["-P", "-"], "port": ["-P", "-", "--disable-eprt"]}
+        for family, host in FAMILIES:
+            for mode, flags in modes.items():
+                if mode == "port" and family == "IPv6":
+                    continue  # PORT carries IPv4 addresses only
+                with self.subTest(family=family, mode=mode):
+                    self.mark()
+                    name = "curl-%s-%s.bin" % (mode, family)
+                    run = lambda *args: self.run_client([curl, "-sS", *flags, *args]).stdout  # noqa: E731
+                    run("-T", src, self.url(host, name))
+                    self.assertSameBytes(read_file(self.served(name)), read_file(src), "curl upload")
+                    self.assertSameBytes(run(self.url(host, name)), read_file(src), "curl download")
+                    self.assertIn(name.encode(), run(self.url(host)))
+                    run("-Q", "RNFR " + name, "-Q", "RNTO " + name + ".x", self.url(host))
+                    run("-Q", "DELE " + name + ".x", self.url(host))
+                    self.assertFalse(os.path.exists(self.served(name + ".x")))
 
     def test_rclone_copy_both_ways(self):
         # A flat directory into one that exists: the device answers LIST of a missing directory
@@ -671,12 +695,6 @@ class DeviceProfileClients(RealClientCase):
                 down = self.local("rclone-down-" + family)
                 self.rclone("copy", "%s:rclone-%s" % (family, family), down)
                 self.assertSameTree(flat, down, "the files rclone copy downloaded")
-
-    def test_inetutils_ftp_takes_binary_type_from_syst(self):
-        for family, host in FAMILIES:
-            with self.subTest(family=family):
-                self.mark()
-                self.check_inetutils_binary_round_trip(host, "inetutils-%s.bin" % family)
 
 
 if __name__ == "__main__":

@@ -1,34 +1,19 @@
-"""Serving sessions: greeting and login with real clients over both families, admission limits,
-enable and disable, failed logins, HELP/SYST/STAT texts."""
+"""Serving sessions: admission limits, the status report and show tech-support, failed logins,
+HELP/SYST/STAT texts. (The greeting over both families: test_real_clients.py; enable and disable:
+test_transfer_faults.py.)"""
 
-import ftplib
 import os
-import socket
-import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient, has_ipv6, logged_in, wait_until  # noqa: E402
+from ftps_harness import DaemonTestCase, RawClient, logged_in, wait_until  # noqa: E402
+
 
 class SessionTest(DaemonTestCase):
     def tearDown(self):
         # Whatever a test did, no session state is left behind once its sessions ended.
         wait_until(lambda: self.d.cli("show ftp-server")[1].count("trans-type") == 0, timeout=10)
-
-    def test_ftplib_and_curl_log_in_over_both_families(self):
-        for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
-            ftp = ftplib.FTP()
-            self.assertEqual(ftp.connect(host, self.d.port, timeout=10),
-                             "220 TESTSW FTP server <version 1.00> ready.")
-            self.assertEqual(ftp.login("alice", "secret1"), "230 User logged in, proceed.")
-            self.assertEqual(ftp.quit(), "221 Service closing control connection(Goodbye).")
-            url = "ftp://alice:secret1@%s:%d/" % ("[%s]" % host if ":" in host else host, self.d.port)
-            r = subprocess.run(["curl", "-sS", "-v", "--max-time", "20", "-Q", "SYST", url],
-                               capture_output=True, timeout=30)
-            err = r.stderr.decode(errors="replace")
-            self.assertIn("< 230 User logged in, proceed.", err)
-            self.assertIn("< 215 ", err)
 
     def test_twenty_first_connection_is_closed_without_reply(self):
         clients = []
@@ -44,16 +29,17 @@ class SessionTest(DaemonTestCase):
             for c in clients:
                 c.close()
         # Slots free again: a new client is served.
-        self.assertTrue(wait_until(lambda: self._served(), timeout=10))
+        self.assertTrue(wait_until(self.served, timeout=10))
 
-    def _served(self):
-        c = RawClient(self.d.port)
+    def served(self):
         try:
-            return c.reply().startswith(b"220 ")
+            c = RawClient(self.d.port)
+            try:
+                return c.reply().startswith(b"220 ")
+            finally:
+                c.close()
         except (EOFError, OSError):
             return False
-        finally:
-            c.close()
 
     def test_per_user_limit_and_status_report(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 2")[0], 0)
@@ -74,10 +60,28 @@ class SessionTest(DaemonTestCase):
             self.assertIn("    [0]trans-type:ASCII (ctrl)server IP:127.0.0.1[%d]\n" % self.d.port, out)
             self.assertIn("    [1]trans-type:ASCII (ctrl)server IP:127.0.0.1[%d]\n" % self.d.port, out)
             self.assertEqual(out.count("                               client IP:127.0.0.1["), 2)
+            self.check_tech_support(a.sock.getsockname()[1])
             for x in (a, b, c):
                 x.close()
         finally:
             self.d.cli("ftp-server max-user-connect 10")
+
+    def check_tech_support(self, client_port):
+        """The server's section of show tech-support: under its header, the running line, the status
+        report (a live session in it) and every row of the memory table, each indented by two blanks."""
+        rc, out = self.d.cli("show tech-support")
+        self.assertEqual(rc, 0)
+        self.assertTrue(out.startswith("------------------ app#ftp_server ------------------\n"
+                                       "  ftp server is running\n"), out)
+        for line in ["      ftp-server information\n", "  enable : Y\n", "  topdir : flash:/\n",
+                     "  timeout: 10min\n", "  username:alice\n", "client IP:127.0.0.1[%d]" % client_port]:
+            self.assertIn(line, out)
+        # Compared up to the counters, which the show commands themselves may move.
+        rows = [l for l in self.d.cli("show ftp-server memory")[1].splitlines() if l.strip() and l.startswith("  ")]
+        self.assertGreater(len(rows), 10)
+        for row in rows:
+            self.assertIn("\n  " + row[:19], out)
+        self.assertEqual(out.count("FTPD Dynamic Memory Usage:"), 1)
 
     def fail_pass(self, c):
         self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
@@ -140,21 +144,6 @@ class SessionTest(DaemonTestCase):
         self.assertEqual(c.reply(), b"500 Syntax error, command unrecognized.\r\n")
         self.assertEqual(c.cmd("QUIT"), b"221 Service closing control connection(Goodbye).\r\n")
         c.close()
-
-
-class EnableTest(DaemonTestCase):
-    def test_disable_ends_sessions_and_closes_ports_at_once(self):
-        clients = [logged_in(self.d.port) for _ in range(3)]
-        self.assertEqual(self.d.cli("no ftp-server enable"), (0, ""))
-        for c in clients:
-            self.assertTrue(c.closed(timeout=5))
-            c.close()
-        self.assertTrue(wait_until(lambda: not self.d.port_open(), timeout=5))
-        if has_ipv6():
-            self.assertFalse(self.d.port_open(socket.AF_INET6))
-        self.assertEqual(self.d.cli("ftp-server enable"), (0, ""))
-        self.assertTrue(wait_until(self.d.port_open, timeout=5))
-        logged_in(self.d.port).close()
 
 
 if __name__ == "__main__":

@@ -4,38 +4,27 @@ to it get 425 for downloads, listings and uploads alike; other clients are serve
 waiting sessions go on, and nothing is left behind."""
 
 import os
-import socket
 import sys
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient, memory_idle  # noqa: E402
-from test_fault_injection import whole_session  # noqa: E402
+from ftps_harness import DaemonTestCase, RawClient, logged_in, memory_idle, pasv_connect, whole_session  # noqa: E402
 
 
 class StalledTransferTest(DaemonTestCase):
     daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server timeout 1"]}
 
     def test_stalled_reader_and_missing_data_connections(self):
-        with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
-            f.write(b"z" * (64 << 20))
-        with open(os.path.join(self.d.flash, "f.txt"), "wb") as f:
-            f.write(b"x" * 100000)
-        big = os.path.join(self.d.flash, "many")
-        os.makedirs(big)
-        for i in range(40000):
-            open(os.path.join(big, "%05d-%s" % (i, "n" * 120)), "w").close()
+        self.d.put("big.bin", b"z" * (64 << 20))
+        self.d.put("f.txt", b"x" * 100000)
+        self.d.many("many")
         stalled_sessions, data_connections = [], []
         for verb in ("RETR big.bin", "LIST many"):
             stalled = RawClient(self.d.port, timeout=150)
             stalled.login()
             stalled.cmd("TYPE I")
-            r = stalled.cmd("PASV").decode()
-            nums = r[r.index("(") + 1:r.index(")")].split(",")
-            data = socket.socket()
-            data.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            data.connect(("127.0.0.1", int(nums[4]) * 256 + int(nums[5])))
+            data = pasv_connect(stalled, rcvbuf=4096)
             stalled.send(verb + "\r\n")
             self.assertTrue(stalled.reply().startswith(b"150 "))
             stalled_sessions.append(stalled)
@@ -51,7 +40,7 @@ class StalledTransferTest(DaemonTestCase):
         start = time.time()
         # Served while the others wait.
         for _ in range(3):
-            whole_session(self.d.port)
+            whole_session(logged_in(self.d.port), "f.txt", b"x" * 100000)
         for stalled in stalled_sessions:
             self.assertEqual(stalled.reply(), b"426 Connection closed; transfer aborted.\r\n")
         for c in waiting:

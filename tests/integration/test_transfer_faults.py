@@ -1,16 +1,17 @@
 """Transfers that do not end well: a reset upload and an upload aborted by disabling the service
-leave no file; disabling the service during a download aborts it with the 426 reply and ends the
-session; confinement below the top directory."""
+leave no file; disabling the service aborts a download with the 426 reply, ends every session at
+once and closes both ports until it is enabled again; confinement below the top directory."""
 
 import ftplib
 import os
+import socket
 import sys
 import threading
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, DaemonTestCase, ftp_session, logged_in, pasv_connect,  # noqa: E402
+from ftps_harness import (Daemon, DaemonTestCase, ftp_session, has_ipv6, logged_in, pasv_connect,  # noqa: E402
                           reset, start_upload, wait_until)
 
 
@@ -33,8 +34,8 @@ class FaultTest(unittest.TestCase):
         c.close()
 
     def test_disable_during_upload_and_download(self):
-        with open(os.path.join(self.d.flash, "big.bin"), "wb") as f:
-            f.write(os.urandom(1 << 20) * 64)
+        self.d.put("big.bin", os.urandom(1 << 20) * 64)
+        idle = [logged_in(self.d.port) for _ in range(3)]
         up = logged_in(self.d.port)
         updata = start_upload(up, "partial.bin", b"y" * 50_000)
         down = logged_in(self.d.port)
@@ -60,11 +61,20 @@ class FaultTest(unittest.TestCase):
         self.assertTrue(up.closed())
         self.assertEqual(down.reply(), b"426 Connection closed; transfer aborted.\r\n")
         self.assertTrue(down.closed())
+        for c in idle:
+            self.assertTrue(c.closed(timeout=5))
+            c.close()
+        self.assertTrue(wait_until(lambda: not self.d.port_open(), timeout=5))
+        if has_ipv6():
+            self.assertFalse(self.d.port_open(socket.AF_INET6))
         stop.set()
         t.join()
         self.assertTrue(self.gone("partial.bin"))
         for s in (updata, ddata, up.sock, down.sock):
             s.close()
+        self.assertEqual(self.d.cli("ftp-server enable"), (0, ""))
+        self.assertTrue(wait_until(self.d.port_open, timeout=5))
+        logged_in(self.d.port).close()
 
 
 class ConfinementTest(DaemonTestCase):

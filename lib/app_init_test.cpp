@@ -1,5 +1,7 @@
 // Application frame: the path bound of the single-instance guard, the size limit of the
 // key-message file, and the rate limit of worker notifications.
+#include "app_init.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -12,7 +14,6 @@
 #include <thread>
 
 #include "app_dbg.h"
-#include "app_init.h"
 #include "ftpd_test_support.h"
 
 namespace fs = std::filesystem;

@@ -1,9 +1,10 @@
 // Session event waiting: the descriptor list rules (the integration suite covers readiness) and
 // the accounting of the waiter itself.
+#include "ftpd_epoll.h"
+
 #include <gtest/gtest.h>
 
 #include "ftpd.h"
-#include "ftpd_epoll.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
 // Reply formatting over a socket pair: what reaches the peer, the 511-character bound, and the
 // cases where nothing may be sent at all.
+#include "ftpd_reply.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <string>
 
 #include "ftpd.h"
-#include "ftpd_reply.h"
 #include "ftpd_test_support.h"
 
 namespace {

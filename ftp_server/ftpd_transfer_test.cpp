@@ -1,6 +1,8 @@
 // The bulk paths of the transfer engine: many blocks per system call must give exactly what
 // converting one block per call gives (CR and LF at every block boundary included), partial sends
 // are completed, and each transfer takes the buffers it always took.
+#include "ftpd_transfer.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -13,7 +15,6 @@
 
 #include "ftpd.h"
 #include "ftpd_test_support.h"
-#include "ftpd_transfer.h"
 
 namespace {
 
@@ -165,26 +166,6 @@ TEST_F(BulkTransfer, AsciiSendEqualsOneConversionPer512ByteBlock) {
         EXPECT_EQ(cred_.byte_count, static_cast<off_t>(want.size())) << len;
         EXPECT_EQ(ctl_.drain(), "226 Closing data connection.\r\n");
     }
-}
-
-TEST_F(BulkTransfer, PairSplitAtABlockBoundaryIsNotRecognisedEitherWay) {
-    cred_.cnt.tran_type = 1;
-    // Sending: the LF opening the second 512-byte block gets its own CR.
-    put_file(std::string(511, 'a') + "\r\nend");
-    make_data(SOCK_STREAM);
-    std::string got;
-    EXPECT_EQ(send_file(&got), 0);
-    close_data();
-    EXPECT_EQ(got, std::string(511, 'a') + "\r\r\nend");
-    ctl_.drain();
-    // Receiving: byte 1024 is a CR ending the first receive block; its pair stays.
-    std::string head(1017, 'x');
-    cred_.byte_count = 0;
-    make_data(SOCK_STREAM);
-    EXPECT_EQ(receive_pieces({"ab\r\ncd" + head + "\r\nrest\r\n"}), 0);
-    close_data();
-    EXPECT_EQ(stored(), "ab\ncd" + head + "\r\nrest\n");
-    EXPECT_EQ(cred_.byte_count, static_cast<off_t>(5 + 1017 + 2 + 5));
 }
 
 TEST_F(BulkTransfer, AsciiReceiveEqualsOneConversionPerReceivedBlockOf1024) {

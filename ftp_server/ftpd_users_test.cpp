@@ -1,5 +1,7 @@
 // User table and connection slots: table bounds, slot claiming and reuse, the per-user limit, and
 // removing a user while its sessions live.
+#include "ftpd_users.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,7 +9,6 @@
 #include "ftpd.h"
 #include "ftpd_listener.h"
 #include "ftpd_test_support.h"
-#include "ftpd_users.h"
 #include "login_pwd.h"
 
 namespace {

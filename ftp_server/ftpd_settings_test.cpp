@@ -1,5 +1,7 @@
 // Server settings: the top directory in its plain and storage forms, its bounds and refusals,
 // the method-list name, the product name's ownership and whole values under concurrent rewrites.
+#include "ftpd_settings.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,7 +10,6 @@
 
 #include "fs_info.h"
 #include "ftpd.h"
-#include "ftpd_settings.h"
 #include "ftpd_test_support.h"
 #include "platform_conf.h"
 

@@ -1,11 +1,12 @@
 // Wildcard matching of listing patterns: "*" and "?" only, tail first, then a greedy front pass
 // that never backtracks.
+#include "ftpd_list.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "ftpd.h"
-#include "ftpd_list.h"
 
 namespace {
 

@@ -1,0 +1,426 @@
+"""The standard profile against raw sockets, with the device profile's answers to the same bytes
+checked beside it:
+
+- the control connection: command lines however the bytes arrive, the commands stock clients
+  expect, CR LF on every reply line, long names echoed shortened, and the safer defaults (no PORT
+  bounce, out-of-sequence PASS counted as nothing);
+- listings: LIST and NLST with option words, dot files, directories and name prefixes; MLSD and
+  MLST facts as ftplib reads them; paths that cannot be listed refused before any data
+  connection, without the real path (the device's listings are left as they were);
+- transfers (in the directory "up"): REST offsets for binary RETR and STOR, APPE, and uploads that
+  replace their target only once complete, so that no failure or race leaves a partial file
+  under the target's name (the device still writes its target in place). curl's resumed
+  transfers and ranges: test_real_clients.py."""
+
+import os
+import socket
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import (DaemonTestCase, RawClient, ftp_session, logged_in, memory_idle, read_file,  # noqa: E402
+                          has_ipv6, reset, start_upload, transfer, wait_until)
+
+BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
+NOOP_OK = b"200 NOOP ok.\r\n"
+NOT_IMPLEMENTED = b"502 Command not implemented.\r\n"
+
+DATA = os.urandom(300_000)
+OLD = b"the old version\n" * 1000
+N = 100_000
+BINARY = b"150 Opening BINARY mode data connection.\r\n"
+SENT = BINARY + b"226 Closing data connection.\r\n"
+STORED = BINARY + b"226 Transfer complete.\r\n"
+ASCII_STORED = b"150 Opening ASCII mode data connection.\r\n226 Transfer complete.\r\n"
+REST_IN_ASCII = b"504 Restart is not supported in ASCII type.\r\n"
+BEYOND_END = b"554 Requested action not taken: invalid REST parameter.\r\n"
+ABORTED = b"426 Data Connection.\r\n"
+
+TREE = {"a.txt": b"alpha\n", "b.bin": b"\x00\x01", ".hidden": b"h\n", "ro.txt": b"r\n",
+        "sub/x.txt": b"x\n", "sub/.dot": b"d\n", "my dir/in.txt": b"i\n",
+        "crlf/n0": b"", "crlf/n1": b"", "crlf/n2": b""}
+TOP = {"a.txt", "b.bin", "ro.txt", "sub", "my dir", "locked", "crlf", "up"}
+
+
+def make_tree(d):
+    top = d.flash
+    for name, data in TREE.items():
+        d.put(name, data)
+    for name in ("sub/deep", "locked", "up"):
+        os.makedirs(os.path.join(top, name))
+    os.chmod(os.path.join(top, "ro.txt"), 0o444)
+    os.chmod(os.path.join(top, "locked"), 0o555)
+
+
+def listed(c, verb):
+    """The entry names of a listing that must succeed (the last field of LIST lines)."""
+    replies, data = transfer(c, verb)
+    assert replies.startswith(b"150 ") and replies.endswith(b"226 Closing data connection.\r\n"), replies
+    lines = data.decode().splitlines()
+    return {l.split(None, 8)[8] if verb.startswith("LIST") else l for l in lines}
+
+
+def closed_port():
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+class ProfileCase(DaemonTestCase):
+    """The listing tree at the top, an empty directory "up" for the transfers."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        make_tree(cls.d)
+
+    def session(self):
+        """A logged-in RawClient in the transfers' directory."""
+        c = logged_in(self.d.port)
+        assert c.cmd("CWD up").startswith(b"250 ")
+        return c
+
+    def path(self, name):
+        return os.path.join(self.d.flash, "up", name)
+
+    def put(self, name, data):
+        if data is not None:
+            self.d.put(os.path.join("up", name), data)
+
+    def content(self, name):
+        return read_file(self.path(name))
+
+    def hidden(self):
+        return [n for n in os.listdir(self.path("")) if n.startswith(".")]
+
+
+class StandardProfileTest(ProfileCase):
+    daemon_kwargs = {"extra_platform": {"ftp.profile": "standard", "ftp.login_fail_delay": "0"}}
+
+    def test_lines_however_the_bytes_arrive(self):
+        c = RawClient(self.d.port)
+        c.reply()
+        # Several lines in one segment, lower-case words, a bare LF.
+        c.send("user alice\r\npass secret1\nNOOP\r\n")
+        self.assertEqual([c.reply()[:3] for _ in range(3)], [b"331", b"230", b"200"])
+        # One line in several segments.
+        for piece in (b"NO", b"O", b"P\r", b"\n"):
+            c.send(piece)
+            time.sleep(0.05)
+        self.assertEqual(c.reply(), NOOP_OK)
+        # A line over the buffer: one 500, and the next line is served.
+        c.send(b"X" * 1500 + b"\r\nNOOP\r\n")
+        self.assertEqual(c.reply(), BAD_LINE)
+        self.assertEqual(c.reply(), NOOP_OK)
+        # Bad bytes do not desynchronise the session.
+        c.send(b"\x00\xff\x80garbage\r\n\r\nNOOP\r\n")
+        self.assertEqual(c.reply(), NOT_IMPLEMENTED)
+        self.assertEqual(c.reply(), NOOP_OK)
+        c.close()
+
+    def test_commands_of_stock_clients(self):
+        c = logged_in(self.d.port)
+        cases = [
+            ("SYST", b"215 UNIX Type: L8.\r\n"),
+            ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+                     b" REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n"),
+            ("OPTS UTF8 ON", b"200 Always in UTF8 mode.\r\n"),
+            ("ABOR", b"225 No transfer to abort.\r\n"),
+            ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
+            ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
+        ]
+        for cmd, expected in cases:
+            with self.subTest(cmd=cmd):
+                self.assertEqual(c.cmd(cmd), expected)
+        # Every line of every reply ends in CR LF.
+        for cmd in ("MDTM a.txt", "HELP", "STAT", "HELP SITE"):
+            with self.subTest(cmd=cmd):
+                r = c.cmd(cmd)
+                self.assertEqual(r.count(b"\n"), r.count(b"\r\n"), r)
+        c.close()
+
+    def test_long_names_are_echoed_shortened(self):
+        c = logged_in(self.d.port)
+        name = "n" * 490
+        for cmd in ("CWD", "SIZE", "DELE", "RMD"):
+            with self.subTest(cmd=cmd):
+                r = c.cmd("%s %s" % (cmd, name))
+                self.assertTrue(r.startswith(b"550") and b"..." in r and len(r) <= 511, r)
+        c.close()
+
+    def test_active_data_only_to_the_client(self):
+        c = logged_in(self.d.port)
+        self.assertEqual(c.cmd("PORT 10,1,2,3,200,1"), b"500 Illegal PORT Command.\r\n")
+        self.assertEqual(c.cmd("EPRT |1|10.1.2.3|51201|"), b"500 Illegal EPRT Command.\r\n")
+        self.assertEqual(c.cmd("PORT 127,0,0,1,200,1"), b"200 PORT Command okay.\r\n")
+        self.assertEqual(c.cmd("EPRT |1|127.0.0.1|51201|"), b"200 EPRT Command okay.\r\n")
+        c.close()
+        if has_ipv6():
+            # The unspecified address (lftp's active mode) stands for the client's own.
+            c = logged_in(self.d.port, "::1")
+            self.assertEqual(c.cmd("EPRT |2|::|51201|"), b"200 EPRT Command okay.\r\n")
+            self.assertEqual(c.cmd("EPRT |2|::2|51201|"), b"500 Illegal EPRT Command.\r\n")
+            c.close()
+
+    def test_user_at_its_limit_and_refused_passwords(self):
+        """At the per-user limit the right password gets 421 and the end of the session (clients
+        retry that later), a wrong one a single 530, like any refused password."""
+        held = [logged_in(self.d.port) for _ in range(10)]
+        c = RawClient(self.d.port)
+        c.reply()
+        c.cmd("USER alice")
+        self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
+        self.assertEqual(c.cmd("NOOP"), NOOP_OK)  # no second 530 left to read
+        c.cmd("USER alice")
+        self.assertTrue(c.cmd("PASS secret1").startswith(b"421 "))
+        self.assertTrue(c.closed())
+        c.close()
+        for h in held:
+            h.close()
+
+    def test_out_of_sequence_pass_does_not_reset_the_failures(self):
+        """Three wrong passwords end the session even with a 503 PASS between each (the device
+        resets the counts at the 503: test_sessions.py)."""
+        c = RawClient(self.d.port)
+        c.reply()
+        for i in range(3):
+            c.cmd("USER alice")
+            self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
+            if i < 2:
+                self.assertEqual(c.cmd("PASS again"), b"503 Bad sequence of commands.\r\n")
+        self.assertTrue(c.closed())
+        c.close()
+
+    def test_options_dot_files_directories_and_prefixes(self):
+        dots = TOP | {".hidden"}
+        cases = [
+            ("LIST", TOP), ("LIST -l", TOP), ("LIST -la", dots), ("LIST -A", dots),
+            ("LIST -la my dir", {"in.txt"}), ("LIST -a -l sub", {"x.txt", ".dot", "deep"}),
+            ("LIST *.txt", {"a.txt", "ro.txt"}), ("LIST .hidden", {".hidden"}),
+            ("NLST", TOP), ("NLST -a", dots), ("NLST *.txt", {"a.txt", "ro.txt"}),
+            # Each name can go back to RETR as it is: the client's directory part is kept.
+            ("NLST sub", {"sub/x.txt", "sub/deep"}), ("NLST /sub/", {"/sub/x.txt", "/sub/deep"}),
+            ("NLST sub/*.txt", {"sub/x.txt"}), ("NLST -a sub/x.txt", {"sub/x.txt"}),
+            # ".." stops at the top directory.
+            ("LIST ../..", TOP), ("NLST ../../../sub/deep/..", {"../../../sub/deep/../x.txt",
+                                                                "../../../sub/deep/../deep"}),
+        ]
+        c = logged_in(self.d.port)
+        for verb, names in cases:
+            with self.subTest(verb=verb):
+                self.assertEqual(listed(c, verb), names)
+        c.close()
+
+    def test_unlistable_path_is_refused_before_any_data_connection(self):
+        cases = [("LIST nope", b"550", b'"nope"'), ("NLST -a sub/none", b"550", b'"sub/none"'),
+                 ("LIST missing/*.txt", b"550", b'"missing/*.txt"'), ("MLSD ../../nope", b"550", b'"../../nope"'),
+                 ("MLSD a.txt", b"501", b'"a.txt"')]
+        c = logged_in(self.d.port)
+        for verb, code, echo in cases:
+            with self.subTest(verb=verb):
+                replies, _ = transfer(c, verb)
+                self.assertTrue(replies.startswith(code + b" ") and echo in replies, replies)
+                self.assertNotIn(self.d.dir.encode(), replies)
+                self.assertEqual(listed(c, "NLST sub/*.txt"), {"sub/x.txt"})  # the session goes on
+        c.close()
+        self.assertEqual(self.d.listing_temporaries(), [])
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
+
+    def check_facts(self, path, facts):
+        st = os.stat(path)
+        is_dir = os.path.isdir(path)
+        self.assertEqual(facts["type"], "dir" if is_dir else "file")
+        self.assertEqual(facts.get("size"), None if is_dir else str(st.st_size))
+        self.assertEqual(facts["modify"], time.strftime("%Y%m%d%H%M%S", time.gmtime(st.st_mtime)))
+        self.assertEqual(facts["unique"], "%xU%x" % (st.st_dev, st.st_ino))
+
+    def test_mlsd_facts_match_the_files(self):
+        perms = {"a.txt": "adfrw", "ro.txt": "dfr", "sub": "cdeflmp", "locked": "defl"}
+        ftp = ftp_session(self.d.port)
+        for sub in ("", "sub"):
+            entries = dict(ftp.mlsd(sub))
+            top = os.path.join(self.d.flash, sub)
+            self.assertEqual(set(entries), set(os.listdir(top)))  # dot files, never "." and ".."
+            for name, facts in entries.items():
+                with self.subTest(name=name):
+                    self.check_facts(os.path.join(top, name), facts)
+                    if name in perms:
+                        self.assertEqual(facts["perm"], perms[name])
+        ftp.quit()
+
+    def test_mlsd_lines_end_in_one_crlf_in_either_type(self):
+        # ASCII type converts the staged listing in 512-byte blocks: three lines of 171 bytes put
+        # a CR at the end of the first block and its LF at the start of the next.
+        top = os.path.join(self.d.flash, "crlf")
+        c = logged_in(self.d.port)
+        c.cmd("TYPE I")
+        _, data = transfer(c, "MLSD crlf")
+        for line in data.split(b"\r\n")[:-1]:
+            name = line.split(b"; ", 1)[1].decode()
+            os.rename(os.path.join(top, name), os.path.join(top, name + "_" * (169 - len(line))))
+        _, binary = transfer(c, "MLSD crlf")
+        self.assertEqual([len(l) for l in binary.split(b"\r\n")], [169, 169, 169, 0])
+        c.cmd("TYPE A")
+        self.assertEqual(transfer(c, "MLSD crlf")[1], binary)
+        c.close()
+
+    def test_mlst_of_a_file_and_of_a_missing_path(self):
+        c = logged_in(self.d.port)
+        for arg, real in (("a.txt", "a.txt"), ("sub/../sub", "sub"), ("../..", "")):
+            with self.subTest(arg=arg):
+                r = c.cmd("MLST " + arg).decode()
+                head, line, end = r.split("\r\n")[:3]
+                self.assertEqual((head, end), ("250-Listing " + arg, "250 End"))
+                self.assertTrue(line.startswith(" ") and line.endswith("; " + arg), line)
+                facts = dict(f.split("=", 1) for f in line[1:-len(arg) - 2].split(";"))
+                self.check_facts(os.path.join(self.d.flash, real), facts)
+        r = c.cmd("MLST nope")
+        self.assertEqual(r, b'550 "nope": No such file or directory.\r\n')
+        c.close()
+
+    def test_offsets_and_appends(self):
+        cases = [
+            # type, REST offset, verb, file before, bytes sent, replies, bytes received, file after
+            ("I", N, "RETR", DATA, None, SENT, DATA[N:], DATA),
+            ("I", len(DATA), "RETR", DATA, None, SENT, b"", DATA),
+            ("I", len(DATA) + 1, "RETR", DATA, None, BEYOND_END, b"", DATA),
+            ("A", N, "RETR", DATA, None, REST_IN_ASCII, b"", DATA),
+            ("I", N, "STOR", DATA[:N], DATA[N:], STORED, b"", DATA),
+            # Restarted below the end, the file ends where the client's bytes end.
+            ("I", N, "STOR", DATA, DATA[N:N + 10], STORED, b"", DATA[:N + 10]),
+            # A gap the client never sent is refused; the client starts over.
+            ("I", N + 1, "STOR", DATA[:N], DATA[N:], BEYOND_END, b"", DATA[:N]),
+            ("I", N, "STOR", None, DATA[N:], BEYOND_END, b"", None),
+            ("A", N, "STOR", DATA[:N], DATA[N:], REST_IN_ASCII, b"", DATA[:N]),
+            ("I", None, "APPE", DATA[:N], DATA[N:], STORED, b"", DATA),
+            ("I", None, "APPE", None, DATA, STORED, b"", DATA),
+            ("A", None, "APPE", b"one\n", b"two\r\n", ASCII_STORED, b"", b"one\ntwo\n"),
+            # APPE writes at the end whatever REST said.
+            ("I", 2, "APPE", b"abc", b"def", STORED, b"", b"abcdef"),
+        ]
+        for i, (type_, offset, verb, before, upload, replies, received, after) in enumerate(cases):
+            with self.subTest(case=i, verb=verb, type=type_, offset=offset):
+                name = "offset%d.bin" % i
+                self.put(name, before)
+                c = self.session()
+                c.cmd("TYPE " + type_)
+                if offset is not None:
+                    self.assertTrue(c.cmd("REST %d" % offset).startswith(b"350 "))
+                self.assertEqual(transfer(c, "%s %s" % (verb, name), upload), (replies, received))
+                self.assertEqual(self.content(name), after)
+                self.assertEqual(self.hidden(), [])
+                c.close()
+
+    def test_failed_upload_leaves_the_old_target(self):
+        def reset_data(c, data):
+            reset(data)
+            return c.reply()
+
+        def disable(c, data):
+            self.assertEqual(self.d.cli("no ftp-server enable"), (0, ""))
+            r = c.reply()
+            data.close()
+            self.assertEqual(self.d.cli("ftp-server enable"), (0, ""))
+            self.assertTrue(wait_until(self.d.port_open))
+            return r
+
+        for name, interrupt in (("reset", reset_data), ("disable", disable)):
+            with self.subTest(name):
+                self.put("keep.bin", OLD)
+                c = self.session()
+                data = start_upload(c, "keep.bin", DATA[:N])
+                # Meanwhile the bytes go to a hidden file: the target is as it was.
+                self.assertTrue(wait_until(lambda: len(self.hidden()) == 1), os.listdir(self.path('')))
+                self.assertEqual(self.content("keep.bin"), OLD)
+                # The temporary file is gone before the failure reply.
+                self.assertEqual(interrupt(c, data), ABORTED)
+                self.assertEqual((self.content("keep.bin"), self.hidden()), (OLD, []))
+                c.close()
+        # A data connection that cannot be made: dataconn replies, then the temporary file goes.
+        c = self.session()
+        port = closed_port()
+        self.assertTrue(c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255)).startswith(b"200 "))
+        self.assertEqual(c.cmd("STOR keep.bin"), b"425 Can't build data connection.\r\n")
+        self.assertTrue(wait_until(lambda: self.hidden() == []), self.hidden())
+        self.assertEqual(self.content("keep.bin"), OLD)
+        c.close()
+
+    def test_temporary_name_that_does_not_fit_is_refused(self):
+        # The target's real path fits its 512-byte buffer; the temporary name beside it would not.
+        rel = "/".join(("d" * 200, "e" * 200, "f" * (490 - len(self.path("")) - 402)))
+        os.makedirs(self.path(rel))
+        c = self.session()
+        c.cmd("TYPE I")
+        self.assertTrue(transfer(c, "STOR %s/x" % rel, b"x")[0].startswith(b"553 "))
+        self.assertEqual(os.listdir(self.path(rel)), [])
+        c.close()
+
+    def test_simultaneous_uploads_of_one_name(self):
+        self.put("race.bin", OLD)
+        versions = (DATA, DATA[:N] + b"B" * 50_000)
+        clients = [self.session() for _ in versions]
+        conns = [start_upload(c, "race.bin", v[:N]) for c, v in zip(clients, versions)]
+        # Both are held mid-transfer, each in its own temporary file.
+        self.assertTrue(wait_until(lambda: len(self.hidden()) == 2), os.listdir(self.path('')))
+        self.assertEqual(self.content("race.bin"), OLD)
+        for conn, v in zip(conns, versions):
+            conn.sendall(v[N:])
+            conn.close()
+        self.assertEqual([c.reply() for c in clients], [b"226 Transfer complete.\r\n"] * 2)
+        self.assertIn(self.content("race.bin"), versions)
+        self.assertEqual(self.hidden(), [])
+        for c in clients:
+            c.close()
+
+
+class DeviceProfileTest(ProfileCase):
+    """The same bytes in the device profile: its replies, listings whose options erase the argument,
+    NLST naming regular files only, a missing path answered after the 150 with the real path, no
+    MLSD or MLST, and uploads written in place."""
+
+    def test_same_bytes_get_the_device_answers(self):
+        c = logged_in(self.d.port)
+        for cmd in ("NOOP", "FEAT", "MLSD", "REST 100", "noop"):
+            with self.subTest(cmd=cmd):
+                self.assertEqual(c.cmd(cmd), NOT_IMPLEMENTED)
+        self.assertEqual(c.cmd("SYST"), b"215 UNIX Type: L8.\r\n")
+        self.assertFalse(c.cmd("MDTM a.txt").endswith(b"\r\n"))
+        self.assertEqual(c.cmd("PORT 10,1,2,3,200,1"), b"200 PORT Command okay.\r\n")
+        c.close()
+
+    def test_device_profile_unchanged(self):
+        c = logged_in(self.d.port)
+        for verb, names in (("LIST -a", TOP), ("LIST -la sub", TOP), ("LIST *.txt", TOP),
+                            ("NLST", {"a.txt", "b.bin", "ro.txt"}), ("NLST sub", {"x.txt"})):
+            with self.subTest(verb=verb):
+                self.assertEqual(listed(c, verb), names)
+        replies, _ = transfer(c, "LIST nope")
+        self.assertEqual(replies, b'150 Opening ASCII mode data connection.\r\n550 "%s": '
+                         b'No such file or directory.\r\n' % os.path.join(self.d.flash, "nope").encode())
+        for verb in ("MLSD", "MLST a.txt"):
+            self.assertEqual(c.cmd(verb), b"502 Command not implemented.\r\n")
+        c.close()
+
+    def test_upload_writes_the_target_in_place(self):
+        self.put("inplace.bin", OLD)
+        inode = os.stat(self.path("inplace.bin")).st_ino
+        c = self.session()
+        data = start_upload(c, "inplace.bin", DATA[:N])
+        self.assertTrue(wait_until(lambda: self.content("inplace.bin") == DATA[:N]))
+        data.sendall(DATA[N:])
+        data.close()
+        self.assertEqual(c.reply(), b"226 Transfer complete.\r\n")
+        self.assertEqual((self.content("inplace.bin"), os.stat(self.path("inplace.bin")).st_ino), (DATA, inode))
+        # Opened, and so emptied, before the data connection that then fails.
+        port = closed_port()
+        c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255))
+        self.assertEqual(c.cmd("STOR inplace.bin"), b"425 Can't build data connection.\r\n")
+        self.assertEqual((self.content("inplace.bin"), self.hidden()), (b"", []))
+        c.close()
+
+
+if __name__ == "__main__":
+    unittest.main()
