@@ -1,7 +1,6 @@
 // Tests of the event master: timer order, cancelling, queued events, and stopping from another
-// thread or by SIGTERM/SIGINT.
+// thread. (Stopping by SIGTERM or SIGINT: the frame integration test.)
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <string>
@@ -85,18 +84,6 @@ TEST_F(EventTest, StopFromAnotherThreadWakesABlockedFetchForGood) {
     stopper.join();
     ASSERT_NE(zq_thread_add_event(m_, record, nullptr, "late"), nullptr);
     EXPECT_EQ(zq_thread_fetch(m_, &task), nullptr);
-}
-
-TEST_F(EventTest, SigtermAndSigintStopTheLoopEvenWithWorkQueued) {
-    for (int sig : {SIGTERM, SIGINT}) {
-        zq_thread_master_finish(m_);
-        m_ = zq_thread_master_create();
-        ASSERT_NE(m_, nullptr);
-        ASSERT_NE(zq_thread_add_event(m_, record, nullptr, "pending"), nullptr);
-        ASSERT_EQ(raise(sig), 0);
-        zq_thread task;
-        EXPECT_EQ(zq_thread_fetch(m_, &task), nullptr) << sig;
-    }
 }
 
 }  // namespace

@@ -42,16 +42,12 @@ TEST(LoginPwdTest, FormIsSaltThenUpperHexAndEncryptGivesEmptyOutputWhenItCannotE
     EXPECT_EQ(encrypt("tab\there"), "");  // not printable, so it could not be decoded back
 }
 
-TEST(LoginPwdTest, DecryptNeedsRoomForTheTerminator) {
-    std::string good = encrypt("hello");
-    EXPECT_EQ(decrypt(good, 5), "");  // five characters need six bytes
-    EXPECT_EQ(decrypt(good, 6), "hello");
-    EXPECT_EQ(decrypt(good.substr(0, 11)), "");  // odd length
-}
-
 // For a fixed salt each byte value decodes to a different byte, so exactly the 95 printable
-// characters are accepted among the 256 digit pairs: never NUL or a control character.
-TEST(LoginPwdTest, DecryptAcceptsOnlyPrintableResults) {
+// characters are accepted among the 256 digit pairs: never NUL or a control character. (Texts of
+// the wrong length or alphabet: the management integration test.)
+TEST(LoginPwdTest, DecryptNeedsRoomForTheTerminatorAndAcceptsOnlyPrintableResults) {
+    EXPECT_EQ(decrypt(encrypt("hello"), 5), "");  // five characters need six bytes
+    EXPECT_EQ(decrypt(encrypt("hello"), 6), "hello");
     std::set<std::string> accepted;
     for (int v = 0; v < 256; v++) {
         char enc[5];

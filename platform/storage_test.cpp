@@ -33,7 +33,7 @@ class StorageTest : public ::testing::Test {
     ftpd_temp_tree tree_;
 };
 
-TEST_F(StorageTest, FinalPathJoinsTheDirectoryAndTheNormalisedPath) {
+TEST_F(StorageTest, FinalPathJoinsTheDirectoryAndTheNormalisedPathAndMustFit) {
     EXPECT_EQ(final_path(3, "/pub"), "/media/usb0/pub");
     EXPECT_EQ(final_path(3, "pub//docs/./"), "/media/usb0/pub/docs");
     EXPECT_EQ(final_path(3, "/"), "/media/usb0");
@@ -44,10 +44,8 @@ TEST_F(StorageTest, FinalPathJoinsTheDirectoryAndTheNormalisedPath) {
     // Absent storage, gap, out of range, no path.
     for (int i : {0, 4, 9, -1}) EXPECT_EQ(final_path(i, "/x"), "<fail>") << i;
     EXPECT_EQ(final_path(3, nullptr), "<fail>");
-}
-
-TEST_F(StorageTest, FinalPathMustFitWithItsTerminator) {
-    std::string tail(246, 'a');  // "/media/usb0/" (12) + 246 = 258 characters
+    // The result must fit with its terminator: "/media/usb0/" (12) + 246 = 258 characters.
+    std::string tail(246, 'a');
     EXPECT_EQ(final_path(3, tail.c_str(), 259), "/media/usb0/" + tail);
     EXPECT_EQ(final_path(3, tail.c_str(), 258), "<fail>");
 }

@@ -2,7 +2,6 @@
 #include "ftpd_test_support.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -32,25 +31,6 @@ std::string ftpd_temp_tree::make_dir(const std::string &rel) const {
     return full(rel);
 }
 
-bool ftpd_temp_tree::exists(const std::string &rel) const {
-    struct stat st;
-    return lstat(full(rel).c_str(), &st) == 0;
-}
-
-ftpd_scoped_env::ftpd_scoped_env(const char *name, const std::string &value) : name_(name) {
-    const char *old = getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    setenv(name, value.c_str(), 1);
-}
-
-ftpd_scoped_env::~ftpd_scoped_env() {
-    if (had_)
-        setenv(name_.c_str(), old_.c_str(), 1);
-    else
-        unsetenv(name_.c_str());
-}
-
 ftpd_socket_pair::ftpd_socket_pair() {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return;
@@ -59,19 +39,12 @@ ftpd_socket_pair::ftpd_socket_pair() {
     fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
 }
 
-ftpd_socket_pair::~ftpd_socket_pair() = default;
-
 std::string ftpd_socket_pair::drain() const {
     std::string out;
     char buf[4096];
     ssize_t n;
     while ((n = recv(far_.get(), buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
     return out;
-}
-
-ftpd_mem_balance::~ftpd_mem_balance() {
-    ftpd_mem_t now = ftpd_mem_get(type_);
-    EXPECT_EQ(now.allocs - start_.allocs, now.deallocs - start_.deallocs) << "memory category " << type_;
 }
 
 std::string &ftpd_captured() {

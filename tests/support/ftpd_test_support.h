@@ -1,12 +1,10 @@
 // Fixtures shared by the unit tests: a scoped temporary directory tree, a connected socket pair
-// whose far end the test reads back, memory-category balance checks and a session record before
-// login.
+// whose far end the test reads back, report capture and a session record before login.
 #pragma once
 
 #include <string>
 
 #include "ftpd.h"
-#include "ftpd_tech.h"
 
 // A private directory below the system's temporary area, removed with its contents at the end.
 class ftpd_temp_tree {
@@ -21,31 +19,15 @@ class ftpd_temp_tree {
     // Each returns the full path; parents must exist.
     std::string make_file(const std::string &rel, const std::string &contents = "") const;
     std::string make_dir(const std::string &rel) const;
-    bool exists(const std::string &rel) const;
 
   private:
     std::string root_;
-};
-
-// Sets an environment variable for its life and restores the previous value (or its absence).
-class ftpd_scoped_env {
-  public:
-    ftpd_scoped_env(const char *name, const std::string &value);
-    ~ftpd_scoped_env();
-    ftpd_scoped_env(const ftpd_scoped_env &) = delete;
-    ftpd_scoped_env &operator=(const ftpd_scoped_env &) = delete;
-
-  private:
-    std::string name_;
-    std::string old_;
-    bool had_ = false;
 };
 
 // A connected stream socket pair: the daemon writes on near(), the test reads far().
 class ftpd_socket_pair {
   public:
     ftpd_socket_pair();
-    ~ftpd_socket_pair();
     ftpd_socket_pair(const ftpd_socket_pair &) = delete;
     ftpd_socket_pair &operator=(const ftpd_socket_pair &) = delete;
 
@@ -58,17 +40,6 @@ class ftpd_socket_pair {
   private:
     unique_fd near_;
     unique_fd far_;
-};
-
-// Expects at its end that a memory category gave back every block taken during its life.
-class ftpd_mem_balance {
-  public:
-    explicit ftpd_mem_balance(int type) : type_(type), start_(ftpd_mem_get(type)) {}
-    ~ftpd_mem_balance();
-
-  private:
-    int type_;
-    ftpd_mem_t start_;
 };
 
 // What a report function printed through its printf-like callback; ftpd_capture appends to it.
