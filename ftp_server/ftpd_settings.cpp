@@ -100,6 +100,26 @@ bool normalise_root(const char *path, char *slashed, size_t slashed_len, char *t
            ftpd_path_trim(slashed, trimmed, FTP_ROOTDIR_LEN);
 }
 
+int refuse_long_root(const char *path) {
+    cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
+    return -1;
+}
+
+// The bound and the normal form both forms of the command check first; a refusal echoes the
+// slashed text or the text as given, as each form always has.
+bool accept_root_text(const char *path, size_t prefix_len, bool echo_slashed, char *trimmed) {
+    if (strlen(path) + prefix_len > ROOTDIR_MAX) {
+        (void)refuse_long_root(path);
+        return false;
+    }
+    char slashed[FTP_ROOTDIR_LEN + 1];
+    if (!normalise_root(path, slashed, sizeof slashed, trimmed)) {
+        cli_printf("%s can't be set as rootdir!\n", echo_slashed ? slashed : path);
+        return false;
+    }
+    return true;
+}
+
 // Whether the real directory may be a top directory; a refusal names it as named.
 bool root_usable(const char *real, const char *named) {
     if (!is_access_path(real)) {
@@ -129,16 +149,8 @@ int set_ftp_server_root_dir(const char *path) {
         store(rootdir, nullptr, sizeof rootdir);
         return 0;
     }
-    if (strlen(path) > ROOTDIR_MAX) {
-        cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
-        return -1;
-    }
-    char slashed[FTP_ROOTDIR_LEN + 1];
     char trimmed[FTP_ROOTDIR_LEN] = {0};
-    if (!normalise_root(path, slashed, sizeof slashed, trimmed)) {
-        cli_printf("%s can't be set as rootdir!\n", slashed);
-        return -1;
-    }
+    if (!accept_root_text(path, 0, true, trimmed)) return -1;
     char real[FTP_ROOTDIR_LEN] = {0};
     const char *home = ftp_get_flash_dir();
     if (home != nullptr) {
@@ -146,10 +158,7 @@ int set_ftp_server_root_dir(const char *path) {
         size_t hl = strlen(h);
         if (hl > 0 && h[hl - 1] == '/') h[hl - 1] = '\0';
         // SECURITY: a directory cut short would confine sessions to another one.
-        if (!ftpd_snprintf(real, sizeof real, "%s%s", h, trimmed)) {
-            cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
-            return -1;
-        }
+        if (!ftpd_snprintf(real, sizeof real, "%s%s", h, trimmed)) return refuse_long_root(path);
     } else {
         (void)ftpd_strlcpy(real, trimmed, sizeof real);  // both hold FTP_ROOTDIR_LEN
     }
@@ -160,16 +169,8 @@ int set_ftp_server_root_dir(const char *path) {
 
 int set_ftp_server_root_dir_ext(int index, const char *path, const char *prefix) {
     if (path == nullptr || prefix == nullptr) return -1;
-    if (strlen(path) + strlen(prefix) > ROOTDIR_MAX) {
-        cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
-        return -1;
-    }
-    char slashed[FTP_ROOTDIR_LEN + 1];
     char trimmed[FTP_ROOTDIR_LEN] = {0};
-    if (!normalise_root(path, slashed, sizeof slashed, trimmed)) {
-        cli_printf("%s can't be set as rootdir!\n", path);
-        return -1;
-    }
+    if (!accept_root_text(path, strlen(prefix), false, trimmed)) return -1;
     char real[FTP_ROOTDIR_LEN] = {0};
     if (get_final_path(index - 1, path, real, sizeof real) < 0) {
         cli_printf("%s can't be set as rootdir!\n", real);
@@ -177,10 +178,7 @@ int set_ftp_server_root_dir_ext(int index, const char *path, const char *prefix)
     }
     if (!root_usable(real, real)) return -1;
     char shown[FTP_ROOTDIR_LEN];
-    if (!ftpd_snprintf(shown, sizeof shown, "%s%s", prefix, trimmed)) {
-        cli_printf("Root dir %s too long, max length is %d.\n", path, ROOTDIR_MAX);
-        return -1;
-    }
+    if (!ftpd_snprintf(shown, sizeof shown, "%s%s", prefix, trimmed)) return refuse_long_root(path);
     set_root_forms(shown, real);
     return 0;
 }
