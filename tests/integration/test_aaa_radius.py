@@ -102,21 +102,14 @@ class RadiusTest(unittest.TestCase):
         # -X: a full trace, which shows every request received.
         cls.radius = BackEnd("ftps-radius", {"radiusd.conf": RADIUSD_CONF, "users": USERS},
                              [RADIUSD, "-X", "-d", "{dir}"], "Ready to process requests")
-        cls.dead_port = free_udp_port()  # nothing answers there
+        cls.addClassCleanup(cls.radius.stop)
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.radius.stop()
-
-    def daemon(self, lists, servers=None, auth=None):
-        platform = {"radius.server": servers or "127.0.0.1:%d" % self.radius.port,
-                    "radius.secret": SECRET, "radius.timeout": "1", "radius.retries": "1"}
+    def daemon(self, lists, server):
+        platform = {"radius.server": server, "radius.secret": SECRET, "radius.timeout": "1",
+                    "radius.retries": "1"}
         for name, methods in lists.items():
             platform["aaa.list." + name] = methods
-        startup = ["ftp-server username alice password secret1"]
-        if auth:
-            startup.append("ftp-server authentication " + auth)
-        d = Daemon(startup=startup, extra_platform=platform, user_database=LOCAL_DB).start()
+        d = Daemon(extra_platform=platform, user_database=LOCAL_DB).start()
         self.addCleanup(d.stop_checked)
         return d
 
@@ -125,39 +118,39 @@ class RadiusTest(unittest.TestCase):
         self.addCleanup(c.close)
         return c, c.pass_replies(user, password)
 
-    def test_accept_and_reject_by_the_server(self):
-        d = self.daemon({"default": "radius"})
+    def use_list(self, d, name):
+        self.assertEqual(d.cli("ftp-server authentication " + name)[0], 0)
+
+    def test_answering_server(self):
+        d = self.daemon({"default": "radius", "open": "none radius"}, "127.0.0.1:%d" % self.radius.port)
         c, replies = self.attempt(d, "raduser", "radpass1")
         self.assertEqual(replies, [OK])
         self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
         for user, password in (("raduser", "wrong"), ("nosuchuser", "radpass1")):
             self.assertEqual(self.attempt(d, user, password)[1], REJECTED)
-
-    def test_one_challenge_is_answered_with_its_state_and_a_second_refused(self):
-        d = self.daemon({"default": "radius"})
+        # One challenge is answered with its State, a second one refuses; the challenge of a
+        # refused session does not leak into a fresh attempt of the same user.
         self.assertEqual(self.attempt(d, "chalonce", "chalpass")[1], [OK])
         self.assertEqual(self.attempt(d, "chaluser", "chalpass")[1], NOT_LOGGED_IN)
-        # The challenge of a refused session does not leak into a fresh attempt of the same user.
         self.assertEqual(self.attempt(d, "chalonce", "chalpass")[1], [OK])
-
-    def test_silent_servers(self):
-        dead = "127.0.0.1:%d" % self.dead_port
-        # Falls through to the local database when the list goes on.
-        d = self.daemon({"default": "radius local"}, servers=dead)
-        self.assertEqual(self.attempt(d, "localbob", "localpass1")[1], [OK])
-        self.assertEqual(self.attempt(d, "localbob", "wrong")[1], REJECTED)
-        # Only silent servers and nothing after them: not logged in.
-        d = self.daemon({"default": "radius"}, servers=dead)
-        self.assertEqual(self.attempt(d, "raduser", "radpass1")[1], NOT_LOGGED_IN)
-
-    def test_list_starting_with_none_and_unknown_list(self):
-        d = self.daemon({"open": "none radius", "default": "radius"}, auth="open")
+        # A list that starts with none accepts without asking the server.
+        self.use_list(d, "open")
         before = self.radius.output().count("Received Access-Request")
         self.assertEqual(self.attempt(d, "anybody", "anything")[1], [OK])
         self.assertEqual(self.radius.output().count("Received Access-Request"), before,
                          "a list starting with none asked the server")
-        d2 = self.daemon({"default": "radius"}, auth="nolist")
-        self.assertEqual(self.attempt(d2, "raduser", "radpass1")[1], NOT_LOGGED_IN)
+        # A list the platform file does not define refuses every login.
+        self.use_list(d, "nolist")
+        self.assertEqual(self.attempt(d, "raduser", "radpass1")[1], NOT_LOGGED_IN)
+
+    def test_silent_server(self):
+        d = self.daemon({"default": "radius local", "strict": "radius"}, "127.0.0.1:%d" % free_udp_port())
+        # Falls through to the local database when the list goes on.
+        self.assertEqual(self.attempt(d, "localbob", "localpass1")[1], [OK])
+        self.assertEqual(self.attempt(d, "localbob", "wrong")[1], REJECTED)
+        # Only silent servers and nothing after them: not logged in.
+        self.use_list(d, "strict")
+        self.assertEqual(self.attempt(d, "raduser", "radpass1")[1], NOT_LOGGED_IN)
 
 
 if __name__ == "__main__":

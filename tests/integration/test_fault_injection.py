@@ -3,15 +3,14 @@ paths that use it (the daemon's test switch FTPS_TEST_MEMFAIL=TYPE:N fails the N
 that category after start); each failure is answered as designed, nothing leaks and the daemon
 keeps serving. Also a full file system under an upload."""
 
-import io
 import os
 import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DAEMON, MEMORY_ROWS as ROW, START_WAIT, Daemon, RawClient, ftp_session,  # noqa: E402
-                          logged_in, memory_idle, start_upload, transfer, wait_until, whole_session)
+from ftps_harness import (DAEMON, MEMORY_ROWS as ROW, START_WAIT, Daemon, RawClient, logged_in,  # noqa: E402
+                          memory_idle, start_upload, transfer, wait_until, whole_session)
 
 INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \
     DATA_BUF, OUTPATH, USER_CNT, INFO, EPOLL = range(15)
@@ -81,46 +80,41 @@ class MemoryFaultTest(unittest.TestCase):
         self.assertEqual(rc, 0, stderr[-4000:])
 
     def test_session_start_failures_close_the_connection(self):
-        def scenario(greeting):
-            def closed(d):
+        # The hand-off record, the session's line buffer and each string of its record: closed
+        # before the greeting; the session's event waiter: right after it.
+        for category in (INFO, WHOLE_BUF, PCRED_DIR, PCRED_NAME, PCRED_PWD, EPOLL):
+            def closed(d, greeting=category == EPOLL):
                 c = RawClient(d.port)
                 if greeting:
                     self.assertEqual(c.reply(), GREETING)
                 self.assertTrue(c.closed(), "a reply was sent")
                 c.close()
-            return closed
-        # The hand-off record, the session's line buffer and each string of its record: closed
-        # before the greeting; the session's event waiter: right after it.
-        for category in (INFO, WHOLE_BUF, PCRED_DIR, PCRED_NAME, PCRED_PWD, EPOLL):
             with self.subTest(category=ROW[category]):
-                self.inject(category, 1, scenario(category == EPOLL))
+                self.inject(category, 1, closed)
 
     def test_login_allocation_failures_refuse_that_login_only(self):
-        def scenario(d):
-            c = RawClient(d.port)
-            c.reply()
-            self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
-            c.send("PASS secret1\r\n")
-            self.assertEqual(c.reply() + c.reply(), DENIED + DENIED)
-            # The next attempt of the same session succeeds.
-            self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
-            self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
-            c.close()
+        def refused(user, password, replies, again=True):
+            def scenario(d):
+                c = RawClient(d.port)
+                c.reply()
+                self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
+                c.send("PASS %s\r\n" % password)
+                self.assertEqual(c.reply() + c.reply(), replies)
+                if again:  # the next attempt of the same session succeeds
+                    self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+                    self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
+                c.close()
+            return scenario
         # The scratch message of USER; the user's connection slots, first and a later one of the
-        # batch taken at the user's first login (those already taken are given back).
-        for category, nth in ((PCRED_MSG, 1), (USER_CNT, 1), (USER_CNT, 4)):
+        # batch taken at the user's first login (those already taken are given back); the AAA
+        # element buffer of a name outside the table.
+        for category, nth, scenario in ((PCRED_MSG, 1, refused("alice", "secret1", DENIED + DENIED)),
+                                        (USER_CNT, 1, refused("alice", "secret1", DENIED + DENIED)),
+                                        (USER_CNT, 4, refused("alice", "secret1", DENIED + DENIED)),
+                                        (TMP, 1, refused("carol", "whatever", b"530 Not logged in.\r\n" + DENIED,
+                                                         again=False))):
             with self.subTest(category=ROW[category], nth=nth):
                 self.inject(category, nth, scenario)
-
-    def test_aaa_element_buffer_failure(self):
-        def scenario(d):
-            c = RawClient(d.port)
-            c.reply()
-            self.assertEqual(c.cmd("USER carol"), b"331 User name okay, need password.\r\n")
-            c.send("PASS whatever\r\n")
-            self.assertEqual(c.reply() + c.reply(), b"530 Not logged in.\r\n" + DENIED)
-            c.close()
-        self.inject(TMP, 1, scenario)
 
     def test_transfer_listing_and_path_failures(self):
         def exchange(verb, expected, type_cmd=None, upload=None):
@@ -190,7 +184,7 @@ class DiskFullTest(unittest.TestCase):
 
     def test_upload_beyond_free_space_is_refused_and_removed(self):
         c = logged_in(self.d.port)
-        for type_cmd in ("TYPE I", "TYPE A") * 3:
+        for type_cmd in ("TYPE I", "TYPE A"):
             data = start_upload(c, "huge.bin", type_cmd=type_cmd)
             try:
                 data.sendall(b"0123456789abcde\n" * (1 << 17))  # 2 MiB
@@ -201,9 +195,7 @@ class DiskFullTest(unittest.TestCase):
             # Gone by the time the client hears of the failure.
             self.assertFalse(os.path.exists(os.path.join(self.d.flash, "huge.bin")))
         # Space is free again: a small upload succeeds.
-        ftp = ftp_session(self.d.port)
-        ftp.storbinary("STOR small.bin", io.BytesIO(b"x" * 1000))
-        ftp.quit()
+        self.assertTrue(transfer(c, "STOR small.bin", b"x" * 1000)[0].endswith(b"226 Transfer complete.\r\n"))
         self.assertEqual(os.path.getsize(os.path.join(self.d.flash, "small.bin")), 1000)
         c.close()
 

@@ -1,27 +1,120 @@
-"""Management commands through ftps-cli: refusals with their exact messages (and nothing changed),
-malformed type-7 passwords among them, configuration lines, service-password encryption switched
-at run time (plain users turn into type-7 lines for good), and write / restart / write round
-trips of the saved configuration."""
+"""The process and its management interface against the real daemon: command line, single
+instance, debug switches, memory table, signals and ftps-cli's exit codes; ftps-cli on a
+pseudo-terminal ('?' lists the next keywords with their help texts and keeps the line, Tab
+completes, an error puts a caret under the bad word); refusals with their exact messages (and
+nothing changed), malformed type-7 passwords among them; and write / restart / write round trips
+of the saved configuration: plain passwords as typed, then service-password encryption switched
+at run time (plain users turn into type-7 lines for good)."""
 
+import errno
+import fcntl
 import os
+import pty
+import re
+import select
+import signal
+import struct
+import subprocess
 import sys
+import termios
+import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient, read_file  # noqa: E402
+from ftps_harness import (CLI, DAEMON, MEMORY_ROWS, SANITIZED, START_WAIT, Daemon, DaemonTestCase,  # noqa: E402
+                          RawClient, read_file, wait_until)
 
 TYPE_WORD_REFUSED = ("% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
                      "password type\n")
 TYPE7_LENGTH = "% Invalid encrypted password, min length is 4, max length is 52.\n"
 
+ROW = "  %-15s  %-12s  %-8s  %-8s  %-8s\n"
+MEMORY_HEAD = ("\nFTPD Dynamic Memory Usage:\n"
+               + ROW % ("Memory Block", "Allocs(Fail)", "Allocs", "Free", "In Use")
+               + ROW % ("---------------", "------------", "--------", "--------", "--------"))
 
-class ManagementTest(unittest.TestCase):
-    def setUp(self):
-        self.d = Daemon()
-        os.makedirs(os.path.join(self.d.flash, "pub"))
-        self.d.start()
-        self.addCleanup(self.d.stop_checked)
+PROMPT = "TESTSW# "
+WAIT = 30 if SANITIZED else 10
+KILL_LINE = "\x15"  # Ctrl-U
+COLUMNS = 160
 
+ESCAPE = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
+
+
+class Terminal:
+    """ftps-cli with a pseudo-terminal as its controlling terminal, COLUMNS wide."""
+
+    def __init__(self, env):
+        pid, fd = pty.fork()
+        if pid == 0:
+            try:
+                fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 50, COLUMNS, 0, 0))
+                env = dict(env, TERM="xterm")
+                env.pop("EDITRC", None)
+                env["HOME"] = "/nonexistent"  # no personal editrc
+                os.execve(CLI, [CLI], env)
+            finally:
+                os._exit(127)
+        self.pid, self.fd, self.raw = pid, fd, b""
+
+    def read(self, timeout):
+        if select.select([self.fd], [], [], timeout)[0]:
+            try:
+                self.raw += os.read(self.fd, 4096)
+            except OSError as e:
+                if e.errno != errno.EIO:  # EIO: the program has ended
+                    raise
+
+    def text(self):
+        """The output without cursor movements, bells and carriage returns."""
+        return ESCAPE.sub("", self.raw.decode(errors="replace")).replace("\r", "").replace("\x07", "")
+
+    def expect(self, predicate, what):
+        deadline = time.time() + WAIT
+        while time.time() < deadline:
+            if predicate(self.text()):
+                return self.text()
+            self.read(0.1)
+        raise AssertionError("terminal never showed %s; it shows:\n%s" % (what, self.text()[-3000:]))
+
+    def mark(self):
+        return len(self.text())
+
+    def type(self, keys):
+        # Only once the editor has the terminal (no canonical mode): keys typed before that are
+        # echoed and buffered by the terminal itself, as type-ahead is.
+        deadline = time.time() + WAIT
+        while termios.tcgetattr(self.fd)[3] & termios.ICANON:
+            if time.time() > deadline:
+                raise AssertionError("the line editor never took the terminal")
+            self.read(0.01)
+        os.write(self.fd, keys.encode())
+
+    def run(self, line):
+        """Types a line and Enter; returns what the terminal showed from the prompt of that line
+        to the next prompt."""
+        start = self.mark()
+        self.type(line + "\r")
+        shown = self.expect(lambda t: len(t) > start + len(line) and t.endswith(PROMPT), "the next prompt")
+        return shown[shown.rfind("\n", 0, start) + 1:]
+
+    def close(self):
+        try:
+            os.kill(self.pid, signal.SIGKILL)
+            os.waitpid(self.pid, 0)
+        except OSError:
+            pass
+        os.close(self.fd)
+
+
+def listing(text):
+    """(name, help) pairs of a help listing: its rows are indented by two blanks."""
+    rows = [re.split(r"\s{2,}", l.strip(), maxsplit=1) for l in text.split("\n")
+            if l.startswith("  ") and l.strip()]
+    return [(r[0], r[1] if len(r) > 1 else "") for r in rows]
+
+
+class Configuration:
     def running(self):
         rc, out = self.d.cli("show running-config")
         self.assertEqual(rc, 0)
@@ -32,18 +125,52 @@ class ManagementTest(unittest.TestCase):
         self.assertEqual(self.d.cli(line), (1, message), line)
         self.assertEqual(self.running(), before, "refused command changed the configuration: " + line)
 
-    def round_trip(self):
-        """write, restart, write: the daemon comes back with the same running configuration and
-        writes the same file again; returns that configuration."""
-        first = self.running()
-        self.assertEqual(self.d.cli("write")[0], 0)
-        saved = read_file(self.d.startup)
-        self.assertEqual(self.d.stop(), 0)
-        self.d.start()
-        self.assertEqual(self.running(), first)
-        self.assertEqual(self.d.cli("write")[0], 0)
-        self.assertEqual(read_file(self.d.startup), saved)
-        return first
+
+class ManagementTest(Configuration, DaemonTestCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        os.makedirs(os.path.join(cls.d.flash, "pub"))
+
+    def terminal(self):
+        self.t = Terminal(self.d.env())
+        self.addCleanup(self.t.close)
+        self.t.expect(lambda t: t.endswith(PROMPT), "the prompt")
+
+    def test_process_frame(self):
+        # Usage exits 0 without taking the single-instance guard; a second instance exits 0 too.
+        for args in (["-h"], ["--bogus"], ["x", "-d"]):
+            r = subprocess.run([DAEMON, *args], env=self.d.env(), capture_output=True, timeout=10)
+            self.assertEqual(r.returncode, 0, args)
+        self.assertNotIn("One instance is running.", self.d.keymsg())
+        self.assertIn("Usage:  ftp_server.elf [option]", self.d.logtext())
+        r = subprocess.run([DAEMON], env=self.d.env(), capture_output=True, timeout=START_WAIT)
+        self.assertEqual(r.returncode, 0)
+        self.assertIn("One instance is running.\n", self.d.keymsg())
+        self.assertTrue(self.d.port_open(), "first instance still serves")
+
+        self.assertEqual(self.d.cli("debug ftp-server pro"), (0, "debug ftp-server pro debugging is on\n"))
+        rc, out = self.d.cli("show debugging")
+        self.assertEqual(rc, 0)
+        self.assertIn("FTP Server:\n  ftp-server pro debugging is on\n", out)
+        # With the process switch on, a session's lines reach the log file.
+        c = RawClient(self.d.port)
+        c.reply()
+        c.cmd("QUIT")
+        c.close()
+        self.assertTrue(wait_until(lambda: "%FTPSRV-7-DEBUG: (RECV)   QUIT" in self.d.logtext()))
+        self.assertEqual(self.d.cli("no debug ftp-server pro"), (0, "debug ftp-server pro debugging is off\n"))
+        rc, out = self.d.cli("show ftp-server memory")
+        self.assertEqual(rc, 0)
+        self.assertTrue(out.startswith(MEMORY_HEAD), repr(out[:300]))
+        self.assertEqual([r[2:17].rstrip() for r in out[len(MEMORY_HEAD):].splitlines()], MEMORY_ROWS)
+
+        for line, code in (("show ftp-server", 0), ("ftp-server timeout 0", 1), ("bogus command", 1)):
+            self.assertEqual(self.d.cli(line)[0], code, line)
+        self.assertTrue(self.d.cli("bogus command")[1].startswith("%"))
+        r = subprocess.run([CLI], env=self.d.env(), input=b"# comment\n\nshow ftp-server\n!\n",
+                           capture_output=True, timeout=30)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
 
     def test_refusals_print_exact_messages_and_change_nothing(self):
         for line, message in (
@@ -56,9 +183,8 @@ class ManagementTest(unittest.TestCase):
                  "authentication list name(%s) is NULL or too long, max length is 64.\n" % ("l" * 65)),
                 ("ftp-server topdir /nope", "topdir /nope don't exist!\n"),
                 ("ftp-server topdir /proc", "/proc can't be set as rootdir!\n"),
-                # Type-7 texts of 54, 53 and 3 characters, of odd length, with a salt outside its
+                # Type-7 texts of 53 and 3 characters, of odd length, with a salt outside its
                 # alphabet, not hexadecimal.
-                ("ftp-server username bob password 7 A1" + "0" * 52, TYPE7_LENGTH),
                 ("ftp-server username bob password 7 A1" + "0" * 51, TYPE7_LENGTH),
                 ("ftp-server username bob password 7 A10", TYPE7_LENGTH),
                 ("ftp-server username bob password 7 A1234", "% Invalid encrypted password:A1234\n"),
@@ -77,11 +203,80 @@ class ManagementTest(unittest.TestCase):
         self.refused("ftp-server username u10 password passw10",
                      "% The number of users has reached the maximum value.\n")
 
-    def test_max_user_connect_is_never_saved(self):
-        self.assertEqual(self.d.cli("ftp-server max-user-connect 5"), (0, ""))
-        self.assertNotIn("max-user-connect", self.running())
+    def help_for(self, partial):
+        """Types partial and '?'; returns the listing and checks the line is kept as typed."""
+        start = self.t.mark()
+        self.t.type(partial + "?")
+        shown = self.t.expect(lambda t: t[start:].endswith(PROMPT + partial), "the line again after the listing")
+        self.t.type(KILL_LINE)
+        return shown[start:]
 
-    def test_plain_passwords_replay_as_entered(self):
+    def test_question_mark_lists_and_tab_completes(self):
+        self.terminal()
+        login = ("login", "Specify login of FTP Server waits for FTP client's command")
+        self.assertIn(login, listing(self.help_for("ftp-server ")))
+        self.assertIn(("PATH", "Name of the directory/file"), listing(self.help_for("ftp-server topdir ")))
+        # Without a blank: the keywords that begin with the word, abbreviations before it allowed.
+        self.assertEqual(listing(self.help_for("ftp lo")), [login])
+        start = self.t.mark()
+        self.t.type("ftp-server ti\t")
+        self.t.expect(lambda t: t[start:].endswith("ftp-server timeout "), "the completed keyword")
+        self.t.run("5")
+        self.assertIn("ftp-server timeout 5\n", self.d.cli("show running-config")[1])
+
+    def test_errors_put_a_caret_under_the_bad_word(self):
+        self.terminal()
+        for line, bad, message in (
+                ("ftp-server timeot 5", "timeot", "% Unknown command: 'timeot'"),
+                ("ftp-server timeout 0", "0", "% Number 0 out of range 1-3600."),
+                ("  ftp-server t 5", "t 5", "% Ambiguous command: 't'")):
+            shown = self.t.run(line).split("\n")
+            self.assertIn(message, shown, shown)
+            at = shown.index(message)
+            caret, typed = shown[at - 1], shown[at - 2]
+            self.assertEqual(caret.strip(), "^", shown)
+            self.assertEqual(typed, PROMPT + line, shown)
+            self.assertEqual(caret.index("^"), typed.rindex(bad), shown)
+        # A handler's own refusal names no word: no caret.
+        shown = self.t.run("no ftp-server username nobody")
+        self.assertIn("% User is not exists.", shown)
+        self.assertNotIn("^", shown)
+        # '?' after a bad word points at it too, and keeps the line.
+        shown = self.help_for("ftp-server bogus ").split("\n")
+        self.assertEqual(shown[-3:-1], [" " * (len(PROMPT) + len("ftp-server ")) + "^",
+                                        "% Unknown command: 'bogus'"])
+
+
+class RestartTest(Configuration, unittest.TestCase):
+    def setUp(self):
+        self.d = Daemon()
+        self.addCleanup(self.d.cleanup)
+
+    def test_no_tmpdir_does_not_start(self):
+        self.assertEqual(self.d.cli("show ftp-server")[0], 2, "no daemon: 2")
+        env = self.d.env()
+        del env["TMPDIR"]
+        r = subprocess.run([DAEMON], env=env, capture_output=True, timeout=START_WAIT)
+        self.assertEqual(r.returncode, 0)
+        self.assertFalse(self.d.port_open())
+
+    def round_trip(self, sig, status):
+        """write, stop by sig (the daemon's exit status: status), restart, write: the daemon comes
+        back with the same running configuration and writes the same file again; returns that
+        configuration."""
+        first = self.running()
+        self.assertEqual(self.d.cli("write")[0], 0)
+        saved = read_file(self.d.startup)
+        self.assertEqual(self.d.stop(sig), status)
+        self.d.start()
+        self.assertEqual(self.running(), first)
+        self.assertEqual(self.d.cli("write")[0], 0)
+        self.assertEqual(read_file(self.d.startup), saved)
+        return first
+
+    def test_plain_and_type7_passwords_survive_write_and_restart(self):
+        os.makedirs(os.path.join(self.d.flash, "pub"))
+        self.d.start()
         # Written back in plain text, a password whose first word is 0 or 7 would replay as that
         # password type: it is refused, in both forms; other plain passwords replay as typed.
         self.refused("ftp-server username amy password 0 7 Ab12", TYPE_WORD_REFUSED)
@@ -89,29 +284,30 @@ class ManagementTest(unittest.TestCase):
         for line in ("ftp-server username dave password 0 d4ve  7 0", "ftp-server password 0 07 s4m",
                      "ftp-server username sam"):
             self.assertEqual(self.d.cli(line), (0, ""), line)
-        first = self.round_trip()
+        first = self.round_trip(signal.SIGINT, 0)
         self.assertIn("ftp-server username dave password d4ve  7 0\n", first)
         self.assertIn("ftp-server username sam password 07 s4m\n", first)
 
-    def test_write_restart_write_round_trip(self):
         lines = [
             "ftp-server topdir flash:/pub",
             "ftp-server timeout 30",
             "ftp-server login timeout 5",
             "ftp-server login times 4",
             "ftp-server authentication default",
+            "ftp-server max-user-connect 5",
             "ftp-server username bob password b0bpass",
             "service password-encryption",
             "ftp-server username carol password Zk4mVt9q",
         ]
         for line in lines:
             self.assertEqual(self.d.cli(line), (0, ""), line)
-        first = self.round_trip()
+        first = self.round_trip(signal.SIGTSTP, 1)
         for expect in ["ftp-server topdir flash:/pub\n", "ftp-server timeout 30\n",
                        "ftp-server login timeout 5\n", "ftp-server login times 4\n",
                        "ftp-server authentication default\n", "ftp-server enable\n",
                        "service password-encryption\n"]:
             self.assertIn(expect, first)
+        self.assertNotIn("max-user-connect", first)
         # With encryption on, every user is written in type-7 form, those added before it too.
         for user, password in (("alice", "secret1"), ("bob", "b0bpass"), ("carol", "Zk4mVt9q")):
             self.assertRegex(first, r"(?m)^ftp-server username %s password 7 \S{%d}$" % (user, 2 + 2 * len(password)))
@@ -127,8 +323,8 @@ class ManagementTest(unittest.TestCase):
             c.login(user, password)
             self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
             c.close()
-        rc, out = self.d.cli("show ftp-server")
-        self.assertIn("topdir : flash:/pub\n", out)
+        self.assertIn("topdir : flash:/pub\n", self.d.cli("show ftp-server")[1])
+        self.assertEqual(self.d.stop(), 0, self.d.stderr[-4000:])
 
 
 if __name__ == "__main__":

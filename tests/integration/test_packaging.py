@@ -11,7 +11,7 @@ import tempfile
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BUILD_DIR, Daemon  # noqa: E402
+from ftps_harness import BUILD_DIR, Daemon, read_file  # noqa: E402
 
 INSTALLED = {
     "usr/sbin/ftp_server.elf": 0o755,
@@ -49,30 +49,24 @@ class InstallTest(unittest.TestCase):
     def path(self, rel):
         return os.path.join(self.root, rel)
 
-    def test_every_file_lands_in_place_with_its_mode(self):
+    def test_files_modes_prefixes_and_a_kept_platform_file(self):
         for rel, mode in INSTALLED.items():
             st = os.stat(self.path(rel))
             self.assertTrue(stat.S_ISREG(st.st_mode), rel)
             self.assertEqual(stat.S_IMODE(st.st_mode), mode, rel)
-        with open(self.path("lib/systemd/system/ftp_server.service")) as f:
-            self.assertIn("\nExecStart=/usr/sbin/ftp_server.elf\n", f.read())
-        with open(self.path("etc/ftps/platform.conf")) as f, \
-                open(self.path("usr/share/doc/ftps/examples/platform.conf")) as g:
-            self.assertEqual(f.read(), g.read())
-
-    def test_reinstall_keeps_the_platform_file_and_another_prefix_moves_the_unit(self):
-        root = os.path.join(self.dir, "again")
-        install(root)
-        conf = os.path.join(root, "etc/ftps/platform.conf")
+        unit = read_file(self.path("lib/systemd/system/ftp_server.service"))
+        self.assertIn(b"\nExecStart=/usr/sbin/ftp_server.elf\n", unit)
+        conf = self.path("etc/ftps/platform.conf")
+        self.assertEqual(read_file(conf), read_file(self.path("usr/share/doc/ftps/examples/platform.conf")))
+        # An edited platform file survives a reinstall.
         with open(conf, "a") as f:
             f.write("[device]\nproduct_name = EDITED\n")
-        install(root)
-        with open(conf) as f:
-            self.assertTrue(f.read().endswith("product_name = EDITED\n"))
+        install(self.root)
+        self.assertTrue(read_file(conf).endswith(b"product_name = EDITED\n"))
         other = os.path.join(self.dir, "local")
         install(other, prefix="/usr/local")
-        with open(os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")) as f:
-            self.assertIn("\nExecStart=/usr/local/sbin/ftp_server.elf\n", f.read())
+        self.assertIn(b"\nExecStart=/usr/local/sbin/ftp_server.elf\n",
+                      read_file(os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")))
         self.assertTrue(os.access(os.path.join(other, "usr/local/sbin/ftp_server.elf"), os.X_OK))
         self.assertFalse(os.path.exists(os.path.join(other, "lib/systemd")))
 
@@ -82,8 +76,7 @@ class InstallTest(unittest.TestCase):
         # there too. verify reports problems but exits 0 for many, so its output must be empty.
         unit_dir = os.path.join(self.dir, "unit")
         os.makedirs(unit_dir, exist_ok=True)
-        with open(self.path("lib/systemd/system/ftp_server.service")) as f:
-            text = f.read()
+        text = read_file(self.path("lib/systemd/system/ftp_server.service")).decode()
         text = text.replace("ExecStart=/usr/sbin/", "ExecStart=%s/" % self.path("usr/sbin"))
         unit = os.path.join(unit_dir, "ftp_server.service")
         with open(unit, "w") as f:
@@ -94,8 +87,7 @@ class InstallTest(unittest.TestCase):
         self.assertEqual((r.returncode, r.stdout + r.stderr), (0, ""))
 
     def test_example_startup_configuration_replays_cleanly(self):
-        with open(self.path("usr/share/doc/ftps/examples/startup.conf")) as f:
-            lines = f.read().splitlines()
+        lines = read_file(self.path("usr/share/doc/ftps/examples/startup.conf")).decode().splitlines()
         d = Daemon(startup=lines, enable=False, topdir=None)
         self.addCleanup(d.cleanup)
         d.start()

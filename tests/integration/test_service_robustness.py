@@ -1,7 +1,13 @@
-"""The service under administrative stress: disabling and enabling at once with sessions open,
-stop messages that nobody asked for, SIGHUP from log rotation, and management connections that
-never send or never finish a request."""
+"""The service under administrative stress and transfers that do not end well, against one daemon:
+disabling the service aborts a download (426), an upload (426, no file left) and every session at
+once and closes both ports until it is enabled again; disabling and enabling at once with sessions
+open reopens both ports every time; stop messages that nobody asked for start no session; SIGHUP
+from log rotation reopens the log; management connections that never send or never finish a
+request lock nobody out; no path leaves the top directory, and with the top directory at "/" the
+system trees are hidden and refused. (A reset upload: test_soak.py leaves no partial file,
+test_standard_profile.py checks its reply.)"""
 
+import ftplib
 import os
 import signal
 import socket
@@ -11,7 +17,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import START_WAIT, Daemon, RawClient, wait_until  # noqa: E402
+from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ftp_session, has_ipv6, logged_in,  # noqa: E402
+                          pasv_connect, start_upload, wait_until)
 
 # Management socket framing: 4-byte length, 1-byte kind, payload.
 REQ_EXEC, REQ_PROMPT, RSP_OUTPUT, RSP_END = 1, 4, 0x81, 0x82
@@ -20,27 +27,14 @@ REQ_EXEC, REQ_PROMPT, RSP_OUTPUT, RSP_END = 1, 4, 0x81, 0x82
 def cli_request(sock, kind, payload=b""):
     """One request on a raw management connection: (status, output)."""
     sock.sendall(struct.pack("!IB", len(payload), kind) + payload)
-    out = b""
+    frames, out = sock.makefile("rb"), b""
     while True:
-        head = recv_exact(sock, 5)
-        length, k = struct.unpack("!IB", head)
-        body = recv_exact(sock, length)
-        if k == RSP_OUTPUT:
-            out += body
-        elif k == RSP_END:
+        length, k = struct.unpack("!IB", frames.read(5))
+        body = frames.read(length)
+        if k == RSP_END:
             return body[0], out.decode()
-        else:
-            raise AssertionError("unexpected frame %#x" % k)
-
-
-def recv_exact(sock, n):
-    data = b""
-    while len(data) < n:
-        chunk = sock.recv(n - len(data))
-        if not chunk:
-            raise EOFError("management connection closed")
-        data += chunk
-    return data
+        assert k == RSP_OUTPUT, "unexpected frame %#x" % k
+        out += body
 
 
 def closed_by_daemon(sock, timeout):
@@ -54,11 +48,47 @@ def closed_by_daemon(sock, timeout):
         return True
 
 
-class ServiceRobustnessTest(unittest.TestCase):
-    def setUp(self):
-        self.d = Daemon()
-        self.d.start()
-        self.addCleanup(self.d.stop_checked)
+class ServiceTest(DaemonTestCase):
+    def test_disable_during_upload_and_download(self):
+        self.d.put("big.bin", b"z" * (16 << 20))
+        idle = [logged_in(self.d.port) for _ in range(3)]
+        up = logged_in(self.d.port)
+        updata = start_upload(up, "partial.bin", b"y" * 50_000)
+        down = logged_in(self.d.port)
+        down.cmd("TYPE I")
+        ddata = pasv_connect(down, rcvbuf=4096)  # and never read: the download is under way
+        down.send("RETR big.bin\r\n")
+        self.assertTrue(down.reply().startswith(b"150 "))
+        time.sleep(0.5)
+        self.assertEqual(self.d.cli("no ftp-server enable"), (0, ""))
+        self.assertEqual(up.reply(), b"426 Data Connection.\r\n")
+        self.assertEqual(down.reply(), b"426 Connection closed; transfer aborted.\r\n")
+        for c in [up, down] + idle:
+            self.assertTrue(c.closed(timeout=5))
+            c.close()
+        self.assertTrue(wait_until(lambda: not self.d.port_open(), timeout=5))
+        if has_ipv6():
+            self.assertFalse(self.d.port_open(socket.AF_INET6))
+        # Removed after the reply went out.
+        self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "partial.bin"))))
+        updata.close()
+        ddata.close()
+        self.assertEqual(self.d.cli("ftp-server enable"), (0, ""))
+        self.assertTrue(wait_until(self.d.port_open, timeout=5))
+        logged_in(self.d.port).close()
+
+    def test_no_path_leaves_the_top_directory(self):
+        os.makedirs(os.path.join(self.d.flash, "sub"), exist_ok=True)
+        ftp = ftp_session(self.d.port)
+        ftp.cwd("sub")
+        self.assertEqual(ftp.sendcmd("CWD ../../../.."), '250 Directory change to "/".')
+        self.assertEqual(ftp.sendcmd("PWD"), '257 Current working directory is "/".')
+        for name in ("../../etc/passwd", "/../etc/passwd", "sub/../../../etc/passwd"):
+            with self.assertRaises(ftplib.error_perm):
+                ftp.retrbinary("RETR " + name, lambda b: None)
+        with self.assertRaises(ftplib.error_perm):
+            ftp.size("../" + os.path.basename(self.d.dir) + "/platform.conf")
+        ftp.quit()
 
     def test_disable_then_enable_at_once_with_sessions_open_reopens_both_ports_every_time(self):
         for attempt in range(10):
@@ -77,24 +107,25 @@ class ServiceRobustnessTest(unittest.TestCase):
 
     def test_stop_message_while_enabled_starts_no_session(self):
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
-        sessions = lambda: self.d.logtext().count("ftp user connected.")
+        started, ended = (lambda: self.d.logtext().count("ftp user connected."),
+                          lambda: self.d.logtext().count("FTP_SERVER_END"))
         c = RawClient(self.d.port)
         c.reply()
         c.cmd("QUIT")
         c.close()
-        self.assertTrue(wait_until(lambda: "FTP_SERVER_END" in self.d.logtext()))
-        self.assertEqual(sessions(), 1)
+        self.assertTrue(wait_until(lambda: ended() == started()), (started(), ended()))
+        before = started()
         # No session is left to take them: only the listener reads the channel.
         channel = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         for _ in range(3):
             channel.sendto(b"stop ftp server", os.path.join(self.d.tmpdir, "app", "ftps", ".server_ftp"))
         channel.close()
         time.sleep(1)
-        self.assertEqual(sessions(), 1, "a session was started for a descriptor handed on before")
+        self.assertEqual(started(), before, "a session was started for a descriptor handed on before")
         c = RawClient(self.d.port)
         self.assertTrue(c.reply().startswith(b"220 "))
         c.close()
-        self.assertEqual(sessions(), 2)
+        self.assertEqual(started(), before + 1)
 
     def test_sighup_reopens_the_log_file_and_changes_nothing_else(self):
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
@@ -139,6 +170,28 @@ class ServiceRobustnessTest(unittest.TestCase):
         # The terminal, quiet all along, is still served.
         self.assertEqual(cli_request(terminal, REQ_EXEC, b"ftp-server timeout 7"), (0, ""))
         self.assertIn("ftp-server timeout 7\n", self.d.cli("show running-config")[1])
+
+
+class SystemRootTest(DaemonTestCase):
+    # With the main flash at "/" and the top directory "/", the system trees are hidden and refused.
+    daemon_kwargs = {"topdir": "/", "extra_platform": {"storage.flash": "/"}}
+
+    def test_system_trees_hidden_and_refused(self):
+        ftp = ftp_session(self.d.port)
+        names = ftp.nlst("/")
+        listing = []
+        ftp.retrlines("LIST /", listing.append)
+        for hidden in ("proc", "dev"):
+            self.assertNotIn(hidden, names)
+            self.assertFalse(any(l.endswith(" " + hidden) for l in listing))
+        self.assertTrue(any(l.endswith(" etc") for l in listing))
+        with self.assertRaises(ftplib.error_perm):
+            ftp.cwd("/proc")
+        with self.assertRaises(ftplib.error_perm):
+            ftp.retrbinary("RETR /proc/version", lambda b: None)
+        with self.assertRaises(ftplib.error_temp):
+            ftp.size("/dev/null")
+        ftp.quit()
 
 
 if __name__ == "__main__":

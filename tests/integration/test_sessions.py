@@ -1,45 +1,53 @@
-"""Serving sessions: admission limits, the status report and show tech-support, failed logins,
-HELP/SYST/STAT texts. (The greeting over both families: test_real_clients.py; enable and disable:
-test_transfer_faults.py.)"""
+"""Serving sessions: the per-user limit with the status report and show tech-support, failed
+logins, HELP/SYST/STAT texts, and load: twenty sessions transfer at the same moment (downloads and
+uploads, both types) while a twenty-first connection is refused without a reply; every transfer
+arrives byte for byte, and the server serves again and gives back its memory once they end."""
 
+import hashlib
+import io
 import os
 import sys
+import threading
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient, logged_in, wait_until  # noqa: E402
+from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, ftp_session, logged_in, read_file,  # noqa: E402
+                          wait_until)
+
+SESSIONS = 20
+SIZE = (1 << 20) if SANITIZED else (4 << 20)
+BLOCK = 64 * 1024
+
+
+class GatedReader(io.RawIOBase):
+    """An upload source that stops after its first block until every transfer has begun."""
+
+    def __init__(self, data, gate):
+        self.data = data
+        self.pos = 0
+        self.gate = gate
+
+    def readable(self):
+        return True
+
+    def readinto(self, b):
+        if self.pos == BLOCK:
+            self.gate.wait()
+        chunk = self.data[self.pos:self.pos + min(len(b), BLOCK)]
+        b[:len(chunk)] = chunk
+        self.pos += len(chunk)
+        return len(chunk)
 
 
 class SessionTest(DaemonTestCase):
+    # Failed passwords are answered at once here; the delay itself: test_hostile_clients.py.
+    daemon_kwargs = {"startup": ["ftp-server username alice password secret1",
+                                 "ftp-server username bob password secret2"],
+                     "extra_platform": {"ftp.login_fail_delay": "0"}}
+
     def tearDown(self):
         # Whatever a test did, no session state is left behind once its sessions ended.
         wait_until(lambda: self.d.cli("show ftp-server")[1].count("trans-type") == 0, timeout=10)
-
-    def test_twenty_first_connection_is_closed_without_reply(self):
-        clients = []
-        try:
-            for _ in range(20):
-                c = RawClient(self.d.port)
-                self.assertTrue(c.reply().startswith(b"220 "))
-                clients.append(c)
-            extra = RawClient(self.d.port)
-            self.assertTrue(extra.closed(), "21st connection got a reply")
-            extra.close()
-        finally:
-            for c in clients:
-                c.close()
-        # Slots free again: a new client is served.
-        self.assertTrue(wait_until(self.served, timeout=10))
-
-    def served(self):
-        try:
-            c = RawClient(self.d.port)
-            try:
-                return c.reply().startswith(b"220 ")
-            finally:
-                c.close()
-        except (EOFError, OSError):
-            return False
 
     def test_per_user_limit_and_status_report(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 2")[0], 0)
@@ -98,17 +106,14 @@ class SessionTest(DaemonTestCase):
         self.assertEqual(c.cmd("PASS again"), b"503 Bad sequence of commands.\r\n")
         self.fail_pass(c)
         self.fail_pass(c)
-        self.assertTrue(c.cmd("SYST").startswith(b"215 "))
-        self.fail_pass(c)
-        self.assertTrue(c.closed(), "third failed PASS must end the session")
-        c.close()
-        # Two failures and then the right password log in.
-        c = RawClient(self.d.port)
-        c.reply()
-        self.fail_pass(c)
-        self.fail_pass(c)
         c.cmd("USER alice")
         self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
+        c.close()
+        c = RawClient(self.d.port)
+        c.reply()
+        for _ in range(3):
+            self.fail_pass(c)
+        self.assertTrue(c.closed(), "third failed PASS must end the session")
         c.close()
 
     def test_help_syst_stat_texts(self):
@@ -144,6 +149,87 @@ class SessionTest(DaemonTestCase):
         self.assertEqual(c.reply(), b"500 Syntax error, command unrecognized.\r\n")
         self.assertEqual(c.cmd("QUIT"), b"221 Service closing control connection(Goodbye).\r\n")
         c.close()
+
+    def test_twenty_transfers_at_once_and_the_twenty_first_refused(self):
+        self.assertEqual(self.d.cli("ftp-server max-user-connect 20"), (0, ""))
+        payload = os.urandom(SIZE)
+        # CR LF pairs only: the ASCII upload stores LF lines.
+        text = (b"line of text\r\n" * (SIZE // 14 + 1))[:SIZE - SIZE % 14]
+        self.d.put("down.bin", payload)
+        baseline = self.d.memory_in_use()
+
+        sessions = [ftp_session(self.d.port, user="alice" if i % 2 == 0 else "bob",
+                                password="secret1" if i % 2 == 0 else "secret2") for i in range(SESSIONS)]
+
+        gate = threading.Barrier(SESSIONS + 1, timeout=120)
+        results = [None] * SESSIONS
+        errors = []
+
+        def download(i, ftp):
+            h = hashlib.sha256()
+            first = [True]
+
+            def block(b):
+                if first[0]:
+                    first[0] = False
+                    gate.wait()
+                h.update(b)
+            ftp.retrbinary("RETR down.bin", block, blocksize=BLOCK)
+            results[i] = h.digest()
+
+        def upload(i, ftp):
+            source = text if i % 4 == 1 else payload
+            name = "up%02d.bin" % i
+            if i % 4 == 1:
+                ftp.storlines("STOR " + name, io.BufferedReader(GatedReader(source, gate)))
+            else:
+                ftp.storbinary("STOR " + name, GatedReader(source, gate), blocksize=BLOCK)
+            results[i] = name
+
+        def run(i, ftp):
+            try:
+                (download if i % 2 == 0 else upload)(i, ftp)
+            except Exception as e:  # reported by the main thread
+                errors.append((i, repr(e)))
+                gate.abort()
+
+        threads = [threading.Thread(target=run, args=(i, ftp)) for i, ftp in enumerate(sessions)]
+        for t in threads:
+            t.start()
+        # Every session is now inside its transfer.
+        try:
+            gate.wait()
+        except threading.BrokenBarrierError:
+            for t in threads:
+                t.join(timeout=60)
+            self.fail("a transfer failed to start: %s" % errors)
+        extra = RawClient(self.d.port, timeout=30)
+        self.assertTrue(extra.closed(timeout=30), "the 21st connection was served")
+        extra.close()
+        for t in threads:
+            t.join(timeout=300)
+        self.assertEqual(errors, [])
+
+        digest = hashlib.sha256(payload).digest()
+        for i in range(SESSIONS):
+            if i % 2 == 0:
+                self.assertEqual(results[i], digest, "download %d" % i)
+                continue
+            got = read_file(os.path.join(self.d.flash, results[i]))
+            if i % 4 == 1:
+                # Each received block is converted by itself, so a CR LF split between two blocks
+                # (where TCP happened to cut the stream) stays a pair; the others became LF.
+                self.assertLess(got.count(b"\r\n"), text.count(b"\n") // 2, "upload %d" % i)
+                self.assertTrue(got.replace(b"\r\n", b"\n") == text.replace(b"\r\n", b"\n"), "upload %d" % i)
+            else:
+                self.assertTrue(got == payload, "upload %d" % i)
+        for ftp in sessions:
+            ftp.quit()
+
+        # With the sessions gone a new one is served and the memory rows are back where they were.
+        self.assertTrue(wait_until(lambda: self.d.memory_in_use() == baseline, timeout=30),
+                        (baseline, self.d.memory_in_use()))
+        logged_in(self.d.port).close()
 
 
 if __name__ == "__main__":

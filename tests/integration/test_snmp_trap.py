@@ -20,37 +20,46 @@ TRAP = "OID: .1.3.6.1.6.3.1.1.5.5"
 
 @unittest.skipIf(SNMPTRAPD is None, "snmptrapd is not installed (scripts/setup.sh installs it)")
 class SnmpTrapTest(unittest.TestCase):
-    def setUp(self):
+    @classmethod
+    def setUpClass(cls):
         # -C: only this configuration file; -n: no name look-ups; -On: numeric OIDs; no MIB files
         # are read; persistent files stay private.
-        self.receiver = BackEnd(
+        cls.receiver = BackEnd(
             "ftps-snmp", {"snmptrapd.conf": "disableAuthorization yes\n"},
             [SNMPTRAPD, "-f", "-Lo", "-C", "-n", "-On", "-c", "{dir}/snmptrapd.conf",
              "udp:127.0.0.1:{port}"], "NET-SNMP version",
             env={"SNMP_PERSISTENT_DIR": "{dir}", "MIBS": ""})
-        self.addCleanup(self.receiver.stop)
+        cls.addClassCleanup(cls.receiver.stop)
+
+    def traps(self):
+        return self.receiver.output().count(TRAP)
 
     def daemon(self, registered):
         sinks = "127.0.0.1:%d 127.0.0.1:%d" % (free_udp_port(), self.receiver.port)
         d = Daemon(user_database="[user localbob]\npassword = localpass1\n",
-                   extra_platform={"snmp.trap_sink": sinks, "aaa.registered": registered})
-        d.start()
+                   extra_platform={"snmp.trap_sink": sinks, "aaa.registered": registered}).start()
         self.addCleanup(d.stop_checked)
-        return d
-
-    def expect_exactly(self, n, sentinel):
-        """n traps so far: one more failure (the sentinel) must bring exactly n + 1, so that a
-        duplicate of an earlier trap cannot hide behind a slow receiver."""
-        sentinel()
-        self.assertTrue(wait_until(lambda: self.receiver.output().count(TRAP) >= n + 1, timeout=10),
-                        "traps: %d, expected %d" % (self.receiver.output().count(TRAP), n + 1))
-        time.sleep(0.2)  # let a stray extra copy show before counting (no timing is asserted)
-        self.assertEqual(self.receiver.output().count(TRAP), n + 1)
-
-    def test_one_trap_per_failed_user_or_pass(self):
-        d = self.daemon(registered="no")
         c = RawClient(d.port)
         self.addCleanup(c.close)
+        return d, c
+
+    def expect_exactly(self, n, before, d, *sentinel):
+        """n traps since before: one more failure (the sentinel's commands, in a session of their
+        own) must bring exactly n + 1, so that a duplicate of an earlier trap cannot hide behind a
+        slow receiver."""
+        s = RawClient(d.port)
+        s.reply()
+        for line in sentinel:
+            s.cmd(line)
+        s.close()
+        self.assertTrue(wait_until(lambda: self.traps() - before >= n + 1, timeout=10),
+                        "traps: %d, expected %d" % (self.traps() - before, n + 1))
+        time.sleep(0.2)  # let a stray extra copy show before counting (no timing is asserted)
+        self.assertEqual(self.traps() - before, n + 1)
+
+    def test_one_trap_per_failed_user_or_pass(self):
+        before = self.traps()
+        d, c = self.daemon(registered="no")
         c.reply()
         # Without AAA a name outside the table is refused at USER.
         self.assertEqual(c.cmd("USER nobody"), b"530 User nobody access denied.\r\n")
@@ -59,29 +68,15 @@ class SnmpTrapTest(unittest.TestCase):
         self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
         self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
         self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
-
-        def sentinel():
-            s = RawClient(d.port)
-            s.reply()
-            s.cmd("USER sentinel")
-            s.close()
-        self.expect_exactly(2, sentinel)
+        self.expect_exactly(2, before, d, "USER sentinel")
 
     def test_refused_pass_through_aaa_sends_one_trap_for_its_two_replies(self):
-        d = self.daemon(registered="yes")
-        c = RawClient(d.port)
-        self.addCleanup(c.close)
+        before = self.traps()
+        d, c = self.daemon(registered="yes")
         self.assertEqual(c.pass_replies("localbob", "wrong"), [b"530 Password access denied.\r\n"] * 2)
         self.assertEqual(c.cmd("USER localbob"), b"331 User name okay, need password.\r\n")
         self.assertEqual(c.cmd("PASS localpass1"), b"230 User logged in, proceed.\r\n")
-
-        def sentinel():
-            s = RawClient(d.port)
-            s.reply()
-            s.cmd("USER localbob")
-            s.cmd("PASS wrong")
-            s.close()
-        self.expect_exactly(1, sentinel)
+        self.expect_exactly(1, before, d, "USER localbob", "PASS wrong")
 
 
 if __name__ == "__main__":

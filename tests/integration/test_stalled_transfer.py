@@ -1,35 +1,61 @@
-"""Idle time-outs on data connections (one minute, the smallest setting): a client that stops
-reading a download or a listing gets the 426 reply, and clients that ask for a passive port and never connect
-to it get 425 for downloads, listings and uploads alike; other clients are served meanwhile, the
-waiting sessions go on, and nothing is left behind."""
+"""Time-outs, each waited out once and all at the same time (one minute, the smallest setting):
+the login time-out ends a silent session before login without a reply and drops a client that
+sends but never reads its replies; the idle time-out on data connections answers a client that
+stops reading a download or a listing with 426, and clients that ask for a passive port and never
+connect to it with 425 (downloads, listings and uploads alike). Other clients are served
+meanwhile, logged-in sessions go on, and descriptors and memory come back to where they were."""
 
 import os
+import socket
 import sys
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DaemonTestCase, RawClient, logged_in, memory_idle, pasv_connect, whole_session  # noqa: E402
+from ftps_harness import (DaemonTestCase, RawClient, logged_in, memory_idle, pasv_connect,  # noqa: E402
+                          wait_until, whole_session)
+
+SMALL = b"x" * 100000
 
 
-class StalledTransferTest(DaemonTestCase):
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server timeout 1"]}
+class TimeoutTest(DaemonTestCase):
+    daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server login timeout 1"]}
 
-    def test_stalled_reader_and_missing_data_connections(self):
+    def test_login_and_data_timeouts(self):
         self.d.put("big.bin", b"z" * (64 << 20))
-        self.d.put("f.txt", b"x" * 100000)
+        self.d.put("f.txt", SMALL)
         self.d.many("many")
-        stalled_sessions, data_connections = [], []
-        for verb in ("RETR big.bin", "LIST many"):
-            stalled = RawClient(self.d.port, timeout=150)
-            stalled.login()
-            stalled.cmd("TYPE I")
-            data = pasv_connect(stalled, rcvbuf=4096)
-            stalled.send(verb + "\r\n")
-            self.assertTrue(stalled.reply().startswith(b"150 "))
-            stalled_sessions.append(stalled)
-            data_connections.append(data)
+        # Whatever the first session opens for good is open before the count.
+        whole_session(logged_in(self.d.port), "f.txt", SMALL)
+        self.assertTrue(memory_idle(self.d))
+        baseline = self.d.descriptors()
+        # The idle time-out is read when a session starts: this one keeps the ten minutes and so
+        # shows that the login time-out no longer applies once logged in.
+        busy = RawClient(self.d.port, timeout=150)
+        busy.login()
+        self.assertEqual(self.d.cli("ftp-server timeout 1"), (0, ""))
 
+        deaf = socket.socket()
+        deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        deaf.connect(("127.0.0.1", self.d.port))
+        deaf.settimeout(2)
+        try:
+            while True:  # until the daemon, blocked on its replies, stops reading
+                deaf.send(b"HELP\r\n" * 50)
+        except OSError:
+            pass
+        silent = RawClient(self.d.port, timeout=150)
+        self.assertTrue(silent.reply().startswith(b"220 "))
+
+        stalled, data_connections = [], []
+        for verb in ("RETR big.bin", "LIST many"):
+            c = RawClient(self.d.port, timeout=150)
+            c.login()
+            c.cmd("TYPE I")
+            data_connections.append(pasv_connect(c, rcvbuf=4096))
+            c.send(verb + "\r\n")
+            self.assertTrue(c.reply().startswith(b"150 "))
+            stalled.append(c)
         waiting = []
         for verb in ("RETR f.txt", "LIST", "STOR never.bin"):
             c = RawClient(self.d.port, timeout=150)
@@ -38,24 +64,27 @@ class StalledTransferTest(DaemonTestCase):
             c.send(verb + "\r\n")
             waiting.append(c)
         start = time.time()
-        # Served while the others wait.
-        for _ in range(3):
-            whole_session(logged_in(self.d.port), "f.txt", b"x" * 100000)
-        for stalled in stalled_sessions:
-            self.assertEqual(stalled.reply(), b"426 Connection closed; transfer aborted.\r\n")
+        for _ in range(3):  # served while the others wait
+            whole_session(logged_in(self.d.port), "f.txt", SMALL)
+
+        self.assertTrue(silent.closed(timeout=100), "no reply expected, only the close")
+        for c in stalled:
+            self.assertEqual(c.reply(), b"426 Connection closed; transfer aborted.\r\n")
         for c in waiting:
             r = c.reply()
-            # STOR answers 150 before it waits; the others wait first.
-            if r.startswith(b"150 "):
+            if r.startswith(b"150 "):  # STOR answers before it waits, the others after
                 r = c.reply()
             self.assertEqual(r, b"425 Can't open data connection.\r\n")
         self.assertGreater(time.time() - start, 50)
-        # Every session goes on after its failed transfer.
-        for c in stalled_sessions + waiting:
+        for c in [busy] + stalled + waiting:
             self.assertTrue(c.cmd("SYST").startswith(b"215 "))
             c.close()
-        for data in data_connections:
-            data.close()
+        for s in data_connections + [silent.sock]:
+            s.close()
+        # The deaf client's replies could not go out for a whole login time-out: it is gone too.
+        self.assertTrue(wait_until(lambda: self.d.descriptors() <= baseline, timeout=40),
+                        (self.d.descriptors(), baseline))
+        deaf.close()
         self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
 

@@ -18,7 +18,7 @@ SLOW = 3 if SANITIZED else 1
 
 
 class NotifySocket:
-    """A datagram socket standing in for systemd's; remembers (time, message) pairs."""
+    """A datagram socket standing in for systemd's; remembers (time, line) pairs."""
 
     def __init__(self, directory):
         self.path = os.path.join(directory, "notify")
@@ -26,29 +26,22 @@ class NotifySocket:
         self.sock.bind(self.path)
         self.messages = []
 
-    def receive(self, timeout):
-        """Reads datagrams for up to timeout seconds; each may carry several lines."""
+    def receive(self, timeout, until=None):
+        """Reads datagrams (each may carry several lines) for up to timeout seconds, or until a
+        line equal to until arrived; returns that line's time or None."""
         deadline = time.time() + timeout
-        while (left := deadline - time.time()) > 0:
+        while True:
+            for at, line in self.messages:
+                if line == until:
+                    return at
+            if (left := deadline - time.time()) <= 0:
+                return None
             self.sock.settimeout(left)
             try:
                 data = self.sock.recv(4096)
             except socket.timeout:
-                return
+                return None
             self.messages += [(time.time(), line) for line in data.decode(errors="replace").splitlines()]
-
-    def wait_for(self, text, timeout):
-        """Reads until text arrives; returns its time, or None."""
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            for at, line in self.messages:
-                if line == text:
-                    return at
-            self.receive(min(0.5, max(0.0, deadline - time.time())))
-        return None
-
-    def close(self):
-        self.sock.close()
 
 
 def task_named(pid, name):
@@ -69,14 +62,14 @@ class SystemdNotifyTest(unittest.TestCase):
         self.notify = NotifySocket(self.d.dir)
 
     def tearDown(self):
-        self.notify.close()
+        self.notify.sock.close()
         self.d.cleanup()
 
     def test_ready_once_serving_then_watchdog_until_the_listener_is_silenced(self):
         env = dict(self.d.env(), NOTIFY_SOCKET=self.notify.path, WATCHDOG_USEC=str(WATCHDOG_SECS * 1000000),
                    FTPS_TEST_LISTENER_SILENT_AFTER=str(SILENT_AFTER))
         self.d.start(env=env, wait=False)
-        ready = self.notify.wait_for("READY=1", 30 * SLOW)
+        ready = self.notify.receive(30 * SLOW, until="READY=1")
         self.assertIsNotNone(ready, "no READY=1: %s" % self.notify.messages)
         # Ready means ready: the management socket answers and the port accepts.
         self.assertTrue(self.d.cli_ok())

@@ -13,7 +13,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6, wait_until  # noqa: E402
+from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6  # noqa: E402
 
 STRACE = shutil.which("strace")
 IPPROTO_IP, IPPROTO_IPV6 = 0, 41
@@ -41,30 +41,23 @@ class VrfSockoptTest(unittest.TestCase):
         self.d.proc = subprocess.Popen(
             [STRACE, "-f", "-qq", "-X", "raw", "-e", "trace=setsockopt", "-o", self.trace, DAEMON],
             env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(self.cleanup)
+        self.addCleanup(self.d.cleanup)
+        self.addCleanup(lambda: self.d.proc and self.stop())
         self.d.wait_ready()
 
-    def cleanup(self):
-        proc = self.d.proc
-        if proc is not None and proc.poll() is None:
-            # The daemon is strace's child: stop it, and strace ends with it.
-            for pid in self.children(proc.pid):
-                os.kill(pid, signal.SIGTERM)
+    def stop(self):
+        """Ends the daemon, strace's child; strace ends with it and with its status."""
+        proc, self.d.proc = self.d.proc, None
+        if proc.poll() is None:
+            with open("/proc/%d/task/%d/children" % (proc.pid, proc.pid)) as f:
+                for pid in f.read().split():
+                    os.kill(int(pid), signal.SIGTERM)
             try:
                 proc.wait(timeout=30)
             except subprocess.TimeoutExpired:
                 proc.kill()
                 proc.wait()
-        self.d.proc = None
-        self.d.cleanup()
-
-    @staticmethod
-    def children(pid):
-        try:
-            with open("/proc/%d/task/%d/children" % (pid, pid)) as f:
-                return [int(p) for p in f.read().split()]
-        except OSError:
-            return []
+        return proc.returncode
 
     def transfer(self, host, passive):
         ftp = ftp_session(self.d.port, host)
@@ -84,10 +77,7 @@ class VrfSockoptTest(unittest.TestCase):
             for passive in (True, False):
                 self.transfer(host, passive)
         # The trace is complete once the daemon has ended.
-        for pid in self.children(self.d.proc.pid):
-            os.kill(pid, signal.SIGTERM)
-        self.assertTrue(wait_until(lambda: self.d.proc.poll() is not None, timeout=30))
-        self.assertEqual(self.d.proc.returncode, 0)  # strace ends with the daemon's status
+        self.assertEqual(self.stop(), 0)
         with open(self.trace, errors="replace") as f:
             calls = [(int(m.group(1), 0), int(m.group(2), 0)) for m in CALL.finditer(f.read())]
         self.assertTrue(calls, "strace saw no setsockopt at all: the trace is not working")
