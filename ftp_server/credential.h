@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+struct ftp_tls;
+
 // Addresses of one control connection; only the pair of its family is filled.
 struct ftp_connect_addr {
     struct sockaddr_in his_addr;      // peer, IPv4
@@ -80,4 +82,10 @@ struct credentials {
     bool fail_waited;                // the current PASS has waited out the failed-login delay
     off_t rest_offset;               // standard profile: REST offset for the next transfer, 0 none
     bool at_user_limit;              // the user named by USER had no free connection slot
+    // Standard profile with TLS: the control connection's TLS state (nullptr in clear text), the
+    // current data connection's, and whether data connections are protected (PROT P).
+    struct ftp_tls *tls;
+    struct ftp_tls *data_tls;
+    bool pbsz_seen;
+    bool prot_private;
 };

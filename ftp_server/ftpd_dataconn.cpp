@@ -1,7 +1,7 @@
 // Opening one data connection from what the address commands left in the session record: accept
 // on a waiting passive socket, reuse an open active connection, or connect out to the client; then
-// announce it on the control connection. Every data socket is put in the VRF of the control
-// connection.
+// announce it on the control connection; under PROT P, its TLS handshake. Every data socket is
+// put in the VRF of the control connection.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "ftp_tls.h"
 #include "ftpd.h"
 #include "ftpd_data.h"
 #include "ftpd_epoll.h"
@@ -167,6 +168,20 @@ void set_active_destination(int control_fd, int family, int client_port, const c
     }
 }
 
+// Under PROT P the opened connection is taken over by TLS within the idle time-out; a connection
+// that fails the handshake (plain text, or not resuming the control connection's session) is
+// closed and the transfer refused.
+int protect(int control_fd, int dfd, struct credentials *pcred) {
+    if (dfd < 0 || !pcred->prot_private || pcred->tls == nullptr) return dfd;
+    char why[160] = {0};
+    pcred->data_tls = ftp_tls_accept(dfd, pcred->timeout * 60 * 1000, pcred->tls, why, sizeof why);
+    if (pcred->data_tls != nullptr) return dfd;
+    FTPD_LOG_PRO("data connection TLS: %s\n", why);
+    ftpd_data_finish(pcred, dfd);
+    ftpd_reply(control_fd, "425", "TLS handshake on the data connection failed.", nullptr, nullptr);
+    return -1;
+}
+
 }  // namespace
 
 void ftpd_data_close(int32_t *fd) {
@@ -175,6 +190,8 @@ void ftpd_data_close(int32_t *fd) {
 }
 
 void ftpd_data_finish(struct credentials *pcred, int dfd) {
+    ftp_tls_free(pcred->data_tls);
+    pcred->data_tls = nullptr;
     // Closed without lingering: a client that stopped reading cannot hold the close.
     int on = 1;
     if (dfd >= 0) {
@@ -189,6 +206,8 @@ void ftpd_data_finish(struct credentials *pcred, int dfd) {
 }
 
 void ftpd_data_release(struct credentials *pcred) {
+    ftp_tls_free(pcred->data_tls);
+    pcred->data_tls = nullptr;
     ftpd_data_close(&pcred->listen_pdata);
     ftpd_data_close(&pcred->pdata);
     ftpd_data_close(&pcred->data);
@@ -248,9 +267,10 @@ int getdatasock(const char *mode, struct credentials *pcred) {
     return s.release();
 }
 
-int dataconn(int control_fd, off_t size, const char *mode, int client_port, const char *client_addr,
-             struct credentials *pcred) {
-    (void)size;
+namespace {
+
+int open_data_connection(int control_fd, const char *mode, int client_port, const char *client_addr,
+                         struct credentials *pcred) {
     pcred->byte_count = 0;
     // While a passive socket waits, an earlier PORT is ignored.
     if (pcred->listen_pdata >= 0) return accept_passive(control_fd, pcred);
@@ -312,4 +332,12 @@ int dataconn(int control_fd, off_t size, const char *mode, int client_port, cons
         return -1;
     }
     return pcred->data;
+}
+
+}  // namespace
+
+int dataconn(int control_fd, off_t size, const char *mode, int client_port, const char *client_addr,
+             struct credentials *pcred) {
+    (void)size;
+    return protect(control_fd, open_data_connection(control_fd, mode, client_port, client_addr, pcred), pcred);
 }

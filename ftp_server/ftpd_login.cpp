@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "ftp_platform.h"
+#include "ftp_tls.h"
 #include "ftpd.h"
 #include "ftpd_listener.h"
 #include "ftpd_reply.h"
@@ -62,7 +63,7 @@ int auth_user(const char *name, struct credentials *pcred) {
             return -1;
         default:
             (void)ftpd_snprintf(pcred->message, msg_len, "User connection limit reached. max number:[%d]\n",
-                          static_cast<int>(ftpd_user_max_connect));
+                                static_cast<int>(ftpd_user_max_connect));
             return -1;
     }
 }
@@ -103,6 +104,18 @@ int auth_pass(const char *arg, const struct credentials *pcred) {
     return memcmp(arg, pcred->passwd, len) == 0 ? 0 : 1;
 }
 
+namespace {
+
+// The 230 of an accepted login. On a protected control connection the TLS session is bound to the
+// login first, so that the ticket data connections resume goes out with this reply.
+int reply_logged_in(int control_fd, struct credentials *pcred, const char *client_name) {
+    if (pcred->tls != nullptr && ftp_tls_bind_login(pcred->tls, client_name) != 0)
+        FTPD_LOG_ERR("%s: TLS session not bound to the login.\n", FTPD_MODULE);
+    return reply_text(control_fd, "230 User logged in, proceed.\r\n");
+}
+
+}  // namespace
+
 int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name) {
     if (arg == nullptr || pcred == nullptr || client_name == nullptr) return -1;
     if (pcred->logged_in != 0 || pcred->askpasswd == 0) {
@@ -119,7 +132,7 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
     if (pcred->name != nullptr && pcred->passwd != nullptr && pcred->name[0] != '\0' && pcred->passwd[0] != '\0' &&
         auth_pass(arg, pcred) == 0) {
         pcred->logged_in = 1;
-        reply_text(control_fd, "230 User logged in, proceed.\r\n");
+        reply_logged_in(control_fd, pcred, client_name);
         return 0;
     }
     // Stock clients wait and try again on 421, but give up on 530: a user at its connection
@@ -154,7 +167,7 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
     }
     if (!local) {
         pcred->logged_in = 1;
-        reply_text(control_fd, "230 User logged in, proceed.\r\n");
+        reply_logged_in(control_fd, pcred, client_name);
         return 0;
     }
     FTPD_LOG_PRO("Going to check login.\n");
@@ -163,7 +176,7 @@ int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name
         reply_text(control_fd, "530 Not logged in.\r\n");
         return -1;
     }
-    if (reply_text(control_fd, "230 User logged in, proceed.\r\n") != 0) return -1;
+    if (reply_logged_in(control_fd, pcred, client_name) != 0) return -1;
     ftp_update_online_count(client_name, 1);
     // A later USER changes client_name; the count goes back to the account that took it.
     (void)ftpd_strlcpy(pcred->online_name, client_name, sizeof pcred->online_name);

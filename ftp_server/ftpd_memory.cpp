@@ -9,6 +9,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "ftp_tls.h"
+
 static ftpd_mem_t ftpd_mem_table[FTPD_M_MAX];
 static std::mutex ftpd_mem_sem;
 
@@ -116,5 +118,12 @@ void ftpd_mem_dump(ftpd_print_fn print) {
         // In Use is unsigned on purpose: more releases than allocations show as a wrapped value.
         print("  %-15s  %-12u  %-8u  %-8u  %-8u\n", row.name != nullptr ? row.name : "Unknown", row.allocfail,
               row.allocs, row.deallocs, row.allocs - row.deallocs);
+    }
+    // The TLS library's own allocations, counted apart: shown only where TLS is in use, so that a
+    // table without it reads as it always has.
+    if (ftp_tls_enabled()) {
+        unsigned allocs = 0, fails = 0, frees = 0;
+        ftp_tls_memory(&allocs, &fails, &frees);
+        print("  %-15s  %-12u  %-8u  %-8u  %-8u\n", "TLS", fails, allocs, frees, allocs - frees);
     }
 }

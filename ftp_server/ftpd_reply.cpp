@@ -1,18 +1,51 @@
 // Reply formatting: every reply on a control connection is built here in one 512-byte buffer,
-// given its final CR LF, sent with a single send and traced. A reply that does not fit is refused
-// whole, never truncated.
+// given its final CR LF, sent with a single send (one TLS record on a protected connection) and
+// traced. A reply that does not fit is refused whole, never truncated.
 #include "ftpd_reply.h"
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "ftp_tls.h"
 #include "ftpd.h"
 #include "ftpd_session.h"
 
 namespace {
+
+// The protected control connection of the session this thread serves: one thread per session,
+// and every reply names its connection by descriptor only.
+thread_local int tls_fd = -1;
+thread_local ftp_tls *tls_state = nullptr;
+
+// A protected reply, within the send deadline the session keeps on the socket (the descriptor is
+// non-blocking under TLS). The whole length, or -1.
+ssize_t send_protected(int fd, const char *buf, size_t len) {
+    struct timeval tv {};
+    socklen_t tl = sizeof tv;
+    int ms = getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, &tl) == 0 ? static_cast<int>(tv.tv_sec * 1000) : 0;
+    if (ms <= 0) ms = 1000;
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = ftp_tls_write(tls_state, buf + done, len - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (n == 0 || errno != EAGAIN) return -1;
+        struct pollfd p {};
+        p.fd = fd;
+        p.events = ftp_tls_wants_write(tls_state) ? POLLOUT : POLLIN;
+        int r = poll(&p, 1, ms);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return -1;
+    }
+    return static_cast<ssize_t>(done);
+}
 
 enum class fill_result { ok, too_long, bad_args };
 
@@ -92,7 +125,8 @@ int reply_common(int send_sk, const char *cmd, Format &&format_text) {
         len += 2;
     }
 
-    ssize_t sent = send(send_sk, buf, len, 0);
+    ssize_t sent =
+        send_sk == tls_fd && tls_state != nullptr ? send_protected(send_sk, buf, len) : send(send_sk, buf, len, 0);
     if (sent == static_cast<ssize_t>(len)) {
         FTPD_LOG_PRO("(REPLY)  %s\n", buf);
         return 0;
@@ -170,4 +204,9 @@ int ftpd_admit_path_cmd(int control_fd, const char *arg, const struct credential
         refusal = FTP_REPLY_501;
     if (refusal == nullptr) return 0;
     return ftpd_reply_text(control_fd, refusal) == 0 ? 1 : -1;
+}
+
+void ftpd_reply_protect(int control_fd, ftp_tls *t) {
+    tls_fd = t != nullptr ? control_fd : -1;
+    tls_state = t;
 }

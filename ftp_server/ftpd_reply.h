@@ -4,6 +4,8 @@
 
 #include "ftpd.h"
 
+struct ftp_tls;
+
 int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, const char *arg2);
 int ftpd_reply_size(int send_sk, const char *cmd, const char *fmt, unsigned long arg1, const char *arg2);
 
@@ -28,3 +30,5 @@ int ftpd_reply_text(int control_fd, const char *text);
 // Admission of a command that names a path: not logged in (530), no top directory (550), no
 // argument (501). 0 to go on, 1 refused and replied, -1 the refusal could not be sent.
 int ftpd_admit_path_cmd(int control_fd, const char *arg, const struct credentials *pcred);
+// From now on, replies of this session thread on control_fd go through t; nullptr ends it.
+void ftpd_reply_protect(int control_fd, ftp_tls *t);

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "app_dbg.h"
+#include "ftp_tls.h"
 #include "ftpd.h"
 #include "ftpd_cmds.h"
 #include "ftpd_data.h"
@@ -26,6 +27,7 @@
 #include "ftpd_login.h"
 #include "ftpd_parser.h"
 #include "ftpd_reply.h"
+#include "ftpd_security.h"
 #include "ftpd_settings.h"
 #include "ftpd_tech.h"
 #include "ftpd_transfer.h"
@@ -117,6 +119,7 @@ class record_release {
         if (!armed_) return;
         clear_cred(pcred_);
         ftpd_data_release(pcred_);
+        ftpd_security_release(pcred_);
     }
     record_release(const record_release &) = delete;
     record_release &operator=(const record_release &) = delete;
@@ -213,16 +216,20 @@ int take_line(session &s) {
     }
 }
 
-// Standard profile: receives what the control connection has into the session's input.
-void receive_more(session &s) {
-    ssize_t n = recv(s.control_fd, s.inbuf + s.inlen, sizeof s.inbuf - 1 - s.inlen, 0);
+// Standard profile: receives what the control connection has into the session's input. False
+// when nothing came.
+bool receive_more(session &s) {
+    size_t room = sizeof s.inbuf - 1 - s.inlen;
+    ssize_t n = s.pcred.tls != nullptr ? ftp_tls_read(s.pcred.tls, s.inbuf + s.inlen, room)
+                                       : recv(s.control_fd, s.inbuf + s.inlen, room, 0);
     if (n > 0) {
         s.inlen += static_cast<size_t>(n);
-        return;
+        return true;
     }
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return false;
     // A closed or failing connection: what is left of a line is answered once, then the end.
     s.peer_closed = true;
+    return false;
 }
 
 int reply(const session &s, const char *text) {
@@ -258,6 +265,7 @@ bool list_or_nlst(session &s, int cmd) {
     struct credentials *pcred = &s.pcred;
     bool nlst = cmd == FTP_CMD_NLST;
     int r = 0;
+    if (ftpd_standard() && is_logged_in(pcred) && ftpd_data_needs_tls(s.control_fd, pcred)) return true;
     if (!is_logged_in(pcred)) {
         reply(s, FTP_REPLY_530);
     } else if (is_access(pcred) && s.client_port > FTP_RESERVED_PORT) {
@@ -279,6 +287,10 @@ bool list_or_nlst(session &s, int cmd) {
 // RETR, STOR and APPE: a stop message during the transfer ends the session. A REST offset
 // serves only the transfer that follows it.
 bool file_transfer(session &s) {
+    if (ftpd_standard() && is_logged_in(&s.pcred) && ftpd_data_needs_tls(s.control_fd, &s.pcred)) {
+        s.pcred.rest_offset = 0;
+        return true;
+    }
     auto *run = s.cmd == FTP_CMD_RETR ? command_retr : s.cmd == FTP_CMD_STOR ? command_stor : command_appe;
     int rc = run(s.control_fd, s.data_buff, s.client_addr, &s.client_port, s.currentdir, &s.pcred, s.domain_fd);
     s.pcred.rest_offset = 0;
@@ -297,7 +309,8 @@ bool command_rest(session &s) {
     if (v < 0 || errno != 0 || end == nullptr || *end != '\0') return reply(s, FTP_REPLY_501) >= 0;
     s.pcred.rest_offset = static_cast<off_t>(v);
     char text[96];
-    (void)ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n", v);
+    (void)ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n",
+                        v);
     return reply(s, text) >= 0;
 }
 
@@ -308,10 +321,15 @@ bool dispatch_standard(session &s) {
     switch (s.cmd) {
         case FTP_CMD_NOOP:
             return reply(s, "200 NOOP ok.\r\n") >= 0;
-        case FTP_CMD_FEAT:
-            return reply(s,
-                         "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
-                         " REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n") >= 0;
+        case FTP_CMD_FEAT: {
+            char text[FTP_BUF_SIZE];
+            (void)ftpd_snprintf(
+                text, sizeof text,
+                "211-Features:\r\n%s EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+                " REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n",
+                ftpd_security_features());
+            return reply(s, text) >= 0;
+        }
         case FTP_CMD_OPTS:
             if (strcasecmp(s.data_buff, "UTF8 ON") == 0 || strcasecmp(s.data_buff, "UTF8") == 0)
                 return reply(s, "200 Always in UTF8 mode.\r\n") >= 0;
@@ -330,6 +348,21 @@ bool dispatch_standard(session &s) {
             return list_or_nlst(s, s.cmd);
         case FTP_CMD_MLST:
             return command_mlst(fd, s.data_buff, s.currentdir, pcred) == 0;
+        case FTP_CMD_AUTH:
+            if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
+            // SECURITY: what followed AUTH in the same segment was sent in clear text and is
+            // never taken as a protected command.
+            s.inlen = 0;
+            s.discarding = false;
+            return ftpd_command_auth(fd, s.data_buff, pcred, s.epoll->timeout);
+        case FTP_CMD_PBSZ:
+            if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
+            ftpd_command_pbsz(fd, s.data_buff, pcred);
+            return true;
+        case FTP_CMD_PROT:
+            if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
+            ftpd_command_prot(fd, s.data_buff, pcred);
+            return true;
         default:
             return reply(s, FTP_REPLY_502) >= 0;
     }
@@ -343,12 +376,14 @@ bool dispatch(session &s) {
         case -1:
             return true;
         case FTP_CMD_USER:
+            if (ftpd_standard() && ftpd_login_needs_tls(fd, pcred)) return true;
             if (user(fd, s.data_buff, pcred, s.client_name) == -1) {
                 ftp_authen_trap_send();
                 s.logn++;
             }
             return get_ftp_logintimes() > static_cast<unsigned>(s.logn);
         case FTP_CMD_PASS: {
+            if (ftpd_standard() && ftpd_login_needs_tls(fd, pcred)) return true;
             // SECURITY: a PASS out of sequence (503) neither resets the failure counts nor ends
             // the login time-out, or guesses could be interleaved without limit.
             if (ftpd_standard() && (pcred->logged_in != 0 || pcred->askpasswd == 0)) {
@@ -452,6 +487,10 @@ bool wait_command(session &s) {
         // Lines that arrived together are served in order without waiting again.
         memset(s.data_buff, 0, FTP_BUF_SIZE);
         s.cmd = take_line(s);
+        // Protected bytes the TLS layer already holds are announced by no wait.
+        while (s.cmd == -1 && s.pcred.tls != nullptr && !s.peer_closed && ftp_tls_pending(s.pcred.tls) &&
+               receive_more(s))
+            s.cmd = take_line(s);
         if (s.cmd != -1) return true;
     }
 

@@ -10,6 +10,7 @@
 #include "ftpd_transfer.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ftp_tls.h"
 #include "ftpd.h"
 #include "ftpd_epoll.h"
 #include "ftpd_listener.h"
@@ -175,10 +177,24 @@ send_outcome wait_for_room(xfer_waiter &w, int domain_fd) {
     return send_outcome::more;
 }
 
+// A protected connection that must read before it can write again (a message of the TLS layer
+// itself): waits for input within the idle time-out.
+send_outcome wait_for_input(int sock, const struct credentials *pcred) {
+    struct pollfd p {};
+    p.fd = sock;
+    p.events = POLLIN;
+    int r;
+    do {
+        r = poll(&p, 1, pcred->timeout * 60 * 1000);
+    } while (r < 0 && errno == EINTR);
+    return r > 0 ? send_outcome::more : send_outcome::failed;
+}
+
 // Sends all len bytes, completing partial sends; each wait for room lasts the idle time-out.
 send_outcome send_all(xfer_waiter &w, int sock, const char *p, size_t len, int domain_fd, struct credentials *pcred) {
     while (len > 0) {
-        ssize_t n = send(sock, p, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t n = pcred->data_tls != nullptr ? ftp_tls_write(pcred->data_tls, p, len)
+                                               : send(sock, p, len, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
             p += n;
             len -= static_cast<size_t>(n);
@@ -186,7 +202,8 @@ send_outcome send_all(xfer_waiter &w, int sock, const char *p, size_t len, int d
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            send_outcome r = wait_for_room(w, domain_fd);
+            bool reads = pcred->data_tls != nullptr && !ftp_tls_wants_write(pcred->data_tls);
+            send_outcome r = reads ? wait_for_input(sock, pcred) : wait_for_room(w, domain_fd);
             if (r != send_outcome::more) return r;
         } else {
             return send_outcome::failed;
@@ -341,19 +358,39 @@ struct upload {
     char *databuff;  // kRecvChunk bytes as received
     char *buf;       // kRecvChunk bytes converted
     struct credentials *pcred;
+    bool starved = false;  // the last protected read made no progress: wait before the next
+    bool ended = false;    // the protected connection's closing alert has been read
 };
+
+// What a protected connection has, up to len bytes: the layer hands out one record per call, and
+// what it already holds is never announced by a wait. *ended: the client's closing alert came
+// after the bytes returned.
+ssize_t receive_protected(ftp_tls *t, char *buf, size_t len, bool *ended) {
+    size_t got = 0;
+    while (got < len) {
+        ssize_t n = ftp_tls_read(t, buf + got, len - got);
+        if (n > 0) {
+            got += static_cast<size_t>(n);
+            continue;
+        }
+        if (got == 0) return n;
+        *ended = n == 0;
+        break;
+    }
+    return static_cast<ssize_t>(got);
+}
 
 // One wake-up of an upload: the stop message first (only while the service is disabled, even if
 // another thread took the datagram; a message left over from an earlier disable is taken and the
 // transfer goes on), then what the connection has, into the file.
-recv_outcome receive_step(xfer_waiter &w, upload &u) {
+recv_outcome receive_step(xfer_waiter &w, upload &u, bool buffered) {
     if (u.domain_fd >= 0 && w.ready(u.domain_fd)) {
         char msg[FTP_DOMAIN_MSG_LEN];
         if (recv(u.domain_fd, msg, sizeof msg, MSG_DONTWAIT) < 0)
             FTPD_LOG_ERR("%s: domain socket recvfrom error when waiting command.%d\n", FTPD_MODULE, errno);
         if (!is_ftp_server_start()) return recv_outcome::stopped;
     }
-    if (!w.ready(u.instr)) return recv_outcome::more;
+    if (!buffered && !w.ready(u.instr)) return recv_outcome::more;
     if (u.use_splice) {
         ssize_t moved = 0;
         kernel_pipe::result r = u.sp->move(u.instr, u.outstr, &moved);
@@ -375,8 +412,11 @@ recv_outcome receive_step(xfer_waiter &w, upload &u) {
                 break;
         }
     }
-    ssize_t n = recv(u.instr, u.databuff, kRecvChunk, MSG_DONTWAIT);
-    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? recv_outcome::more : recv_outcome::failed;
+    ssize_t n = u.pcred->data_tls != nullptr ? receive_protected(u.pcred->data_tls, u.databuff, kRecvChunk, &u.ended)
+                                             : recv(u.instr, u.databuff, kRecvChunk, MSG_DONTWAIT);
+    u.starved = n < 0;
+    if (n < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? recv_outcome::more : recv_outcome::failed;
     if (n == 0) {
         fsync(u.outstr);
         return recv_outcome::done;
@@ -390,6 +430,10 @@ recv_outcome receive_step(xfer_waiter &w, upload &u) {
     }
     if (!write_all(u.outstr, out, len)) return recv_outcome::write_failed;
     u.pcred->byte_count += static_cast<off_t>(len);
+    if (u.ended) {
+        fsync(u.outstr);
+        return recv_outcome::done;
+    }
     return recv_outcome::more;
 }
 
@@ -452,13 +496,18 @@ int send_data_with_type(int control_fd, int instr, int outstr, int blksize, stru
     send_outcome r = send_outcome::fall_back;
     if (w.add(outstr, EPOLLOUT) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN))) {
         struct stat st;
-        if (pcred->cnt.tran_type != 1 && fstat(instr, &st) == 0 && S_ISREG(st.st_mode))
+        // Protected bytes are encrypted in the daemon: nothing to splice.
+        if (pcred->cnt.tran_type != 1 && pcred->data_tls == nullptr && fstat(instr, &st) == 0 && S_ISREG(st.st_mode))
             r = send_with_splice(instr, outstr, domain_fd, w, pcred);
         if (r == send_outcome::fall_back)
             r = send_with_copy(instr, outstr, blk, buf.get(), chang_buf.get(), chunk, domain_fd, w, pcred);
     } else {
         r = send_outcome::failed;
     }
+    // The closing alert tells the client that it has every byte.
+    if (r == send_outcome::done && pcred->data_tls != nullptr &&
+        ftp_tls_finish(pcred->data_tls, pcred->timeout * 60 * 1000) != 0)
+        r = send_outcome::failed;
 
     // Buffers and waiter are given back before the final reply on every way out.
     buf.reset();
@@ -521,18 +570,20 @@ int receive_data_with_type(int control_fd, int instr, int outstr, struct credent
     // appending (the standard profile's APPE), so that one is written from the buffer too.
     kernel_pipe sp(kReceivePipe);
     struct stat st;
-    bool use_splice = pcred->cnt.tran_type != 1 && fstat(outstr, &st) == 0 && S_ISREG(st.st_mode) && sp.ok() &&
-                      !(ftpd_standard() && (fcntl(outstr, F_GETFL) & O_APPEND) != 0);
+    bool use_splice = pcred->cnt.tran_type != 1 && pcred->data_tls == nullptr && fstat(outstr, &st) == 0 &&
+                      S_ISREG(st.st_mode) && sp.ok() && !(ftpd_standard() && (fcntl(outstr, F_GETFL) & O_APPEND) != 0);
     upload u{instr, outstr, domain_fd, &sp, use_splice, databuff.get(), buf.get(), pcred};
     recv_outcome r = armed ? recv_outcome::more : recv_outcome::failed;
     while (r == recv_outcome::more) {
-        int n_ready = w.wait();
+        // What the TLS layer read ahead is there without a wait announcing it.
+        bool buffered = !u.starved && pcred->data_tls != nullptr && ftp_tls_pending(pcred->data_tls);
+        int n_ready = buffered ? 1 : w.wait();
         if (n_ready <= 0) {
             if (n_ready == 0) FTPD_LOG_PRO("Time out.\n");
             r = recv_outcome::failed;
             break;
         }
-        r = receive_step(w, u);
+        r = receive_step(w, u, buffered);
     }
     // Buffers and waiter are given back before the final reply on every way out.
     databuff.reset();

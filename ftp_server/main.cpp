@@ -13,11 +13,13 @@
 #include "app_init.h"
 #include "cli.h"
 #include "fs_info.h"
+#include "ftp_tls.h"
 #include "ftpd.h"
 #include "ftpd_cli.h"
 #include "ftpd_listener.h"
 #include "ftpd_login.h"
 #include "ftpd_main.h"
+#include "ftpd_security.h"
 #include "ftpd_settings.h"
 #include "ftpd_tech.h"
 #include "ftpd_testhooks.h"
@@ -135,6 +137,8 @@ int init_process(void) {
     }
     FTPD_KEYMSG("ftp_server_init OK.\n");
 
+    if (ftpd_security_init() != 0) return -1;
+
     if (ftp_aaa_init() != 0)
         FTPD_KEYMSG("ftp aaa init OK.\n");
     else
@@ -199,6 +203,8 @@ int init_event_services(struct zq_thread_master *master) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    // Before anything can use the TLS library: its allocations are counted only from its first.
+    ftp_tls_count_memory();
     if (!take_arguments(argc, argv)) return 0;
 
     struct app_init_s init;

@@ -1,7 +1,7 @@
 // Event master: the main thread's event loop. One-shot timers on the monotonic clock, one-shot
 // read events through epoll, queued events, and a stop path that SIGTERM, SIGINT or another
 // thread can take through an eventfd. SIGHUP (log rotation) takes the same eventfd and queues
-// the log service's reopen as an event; it never ends the loop.
+// the log service's reopen (and the TLS certificates' reload) as an event; it never ends the loop.
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -15,6 +15,7 @@
 #include <list>
 #include <new>
 
+#include "ftp_tls.h"
 #include "syslog_ext.h"
 #include "zq_thread.h"
 
@@ -67,13 +68,21 @@ void mark_and_wake(std::atomic<bool> &flag) {
     errno = saved;
 }
 
-void on_stop_signal(int) { mark_and_wake(g_signal_stopped); }
+void on_stop_signal(int) {
+    mark_and_wake(g_signal_stopped);
+}
 
 // Only marks the request: the reopen itself runs as an event on the main thread.
-void on_hangup_signal(int) { mark_and_wake(g_signal_hangup); }
+void on_hangup_signal(int) {
+    mark_and_wake(g_signal_hangup);
+}
 
 int reopen_logs(zq_thread *) {
     syslog_reopen();
+    // Renewed certificates are taken up the same way; sessions already protected keep theirs.
+    char err[512] = {0};
+    if (ftp_tls_reload(err, sizeof err) != 0)
+        printk_syslog_ext(3, "TLS", "RELOAD", LOG_CLASS_ALWAYS, "TLS certificate not reloaded: %s\n", err);
     return 0;
 }
 

@@ -31,6 +31,10 @@ const char *const kMethods[] = {"local", "radius", "pam", "none"};
 const char *const kProfiles[] = {"device", "standard", nullptr};
 static_assert(PLATFORM_FTP_PROFILE_DEVICE == 0 && PLATFORM_FTP_PROFILE_STANDARD == 1);
 
+const char *const kTlsRequire[] = {"no", "login", "all", nullptr};
+static_assert(PLATFORM_TLS_REQUIRE_NO == 0 && PLATFORM_TLS_REQUIRE_LOGIN == 1 && PLATFORM_TLS_REQUIRE_ALL == 2);
+const char *const kTlsVersions[] = {"1.2", "1.3", nullptr};
+
 // Longest wait the daemon may put before a failed-login reply: more would only hold sessions.
 const int kMaxLoginFailDelay = 60;
 
@@ -250,7 +254,8 @@ struct key_row {
     bool platform_conf::*flag = nullptr;
     int platform_conf::*number = nullptr;
     std::vector<std::string> platform_conf::*list = nullptr;
-    const char *const *choices = nullptr;  // nullptr-terminated
+    std::string platform_conf::*at = nullptr;  // receives "FILE:LINE" of the key
+    const char *const *choices = nullptr;      // nullptr-terminated
     int lo = 0;
     int hi = 0;
     int slot = 0;
@@ -310,6 +315,25 @@ const key_row kKeys[] = {
     {.section = "security", .key = "pwquality", .kind = value_kind::pwquality, .text = &pc::pwquality},
     {.section = "snmp", .key = "trap_sink", .kind = value_kind::endpoints, .list = &pc::trap_sinks, .lo = 162},
     {.section = "snmp", .key = "community", .kind = value_kind::text, .text = &pc::snmp_community},
+    {.section = "tls",
+     .key = "certificate",
+     .kind = value_kind::path,
+     .text = &pc::tls_certificate,
+     .at = &pc::tls_certificate_at},
+    {.section = "tls", .key = "key", .kind = value_kind::path, .text = &pc::tls_key, .at = &pc::tls_key_at},
+    {.section = "tls", .key = "ca", .kind = value_kind::path, .text = &pc::tls_ca, .at = &pc::tls_ca_at},
+    {.section = "tls",
+     .key = "require",
+     .kind = value_kind::choice,
+     .number = &pc::tls_require,
+     .choices = kTlsRequire},
+    {.section = "tls", .key = "require_reuse", .kind = value_kind::yes_no, .flag = &pc::tls_require_reuse},
+    {.section = "tls", .key = "ciphers", .kind = value_kind::text, .text = &pc::tls_ciphers},
+    {.section = "tls",
+     .key = "min_version",
+     .kind = value_kind::choice,
+     .number = &pc::tls_min_version,
+     .choices = kTlsVersions},
 };
 
 bool set_value(parse_state &st, const key_row &row, const char *value, std::string *reason) {
@@ -327,6 +351,7 @@ bool set_value(parse_state &st, const key_row &row, const char *value, std::stri
             return true;
         case value_kind::path:
             c.*row.text = resolve_path(st, value);
+            if (row.at != nullptr) c.*row.at = st.file + ":" + std::to_string(st.line);
             return true;
         case value_kind::yes_no:
             return parse_bool(value, &(c.*row.flag), reason);
@@ -361,8 +386,8 @@ bool apply_key(parse_state &st, const std::string &section, const std::string &k
 }
 
 bool known_section(const std::string &section) {
-    static const char *const kSections[] = {"device", "ftp",    "storage", "cli",      "log",
-                                            "aaa",    "radius", "pam",     "security", "snmp"};
+    static const char *const kSections[] = {"device", "ftp", "storage",  "cli",  "log", "aaa",
+                                            "radius", "pam", "security", "snmp", "tls"};
     for (const char *s : kSections)
         if (section == s) return true;
     return false;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ftp_platform.h"
+#include "ftp_tls.h"
 
 struct platform_storage {
     std::string keyword;  // "flash", "flash2", "sata0", "usb0", "tmp", "install", "nfs"
@@ -48,6 +49,18 @@ struct platform_conf {
     // [snmp]
     std::vector<std::string> trap_sinks;  // "host:port"
     std::string snmp_community = "public";
+    // [tls]: no certificate, no TLS
+    std::string tls_certificate;  // PEM certificate chain
+    std::string tls_key;          // PEM private key; empty: in the certificate's file
+    std::string tls_ca;           // PEM certificates of client authorities; empty: none
+    // Where each file was named ("FILE:LINE"), for the message when it cannot be loaded.
+    std::string tls_certificate_at;
+    std::string tls_key_at;
+    std::string tls_ca_at;
+    int tls_require = PLATFORM_TLS_REQUIRE_LOGIN;
+    bool tls_require_reuse = true;
+    std::string tls_ciphers;  // TLS 1.2 cipher list; empty: the library's default
+    int tls_min_version = 0;  // index into "1.2", "1.3"
 };
 
 // The built-in defaults: every storage slot present with its keyword, flash at its default

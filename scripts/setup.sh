@@ -10,7 +10,7 @@ packages=(
   build-essential g++ cmake make pkg-config git
   libgtest-dev libgmock-dev
   libinih-dev libsystemd-dev libedit-dev libpam0g-dev libcrypt-dev
-  libradcli-dev libsnmp-dev libpwquality-dev cracklib-runtime
+  libradcli-dev libsnmp-dev libpwquality-dev libssl-dev openssl cracklib-runtime
   clang clang-format clang-tidy
   python3 curl wget lftp strace procps iproute2
   rclone ncftp inetutils-ftp python3-ftputil

@@ -1,0 +1,57 @@
+// Explicit TLS for the daemon's connections: the server context made from the platform file's
+// [tls] keys, and one connection's TLS state behind an opaque handle.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+enum platform_tls_require_e {
+    PLATFORM_TLS_REQUIRE_NO = 0,     // AUTH TLS offered, plain text accepted
+    PLATFORM_TLS_REQUIRE_LOGIN = 1,  // no USER or PASS before AUTH TLS
+    PLATFORM_TLS_REQUIRE_ALL = 2,    // and every data connection protected
+};
+
+// Counts OpenSSL's allocations; effective only when called before the library's first use.
+void ftp_tls_count_memory(void);
+// Allocations, failed allocations and releases of the TLS library so far.
+void ftp_tls_memory(unsigned *allocs, unsigned *fails, unsigned *frees);
+
+// Builds the server context when the platform file names a certificate. 0 on success or when
+// TLS is not configured; -1 with "FILE:LINE: key 'KEY': reason" in err otherwise.
+int ftp_tls_init(char *err, size_t err_len);
+// Builds the context again from the same files (SIGHUP); a failure keeps the one in use.
+int ftp_tls_reload(char *err, size_t err_len);
+// Whether a context is in use.
+bool ftp_tls_enabled(void);
+int ftp_tls_require(void);  // one of PLATFORM_TLS_REQUIRE_*
+bool ftp_tls_require_reuse(void);
+
+struct ftp_tls;
+
+// The server side of a handshake on fd, finished within timeout_ms. For a data connection,
+// control is the session's control connection: the data connection uses its context and its
+// login's binding and, when reuse is required, must resume a session of that binding. nullptr on failure, with the
+// reason in why (for the debug log).
+ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len);
+// After a login on a protected control connection: binds its TLS session to the user and the
+// client's address, and (TLS 1.3) issues a ticket of it with the next reply. Data connections
+// must resume a session so bound. 0, or -1 when it could not be bound.
+int ftp_tls_bind_login(ftp_tls *t, const char *user);
+// Like recv and send without flags on a non-blocking descriptor: bytes moved, 0 when the peer
+// closed (read), or -1 with errno EAGAIN when the caller must wait for ftp_tls_wants_write()
+// ? writable : readable, any other errno on failure.
+ssize_t ftp_tls_read(ftp_tls *t, void *buf, size_t len);
+ssize_t ftp_tls_write(ftp_tls *t, const void *buf, size_t len);
+bool ftp_tls_wants_write(const ftp_tls *t);
+// Bytes the library holds (decrypted or not yet) that no wait on the descriptor would announce.
+// A record still incomplete counts too: only a read that makes no progress says to wait.
+bool ftp_tls_pending(const ftp_tls *t);
+// Sends the closing alert, waiting for room until timeout_ms: the end of a protected data
+// connection's bytes. 0 when it went out.
+int ftp_tls_finish(ftp_tls *t, int timeout_ms);
+// Sends the closing alert when it goes out at once, and frees the state; the descriptor stays
+// open. nullptr is accepted.
+void ftp_tls_free(ftp_tls *t);
+// Negotiated protocol version, e.g. "TLSv1.3", for the debug log.
+const char *ftp_tls_version(const ftp_tls *t);

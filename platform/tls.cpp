@@ -1,0 +1,385 @@
+// Explicit TLS with OpenSSL: the server context made from the platform file's [tls] keys (made
+// again on SIGHUP), the handshake of a control or data connection within a deadline, record I/O
+// on non-blocking descriptors, and the count of the library's allocations.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "ftp_tls.h"
+#include "platform_conf.h"
+
+struct ftp_tls {
+    SSL *ssl = nullptr;
+    // Control connection: the binding of its login (see ftp_tls_bind_login); data connections
+    // must resume a session that carries it.
+    unsigned char binding[SSL_MAX_SID_CTX_LENGTH];
+    bool bound = false;
+    bool want_write = false;
+    bool failed = false;  // no closing alert after a failure
+};
+
+namespace {
+
+std::atomic<unsigned> g_allocs{0};
+std::atomic<unsigned> g_fails{0};
+std::atomic<unsigned> g_frees{0};
+
+void *count_malloc(size_t n, const char *, int) {
+    void *p = malloc(n);
+    (p != nullptr ? g_allocs : g_fails).fetch_add(1, std::memory_order_relaxed);
+    return p;
+}
+
+void count_free(void *p, const char *, int) {
+    if (p == nullptr) return;
+    g_frees.fetch_add(1, std::memory_order_relaxed);
+    free(p);
+}
+
+// The library hands every resize here, taking a block (from nothing) and giving one back (to
+// nothing) included.
+void *count_realloc(void *p, size_t n, const char *file, int line) {
+    if (p == nullptr) return count_malloc(n, file, line);
+    if (n == 0) {
+        count_free(p, file, line);
+        return nullptr;
+    }
+    return realloc(p, n);
+}
+
+// Session context of every control connection before its login. No data connection ever has it,
+// so a session made before a login can never protect data.
+const unsigned char kControlContext[] = "ftps control";
+
+// Key of the login bindings, drawn once per process.
+std::once_flag g_binding_once;
+unsigned char g_binding_key[32];
+
+std::mutex g_ctx_mutex;
+SSL_CTX *g_ctx = nullptr;  // guarded by g_ctx_mutex; sessions hold references of their own
+
+void put_error(char *err, size_t err_len, const std::string &text) {
+    if (err != nullptr && err_len > 0) snprintf(err, err_len, "%s", text.c_str());
+}
+
+// The library's last reason, as one line.
+std::string library_reason() {
+    unsigned long code = ERR_peek_last_error();
+    char text[256];
+    if (code == 0) return "unknown error";
+    ERR_error_string_n(code, text, sizeof text);
+    ERR_clear_error();
+    return text;
+}
+
+std::string located(const std::string &at, const char *key, const std::string &reason) {
+    return (at.empty() ? std::string("platform file") : at) + ": key '" + key + "': " + reason;
+}
+
+// A TLS 1.2 client resumes by session identifier only: its sessions stay in the daemon's cache,
+// where a login can still bind them. Tickets of TLS 1.2 would carry the session as it was before.
+int on_client_hello(SSL *ssl, int *, void *) {
+    const unsigned char *ext = nullptr;
+    size_t len = 0;
+    bool offers_13 = false;
+    if (SSL_client_hello_get0_ext(ssl, TLSEXT_TYPE_supported_versions, &ext, &len) == 1 && len >= 1)
+        for (size_t i = 1; i + 1 < len && i < static_cast<size_t>(ext[0]) + 1; i += 2)
+            if (ext[i] == 0x03 && ext[i + 1] == 0x04) offers_13 = true;
+    if (!offers_13) SSL_set_options(ssl, SSL_OP_NO_TICKET);
+    return SSL_CLIENT_HELLO_SUCCESS;
+}
+
+SSL_CTX *make_context(const platform_conf &c, std::string *err) {
+    SSL_CTX *ctx = SSL_CTX_new(TLS_server_method());
+    if (ctx == nullptr) {
+        *err = "TLS: " + library_reason();
+        return nullptr;
+    }
+    SSL_CTX_set_min_proto_version(ctx, c.tls_min_version == 1 ? TLS1_3_VERSION : TLS1_2_VERSION);
+    SSL_CTX_set_options(ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE |
+                                 SSL_OP_IGNORE_UNEXPECTED_EOF);
+    // Data connections of a session resume its control connection's session; a small cache is
+    // enough for twenty sessions.
+    SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_SERVER);
+    SSL_CTX_sess_set_cache_size(ctx, 256);
+    SSL_CTX_set_client_hello_cb(ctx, on_client_hello, nullptr);
+    // Tickets are issued once a login has bound the session, not at the handshake.
+    SSL_CTX_set_num_tickets(ctx, 0);
+    const std::string &key = c.tls_key.empty() ? c.tls_certificate : c.tls_key;
+    const std::string &key_at = c.tls_key.empty() ? c.tls_certificate_at : c.tls_key_at;
+    if (SSL_CTX_use_certificate_chain_file(ctx, c.tls_certificate.c_str()) != 1) {
+        *err = located(c.tls_certificate_at, "certificate", c.tls_certificate + ": " + library_reason());
+    } else if (SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), SSL_FILETYPE_PEM) != 1) {
+        *err = located(key_at, c.tls_key.empty() ? "certificate" : "key", key + ": " + library_reason());
+    } else if (SSL_CTX_check_private_key(ctx) != 1) {
+        *err = located(key_at, c.tls_key.empty() ? "certificate" : "key",
+                       key + ": the key does not match the certificate");
+    } else if (!c.tls_ca.empty() && SSL_CTX_load_verify_locations(ctx, c.tls_ca.c_str(), nullptr) != 1) {
+        *err = located(c.tls_ca_at, "ca", c.tls_ca + ": " + library_reason());
+    } else if (!c.tls_ciphers.empty() && SSL_CTX_set_cipher_list(ctx, c.tls_ciphers.c_str()) != 1) {
+        *err = located("", "ciphers", "no usable cipher in '" + c.tls_ciphers + "'");
+    } else {
+        return ctx;
+    }
+    SSL_CTX_free(ctx);
+    return nullptr;
+}
+
+int build(char *err, size_t err_len) {
+    const platform_conf &c = platform_get();
+    if (c.tls_certificate.empty()) return 0;
+    std::string why;
+    SSL_CTX *ctx = make_context(c, &why);
+    if (ctx == nullptr) {
+        put_error(err, err_len, why);
+        return -1;
+    }
+    std::lock_guard<std::mutex> lock(g_ctx_mutex);
+    if (g_ctx != nullptr) SSL_CTX_free(g_ctx);  // sessions that use it keep their references
+    g_ctx = ctx;
+    return 0;
+}
+
+SSL_CTX *context_ref() {
+    std::lock_guard<std::mutex> lock(g_ctx_mutex);
+    if (g_ctx != nullptr) SSL_CTX_up_ref(g_ctx);
+    return g_ctx;
+}
+
+long long now_ms() {
+    struct timespec ts {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Waits until fd is readable or writable, until the deadline; false on time-out or failure.
+bool wait_until(int fd, bool for_write, long long deadline) {
+    for (;;) {
+        long long left = deadline - now_ms();
+        if (left <= 0) return false;
+        struct pollfd p {};
+        p.fd = fd;
+        p.events = for_write ? POLLOUT : POLLIN;
+        int r = poll(&p, 1, static_cast<int>(left > 60000 ? 60000 : left));
+        if (r > 0) return true;
+        if (r < 0 && errno != EINTR) return false;
+    }
+}
+
+// errno for a failed call; EAGAIN (with the direction) when the caller must wait.
+ssize_t io_result(ftp_tls *t, int rc) {
+    int e = SSL_get_error(t->ssl, rc);
+    if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
+        t->want_write = e == SSL_ERROR_WANT_WRITE;
+        errno = EAGAIN;
+        return -1;
+    }
+    if (e == SSL_ERROR_ZERO_RETURN) return 0;
+    t->failed = true;
+    if (e != SSL_ERROR_SYSCALL || errno == 0) errno = EPROTO;
+    ERR_clear_error();
+    return -1;
+}
+
+}  // namespace
+
+void ftp_tls_count_memory(void) {
+    (void)CRYPTO_set_mem_functions(count_malloc, count_realloc, count_free);
+}
+
+void ftp_tls_memory(unsigned *allocs, unsigned *fails, unsigned *frees) {
+    if (allocs != nullptr) *allocs = g_allocs.load(std::memory_order_relaxed);
+    if (fails != nullptr) *fails = g_fails.load(std::memory_order_relaxed);
+    if (frees != nullptr) *frees = g_frees.load(std::memory_order_relaxed);
+}
+
+int ftp_tls_init(char *err, size_t err_len) {
+    return build(err, err_len);
+}
+
+int ftp_tls_reload(char *err, size_t err_len) {
+    if (!ftp_tls_enabled()) return 0;
+    return build(err, err_len);
+}
+
+bool ftp_tls_enabled(void) {
+    std::lock_guard<std::mutex> lock(g_ctx_mutex);
+    return g_ctx != nullptr;
+}
+
+int ftp_tls_require(void) {
+    return platform_get().tls_require;
+}
+
+bool ftp_tls_require_reuse(void) {
+    return platform_get().tls_require_reuse;
+}
+
+ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len) {
+    SSL_CTX *ctx = control != nullptr ? SSL_get_SSL_CTX(control->ssl) : context_ref();
+    if (ctx == nullptr) {
+        put_error(why, why_len, "TLS is not configured");
+        return nullptr;
+    }
+    if (control != nullptr) SSL_CTX_up_ref(ctx);
+    auto *t = new (std::nothrow) ftp_tls;
+    SSL *ssl = t != nullptr ? SSL_new(ctx) : nullptr;
+    SSL_CTX_free(ctx);  // the connection holds its own reference
+    if (ssl == nullptr) {
+        delete t;
+        put_error(why, why_len, "cannot make a TLS connection: " + library_reason());
+        return nullptr;
+    }
+    t->ssl = ssl;
+    // A data connection sends no ticket either: one lying unread when the client closes an
+    // upload's connection makes the client's kernel reset it, dropping bytes still on their way.
+    const unsigned char *context = kControlContext;
+    unsigned context_len = sizeof kControlContext;
+    if (control != nullptr) {
+        context = control->binding;
+        context_len = sizeof control->binding;
+    }
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0 || SSL_set_fd(ssl, fd) != 1 ||
+        SSL_set_session_id_context(ssl, context, context_len) != 1) {
+        put_error(why, why_len, "cannot set up the connection");
+        t->failed = true;
+        ftp_tls_free(t);
+        return nullptr;
+    }
+    long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 1000);
+    for (;;) {
+        ERR_clear_error();
+        int rc = SSL_accept(ssl);
+        if (rc == 1) break;
+        unsigned long code = ERR_peek_last_error();
+        if (io_result(t, rc) < 0 && errno == EAGAIN && wait_until(fd, t->want_write, deadline)) continue;
+        char reason[160] = "the connection ended";
+        if (code != 0) ERR_error_string_n(code, reason, sizeof reason);
+        put_error(why, why_len,
+                  errno == EAGAIN ? std::string("handshake timed out") : std::string("handshake failed: ") + reason);
+        t->failed = true;
+        ftp_tls_free(t);
+        return nullptr;
+    }
+    // SECURITY: a data connection that does not resume a session of this login may come from
+    // anyone who reached the port, even from the client's own address.
+    if (control != nullptr && ftp_tls_require_reuse() && (!control->bound || SSL_session_reused(ssl) != 1)) {
+        put_error(why, why_len, "the data connection did not resume a TLS session of this login");
+        ftp_tls_free(t);
+        return nullptr;
+    }
+    return t;
+}
+
+ssize_t ftp_tls_read(ftp_tls *t, void *buf, size_t len) {
+    size_t got = 0;
+    ERR_clear_error();
+    int rc = SSL_read_ex(t->ssl, buf, len, &got);
+    if (rc == 1) return static_cast<ssize_t>(got);
+    return io_result(t, rc);
+}
+
+ssize_t ftp_tls_write(ftp_tls *t, const void *buf, size_t len) {
+    size_t put = 0;
+    ERR_clear_error();
+    int rc = SSL_write_ex(t->ssl, buf, len, &put);
+    if (rc == 1) return static_cast<ssize_t>(put);
+    ssize_t r = io_result(t, rc);
+    if (r == 0) {
+        // The peer's closing alert: nothing more can be sent.
+        t->failed = true;
+        errno = EPIPE;
+        return -1;
+    }
+    return r;
+}
+
+bool ftp_tls_wants_write(const ftp_tls *t) {
+    return t->want_write;
+}
+
+bool ftp_tls_pending(const ftp_tls *t) {
+    return SSL_has_pending(t->ssl) == 1;
+}
+
+int ftp_tls_bind_login(ftp_tls *t, const char *user) {
+    std::call_once(g_binding_once, [] {
+        if (RAND_bytes(g_binding_key, sizeof g_binding_key) != 1) RAND_priv_bytes(g_binding_key, sizeof g_binding_key);
+    });
+    // The user and the client's address, keyed: a client's several connections (and their
+    // tickets, which clients share between them) bind alike; anyone else's never do.
+    struct sockaddr_storage peer {};
+    socklen_t plen = sizeof peer;
+    if (getpeername(SSL_get_fd(t->ssl), reinterpret_cast<struct sockaddr *>(&peer), &plen) != 0) return -1;
+    const void *addr = &reinterpret_cast<const struct sockaddr_in *>(&peer)->sin_addr;
+    size_t addr_len = 4;
+    if (peer.ss_family == AF_INET6) {
+        addr = &reinterpret_cast<const struct sockaddr_in6 *>(&peer)->sin6_addr;
+        addr_len = 16;
+    }
+    std::string text(user);
+    text.push_back('\0');
+    text.append(static_cast<const char *>(addr), addr_len);
+    unsigned int out_len = 0;
+    if (HMAC(EVP_sha256(), g_binding_key, sizeof g_binding_key, reinterpret_cast<const unsigned char *>(text.data()),
+             text.size(), t->binding, &out_len) == nullptr ||
+        out_len != sizeof t->binding)
+        return -1;
+    SSL_SESSION *session = SSL_get0_session(t->ssl);
+    if (session == nullptr || SSL_SESSION_set1_id_context(session, t->binding, sizeof t->binding) != 1) return -1;
+    t->bound = true;
+    // TLS 1.3: a ticket of the bound session goes out with the next reply.
+    if (SSL_version(t->ssl) >= TLS1_3_VERSION && SSL_new_session_ticket(t->ssl) != 1) return -1;
+    return 0;
+}
+
+int ftp_tls_finish(ftp_tls *t, int timeout_ms) {
+    if (t->failed) return -1;
+    long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 1000);
+    int fd = SSL_get_fd(t->ssl);
+    for (;;) {
+        ERR_clear_error();
+        int rc = SSL_shutdown(t->ssl);
+        // 0: our alert is out; the peer's is not waited for.
+        if (rc >= 0) break;
+        if (io_result(t, rc) < 0 && errno == EAGAIN && wait_until(fd, t->want_write, deadline)) continue;
+        t->failed = true;
+        return -1;
+    }
+    t->failed = true;  // nothing more to send
+    return 0;
+}
+
+void ftp_tls_free(ftp_tls *t) {
+    if (t == nullptr) return;
+    if (t->ssl != nullptr) {
+        if (!t->failed) {
+            ERR_clear_error();
+            (void)SSL_shutdown(t->ssl);
+        }
+        SSL_free(t->ssl);
+    }
+    ERR_clear_error();
+    delete t;
+}
+
+const char *ftp_tls_version(const ftp_tls *t) {
+    return SSL_get_version(t->ssl);
+}
