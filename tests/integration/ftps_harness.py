@@ -28,34 +28,27 @@ MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PC
 def free_port():
     """A TCP port free on both families (the daemon binds the any-address of each)."""
     for _ in range(50):
-        s4 = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        s4.bind(("0.0.0.0", 0))
-        port = s4.getsockname()[1]
-        try:
-            s6 = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
+        with socket.socket(socket.AF_INET) as s4, socket.socket(socket.AF_INET6) as s6:
+            s4.bind(("0.0.0.0", 0))
             s6.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
-            s6.bind(("::", port))
-            s6.close()
-            s4.close()
-            return port
-        except OSError:
-            s4.close()
+            try:
+                s6.bind(("::", s4.getsockname()[1]))
+                return s4.getsockname()[1]
+            except OSError:
+                pass
     raise RuntimeError("no free port")
 
 
 def free_udp_port():
-    s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
 
 
 def has_ipv6():
     try:
-        s = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
-        s.bind(("::1", 0))
-        s.close()
+        with socket.socket(socket.AF_INET6) as s:
+            s.bind(("::1", 0))
         return True
     except OSError:
         return False
@@ -64,11 +57,10 @@ def has_ipv6():
 class Daemon:
     """One daemon process in a private directory.
 
-    users: lines of the startup configuration that define users; enable: whether the startup
-    configuration enables the server; extra_platform: extra "section.key": value pairs."""
+    startup: lines of the startup configuration (default: one user); enable: whether it enables the
+    server; extra_platform: extra "section.key": value pairs of the platform file."""
 
-    def __init__(self, startup=None, enable=True, product="TESTSW", extra_platform=None,
-                 user_database=None, topdir="flash:/"):
+    def __init__(self, startup=None, enable=True, extra_platform=None, user_database=None, topdir="flash:/"):
         # A short TMPDIR: the daemon's socket paths must fit 64 bytes.
         self.dir = tempfile.mkdtemp(prefix="ftps", dir="/tmp")
         self.tmpdir = os.path.join(self.dir, "t")
@@ -89,7 +81,7 @@ class Daemon:
         with open(self.startup, "w") as f:
             f.write("\n".join(lines) + "\n")
         sections = {
-            "device": {"product_name": product},
+            "device": {"product_name": "TESTSW"},
             "ftp": {"control_port": str(self.port)},
             "storage": {"flash": self.flash},
             "cli": {"startup_config": self.startup},
@@ -130,8 +122,8 @@ class Daemon:
                            os.path.join(supp, "tsan.supp"))
         return env
 
-    def start(self, args=(), wait=True, env=None):
-        self.proc = subprocess.Popen([DAEMON, *args], env=env or self.env(),
+    def start(self, wait=True, env=None):
+        self.proc = subprocess.Popen([DAEMON], env=env or self.env(),
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         if wait:
             self.wait_ready()
@@ -164,12 +156,11 @@ class Daemon:
         except OSError:
             return False
 
-    def cli(self, *lines, timeout=30, stdin=None):
+    def cli(self, *lines, timeout=30):
         args = [CLI]
         for line in lines:
             args += ["-c", line]
-        r = subprocess.run(args, env=self.env(), capture_output=True, timeout=timeout,
-                           input=stdin)
+        r = subprocess.run(args, env=self.env(), capture_output=True, timeout=timeout)
         return r.returncode, r.stdout.decode(errors="replace") + r.stderr.decode(errors="replace")
 
     def keymsg(self):
@@ -208,7 +199,6 @@ class Daemon:
         return rows
 
     def memory_in_use(self):
-        """Category name -> In Use."""
         return {name: row[3] for name, row in self.memory_rows().items()}
 
     def stop(self, sig=signal.SIGTERM):
@@ -314,10 +304,7 @@ class RawClient:
     """A control connection read reply by reply, for exact texts."""
 
     def __init__(self, port, host="127.0.0.1", timeout=10):
-        family = socket.AF_INET6 if ":" in host else socket.AF_INET
-        self.sock = socket.socket(family, socket.SOCK_STREAM)
-        self.sock.settimeout(timeout)
-        self.sock.connect((host, port))
+        self.sock = socket.create_connection((host, port), timeout=timeout)
         self.buf = b""
 
     def recv_line(self):
@@ -402,8 +389,7 @@ def expect(reply, start):
 def pasv_port(reply):
     """The port a 227 reply names."""
     expect(reply, b"227 ")
-    nums = reply.decode()
-    nums = nums[nums.index("(") + 1:nums.index(")")].split(",")
+    nums = reply[reply.index(b"(") + 1:reply.index(b")")].split(b",")
     return int(nums[4]) * 256 + int(nums[5])
 
 

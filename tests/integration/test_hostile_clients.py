@@ -11,20 +11,24 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, logged_in, memory_idle,  # noqa: E402
-                          pasv_connect, pasv_port, transfer, wait_until)
+from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, logged_in,  # noqa: E402
+                          memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
+# Deep enough that a name fitting one command line can be too long for its real path.
+TOP = "t" * 60
 
 
 class HostileClientsTest(DaemonTestCase):
     daemon_kwargs = {"startup": ["ftp-server username alice password secret1",
-                                 "ftp-server username bob password secret2"]}
+                                 "ftp-server username bob password secret2"], "topdir": "flash:/" + TOP}
 
     @classmethod
     def setUpClass(cls):
-        super().setUpClass()
-        cls.d.put("f.bin", CONTENT)
+        # The top directory exists before the start.
+        cls.d = Daemon(**cls.daemon_kwargs)
+        cls.d.put(TOP + "/f.bin", CONTENT)
+        cls.d.start()
 
     def test_replaced_passive_listeners_are_closed(self):
         baseline = self.d.descriptors()
@@ -89,7 +93,7 @@ class HostileClientsTest(DaemonTestCase):
         c.close()
 
     def test_stalled_listing_ends_when_the_service_is_disabled(self):
-        self.d.many("big")
+        self.d.many(TOP + "/big")
         c = logged_in(self.d.port)
         c.cmd("CWD big")
         data = pasv_connect(c, rcvbuf=4096)
@@ -111,61 +115,50 @@ class HostileClientsTest(DaemonTestCase):
             self.assertTrue(wait_until(self.d.port_open))
         self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
-
-class LongNamesTest(unittest.TestCase):
     def test_names_whose_real_path_does_not_fit_touch_nothing(self):
         """The real path of each name is longer than the path buffer; cut short it would name an
         existing file or directory, which must stay as it is."""
-        top = "t" * 60
-        d = Daemon(topdir="flash:/" + top)
-        d.put(top + "/f.bin", CONTENT)
-        d.start()
-        self.addCleanup(d.stop_checked)
         d200 = "d" * 200
-        real = os.path.join(d.flash, top, d200) + "/"
+        real = os.path.join(self.d.flash, TOP, d200) + "/"
         os.makedirs(real)
         cut_len = 511 - len(real)
         self.assertTrue(0 < cut_len < 240, cut_len)
         victim = real + "f" * cut_len
         # Short enough for one command line and its echo in a reply, too long for the real path.
         long_name = d200 + "/" + "f" * (cut_len + 10)
-        c = logged_in(d.port)
+        c = logged_in(self.d.port)
         c.cmd("TYPE I")
-        for verb, code in [("DELE", b"550 "), ("RMD", b"550 "), ("MKD", b"550 "), ("STOR", b"550 "), ("RNTO", b"553 ")]:
+        for verb in ("DELE", "RMD", "MKD", "STOR", "RNTO"):
             with self.subTest(verb=verb):
                 if verb == "RMD":
                     os.mkdir(victim)
                 else:
                     with open(victim, "wb") as f:
                         f.write(b"victim")
-                if verb == "STOR":
-                    data = pasv_connect(c)
-                    r = c.cmd("STOR " + long_name)
+                data = pasv_connect(c) if verb == "STOR" else None
+                if verb == "RNTO":
+                    self.assertTrue(c.cmd("RNFR f.bin").startswith(b"350"))
+                r = c.cmd("%s %s" % (verb, long_name))
+                if data:
                     data.close()
-                else:
-                    if verb == "RNTO":
-                        self.assertTrue(c.cmd("RNFR f.bin").startswith(b"350"))
-                    r = c.cmd("%s %s" % (verb, long_name))
-                self.assertTrue(r.startswith(code), r)
+                self.assertTrue(r.startswith(b"553 " if verb == "RNTO" else b"550 "), r)
                 if verb == "RMD":
                     self.assertTrue(os.path.isdir(victim))
                     os.rmdir(victim)
                 else:
-                    with open(victim, "rb") as f:
-                        self.assertEqual(f.read(), b"victim")
+                    self.assertEqual(read_file(victim), b"victim")
                     os.unlink(victim)
                 self.assertEqual(os.listdir(real), [])
-        self.assertTrue(os.path.exists(os.path.join(d.flash, top, "f.bin")))
+        self.assertTrue(os.path.exists(os.path.join(self.d.flash, TOP, "f.bin")))
         c.close()
 
 
-class AccountStateTest(unittest.TestCase):
-    def setUp(self):
-        self.d = Daemon(startup=["ftp-server username alice password secret1", "ftp-server max-user-connect 1"],
-                        user_database="[user loc]\npassword = l0cpass1\nonline_amount = 1\n",
-                        extra_platform={"aaa.list.default": "local"})
-        self.d.start()
-        self.addCleanup(self.d.stop_checked)
+class AccountStateTest(DaemonTestCase):
+    """Each session gives back the count or slot it took, and no other."""
+
+    daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server max-user-connect 1"],
+                     "user_database": "[user loc]\npassword = l0cpass1\nonline_amount = 1\n",
+                     "extra_platform": {"aaa.list.default": "local"}}
 
     def test_online_count_goes_back_to_the_account_that_took_it(self):
         c = RawClient(self.d.port)

@@ -1,17 +1,11 @@
 """The standard profile against raw sockets, with the device profile's answers to the same bytes
-checked beside it:
+beside it: command lines however the bytes arrive, CR LF on every reply line, long names echoed
+shortened, no PORT bounce, out-of-sequence PASS counted as nothing; LIST and NLST options, MLSD and
+MLST facts, unlistable paths refused before any data connection without the real path; REST and
+APPE, and uploads that replace their target only once complete (the device writes in place).
+curl's resumed transfers and ranges: test_real_clients.py."""
 
-- the control connection: command lines however the bytes arrive, the commands stock clients
-  expect, CR LF on every reply line, long names echoed shortened, and the safer defaults (no PORT
-  bounce, out-of-sequence PASS counted as nothing);
-- listings: LIST and NLST with option words, dot files, directories and name prefixes; MLSD and
-  MLST facts as ftplib reads them; paths that cannot be listed refused before any data
-  connection, without the real path (the device's listings are left as they were);
-- transfers (in the directory "up"): REST offsets for binary RETR and STOR, APPE, and uploads that
-  replace their target only once complete, so that no failure or race leaves a partial file
-  under the target's name (the device still writes its target in place). curl's resumed
-  transfers and ranges: test_real_clients.py."""
-
+import ftplib
 import os
 import socket
 import sys
@@ -25,6 +19,7 @@ from ftps_harness import (DaemonTestCase, RawClient, ftp_session, logged_in, mem
 BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
 NOOP_OK = b"200 NOOP ok.\r\n"
 NOT_IMPLEMENTED = b"502 Command not implemented.\r\n"
+OUT_OF_SEQUENCE = b"503 Bad sequence of commands.\r\n"
 
 DATA = os.urandom(300_000)
 OLD = b"the old version\n" * 1000
@@ -43,16 +38,6 @@ TREE = {"a.txt": b"alpha\n", "b.bin": b"\x00\x01", ".hidden": b"h\n", "ro.txt": 
 TOP = {"a.txt", "b.bin", "ro.txt", "sub", "my dir", "locked", "crlf", "up"}
 
 
-def make_tree(d):
-    top = d.flash
-    for name, data in TREE.items():
-        d.put(name, data)
-    for name in ("sub/deep", "locked", "up"):
-        os.makedirs(os.path.join(top, name))
-    os.chmod(os.path.join(top, "ro.txt"), 0o444)
-    os.chmod(os.path.join(top, "locked"), 0o555)
-
-
 def listed(c, verb):
     """The entry names of a listing that must succeed (the last field of LIST lines)."""
     replies, data = transfer(c, verb)
@@ -61,12 +46,13 @@ def listed(c, verb):
     return {l.split(None, 8)[8] if verb.startswith("LIST") else l for l in lines}
 
 
-def closed_port():
+def port_to_nowhere(c):
+    """PORT naming a local port nobody listens on."""
     s = socket.socket()
     s.bind(("127.0.0.1", 0))
     port = s.getsockname()[1]
     s.close()
-    return port
+    return c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255))
 
 
 class ProfileCase(DaemonTestCase):
@@ -75,7 +61,12 @@ class ProfileCase(DaemonTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        make_tree(cls.d)
+        for name, data in TREE.items():
+            cls.d.put(name, data)
+        for name in ("sub/deep", "locked", "up"):
+            os.makedirs(os.path.join(cls.d.flash, name))
+        os.chmod(os.path.join(cls.d.flash, "ro.txt"), 0o444)
+        os.chmod(os.path.join(cls.d.flash, "locked"), 0o555)
 
     def session(self):
         """A logged-in RawClient in the transfers' directory."""
@@ -121,8 +112,10 @@ class StandardProfileTest(ProfileCase):
         self.assertEqual(c.reply(), NOOP_OK)
         c.close()
 
-    def test_commands_of_stock_clients(self):
-        c = logged_in(self.d.port)
+    def test_replies_to_stock_clients(self):
+        """Exact replies; long names echoed shortened; active data connections only to the client
+        itself; every line of every reply in CR LF."""
+        shortened = lambda r: r.startswith(b"550") and b"..." in r and len(r) <= 511  # noqa: E731
         cases = [
             ("SYST", b"215 UNIX Type: L8.\r\n"),
             ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
@@ -131,32 +124,21 @@ class StandardProfileTest(ProfileCase):
             ("ABOR", b"225 No transfer to abort.\r\n"),
             ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
             ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
-        ]
+            ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"),
+            ("EPRT |1|10.1.2.3|51201|", b"500 Illegal EPRT Command.\r\n"),
+            ("PORT 127,0,0,1,200,1", b"200 PORT Command okay.\r\n"),
+            ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
+        ] + [("%s %s" % (verb, "n" * 490), shortened) for verb in ("CWD", "SIZE", "DELE", "RMD")] \
+          + [(cmd, None) for cmd in ("MDTM a.txt", "MLST a.txt", "HELP", "STAT", "HELP SITE")]
+        c = logged_in(self.d.port)
         for cmd, expected in cases:
-            with self.subTest(cmd=cmd):
-                self.assertEqual(c.cmd(cmd), expected)
-        # Every line of every reply ends in CR LF.
-        for cmd in ("MDTM a.txt", "HELP", "STAT", "HELP SITE"):
-            with self.subTest(cmd=cmd):
+            with self.subTest(cmd=cmd[:24]):
                 r = c.cmd(cmd)
                 self.assertEqual(r.count(b"\n"), r.count(b"\r\n"), r)
-        c.close()
-
-    def test_long_names_are_echoed_shortened(self):
-        c = logged_in(self.d.port)
-        name = "n" * 490
-        for cmd in ("CWD", "SIZE", "DELE", "RMD"):
-            with self.subTest(cmd=cmd):
-                r = c.cmd("%s %s" % (cmd, name))
-                self.assertTrue(r.startswith(b"550") and b"..." in r and len(r) <= 511, r)
-        c.close()
-
-    def test_active_data_only_to_the_client(self):
-        c = logged_in(self.d.port)
-        self.assertEqual(c.cmd("PORT 10,1,2,3,200,1"), b"500 Illegal PORT Command.\r\n")
-        self.assertEqual(c.cmd("EPRT |1|10.1.2.3|51201|"), b"500 Illegal EPRT Command.\r\n")
-        self.assertEqual(c.cmd("PORT 127,0,0,1,200,1"), b"200 PORT Command okay.\r\n")
-        self.assertEqual(c.cmd("EPRT |1|127.0.0.1|51201|"), b"200 EPRT Command okay.\r\n")
+                if callable(expected):
+                    self.assertTrue(expected(r), r)
+                elif expected:
+                    self.assertEqual(r, expected)
         c.close()
         if has_ipv6():
             # The unspecified address (lftp's active mode) stands for the client's own.
@@ -165,34 +147,33 @@ class StandardProfileTest(ProfileCase):
             self.assertEqual(c.cmd("EPRT |2|::2|51201|"), b"500 Illegal EPRT Command.\r\n")
             c.close()
 
-    def test_user_at_its_limit_and_refused_passwords(self):
-        """At the per-user limit the right password gets 421 and the end of the session (clients
-        retry that later), a wrong one a single 530, like any refused password."""
+    def test_refused_passwords(self):
+        """A refused password gets a single 530 (the 503 after it shows no second one), at the
+        per-user limit too; three end the session even with a 503 PASS between each (the device
+        resets the counts at the 503: test_sessions.py). At the limit the right password gets 421
+        and the end of the session (clients retry that later)."""
+        def refuse(c):
+            c.cmd("USER alice")
+            self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
+
+        c = RawClient(self.d.port)
+        c.reply()
+        for _ in range(2):
+            refuse(c)
+            self.assertEqual(c.cmd("PASS again"), OUT_OF_SEQUENCE)
+        refuse(c)
+        self.assertTrue(c.closed())
+        c.close()
         held = [logged_in(self.d.port) for _ in range(10)]
         c = RawClient(self.d.port)
         c.reply()
-        c.cmd("USER alice")
-        self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
-        self.assertEqual(c.cmd("NOOP"), NOOP_OK)  # no second 530 left to read
+        refuse(c)
+        self.assertEqual(c.cmd("PASS again"), OUT_OF_SEQUENCE)
         c.cmd("USER alice")
         self.assertTrue(c.cmd("PASS secret1").startswith(b"421 "))
         self.assertTrue(c.closed())
-        c.close()
-        for h in held:
+        for h in held + [c]:
             h.close()
-
-    def test_out_of_sequence_pass_does_not_reset_the_failures(self):
-        """Three wrong passwords end the session even with a 503 PASS between each (the device
-        resets the counts at the 503: test_sessions.py)."""
-        c = RawClient(self.d.port)
-        c.reply()
-        for i in range(3):
-            c.cmd("USER alice")
-            self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
-            if i < 2:
-                self.assertEqual(c.cmd("PASS again"), b"503 Bad sequence of commands.\r\n")
-        self.assertTrue(c.closed())
-        c.close()
 
     def test_options_dot_files_directories_and_prefixes(self):
         dots = TOP | {".hidden"}
@@ -229,15 +210,14 @@ class StandardProfileTest(ProfileCase):
         self.assertEqual(self.d.listing_temporaries(), [])
         self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
-    def check_facts(self, path, facts):
-        st = os.stat(path)
-        is_dir = os.path.isdir(path)
-        self.assertEqual(facts["type"], "dir" if is_dir else "file")
-        self.assertEqual(facts.get("size"), None if is_dir else str(st.st_size))
-        self.assertEqual(facts["modify"], time.strftime("%Y%m%d%H%M%S", time.gmtime(st.st_mtime)))
-        self.assertEqual(facts["unique"], "%xU%x" % (st.st_dev, st.st_ino))
+    def test_mlsd_and_mlst_facts_match_the_files(self):
+        def check(path, facts):
+            st, is_dir = os.stat(path), os.path.isdir(path)
+            self.assertEqual((facts["type"], facts.get("size"), facts["modify"], facts["unique"]),
+                             ("dir" if is_dir else "file", None if is_dir else str(st.st_size),
+                              time.strftime("%Y%m%d%H%M%S", time.gmtime(st.st_mtime)),
+                              "%xU%x" % (st.st_dev, st.st_ino)))
 
-    def test_mlsd_facts_match_the_files(self):
         perms = {"a.txt": "adfrw", "ro.txt": "dfr", "sub": "cdeflmp", "locked": "defl"}
         ftp = ftp_session(self.d.port)
         for sub in ("", "sub"):
@@ -246,9 +226,17 @@ class StandardProfileTest(ProfileCase):
             self.assertEqual(set(entries), set(os.listdir(top)))  # dot files, never "." and ".."
             for name, facts in entries.items():
                 with self.subTest(name=name):
-                    self.check_facts(os.path.join(top, name), facts)
-                    if name in perms:
-                        self.assertEqual(facts["perm"], perms[name])
+                    check(os.path.join(top, name), facts)
+                    self.assertEqual(facts["perm"], perms.get(name, facts["perm"]))
+        for arg, real in (("a.txt", "a.txt"), ("sub/../sub", "sub"), ("../..", "")):
+            with self.subTest(arg=arg):
+                head, line, end = ftp.sendcmd("MLST " + arg).split("\n")
+                self.assertEqual((head, end), ("250-Listing " + arg, "250 End"))
+                self.assertTrue(line.startswith(" ") and line.endswith("; " + arg), line)
+                facts = dict(f.split("=", 1) for f in line[1:-len(arg) - 2].split(";"))
+                check(os.path.join(self.d.flash, real), facts)
+        with self.assertRaisesRegex(ftplib.error_perm, '^550 "nope": No such file or directory.$'):
+            ftp.sendcmd("MLST nope")
         ftp.quit()
 
     def test_mlsd_lines_end_in_one_crlf_in_either_type(self):
@@ -265,20 +253,6 @@ class StandardProfileTest(ProfileCase):
         self.assertEqual([len(l) for l in binary.split(b"\r\n")], [169, 169, 169, 0])
         c.cmd("TYPE A")
         self.assertEqual(transfer(c, "MLSD crlf")[1], binary)
-        c.close()
-
-    def test_mlst_of_a_file_and_of_a_missing_path(self):
-        c = logged_in(self.d.port)
-        for arg, real in (("a.txt", "a.txt"), ("sub/../sub", "sub"), ("../..", "")):
-            with self.subTest(arg=arg):
-                r = c.cmd("MLST " + arg).decode()
-                head, line, end = r.split("\r\n")[:3]
-                self.assertEqual((head, end), ("250-Listing " + arg, "250 End"))
-                self.assertTrue(line.startswith(" ") and line.endswith("; " + arg), line)
-                facts = dict(f.split("=", 1) for f in line[1:-len(arg) - 2].split(";"))
-                self.check_facts(os.path.join(self.d.flash, real), facts)
-        r = c.cmd("MLST nope")
-        self.assertEqual(r, b'550 "nope": No such file or directory.\r\n')
         c.close()
 
     def test_offsets_and_appends(self):
@@ -341,8 +315,7 @@ class StandardProfileTest(ProfileCase):
                 c.close()
         # A data connection that cannot be made: dataconn replies, then the temporary file goes.
         c = self.session()
-        port = closed_port()
-        self.assertTrue(c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255)).startswith(b"200 "))
+        self.assertTrue(port_to_nowhere(c).startswith(b"200 "))
         self.assertEqual(c.cmd("STOR keep.bin"), b"425 Can't build data connection.\r\n")
         self.assertTrue(wait_until(lambda: self.hidden() == []), self.hidden())
         self.assertEqual(self.content("keep.bin"), OLD)
@@ -383,16 +356,12 @@ class DeviceProfileTest(ProfileCase):
 
     def test_same_bytes_get_the_device_answers(self):
         c = logged_in(self.d.port)
-        for cmd in ("NOOP", "FEAT", "MLSD", "REST 100", "noop"):
+        for cmd in ("NOOP", "FEAT", "MLSD", "MLST a.txt", "REST 100", "noop"):
             with self.subTest(cmd=cmd):
                 self.assertEqual(c.cmd(cmd), NOT_IMPLEMENTED)
         self.assertEqual(c.cmd("SYST"), b"215 UNIX Type: L8.\r\n")
         self.assertFalse(c.cmd("MDTM a.txt").endswith(b"\r\n"))
         self.assertEqual(c.cmd("PORT 10,1,2,3,200,1"), b"200 PORT Command okay.\r\n")
-        c.close()
-
-    def test_device_profile_unchanged(self):
-        c = logged_in(self.d.port)
         for verb, names in (("LIST -a", TOP), ("LIST -la sub", TOP), ("LIST *.txt", TOP),
                             ("NLST", {"a.txt", "b.bin", "ro.txt"}), ("NLST sub", {"x.txt"})):
             with self.subTest(verb=verb):
@@ -400,8 +369,6 @@ class DeviceProfileTest(ProfileCase):
         replies, _ = transfer(c, "LIST nope")
         self.assertEqual(replies, b'150 Opening ASCII mode data connection.\r\n550 "%s": '
                          b'No such file or directory.\r\n' % os.path.join(self.d.flash, "nope").encode())
-        for verb in ("MLSD", "MLST a.txt"):
-            self.assertEqual(c.cmd(verb), b"502 Command not implemented.\r\n")
         c.close()
 
     def test_upload_writes_the_target_in_place(self):
@@ -415,8 +382,7 @@ class DeviceProfileTest(ProfileCase):
         self.assertEqual(c.reply(), b"226 Transfer complete.\r\n")
         self.assertEqual((self.content("inplace.bin"), os.stat(self.path("inplace.bin")).st_ino), (DATA, inode))
         # Opened, and so emptied, before the data connection that then fails.
-        port = closed_port()
-        c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255))
+        port_to_nowhere(c)
         self.assertEqual(c.cmd("STOR inplace.bin"), b"425 Can't build data connection.\r\n")
         self.assertEqual((self.content("inplace.bin"), self.hidden()), (b"", []))
         c.close()
