@@ -297,6 +297,33 @@ size_t chunk_to_unix(const char *in, size_t len, size_t blk, char *out) {
     return k;
 }
 
+// Binary type, regular file, protected by kernel TLS: the kernel encrypts the file's pages on
+// their way out. Falls back like the splice path, with the file offset where the kernel stopped.
+send_outcome send_with_kernel_tls(int instr, int outstr, int domain_fd, xfer_waiter &w, struct credentials *pcred) {
+    off_t off = lseek(instr, 0, SEEK_CUR);
+    struct stat st;
+    if (off < 0 || fstat(instr, &st) != 0) return send_outcome::fall_back;
+    for (;;) {
+        if (off >= st.st_size && (fstat(instr, &st) != 0 || off >= st.st_size)) return send_outcome::done;
+        if (stop_received(domain_fd)) return send_outcome::stopped;
+        size_t want = static_cast<size_t>(st.st_size - off);
+        size_t chunk = static_cast<size_t>(kSendPipe);
+        ssize_t n = ftp_tls_sendfile(pcred->data_tls, instr, off, want < chunk ? want : chunk);
+        if (n > 0) {
+            off += n;
+            pcred->byte_count += n;
+            continue;
+        }
+        if (n < 0 && errno == EAGAIN) {
+            send_outcome r = ftp_tls_wants_write(pcred->data_tls) ? wait_for_room(w, domain_fd)
+                                                                  : wait_for_input(outstr, pcred);
+            if (r != send_outcome::more) return r;
+            continue;
+        }
+        return lseek(instr, off, SEEK_SET) < 0 ? send_outcome::input_error : send_outcome::fall_back;
+    }
+}
+
 // Binary type, regular file: the kernel moves the file's pages through a pipe to the connection.
 // Falls back to reading and sending when the file cannot be spliced; the file offset is then where
 // the splicing stopped, with every byte before it sent.
@@ -513,9 +540,15 @@ int send_data_with_type(int control_fd, int instr, int outstr, int blksize, stru
     if (w.add(outstr, EPOLLOUT) && (domain_fd < 0 || w.add(domain_fd, EPOLLIN))) {
         cork_guard cork(outstr);
         struct stat st;
-        // Protected bytes are encrypted in the daemon: nothing to splice.
-        if (pcred->cnt.tran_type != 1 && pcred->data_tls == nullptr && fstat(instr, &st) == 0 && S_ISREG(st.st_mode))
+        if (pcred->data_tls != nullptr)
+            FTPD_LOG_PRO("data connection protected, %s TLS.\n",
+                         ftp_tls_kernel_send(pcred->data_tls) ? "kernel" : "user-space");
+        // Protected bytes are encrypted in the daemon unless the kernel does it: nothing to splice.
+        bool binary_file = pcred->cnt.tran_type != 1 && fstat(instr, &st) == 0 && S_ISREG(st.st_mode);
+        if (binary_file && pcred->data_tls == nullptr)
             r = send_with_splice(instr, outstr, domain_fd, w, pcred);
+        else if (binary_file && ftp_tls_kernel_send(pcred->data_tls))
+            r = send_with_kernel_tls(instr, outstr, domain_fd, w, pcred);
         if (r == send_outcome::fall_back)
             r = send_with_copy(instr, outstr, blk, buf.get(), chang_buf.get(), chunk, domain_fd, w, pcred);
     } else {

@@ -44,6 +44,10 @@ int ftp_tls_bind_login(ftp_tls *t, const char *user);
 ssize_t ftp_tls_read(ftp_tls *t, void *buf, size_t len);
 ssize_t ftp_tls_write(ftp_tls *t, const void *buf, size_t len);
 bool ftp_tls_wants_write(const ftp_tls *t);
+// Whether the kernel encrypts what is sent (kernel TLS): a file can then go out by
+// ftp_tls_sendfile, without a copy through the daemon. Results as ftp_tls_write.
+bool ftp_tls_kernel_send(const ftp_tls *t);
+ssize_t ftp_tls_sendfile(ftp_tls *t, int fd, off_t offset, size_t len);
 // Bytes the library holds (decrypted or not yet) that no wait on the descriptor would announce.
 // A record still incomplete counts too: only a read that makes no progress says to wait.
 bool ftp_tls_pending(const ftp_tls *t);

@@ -112,8 +112,9 @@ SSL_CTX *make_context(const platform_conf &c, std::string *err) {
         return nullptr;
     }
     SSL_CTX_set_min_proto_version(ctx, c.tls_min_version == 1 ? TLS1_3_VERSION : TLS1_2_VERSION);
+    // Kernel TLS where the kernel offers it (the library falls back by itself where not).
     SSL_CTX_set_options(ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE |
-                                 SSL_OP_IGNORE_UNEXPECTED_EOF);
+                                 SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_ENABLE_KTLS);
     // Data connections of a session resume its control connection's session; a small cache is
     // enough for twenty sessions.
     SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_SERVER);
@@ -309,6 +310,17 @@ ssize_t ftp_tls_write(ftp_tls *t, const void *buf, size_t len) {
         return -1;
     }
     return r;
+}
+
+bool ftp_tls_kernel_send(const ftp_tls *t) {
+    return BIO_get_ktls_send(SSL_get_wbio(t->ssl)) != 0;
+}
+
+ssize_t ftp_tls_sendfile(ftp_tls *t, int fd, off_t offset, size_t len) {
+    ERR_clear_error();
+    ossl_ssize_t n = SSL_sendfile(t->ssl, fd, offset, len, 0);
+    if (n > 0) return static_cast<ssize_t>(n);
+    return io_result(t, static_cast<int>(n));
 }
 
 bool ftp_tls_wants_write(const ftp_tls *t) {
