@@ -2,18 +2,23 @@
 the login time-out ends a silent session before login without a reply and drops a client that
 sends but never reads its replies; the idle time-out on data connections answers a client that
 stops reading a download or a listing with 426, and clients that ask for a passive port and never
-connect to it with 425 (downloads, listings and uploads alike). Other clients are served
-meanwhile, logged-in sessions go on, and descriptors and memory come back to where they were."""
+connect to it with 425 (downloads, listings and uploads alike); a client that stops half-way
+through a TLS handshake is dropped at the login time-out. Other clients are served meanwhile,
+logged-in sessions go on, and descriptors and memory come back to where they were."""
 
 import os
+import shutil
 import socket
+import ssl
 import sys
+import tempfile
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DaemonTestCase, RawClient, logged_in, memory_idle, pasv_connect,  # noqa: E402
+from ftps_harness import (Daemon, DaemonTestCase, RawClient, logged_in, memory_idle, pasv_connect,  # noqa: E402
                           wait_until, whole_session)
+from test_ftps import client_context, ends, make_certificate  # noqa: E402
 
 SMALL = b"x" * 100000
 
@@ -21,7 +26,29 @@ SMALL = b"x" * 100000
 class TimeoutTest(DaemonTestCase):
     daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server login timeout 1"]}
 
+    def half_handshake(self):
+        """A standard daemon with TLS and a client that stops in the middle of its handshake."""
+        work = tempfile.mkdtemp(prefix="ftps-tls")
+        self.addCleanup(shutil.rmtree, work, True)
+        cert, key = make_certificate(work, "server")
+        d = Daemon(extra_platform={"ftp.profile": "standard", "tls.certificate": cert, "tls.key": key},
+                   startup=["ftp-server username alice password secret1", "ftp-server login timeout 1"]).start()
+        self.addCleanup(d.stop_checked)
+        baseline = d.descriptors()
+        c = RawClient(d.port, timeout=150)
+        c.reply()
+        self.assertEqual(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
+        hello = ssl.MemoryBIO(), ssl.MemoryBIO()
+        try:
+            client_context().wrap_bio(*hello).do_handshake()
+        except ssl.SSLWantReadError:
+            pass
+        first = hello[1].read()
+        c.send(first[:len(first) // 2])
+        return d, baseline, c
+
     def test_login_and_data_timeouts(self):
+        tls_daemon, tls_baseline, half = self.half_handshake()
         self.d.put("big.bin", b"z" * (64 << 20))
         self.d.put("f.txt", SMALL)
         self.d.many("many")
@@ -68,6 +95,9 @@ class TimeoutTest(DaemonTestCase):
             whole_session(logged_in(self.d.port), "f.txt", SMALL)
 
         self.assertTrue(silent.closed(timeout=100), "no reply expected, only the close")
+        self.assertTrue(ends(half.sock, timeout=30), "a handshake cut short ends at the login time-out")
+        self.assertTrue(wait_until(lambda: tls_daemon.descriptors() <= tls_baseline, timeout=10))
+        half.close()
         for c in stalled:
             self.assertEqual(c.reply(), b"426 Connection closed; transfer aborted.\r\n")
         for c in waiting:
