@@ -3,8 +3,9 @@
 Real clients with their FTPS settings (lftp, curl, rclone, Python's ftplib) log in over TLS and
 move a tree both ways over IPv4 and IPv6; a client that sends USER in clear text is refused before
 its password leaves it. Hostile input (garbage instead of a ClientHello, a handshake cut short, a
-plain-text or foreign data connection under PROT P) gets a clear reply or a closed connection, and
-the daemon's memory and descriptors return to where they were. Also: require = all with
+plain-text or foreign data connection under PROT P, a flood of handshakes beside a download) gets a
+clear reply or a closed connection, and the daemon's memory and descriptors return to where they
+were. Also: require = all with
 require_reuse = no, SIGHUP taking up a new certificate, a certificate that cannot be loaded
 stopping start-up, and the device profile answering AUTH 502 whatever the platform file says."""
 
@@ -19,6 +20,7 @@ import ssl
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -65,6 +67,16 @@ def tls_session(port, host="127.0.0.1", cls=ResumingFTP):
     ftp.login(USER, PASSWORD)
     ftp.prot_p()
     return ftp
+
+
+def bare_handshake(port):
+    """AUTH TLS and a handshake, then the connection is closed; the served certificate's hash."""
+    raw = socket.create_connection(("127.0.0.1", port), timeout=10)
+    raw.recv(512)
+    raw.sendall(b"AUTH TLS\r\n")
+    raw.recv(512)
+    with client_context().wrap_socket(raw) as s:
+        return hashlib.sha256(s.getpeercert(binary_form=True)).hexdigest()
 
 
 def ends(sock, timeout=10):
@@ -141,10 +153,12 @@ class RequiredLogin(TlsDaemonCase):
 
     def baseline(self):
         # The library sets up its tables on first use: a protected session with a data connection
-        # comes first. A session thread's own TLS state goes when the thread has ended.
+        # and a bare handshake come first. A session thread's own TLS state goes when the thread
+        # has ended.
         ftp = tls_session(self.d.port)
         ftp.nlst()
         ftp.quit()
+        bare_handshake(self.d.port)
         time.sleep(1)
         return self.d.descriptors(), self.tls_in_use()
 
@@ -262,26 +276,42 @@ class RequiredLogin(TlsDaemonCase):
             except ftplib.error_temp:
                 self.assertEqual(ftp.voidcmd("NOOP")[:3], "200")
             ftp.quit()
+        with self.subTest(case="a handshake flood beside a download"):
+            data = os.urandom(8 << 20)
+            self.d.put("flood.bin", data)
+            stop = threading.Event()
+
+            def flood():
+                while not stop.is_set():
+                    try:
+                        bare_handshake(self.d.port)
+                    except OSError:
+                        pass
+
+            threads = [threading.Thread(target=flood) for _ in range(12)]
+            for t in threads:
+                t.start()
+            try:
+                ftp = tls_session(self.d.port)
+                got = io.BytesIO()
+                ftp.retrbinary("RETR flood.bin", got.write)
+                ftp.quit()
+            finally:
+                stop.set()
+                for t in threads:
+                    t.join()
+            self.assertEqual(got.getvalue(), data)
         with self.subTest(case="the daemon goes on"):
             tls_session(self.d.port).quit()
         self.settled(fds, tls)
 
     def test_sighup_takes_up_a_new_certificate(self):
-        def served_name():
-            raw = socket.create_connection(("127.0.0.1", self.d.port), timeout=10)
-            raw.recv(512)
-            raw.sendall(b"AUTH TLS\r\n")
-            raw.recv(512)
-            with client_context().wrap_socket(raw) as s:
-                der = s.getpeercert(binary_form=True)
-            return hashlib.sha256(der).hexdigest()
-
-        before = served_name()
+        before = bare_handshake(self.d.port)
         cert, key = make_certificate(self.work, "renewed", cn="renewed")
         shutil.copy(cert, self.cert)
         shutil.copy(key, self.key)
         self.d.proc.send_signal(signal.SIGHUP)
-        self.assertTrue(wait_until(lambda: served_name() != before, timeout=10))
+        self.assertTrue(wait_until(lambda: bare_handshake(self.d.port) != before, timeout=10))
         self.assertIsNone(self.d.proc.poll())
 
 
