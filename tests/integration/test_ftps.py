@@ -152,13 +152,17 @@ class RequiredLogin(TlsDaemonCase):
     """The defaults with a certificate: require = login, require_reuse = yes."""
 
     def baseline(self):
-        # The library sets up its tables on first use: a protected session with a data connection
-        # and a bare handshake come first. A session thread's own TLS state goes when the thread
-        # has ended.
+        # The library sets up its tables on first use, some only once handshakes overlap: a
+        # protected session with a data connection and a burst of handshakes come first. A session
+        # thread's own TLS state goes when the thread has ended.
         ftp = tls_session(self.d.port)
         ftp.nlst()
         ftp.quit()
-        bare_handshake(self.d.port)
+        burst = [threading.Thread(target=lambda: [bare_handshake(self.d.port) for _ in range(5)]) for _ in range(4)]
+        for t in burst:
+            t.start()
+        for t in burst:
+            t.join()
         time.sleep(1)
         return self.d.descriptors(), self.tls_in_use()
 
