@@ -15,7 +15,10 @@ installed by bench/setup.sh. A peer that is missing or does not come up is left 
 except vsftpd, which the targets are judged against. Run through `make bench`.
 
 This daemon runs in its device profile; what only its standard profile serves (MLSD, REST) is
-measured on a second instance in that profile, whose figures go into the same column.
+measured on a second instance in that profile, whose figures go into the same column. The TLS
+measurements (explicit FTPS: AUTH TLS, PROT P) run against a third instance in the standard
+profile with a [tls] section and a second vsftpd with TLS switched on, both with the same
+self-signed certificate made at the start; the other peers are not measured over TLS.
 """
 
 import argparse
@@ -39,6 +42,9 @@ MIB = 1 << 20
 
 USER, PASSWORD = "bench", "benchpw1"
 LIST_ENTRIES = 10000
+TLS_RETR, TLS_STOR, TLS_LOGINS = "TLS RETR 1 GiB binary", "TLS STOR 1 GiB binary", "TLS handshakes+logins"
+# What decides whether this daemon's records go through the kernel (kernel TLS) or its own loop.
+KTLS_STAT = "/proc/net/tls_stat"
 # Where bench/setup.sh unpacks the optional peers: Debian's FTP server packages conflict with one
 # another, so only vsftpd is installed as a package.
 PEERS = "/opt/ftps-bench/peers"
@@ -210,13 +216,15 @@ class Server:
 
 class Ftps(Server):
     """This daemon, in the device profile, or in the standard profile when profile is "standard"
-    (a second instance that serves MLSD and REST; its figures go into the ftps column too)."""
+    (a second instance that serves MLSD and REST; its figures go into the ftps column too). With
+    tls, (certificate, key), a standard instance that serves FTPS with its [tls] defaults."""
     name = "ftps"
 
-    def __init__(self, work, share, build, profile="device"):
+    def __init__(self, work, share, build, profile="device", tls=None):
         super().__init__(work, share)
         self.build = build
         self.profile = profile
+        self.tls = tls
         self.user, self.password = USER, PASSWORD
         self.dir = os.path.join(work, self.tag)
         # Temporary listing files go below TMPDIR: on the disk, as with a stock /tmp.
@@ -233,10 +241,14 @@ class Ftps(Server):
             f.write("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\nprofile = %s\n[storage]\n"
                     "flash = %s\n[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
                     "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, profile, share, startup))
+            if tls:
+                f.write("[tls]\ncertificate = %s\nkey = %s\n" % tls)
 
     @property
     def tag(self):
         # Short: the daemon's sockets below TMPDIR (self.dir/t) have room for 64 bytes of path.
+        if self.tls:
+            return self.name + "-tls"
         return self.name if self.profile == "device" else self.name + "-std"
 
     def start(self):
@@ -250,14 +262,22 @@ class Vsftpd(Server):
     about = "vsftpd (Debian's package, ASCII conversion switched on)"
     mlsd = False
 
-    def __init__(self, work, share):
+    def __init__(self, work, share, tls=None):
         super().__init__(work, share)
         self.user, self.password = "anonymous", "bench@"
-        self.conf = os.path.join(work, "vsftpd.conf")
+        self.tls = tls
+        self.conf = os.path.join(work, self.tag + ".conf")
+        # With tls, (certificate, key): TLS as this daemon's [tls] defaults have it, logins only
+        # after AUTH TLS, data connections that resume the control connection's session (its
+        # default), plain data connections allowed. Its TLS versions are the library's defaults
+        # (the configuration names none above TLS 1.0).
+        secure = ["ssl_enable=YES", "rsa_cert_file=%s" % tls[0], "rsa_private_key_file=%s" % tls[1],
+                  "allow_anon_ssl=YES", "force_anon_logins_ssl=YES", "force_anon_data_ssl=NO",
+                  "require_ssl_reuse=YES"] if tls else []
         # Anonymous sessions: the cheapest login the peer has, against the daemon's own user table.
         # ASCII conversion is switched on so that TYPE A does the same work as this daemon does.
         with open(self.conf, "w") as f:
-            f.write("\n".join([
+            f.write("\n".join(secure + [
                 "listen=YES", "listen_ipv6=NO", "listen_address=127.0.0.1", "listen_port=%d" % self.port,
                 "background=NO", "anonymous_enable=YES", "no_anon_password=YES", "local_enable=NO",
                 "anon_root=%s" % share, "write_enable=YES", "anon_upload_enable=YES",
@@ -265,6 +285,10 @@ class Vsftpd(Server):
                 "ascii_upload_enable=YES", "ascii_download_enable=YES", "dirmessage_enable=NO",
                 "xferlog_enable=NO", "pasv_enable=YES", "max_clients=0", "max_per_ip=0",
                 "seccomp_sandbox=NO", ""]))
+
+    @property
+    def tag(self):
+        return self.name + "-tls" if self.tls else self.name
 
     def start(self):
         self.spawn(["vsftpd", self.conf])
@@ -334,31 +358,44 @@ def bench_wants(args, key):
     return not args.tests or key in args.tests.split(",")
 
 
+def figure(word):
+    """A value of the client's "key=value" words: a number, or a name (a TLS version, a cipher)."""
+    try:
+        return float(word)
+    except ValueError:
+        return word
+
+
 class Bench:
-    def __init__(self, args, standard=None):
+    def __init__(self, args, standard=None, tls=()):
         self.args = args
         self.client = os.path.join(args.client_build, "ftpbench")
         self.results = {}  # (test, server) -> dict of metric -> list
         # This daemon in the standard profile, which stands in for it where the device profile
         # has no such command (MLSD, REST).
         self.standard = standard
+        # The instances that serve FTPS, which stand in for their servers in the TLS rows.
+        self.tls = tls
+        self.negotiated = {}  # server -> what its TLS data connections used
 
-    def run_client(self, server, *argv, timeout=600):
-        cmd = [self.client, argv[0], str(server.port), server.user, server.password, *map(str, argv[1:])]
+    def run_client(self, server, *argv, timeout=600, tls=False):
+        op = (["--tls"] if tls else []) + [argv[0]]
+        rest = [str(x) for x in argv[1:]]
+        cmd = [self.client, *op, str(server.port), server.user, server.password, *rest]
         r = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
         if r.returncode != 0:
-            raise RuntimeError("%s %s: %s" % (server.name, " ".join(cmd[1:2] + cmd[5:]), r.stderr.strip()))
-        return {k: float(v) for k, v in (w.split("=") for w in r.stdout.split())}
+            raise RuntimeError("%s %s: %s" % (server.name, " ".join(op + rest), r.stderr.strip()))
+        return {k: figure(v) for k, v in (w.split("=", 1) for w in r.stdout.split())}
 
     def record(self, test, server, **metrics):
         row = self.results.setdefault((test, server.name), {})
         for k, v in metrics.items():
             row.setdefault(k, []).append(v)
 
-    def measured(self, server, *argv):
+    def measured(self, server, *argv, tls=False):
         server.settle()
         c0 = server.cpu()
-        out = self.run_client(server, *argv)
+        out = self.run_client(server, *argv, tls=tls)
         server.settle()
         out["cpu"] = server.cpu() - c0
         return out
@@ -372,8 +409,12 @@ class Bench:
     def standard_servers(self, servers):
         return [self.standard if self.standard and s.name == self.standard.name else s for s in servers]
 
-    def transfer(self, test, op, type_, path, size, servers, reps, offset=0):
-        """size counts the bytes sent: for a RETR from offset, those after it."""
+    def tls_servers(self, servers):
+        return [t for s in servers for t in self.tls if t.name == s.name]
+
+    def transfer(self, test, op, type_, path, size, servers, reps, offset=0, tls=False):
+        """size counts the bytes sent: for a RETR from offset, those after it. With tls, over
+        protected connections."""
         def one(s):
             if op == "stor":
                 # Each server writes its own file, and as a new one: an anonymous session of
@@ -384,14 +425,19 @@ class Bench:
                     os.unlink(os.path.join(s.share, name))
                 except FileNotFoundError:
                     pass
-                out = self.measured(s, "stor", type_, name, size)
+                out = self.measured(s, "stor", type_, name, size, tls=tls)
             elif offset:
                 out = self.measured(s, "retr", type_, path, offset)
                 if out["bytes"] != size:
                     raise RuntimeError("%s sent %d bytes after REST %d, not %d"
                                        % (s.name, out["bytes"], offset, size))
             else:
-                out = self.measured(s, "retr", type_, path)
+                out = self.measured(s, "retr", type_, path, tls=tls)
+                # A TLS download that ended early without close_notify would pass for a fast one.
+                if tls and out["bytes"] != size:
+                    raise RuntimeError("%s sent %d bytes, not %d" % (s.name, out["bytes"], size))
+            if "protocol" in out:
+                self.negotiated[s.name] = "%s %s" % (out["protocol"], out["cipher"])
             if record:
                 self.record(test, s, mibs=size / MIB / out["seconds"], cpu_gib=out["cpu"] / (size / GIB))
         # One unrecorded round first: the first transfers of a run were the slowest ones.
@@ -417,15 +463,30 @@ class Bench:
             self.transfer("RETR 256 MiB ASCII", "retr", "A", "text.txt", 256 * MIB, servers, reps)
         if self.wanted("astor"):
             self.transfer("STOR 256 MiB ASCII", "stor", "A", "up/stor-%s.txt", 256 * MIB, servers, reps)
-        if not self.wanted("logins"):
-            return self.run_rest(servers, reps)
-
         def logins(s):
             out = self.measured(s, "logins", 19, a.login_seconds)
             self.record("19 clients connect+USER+PASS+QUIT", s, rate=out["rate"],
                         cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1), failed=out["failed"])
-        self.interleave(servers, max(3, reps // 2), logins)
-        return self.run_rest(servers, reps)
+        if self.wanted("logins"):
+            self.interleave(servers, max(3, reps // 2), logins)
+        self.run_rest(servers, reps)
+        self.run_tls(servers, reps)
+
+    def run_tls(self, servers, reps):
+        """The FTPS rows, on the instances that serve it."""
+        a = self.args
+        tls = self.tls_servers(servers)
+        if self.wanted("tretr"):
+            self.transfer(TLS_RETR, "retr", "I", "big.bin", GIB, tls, reps, tls=True)
+        if self.wanted("tstor"):
+            self.transfer(TLS_STOR, "stor", "I", "up/tstor-%s.bin", GIB, tls, reps, tls=True)
+
+        def handshakes(s):
+            out = self.measured(s, "handshakes", 19, a.login_seconds)
+            self.record(TLS_LOGINS, s, rate=out["rate"], cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1),
+                        failed=out["failed"])
+        if self.wanted("thandshake"):
+            self.interleave(tls, max(3, reps // 2), handshakes)
 
     def run_rest(self, servers, reps):
         def mretr(s):
@@ -513,8 +574,9 @@ def table(bench, servers):
             vals = [median(bench.results.get((test, n), {}).get(m, [])) for n in names]
             # n/a: the server does not serve the command (vsftpd has no MLSD).
             cells = ["n/a" if v != v else "%.3g" % v if v < 100 else "%.0f" % v for v in vals]
-            if m == "rate" and len(peers) > 1:
-                # The peers differ most in logins: the fastest of them is set in bold.
+            if m == "rate" and sum(v == v for v in vals[1:]) > 1:
+                # The peers differ most in logins: the fastest of them is set in bold (among two
+                # or more: only vsftpd is measured over TLS).
                 best = max(range(1, len(vals)), key=lambda i: vals[i] if vals[i] == vals[i] else -1)
                 cells[best] = "**%s**" % cells[best]
             ratios = []
@@ -544,6 +606,9 @@ TARGETS = [
     (MLSD_DISK, "ms", "ratio <= 1.0", "LIST of %d entries (disk)" % LIST_ENTRIES),
     (MLSD_DISK, "ms", "ratio <= 1.0", BEST),
     ("RETR 1 GiB binary after REST 512 MiB", "mibs", "ratio >= 1.0", BEST),
+    (TLS_RETR, "mibs", "ratio >= 1.0"), (TLS_RETR, "cpu_gib", "ratio <= 1.0"),
+    (TLS_STOR, "mibs", "ratio >= 1.0"), (TLS_STOR, "cpu_gib", "ratio <= 1.0"),
+    (TLS_LOGINS, "rate", "ratio >= 1.0"),
 ]
 
 
@@ -588,7 +653,22 @@ def targets(bench, servers):
     return "\n".join(lines)
 
 
-def write_doc(path, text, args, servers, left_out, load, goals):
+def tls_path():
+    """Which record layer this daemon's TLS connections use on this machine."""
+    if os.path.exists(KTLS_STAT):
+        return "TLS: kernel TLS available (%s): this daemon lets the kernel carry its records" % KTLS_STAT
+    return "TLS: user-space record layer (this kernel offers no kernel TLS: no %s)" % KTLS_STAT
+
+
+def tls_note(bench):
+    """The line above the table on the TLS rows: the record layer, and what was negotiated."""
+    if not bench.negotiated:
+        return ""
+    used = "; ".join("%s %s" % (n, v) for n, v in sorted(bench.negotiated.items()))
+    return "%s. Data connections negotiated: %s." % (tls_path(), used)
+
+
+def write_doc(path, text, args, servers, left_out, load, goals, tls_line=""):
     with open("/proc/cpuinfo") as f:
         model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
     how = ("its cpuacct control group, so every process it forked counts"
@@ -615,6 +695,7 @@ def write_doc(path, text, args, servers, left_out, load, goals):
         "comparison fair, not exact."
         % (os.cpu_count(), model, load, "%.1f" % os.getloadavg()[0])])
     missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
+    tls_line = textwrap.fill(tls_line, 96) + "\n\n" if tls_line else ""
     doc = f"""# Performance
 
 {intro}
@@ -622,7 +703,7 @@ def write_doc(path, text, args, servers, left_out, load, goals):
 To reproduce: `make bench` (as root; it installs the peers through bench/setup.sh), or
 `python3 bench/run.py --build BUILD_DIR` after a build.
 
-{text}
+{tls_line}{text}
 
 {goals}
 
@@ -638,6 +719,16 @@ they measure as well (its listings are staged whole before the data connection o
 uploads go through a hidden file that is renamed over the target). vsftpd does not serve MLSD
 (n/a); pure-ftpd and proftpd do, and their MLSD listings carry every entry (theirs with `.`
 and `..` besides).
+
+The TLS rows are explicit FTPS (AUTH TLS, PBSZ 0, PROT P; every data connection resumes the
+control connection's TLS session, which both servers require by default) with a self-signed
+RSA 2048 certificate that the run makes, against a third instance of this daemon in the
+standard profile with a `[tls]` section (its defaults: logins only over TLS, data connections
+must resume) and a second vsftpd with `ssl_enable=YES`, `allow_anon_ssl=YES` and
+`force_anon_logins_ssl=YES` (its `require_ssl_reuse` left at YES). The client is the same
+OpenSSL one for both and takes what each server chooses. pure-ftpd and proftpd are not
+measured over TLS (n/a). "TLS handshakes+logins" is 19 clients that each connect, AUTH TLS,
+handshake, USER, PASS and QUIT in a loop.
 
 Every upload writes a new file: the server's previous upload is deleted before each
 measurement, outside the timed part. Binary uploads are bound by the kernel's copy of the
@@ -659,8 +750,8 @@ def main():
     p.add_argument("--login-seconds", type=float, default=3.0)
     p.add_argument("--only", default="", help="comma-separated server names (default: all)")
     p.add_argument("--tests", default="",
-                   help="comma-separated subset of retr,rretr,stor,aretr,astor,logins,mretr,list,mlsd,rss "
-                   "(default: all)")
+                   help="comma-separated subset of retr,rretr,stor,aretr,astor,logins,mretr,list,mlsd,rss,"
+                   "tretr,tstor,thandshake (default: all)")
     p.add_argument("--doc", default=os.path.join(ROOT, "docs", "performance.md"))
     p.add_argument("--no-doc", action="store_true")
     args = p.parse_args()
@@ -704,15 +795,34 @@ def main():
             standard = Ftps(disk, share, args.build, profile="standard")
             instances.append(standard)
             standard.start()
-        bench = Bench(args, standard)
+        # FTPS: an instance of this daemon and of vsftpd each, with one certificate for both.
+        tls = []
+        if any(bench_wants(args, t) for t in ("tretr", "tstor", "thandshake")):
+            cert = (os.path.join(disk, "cert.pem"), os.path.join(disk, "key.pem"))
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30",
+                            "-subj", "/CN=localhost", "-out", cert[0], "-keyout", cert[1]],
+                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            for s in servers:
+                if s.name == "ftps":
+                    tls.append(Ftps(disk, share, args.build, profile="standard", tls=cert))
+                elif s.name == "vsftpd":
+                    tls.append(Vsftpd(disk, share, tls=cert))
+            for t in tls:
+                instances.append(t)
+                t.start()
+            print(tls_path(), flush=True)
+        bench = Bench(args, standard, tls)
         print("measuring ...", flush=True)
         bench.run(servers, share)
         text = table(bench, servers)
+        tls_line = tls_note(bench)
+        if tls_line:
+            print(tls_line)
         print(text)
+        goals = targets(bench, servers)
+        print(goals)
         if not args.no_doc:
-            goals = targets(bench, servers)
-            print(goals)
-            write_doc(args.doc, text, args, servers, left_out, load, goals)
+            write_doc(args.doc, text, args, servers, left_out, load, goals, tls_line)
             print("written to %s" % os.path.relpath(args.doc, ROOT))
     finally:
         for s in servers + instances:

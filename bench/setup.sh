@@ -46,6 +46,10 @@ if ! command -v vsftpd >/dev/null 2>&1 && [ ! -x /usr/sbin/vsftpd ]; then
 fi
 # Its sessions change root into an empty directory that the package normally makes.
 mkdir -p /var/run/vsftpd/empty
+# The TLS measurements' self-signed certificate is made with the openssl command.
+if ! command -v openssl >/dev/null 2>&1; then
+    apt_retry apt-get install -y --no-install-recommends openssl
+fi
 
 # Unpacks PACKAGE under $PEERS/PACKAGE unless BINARY is already there (or the peer is installed
 # as a package anyway), and installs the libraries it depends on.
