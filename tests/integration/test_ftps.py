@@ -191,7 +191,7 @@ class RequiredLogin(TlsDaemonCase):
             with open(os.path.join(tree, rel), "wb") as f:
                 f.write(os.urandom(size))
         want = snapshot(tree)
-        lftp_tls = "set ssl:verify-certificate no; set ftp:ssl-force true; set ftp:ssl-protect-data true; "
+        lftp_tls = "set ssl:verify-certificate no; set ftp:ssl-force true; "
         for family, host in FAMILIES:
             url_host = "[%s]" % host if ":" in host else host
             with self.subTest(client="lftp", family=family):
@@ -207,6 +207,8 @@ class RequiredLogin(TlsDaemonCase):
                 got = self.run_client([clients.binary("curl"), "-sS", "-k", "--ssl-reqd", url]).stdout
                 with open(src, "rb") as f:
                     self.assertEqual(got, f.read())
+                listing = self.run_client([clients.binary("curl"), "-sS", "-k", "--ssl-reqd", url.rsplit("/", 1)[0] + "/"])
+                self.assertIn(("curl-%s.bin" % family).encode(), listing.stdout)
             with self.subTest(client="rclone", family=family):
                 conf = os.path.join(self.work, "rclone.conf")
                 obscured = self.run_client([clients.binary("rclone"), "obscure", PASSWORD]).stdout.decode().strip()
