@@ -108,23 +108,16 @@ class TlsDaemonCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.work = tempfile.mkdtemp(prefix="ftps-tls")
+        cls.addClassCleanup(shutil.rmtree, cls.work, True)
         cls.cert, cls.key = make_certificate(cls.work, "server")
         extra = {"ftp.profile": "standard", "tls.certificate": cls.cert, "tls.key": cls.key}
         extra.update(cls.tls_settings)
         cls.d = Daemon(extra_platform=extra, startup=["ftp-server username alice password secret1",
                                                       "ftp-server max-user-connect 20"])
-        try:
-            cls.d.start()
-            assert cls.d.cli("debug ftp-server pro")[0] == 0
-        except BaseException:
-            cls.d.cleanup()
-            shutil.rmtree(cls.work, ignore_errors=True)
-            raise
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.work, ignore_errors=True)
-        cls.d.stop_checked()
+        # Also after a failed start: the daemon's exit status is checked and its files go.
+        cls.addClassCleanup(cls.d.stop_checked)
+        cls.d.start()
+        assert cls.d.cli("debug ftp-server pro")[0] == 0
 
     def run_client(self, argv, **kw):
         try:
