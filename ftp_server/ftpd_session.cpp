@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -586,6 +587,16 @@ void run_session(session &s, int contrl_type, const struct ftp_connect_addr *def
 
 }  // namespace
 
+namespace {
+// Session threads, and those of them serving commands: the others are starting or ending.
+std::atomic<int> g_session_threads{0};
+std::atomic<int> g_serving{0};
+}  // namespace
+
+int ftp_session_threads_ending(void) {
+    return g_session_threads.load() - g_serving.load();
+}
+
 void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp_connect_addr *def_addr) {
     FTPD_LOG_PRO("ftp user connected. control fd[%d] domain fd[%d].\n", control_fd, domain_fd);
     session s;
@@ -601,7 +612,9 @@ void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp
     s.read_buff = s.whole_buff.get() + FTP_BUF_SIZE;
     s.reply_buff = s.read_buff;
 
+    g_serving.fetch_add(1);
     run_session(s, contrl_type, def_addr);
+    g_serving.fetch_sub(1);
 
     // End sequence: every way out of the loop comes here. The counted steps run first; the
     // owners then give back the waiter, the command buffers and the record.
@@ -611,6 +624,7 @@ void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp
 }
 
 void *ftp_connect_thread(void *arg) {
+    g_session_threads.fetch_add(1);
     auto *info = static_cast<struct ftp_connect_info *>(arg);
     prctl(PR_SET_NAME, "ftps_connect", 0, 0, 0);
     FTPD_LOG_PRO("%s \n", __func__);
@@ -626,5 +640,9 @@ void *ftp_connect_thread(void *arg) {
     ioctl(info->fd, FIONBIO, &on);
     close(info->fd);
     ftpd_free(FTPD_M_INFO, info);
+    // The TLS library's state of this thread goes now, not in a destructor after the thread's
+    // last step, which a process ending at that moment would cut short.
+    ftp_tls_thread_end();
+    g_session_threads.fetch_sub(1);
     return nullptr;
 }

@@ -4,6 +4,8 @@
 #include "ftpd.h"
 
 void *ftp_connect_thread(void *info);
+// Session threads starting or ending (not serving commands): what a shutdown lets finish.
+int ftp_session_threads_ending(void);
 void ftp_server(int control_fd, int domain_fd, int contrl_type, const struct ftp_connect_addr *def_addr);
 int init_cred(struct credentials *pcred, int contrl_type);
 void clear_cred(struct credentials *pcred);

@@ -20,6 +20,7 @@
 #include "ftpd_login.h"
 #include "ftpd_main.h"
 #include "ftpd_security.h"
+#include "ftpd_session.h"
 #include "ftpd_settings.h"
 #include "ftpd_tech.h"
 #include "ftpd_testhooks.h"
@@ -239,6 +240,9 @@ shutdown1:
     zq_thread_master_finish(master);
 shutdown2:
     if (listener_started) pthread_cancel(listener);
+    // Sessions that are ending (a QUIT just answered) finish their last step, for at most a
+    // second; sessions still serving are not waited for.
+    for (int i = 0; i < 100 && ftp_session_threads_ending() > 0; i++) usleep(10 * 1000);
 shutdown3:
     app_public_instance_deinit(&init);
     ftp_server_exit();

@@ -57,5 +57,7 @@ int ftp_tls_finish(ftp_tls *t, int timeout_ms);
 // Sends the closing alert when it goes out at once, and frees the state; the descriptor stays
 // open. nullptr is accepted.
 void ftp_tls_free(ftp_tls *t);
+// Releases what the TLS library keeps for the calling thread (a session thread's last step).
+void ftp_tls_thread_end(void);
 // Negotiated protocol version, e.g. "TLSv1.3", for the debug log.
 const char *ftp_tls_version(const ftp_tls *t);

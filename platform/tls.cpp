@@ -3,6 +3,7 @@
 // on non-blocking descriptors, and the count of the library's allocations.
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -390,6 +391,10 @@ void ftp_tls_free(ftp_tls *t) {
     }
     ERR_clear_error();
     delete t;
+}
+
+void ftp_tls_thread_end(void) {
+    OPENSSL_thread_stop();
 }
 
 const char *ftp_tls_version(const ftp_tls *t) {
