@@ -129,9 +129,14 @@ class ServiceTest(DaemonTestCase):
 
     def test_sighup_reopens_the_log_file_and_changes_nothing_else(self):
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
-        # A session writes process lines, so the log file exists whatever the tests before did.
-        RawClient(self.d.port).close()
-        self.assertTrue(wait_until(lambda: os.path.exists(self.d.log), timeout=START_WAIT))
+        # A whole session writes process lines, so the log file exists whatever the tests before
+        # did; it has ended before the file is moved away.
+        ends = self.d.logtext().count("FTP_SERVER_END")
+        c = RawClient(self.d.port)
+        c.reply()
+        c.cmd("QUIT")
+        c.close()
+        self.assertTrue(wait_until(lambda: self.d.logtext().count("FTP_SERVER_END") > ends, timeout=START_WAIT))
         rotated = self.d.log + ".1"
         os.rename(self.d.log, rotated)
         self.d.proc.send_signal(signal.SIGHUP)
