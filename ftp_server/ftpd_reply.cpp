@@ -3,7 +3,6 @@
 // traced. A reply that does not fit is refused whole, never truncated.
 #include "ftpd_reply.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -28,23 +27,7 @@ ssize_t send_protected(int fd, const char *buf, size_t len) {
     struct timeval tv {};
     socklen_t tl = sizeof tv;
     int ms = getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, &tl) == 0 ? static_cast<int>(tv.tv_sec * 1000) : 0;
-    if (ms <= 0) ms = 1000;
-    size_t done = 0;
-    while (done < len) {
-        ssize_t n = ftp_tls_write(tls_state, buf + done, len - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-            continue;
-        }
-        if (n == 0 || errno != EAGAIN) return -1;
-        struct pollfd p {};
-        p.fd = fd;
-        p.events = ftp_tls_wants_write(tls_state) ? POLLOUT : POLLIN;
-        int r = poll(&p, 1, ms);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return -1;
-    }
-    return static_cast<ssize_t>(done);
+    return ftp_tls_write_all(tls_state, buf, len, ms) == 0 ? static_cast<ssize_t>(len) : -1;
 }
 
 enum class fill_result { ok, too_long, bad_args };

@@ -315,6 +315,23 @@ bool command_rest(session &s) {
     return reply(s, text) >= 0;
 }
 
+// AUTH, PBSZ and PROT: 502 as on the device unless TLS is configured.
+bool tls_command(session &s) {
+    if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
+    if (s.cmd == FTP_CMD_PBSZ) {
+        ftpd_command_pbsz(s.control_fd, s.data_buff, &s.pcred);
+    } else if (s.cmd == FTP_CMD_PROT) {
+        ftpd_command_prot(s.control_fd, s.data_buff, &s.pcred);
+    } else {
+        // SECURITY: what followed AUTH in the same segment was sent in clear text and is never
+        // taken as a protected command.
+        s.inlen = 0;
+        s.discarding = false;
+        return ftpd_command_auth(s.control_fd, s.data_buff, &s.pcred, s.epoll->timeout);
+    }
+    return true;
+}
+
 // The commands only the standard profile serves; the others answer 502 as on the device.
 bool dispatch_standard(session &s) {
     struct credentials *pcred = &s.pcred;
@@ -350,20 +367,9 @@ bool dispatch_standard(session &s) {
         case FTP_CMD_MLST:
             return command_mlst(fd, s.data_buff, s.currentdir, pcred) == 0;
         case FTP_CMD_AUTH:
-            if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
-            // SECURITY: what followed AUTH in the same segment was sent in clear text and is
-            // never taken as a protected command.
-            s.inlen = 0;
-            s.discarding = false;
-            return ftpd_command_auth(fd, s.data_buff, pcred, s.epoll->timeout);
         case FTP_CMD_PBSZ:
-            if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
-            ftpd_command_pbsz(fd, s.data_buff, pcred);
-            return true;
         case FTP_CMD_PROT:
-            if (!ftp_tls_enabled()) return reply(s, FTP_REPLY_502) >= 0;
-            ftpd_command_prot(fd, s.data_buff, pcred);
-            return true;
+            return tls_command(s);
         default:
             return reply(s, FTP_REPLY_502) >= 0;
     }

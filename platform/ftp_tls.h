@@ -44,6 +44,8 @@ int ftp_tls_bind_login(ftp_tls *t, const char *user);
 ssize_t ftp_tls_read(ftp_tls *t, void *buf, size_t len);
 ssize_t ftp_tls_write(ftp_tls *t, const void *buf, size_t len);
 bool ftp_tls_wants_write(const ftp_tls *t);
+// All len bytes on a non-blocking descriptor, waiting for room until timeout_ms in all: 0, or -1.
+int ftp_tls_write_all(ftp_tls *t, const void *buf, size_t len, int timeout_ms);
 // Whether the kernel encrypts what is sent (kernel TLS): a file can then go out by
 // ftp_tls_sendfile, without a copy through the daemon. Results as ftp_tls_write.
 bool ftp_tls_kernel_send(const ftp_tls *t);

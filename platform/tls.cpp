@@ -313,6 +313,21 @@ ssize_t ftp_tls_write(ftp_tls *t, const void *buf, size_t len) {
     return r;
 }
 
+int ftp_tls_write_all(ftp_tls *t, const void *buf, size_t len, int timeout_ms) {
+    long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 1000);
+    const char *p = static_cast<const char *>(buf);
+    while (len > 0) {
+        ssize_t n = ftp_tls_write(t, p, len);
+        if (n > 0) {
+            p += n;
+            len -= static_cast<size_t>(n);
+        } else if (errno != EAGAIN || !wait_until(SSL_get_fd(t->ssl), t->want_write, deadline)) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
 bool ftp_tls_kernel_send(const ftp_tls *t) {
     return BIO_get_ktls_send(SSL_get_wbio(t->ssl)) != 0;
 }
