@@ -205,7 +205,7 @@ int init_event_services(struct zq_thread_master *master) {
 
 int main(int argc, char **argv) {
     // Before anything can use the TLS library: its allocations are counted only from its first.
-    ftp_tls_count_memory();
+    ftp_tls_process_start();
     if (!take_arguments(argc, argv)) return 0;
 
     struct app_init_s init;

@@ -12,8 +12,9 @@ enum platform_tls_require_e {
     PLATFORM_TLS_REQUIRE_ALL = 2,    // and every data connection protected
 };
 
-// Counts OpenSSL's allocations; effective only when called before the library's first use.
-void ftp_tls_count_memory(void);
+// Before the library's first use: counts OpenSSL's allocations, and keeps the library from
+// tearing down its global state at process exit, which session threads may still be using.
+void ftp_tls_process_start(void);
 // Allocations, failed allocations and releases of the TLS library so far.
 void ftp_tls_memory(unsigned *allocs, unsigned *fails, unsigned *frees);
 

@@ -201,8 +201,11 @@ ssize_t io_result(ftp_tls *t, int rc) {
 
 }  // namespace
 
-void ftp_tls_count_memory(void) {
+void ftp_tls_process_start(void) {
     (void)CRYPTO_set_mem_functions(count_malloc, count_realloc, count_free);
+    // The daemon does not wait for serving sessions when it ends; the library's exit handler
+    // would free locks and tables under them. The process's end gives everything back.
+    (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 }
 
 void ftp_tls_memory(unsigned *allocs, unsigned *fails, unsigned *frees) {
