@@ -204,7 +204,8 @@ int init_event_services(struct zq_thread_master *master) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    // Before anything can use the TLS library: its allocations are counted only from its first.
+    // Before anything can use the TLS library: its allocations are counted, and its exit handler
+    // kept off, only from its first use.
     ftp_tls_process_start();
     if (!take_arguments(argc, argv)) return 0;
 
