@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "cli_internal.h"
-#include "ftpd.h"
-#include "ftpd_cli.h"
+#include "base/ftpd.h"
+#include "admin/admin.h"
 
 namespace {
 

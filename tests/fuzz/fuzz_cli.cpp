@@ -9,10 +9,10 @@
 
 #include "cli.h"
 #include "cli_internal.h"
-#include "ftpd.h"
-#include "ftpd_cli.h"
-#include "ftpd_settings.h"
-#include "ftpd_users.h"
+#include "base/ftpd.h"
+#include "admin/admin.h"
+#include "base/settings.h"
+#include "base/users.h"
 #include "login_pwd.h"
 #include "platform_conf.h"
 

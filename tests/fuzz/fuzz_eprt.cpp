@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ftpd.h"
-#include "ftpd_data.h"
+#include "base/ftpd.h"
+#include "data/dataconn.h"
 
 namespace {
 int ctl[2] = {-1, -1};

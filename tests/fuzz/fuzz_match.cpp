@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ftpd.h"
-#include "ftpd_list.h"
+#include "base/ftpd.h"
+#include "transfer/list.h"
 
 namespace {
 char *copy_of(const uint8_t *p, size_t n) {

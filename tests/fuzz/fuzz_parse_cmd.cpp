@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ftpd.h"
-#include "ftpd_parser.h"
+#include "base/ftpd.h"
+#include "control/parser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The control loop receives at most FTP_BUF_SIZE - 1 bytes and terminates them.

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "ftpd.h"
-#include "ftpd_path.h"
+#include "base/ftpd.h"
+#include "files/path.h"
 #include "platform_conf.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ftpd.h"
-#include "ftpd_data.h"
+#include "base/ftpd.h"
+#include "data/dataconn.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "ftpd.h"
-#include "ftpd_parser.h"
-#include "ftpd_security.h"
+#include "base/ftpd.h"
+#include "control/parser.h"
+#include "login/security.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static bool once = [] {

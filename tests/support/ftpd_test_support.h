@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "ftpd.h"
+#include "base/ftpd.h"
 
 // A private directory below the system's temporary area, removed with its contents at the end.
 class ftpd_temp_tree {

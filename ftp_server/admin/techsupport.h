@@ -1,0 +1,12 @@
+// The tech-support hook and the authentication-failure trap.
+#pragma once
+
+#include "base/ftpd.h"
+
+int ftp_trap_init(struct zq_thread_master *master);
+void ftp_authen_trap_reg(void);
+void ftp_authen_trap_send(void);
+int ftpd_tech_init(struct zq_thread_master *master);
+int _ftpd_tech_hook(int kind, void *arg);
+void _ftpd_tech_detail(void);
+int ftpd_tech_printf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -1,0 +1,111 @@
+// User table and connection slots: table bounds, slot claiming and reuse, the per-user limit, and
+// removing a user while its sessions live.
+#include "base/users.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "base/ftpd.h"
+#include "control/listener.h"
+#include "ftpd_test_support.h"
+#include "login_pwd.h"
+
+namespace {
+
+using session = ftpd_named_session;
+
+long outstanding_slots() {
+    ftpd_mem_t m = ftpd_mem_get(FTPD_M_USER_CNT);
+    return static_cast<long>(m.allocs) - static_cast<long>(m.deallocs);
+}
+
+class UsersTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ftp_userinfo_init();
+        login_set_service_pwd_encrypt(0);
+        ftpd_user_max_connect = FTP_DEF_USER_CONNECT;
+        base_slots_ = outstanding_slots();
+    }
+    void TearDown() override {
+        for (auto &row : gb_usinfo) {
+            if (row.use_flag == 1) unset_ftp_server_userinfo(std::string(row.username).c_str());
+        }
+        login_set_service_pwd_encrypt(0);
+        EXPECT_EQ(outstanding_slots(), base_slots_) << "slots leaked";
+    }
+    long base_slots_ = 0;
+};
+
+TEST_F(UsersTest, TableHoldsTenUsersWithinNameAndPasswordBounds) {
+    const std::string n64(64, 'n'), n65(65, 'n'), p52(52, 'p'), p53(53, 'p');
+    const struct {
+        std::string name, password;
+        int rc;
+    } adds[] = {
+        {n64, p52, 0}, {n65, "pw", 3}, {"short", p53, 3}, {"", "pw", 3}, {"short", "", 3}, {n64, "other", 4},
+    };
+    for (const auto &a : adds)
+        EXPECT_EQ(set_ftp_server_userinfo(a.name.c_str(), a.password.c_str(), nullptr, 0), a.rc) << a.name.size();
+    for (int i = 1; i < FTP_MAX_USERS; i++)
+        ASSERT_EQ(set_ftp_server_userinfo(("user" + std::to_string(i)).c_str(), "pw", nullptr, 0), 0);
+    EXPECT_EQ(set_ftp_server_userinfo("user10", "pw", nullptr, 0), 2);
+    // A freed row is taken again, the lowest first.
+    ASSERT_EQ(unset_ftp_server_userinfo("user3"), 0);
+    ASSERT_EQ(set_ftp_server_userinfo("user10", "pw", nullptr, 0), 0);
+    EXPECT_STREQ(gb_usinfo[3].username, "user10");
+    EXPECT_EQ(unset_ftp_server_userinfo(n65.c_str()), 3);
+    EXPECT_EQ(unset_ftp_server_userinfo("nobody"), 5);
+}
+
+// The limit itself, the user's name and password reaching the session, and failed slot
+// allocations: the session and fault-injection integration tests.
+TEST_F(UsersTest, SessionsClaimTheLowestFreeSlotUpToTheLimit) {
+    ASSERT_EQ(set_ftp_server_userinfo("alice", "secret", nullptr, 0), 0);
+    session s[11];
+    for (int i = 0; i < 10; i++) ASSERT_EQ(ftp_set_userinfo_connect("alice", &s[i].cred), 0);
+    EXPECT_EQ(s[1].cred.cnt_index, 1);
+    EXPECT_EQ(ftp_set_userinfo_connect("alice", &s[10].cred), 2);
+    EXPECT_EQ(s[10].cred.cnt_index, -1);
+
+    ASSERT_EQ(ftp_set_userinfo_disconnect(&s[6].cred), 0);
+    ASSERT_EQ(ftp_set_userinfo_connect("alice", &s[10].cred), 0);
+    EXPECT_EQ(s[10].cred.cnt_index, 6);
+    for (int i = 0; i < 11; i++) {
+        if (i == 6) continue;
+        EXPECT_EQ(ftp_set_userinfo_disconnect(&s[i].cred), 0) << i;
+    }
+    EXPECT_EQ(gb_usinfo[0].connect_num, 0);
+    EXPECT_EQ(ftp_set_userinfo_disconnect(&s[0].cred), -1);  // no connection left
+    session stranger;
+    EXPECT_EQ(ftp_set_userinfo_connect("bob", &stranger.cred), 5);
+}
+
+TEST_F(UsersTest, RemovingUserWithLiveSessionsFreesSlotsAndLaterDisconnectsFailHarmlessly) {
+    ASSERT_EQ(set_ftp_server_userinfo("alice", "secret", nullptr, 0), 0);
+    session a, b;
+    ASSERT_EQ(ftp_set_userinfo_connect("alice", &a.cred), 0);
+    ASSERT_EQ(ftp_set_userinfo_connect("alice", &b.cred), 0);
+    ASSERT_EQ(unset_ftp_server_userinfo("alice"), 0);
+    EXPECT_EQ(outstanding_slots(), base_slots_);
+    EXPECT_EQ(ftp_set_userinfo_disconnect(&a.cred), -1);
+    a.cred.pdata = 5;
+    EXPECT_EQ(ftp_set_userinfo_update(&a.cred), -1);
+
+    // Re-added under the same name, a stale session finds the row but no slot of its own.
+    ASSERT_EQ(set_ftp_server_userinfo("alice", "secret", nullptr, 0), 0);
+    EXPECT_EQ(ftp_set_userinfo_update(&b.cred), -1);
+    EXPECT_EQ(ftp_set_userinfo_disconnect(&b.cred), -1);
+}
+
+TEST(SingleUserTest, PasswordTooLongReturnsItsLengthAndStoresNothing) {
+    ASSERT_EQ(set_ftp_server_password("first", nullptr, 0), 0);
+    std::string p60(60, 'x');
+    EXPECT_EQ(set_ftp_server_password(p60.c_str(), nullptr, 7), 60);
+    EXPECT_STREQ(get_ftp_server_password(), "first");
+    EXPECT_EQ(get_ftp_server_passtype(), 7u);  // the type is stored whatever follows
+    EXPECT_EQ(set_ftp_server_password(nullptr, nullptr, 0), 0);
+}
+
+}  // namespace

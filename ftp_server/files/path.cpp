@@ -1,0 +1,203 @@
+// Path rules of the name space: how a client path becomes a path below the virtual root "/",
+// how it is normalised and mapped onto the session's real top directory and back, which system
+// trees stay hidden when the top directory is the device root, and where the server's private
+// temporary files go below TMPDIR. Confinement is purely textual; nothing here touches the
+// process root.
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "app_dbg.h"
+#include "fs_info.h"
+#include "base/ftpd.h"
+#include "files/path.h"
+
+namespace {
+
+// Length of the longest common leading run of a and b.
+size_t common_prefix_len(const char *a, const char *b) {
+    size_t i = 0;
+    while (a[i] != '\0' && a[i] == b[i]) i++;
+    return i;
+}
+
+// True when s begins with the top-level name word followed by the end or a "/".
+bool is_top_component(const char *s, const char *word) {
+    size_t n = strlen(word);
+    return strncmp(s, word, n) == 0 && (s[n] == '\0' || s[n] == '/');
+}
+
+// Appends n bytes of src to buf (holding len bytes, capacity cap); what does not fit is cut, and
+// false tells so.
+bool append_bytes(char *buf, size_t *len, size_t cap, const char *src, size_t n) {
+    if (*len + 1 >= cap) return n == 0;
+    bool fit = n <= cap - 1 - *len;
+    if (!fit) n = cap - 1 - *len;
+    memcpy(buf + *len, src, n);
+    *len += n;
+    buf[*len] = '\0';
+    return fit;
+}
+
+}  // namespace
+
+char *ftpd_rootdir_relative_path(const struct credentials *pcred, const char *current_dir, const char *path,
+                                 char *outpath, int size) {
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    bool fit;
+    // An absolute client path is taken relative to the top directory, never to the device root.
+    if (path[0] == '/') {
+        fit = ftpd_strlcpy(outpath, path, size);
+    } else if (strcmp(root, current_dir) == 0) {
+        fit = ftpd_snprintf(outpath, size, "/%s", path);
+    } else if (strcmp(root, "/") == 0) {
+        fit = ftpd_snprintf(outpath, size, "%s/%s", current_dir, path);
+    } else {
+        // The session keeps the current directory at or below the top directory.
+        const char *rest = current_dir + common_prefix_len(root, current_dir);
+        fit = ftpd_snprintf(outpath, size, "%s/%s", rest, path);
+    }
+    return fit ? outpath : nullptr;
+}
+
+bool ftpd_path_trim(const char *inpath, char *outpath, int size) {
+    if (inpath == nullptr) return false;
+    FTPD_ASSERT_LOG(*inpath == '/', "common_fun");
+    if (size <= 0) return false;
+    ftpd_block scratch(FTPD_M_TMP, static_cast<size_t>(size));
+    if (!scratch) {
+        FTPD_LOG_ERR("%s: malloc fail\n", FTPD_MODULE);
+        return false;
+    }
+    char *out = scratch.get();
+    size_t cap = static_cast<size_t>(size);
+    size_t len = 0;
+    const char *p = inpath;
+    while (*p != '\0') {
+        const char *slash = strchr(p, '/');
+        if (slash != p) {
+            size_t clen = slash != nullptr ? static_cast<size_t>(slash - p) : strlen(p);
+            if (clen == 2 && p[0] == '.' && p[1] == '.') {
+                if (len == 1) {
+                    // ".." at the virtual root is dropped: nothing climbs above the top directory.
+                    p += 2;
+                    continue;
+                }
+                if (len > 0) out[--len] = '\0';
+                char *last = strrchr(out, '/');
+                if (last == nullptr) return false;
+                last[1] = '\0';
+                len = static_cast<size_t>(last + 1 - out);
+                p += 2;
+            } else if (clen == 1 && p[0] == '.') {
+                p += 1;
+            } else {
+                // SECURITY: a name cut short would name another file.
+                if (!append_bytes(out, &len, cap, p, clen)) return false;
+                p += clen;
+            }
+        }
+        if (slash != nullptr) {
+            if ((len == 0 || out[len - 1] != '/') && !append_bytes(out, &len, cap, "/", 1)) return false;
+            p += 1;
+        }
+    }
+    return ftpd_strlcpy(outpath, out, cap);
+}
+
+char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char *inpath, char *outpath, int size) {
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    bool fit;
+    if (strcmp(root, "/") == 0)
+        fit = ftpd_strlcpy(outpath, inpath, size);
+    else
+        fit = ftpd_snprintf(outpath, size, "%s%s", root, inpath);
+    return fit ? outpath : nullptr;
+}
+
+char *ftpd_absolute_to_relative_path(const struct credentials *pcred, const char *current_dir, char *outpath,
+                                     int size) {
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    bool fit;
+    if (strcmp(root, "/") == 0)
+        fit = ftpd_strlcpy(outpath, current_dir, size);
+    else if (strcmp(root, current_dir) == 0)
+        fit = ftpd_strlcpy(outpath, "/", size);
+    else
+        fit = ftpd_strlcpy(outpath, current_dir + common_prefix_len(root, current_dir), size);
+    return fit ? outpath : nullptr;
+}
+
+bool is_access_path(const char *inpath) {
+    // Fetched afresh into a local buffer: the settings' flash-home buffer is process-wide.
+    char flash_dir[FTP_NAME_LEN] = {0};
+    const char *p = inpath;
+    if (fs_get_flash_home(flash_dir, sizeof flash_dir) == 0) {
+        size_t n = strlen(flash_dir);
+        if (strncmp(p, flash_dir, n) == 0) p += n;
+    }
+    if (*p == '/') p++;
+    if (is_top_component(p, "ram")) return false;
+    if (is_top_component(p, "proc")) return false;
+    if (is_top_component(p, "dev")) return false;
+    return true;
+}
+
+char *ftp_make_path(char *path, int path_len, const char *path_suffix) {
+    if (path == nullptr || path_suffix == nullptr) return nullptr;
+    const char *tmpdir = getenv("TMPDIR");
+    if (tmpdir == nullptr) return nullptr;
+    if (path_len <= 0 || strlen(tmpdir) + strlen(path_suffix) >= static_cast<size_t>(path_len)) {
+        FTPD_LOG_ERR("path_len is not enough.\n");
+        return nullptr;
+    }
+    (void)ftpd_strlcpy(path, tmpdir, path_len);
+    const char *last = strrchr(path_suffix, '/');
+    if (last == nullptr) {
+        (void)ftpd_strlcat(path, path_suffix, path_len);
+        return path;
+    }
+    size_t used = strlen(path);
+    // The whole text was measured to fit above.
+    (void)append_bytes(path, &used, static_cast<size_t>(path_len), path_suffix,
+                       static_cast<size_t>(last + 1 - path_suffix));
+    if (mkdir(path, 0777) != 0 && errno != EEXIST) {
+        int err = errno;
+        FTPD_LOG_ERR("Failed to create directory %s, errno=%d, %s.\n", path, err, strerror(err));
+        return nullptr;
+    }
+    (void)ftpd_strlcat(path, last + 1, path_len);
+    return path;
+}
+
+bool is_special_file(const char *dir) {
+    return dir != nullptr && dir[0] == '.';
+}
+
+ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
+                                      char *inpath, char *outpath) {
+    if (ftpd_rootdir_relative_path(pcred, current_dir, arg, inpath, FTP_PATH_HALF) == nullptr)
+        return ftpd_resolve_result::too_long;
+    if (!ftpd_path_trim(inpath, outpath, FTP_PATH_HALF)) return ftpd_resolve_result::trim_failed;
+    if (ftpd_relative_to_absolute_path(pcred, outpath, inpath, FTP_PATH_HALF) == nullptr)
+        return ftpd_resolve_result::too_long;
+    // SECURITY: with the device root as top directory the system trees stay out of reach.
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    if (strcmp(root, "/") == 0 && !is_access_path(inpath)) return ftpd_resolve_result::refused;
+    return ftpd_resolve_result::ok;
+}
+
+bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func) {
+    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    if (strncmp(root, "/mnt/", 5) != 0) return true;
+    FTPD_KEYMSG("%s: To check dir (%s)is mounted.\n", func, root);
+    if (fs_check_mount(root) < 0) {
+        FTPD_KEYMSG("%s: Path %s is not mounted !!\n", func, root);
+        return false;
+    }
+    FTPD_KEYMSG("%s: Check dir mount ok.\n", func);
+    return true;
+}

@@ -1,0 +1,38 @@
+// Path resolution and confinement: every client path below the virtual root "/", normalised and
+// joined to the session's real top directory. A path that does not fit its buffer is refused
+// (nullptr or false), never cut into another name.
+#pragma once
+
+#include "base/ftpd.h"
+
+// Work buffer of the path commands: two 512-byte halves, inpath then outpath.
+#define FTP_PATH_HALF 512
+enum class ftpd_resolve_result {
+    ok,           // inpath holds the real path
+    trim_failed,  // normalisation refused the client path
+    refused,      // top directory "/" and the path lies in a system tree
+    too_long,     // the real path does not fit: no file may be touched under a cut name
+};
+// Runs the resolution sequence on a client argument: inpath and outpath are the two halves of a
+// work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
+[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir,
+                                                    const char *arg, char *inpath, char *outpath);
+// Whether the session's top directory, when it lies below /mnt/, is still mounted.
+bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func);
+// The steps of resolution; each returns nullptr (or false) when its result does not fit.
+// The client path below the virtual root, from the current directory.
+[[nodiscard]] char *ftpd_rootdir_relative_path(const struct credentials *pcred, const char *current_dir,
+                                               const char *path, char *outpath, int size);
+// Normalised: ".", ".." (stopping at the virtual root) and repeated "/" resolved.
+[[nodiscard]] bool ftpd_path_trim(const char *inpath, char *outpath, int size);
+// Joined to the session's real top directory.
+[[nodiscard]] char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char *inpath,
+                                                   char *outpath, int size);
+// A real directory as the client sees it, below the virtual root. The session's current directory
+// (at most 255 characters) always fits the 512-byte buffers its callers use.
+[[nodiscard]] char *ftpd_absolute_to_relative_path(const struct credentials *pcred, const char *current_dir,
+                                                   char *outpath, int size);
+// False for the system trees (proc, dev, ram) below the device root.
+bool is_access_path(const char *inpath);
+// TMPDIR followed by path_suffix, its directory made; nullptr when it cannot be formed.
+[[nodiscard]] char *ftp_make_path(char *path, int path_len, const char *path_suffix);

@@ -1,0 +1,99 @@
+// Path resolution: normalisation, the bounds of client to real path mapping, the system-tree test
+// with the flash home, and temporary paths below TMPDIR.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "fs_info.h"
+#include "base/ftpd.h"
+#include "files/path.h"
+#include "ftpd_test_support.h"
+
+namespace {
+
+// The flash home comes from the platform file: point it at a directory of this binary's own
+// before anything loads the platform settings.
+std::string g_flash;
+class platform_env : public ::testing::Environment {
+    void SetUp() override {
+        g_flash = tree_.full("flash");
+        std::string conf = tree_.make_file("platform.conf", "[storage]\nflash = " + g_flash + "\n[log]\nsyslog = no\n");
+        setenv("FTPS_PLATFORM", conf.c_str(), 1);
+    }
+    ftpd_temp_tree tree_;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new platform_env);
+
+std::string trim(const char *in) {
+    char out[512];
+    return ftpd_path_trim(in, out, sizeof out) ? out : "<false>";
+}
+
+TEST(PathTrim, NormalisationTable) {
+    const char *rows[][2] = {
+        {"/", "/"},          {"//a//b//", "/a/b/"}, {"/a/./b", "/a/b"},      {"/a/../b", "/b"},
+        {"/..", "/"},        {"/../..", "/"},       {"/a/b/..", "/a/"},      {"/a/b/../../..", "/"},
+        {"/...", "/..."},    {"/a/..b", "/a/..b"},  {"/a/b/./../c", "/a/c"}, {"/a/.", "/a/"},
+        {"a/..", "<false>"},
+    };
+    for (auto &r : rows) EXPECT_EQ(trim(r[0]), r[1]) << r[0];
+}
+
+TEST(PathTrim, ScratchBufferIsGivenBackAndItsShortageRefuses) {
+    ftpd_mem_t before = ftpd_mem_get(FTPD_M_TMP);
+    trim("/x/../y");
+    trim("a/..");  // the early refusal gives it back too
+    ftpd_mem_t after = ftpd_mem_get(FTPD_M_TMP);
+    EXPECT_EQ(after.allocs - before.allocs, 2u);
+    EXPECT_EQ(after.deallocs - before.deallocs, 2u);
+    ftpd_mem_fail_after(FTPD_M_TMP, 1);
+    EXPECT_EQ(trim("/a"), "<false>");
+    ftpd_mem_fail_after(FTPD_M_TMP, 0);
+}
+
+// A path cut short would name another file: each step refuses what does not fit. (Paths that
+// fit, resolved below the top directory: the confinement integration tests.)
+TEST(PathMapping, OverlongResultIsRefused) {
+    char root[] = "/top", out[16];
+    credentials c{};
+    c.rootdir = root;
+    EXPECT_EQ(ftpd_rootdir_relative_path(&c, "/top", std::string(600, 'n').c_str(), out, sizeof out), nullptr);
+    EXPECT_EQ(ftpd_relative_to_absolute_path(&c, "/aaaaaaaaaaaaaaaaaaaaaaaa", out, sizeof out), nullptr);
+    EXPECT_FALSE(ftpd_path_trim(("/" + std::string(40, 'x')).c_str(), out, sizeof out));
+}
+
+TEST(SystemTree, OnlyTheFirstComponentAfterFlashHomeDecides) {
+    char home[FTP_NAME_LEN];
+    ASSERT_EQ(fs_get_flash_home(home, sizeof home), 0);
+    ASSERT_EQ(home, g_flash);
+    for (std::string p : std::initializer_list<std::string>{"/proc", "/proc/1/maps", "dev", "/dev/x", "/ram",
+                                                            g_flash + "/proc", g_flash + "proc"})
+        EXPECT_FALSE(is_access_path(p.c_str())) << p;
+    for (std::string p :
+         std::initializer_list<std::string>{"/procfs", "/devices", "/etc/proc", "/", g_flash + "/procfs"})
+        EXPECT_TRUE(is_access_path(p.c_str())) << p;
+}
+
+TEST(MakePath, OneDirectoryLevelBelowTmpdirAndTheLengthRule) {
+    ftpd_temp_tree tree;
+    const std::string &dir = tree.path();
+    setenv("TMPDIR", dir.c_str(), 1);
+    char path[256];
+    mkdir((dir + "/app").c_str(), 0755);
+    EXPECT_STREQ(ftp_make_path(path, sizeof path, "/app/ftps/.ftptemp-XXXXXX"),
+                 (dir + "/app/ftps/.ftptemp-XXXXXX").c_str());
+    struct stat st;
+    EXPECT_EQ(stat((dir + "/app/ftps").c_str(), &st), 0);
+    EXPECT_NE(ftp_make_path(path, sizeof path, "/app/ftps/x"), nullptr);    // it exists now
+    EXPECT_EQ(ftp_make_path(path, sizeof path, "/no/such/file"), nullptr);  // no parents made
+    EXPECT_STREQ(ftp_make_path(path, sizeof path, "sock"), (dir + "sock").c_str());
+    int exact = static_cast<int>(dir.size() + 2);
+    EXPECT_EQ(ftp_make_path(path, exact, "/f"), nullptr);
+    EXPECT_NE(ftp_make_path(path, exact + 1, "/f"), nullptr);
+    unsetenv("TMPDIR");
+    EXPECT_EQ(ftp_make_path(path, sizeof path, "/f"), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,701 @@
+// LIST: the long-form listing staged in a private temporary file and then sent over the data
+// connection. Also owns what LIST shares with NLST, MLSD and the file commands: the listing line,
+// the wildcard matcher, the unique temporary file and the batched writing of its lines, the
+// sending of a staged listing, the path resolution sequence over a work buffer and the common
+// command and writer skeletons, the device's and the standard profile's. The standard profile
+// skips option words, shows dot files on request and stages the listing before it opens the data
+// connection, so that a path that cannot be listed is refused before any preliminary reply.
+#include "transfer/list.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "base/ftpd.h"
+#include "data/dataconn.h"
+#include "transfer/list_internal.h"
+#include "files/path.h"
+#include "net/reply.h"
+#include "data/transfer.h"
+#include "base/users.h"
+
+namespace {
+
+const char kReply451[] = "451 Requested action aborted. Local error in processing.\r\n";
+const char kReply501[] = "501 Syntax error in parameters or arguments.\r\n";
+
+const char *const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
+// The staged listing goes out through the transfer engine, converted in 512-byte blocks in ASCII
+// type as a file would be.
+constexpr int kAsciiBlock = 512;
+
+// Both matcher inputs are worked on as copies cut at 255 characters.
+constexpr size_t kMatchLen = 256;
+
+int reply451(int control_fd) {
+    return ftpd_reply(control_fd, nullptr, "%s", kReply451, nullptr);
+}
+int reply501(int control_fd) {
+    return ftpd_reply(control_fd, nullptr, "%s", kReply501, nullptr);
+}
+
+bool is_dir_root(const char *dir) {
+    return strcmp(dir, "/") == 0;
+}
+
+// The listing line from the entry's status, "today" being the current calendar year.
+int format_line(const struct stat &st, const char *name, char *stat_buff, int length, int this_year) {
+    char mode[11] = "----------";
+    if (S_ISDIR(st.st_mode))
+        mode[0] = 'd';
+    else if (!S_ISREG(st.st_mode))
+        return -1;
+    static constexpr mode_t kBits[9] = {S_IRUSR, S_IWUSR, S_IXUSR, S_IRGRP, S_IWGRP,
+                                        S_IXGRP, S_IROTH, S_IWOTH, S_IXOTH};
+    static constexpr char kLetters[] = "rwxrwxrwx";
+    for (int i = 0; i < 9; i++)
+        if ((st.st_mode & kBits[i]) != 0) mode[i + 1] = kLetters[i];
+
+    // Only the calendar years are compared: no six-month window.
+    struct tm mtime;
+    localtime_r(&st.st_mtime, &mtime);
+    const char *shown = name != nullptr ? name : "";
+    int links = static_cast<int>(st.st_nlink);
+    long long size = static_cast<long long>(st.st_size);
+    const char *month = kMonths[mtime.tm_mon];
+    if (mtime.tm_year == this_year)
+        (void)ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
+                      mode, links, size, month, mtime.tm_mday, mtime.tm_hour, mtime.tm_min, shown);
+    else
+        (void)ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
+                      links, size, month, mtime.tm_mday, mtime.tm_year + 1900, shown);
+    stat_buff[length - 1] = '\0';
+    return 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Shared internals
+
+bool ftpd_entry_hidden(const char *name, const char *listtemp, bool dir_is_root) {
+    if (strcmp(name, listtemp) == 0 || is_special_file(name)) return true;
+    return dir_is_root && !is_access_path(name);
+}
+
+const char *ftpd_split_pattern(const char *path, char *dir, const char *current_dir) {
+    const char *slash = strrchr(path, '/');
+    const char *pattern;
+    if (slash != nullptr) {
+        size_t n = static_cast<size_t>(slash - path) + 1;
+        // SECURITY: a directory cut short would be another directory.
+        if (n > FTP_LIST_TEMPPATH_SIZE - 1) return nullptr;
+        memcpy(dir, path, n);
+        dir[n] = '\0';
+        pattern = slash + 1;
+    } else {
+        if (!ftpd_strlcpy(dir, current_dir, FTP_CURRENTDIR_LEN)) return nullptr;
+        pattern = path;
+    }
+    size_t len = strlen(dir);
+    if ((len == 0 || dir[len - 1] != '/') && !ftpd_strlcat(dir, "/", FTP_LIST_TEMPPATH_SIZE)) return nullptr;
+    return pattern;
+}
+
+bool ftpd_list_batch::flush() {
+    const char *p = area_;
+    size_t left = used_;
+    used_ = 0;
+    while (left > 0) {
+        ssize_t n = write(fd_, p, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            failed_ = true;
+            break;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    return !failed_;
+}
+
+bool ftpd_list_batch::add(const char *text, size_t len) {
+    if (failed_) return false;
+    if (used_ + len > size_ && !flush()) return false;
+    // A line never exceeds the batch (lines are bounded by FTP_LIST_LINE_SIZE).
+    if (len > size_) len = size_;
+    memcpy(area_ + used_, text, len);
+    used_ += len;
+    return true;
+}
+
+bool ftpd_list_batch::finish() {
+    if (!flush()) return false;
+    // The device syncs its staged listing; the standard profile reads it back from the page
+    // cache at once and never needs it on the disk.
+    if (!ftpd_standard()) fsync(fd_);
+    return true;
+}
+
+int ftpd_listtemp::create() {
+    if (ftp_make_path(path_, FTP_LISTTEMP_LEN, FTP_TEMP_TEMPLATE) == nullptr) {
+        path_[0] = '\0';
+        return -1;
+    }
+    int fd = ftpd_mkstemp(path_);
+    if (fd < 0) return -2;
+    fd_.reset(fd);
+    made_ = true;
+    return 0;
+}
+
+bool ftpd_listtemp::reopen_for_reading() {
+    fd_.reset();
+    int fd = open(path_, O_RDONLY);
+    if (fd < 0) return false;
+    fd_.reset(fd);
+    return true;
+}
+
+void ftpd_listtemp::remove() {
+    fd_.reset();
+    if (made_) {
+        unlink(path_);
+        made_ = false;
+    }
+}
+
+int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
+                       struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind) {
+    // One block: the line, the directory, the entry path, then the batch / sending area.
+    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
+    if (!whole) {
+        if (kind.log_failures) FTPD_LOG_ERR("malloc while_buff fail\n");
+        reply451(control_fd);
+        return -1;
+    }
+    char *databuff = whole.get();
+    char *temppath = databuff + FTP_LIST_LINE_SIZE;
+    char *batch_area = whole.get() + FTP_LIST_BUF_SIZE;
+
+    ftpd_listtemp temp;
+    int made = temp.create();
+    if (made != 0) {
+        if (made == -2 && kind.log_failures) FTPD_LOG_ERR("ftpd_mkstemp fail\n");
+        reply451(control_fd);
+        return -1;
+    }
+
+    // After the data connection is open, every failure ends with the one 451 line.
+    auto fail = [&]() {
+        temp.remove();
+        whole.reset();
+        reply451(control_fd);
+        return -1;
+    };
+    auto not_listable = [&]() {
+        temp.remove();
+        reply501(control_fd);
+        return -1;
+    };
+
+    ftpd_list_batch out(temp.fd(), batch_area, FTP_LIST_BATCH_SIZE);
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        if (strpbrk(path, "*?") == nullptr) {
+            temp.remove();
+            ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
+            return -1;
+        }
+        int r = kind.wildcard(path, out, temp.path(), databuff, temppath, current_dir);
+        if (r == -3) return not_listable();
+        if (r != 0) return fail();
+    } else if (S_ISDIR(st.st_mode)) {
+        if (kind.dir(path, out, temp.path(), databuff) != 0) return fail();
+    } else if (S_ISREG(st.st_mode)) {
+        int r = kind.reg(path, out, temp.path(), databuff);
+        if (r == -3) return not_listable();
+        if (r != 0) return fail();
+    } else {
+        return not_listable();
+    }
+
+    if (!temp.reopen_for_reading()) return fail();
+    whole.reset();
+    // The same waits as a file transfer: a client that stops reading meets the idle time-out, and
+    // the stop message aborts the listing.
+    int sent = send_data_with_type(control_fd, temp.fd(), data_sock, kAsciiBlock, pcred, domain_fd);
+    temp.remove();
+    return sent;
+}
+
+int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                     struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind,
+                     int (*writer)(int, int, char *, char *, struct credentials *, int)) {
+    ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
+    if (!work) {
+        if (kind.log_malloc) FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
+        reply451(control_fd);
+        return 0;
+    }
+    char *inpath = work.get();
+    char *outpath = inpath + FTP_PATH_HALF;
+
+    // Options are never interpreted; a leading pattern star lists the whole current directory.
+    if (kind.strip_options && (path[0] == '-' || path[0] == '*')) {
+        FTPD_LOG_ERR(
+            "This version not  LIST CMD with option values(such as -al,*.p),translate into LIST CMD "
+            "only\n");
+        path[0] = '\0';
+    }
+    if (path[0] == '\0') (void)ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+
+    switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
+        case ftpd_resolve_result::trim_failed:
+        case ftpd_resolve_result::too_long:
+            reply451(control_fd);
+            return 0;
+        case ftpd_resolve_result::refused:
+            reply501(control_fd);
+            return 0;
+        case ftpd_resolve_result::ok:
+            break;
+    }
+
+    unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
+    if (!data_sock) return 0;  // dataconn has replied
+
+    if (kind.count_before_update) {
+        pcred->byte_count = 0;
+        ftp_set_userinfo_update(pcred);
+    } else {
+        ftp_set_userinfo_update(pcred);
+        pcred->byte_count = 0;
+    }
+    int r = writer(control_fd, data_sock.get(), current_dir, inpath, pcred, domain_fd);
+
+    ftpd_data_finish(pcred, data_sock.release());
+    ftp_set_userinfo_update(pcred);
+    return r == -2 ? -2 : 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// LIST
+
+namespace {
+const ftpd_listing_kind kListKind = {
+    .strip_options = true,
+    .log_failures = true,
+    .log_malloc = false,
+    .count_before_update = false,
+    .dir = list_dir,
+    .reg = list_reg,
+    .wildcard = list_wildcard,
+};
+
+size_t std_list_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line,
+                     size_t cap) {
+    (void)d_type;
+    if (ftpd_entry_info(dfd, name, line, static_cast<int>(cap), view.this_year) != 0) return 0;
+    return strlen(line);
+}
+
+const ftpd_std_kind kStdListKind = {
+    .line = std_list_line,
+    .options = true,
+    .patterns = true,
+    .single_file = true,
+    .name_prefix = false,
+    .raw_lines = false,
+};
+}  // namespace
+
+int list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+             struct credentials *pcred, int domain_fd) {
+    if (ftpd_standard())
+        return ftpd_run_std_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd,
+                                    kStdListKind);
+    return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kListKind,
+                            write_list);
+}
+
+int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred, int domain_fd) {
+    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kListKind);
+}
+
+namespace {
+// A LIST line for every entry that can be queried; entries are queried relative to the open
+// directory, so no entry path is built.
+bool list_line(int dfd, const struct dirent *ent, char *databuff, int year) {
+    return ftpd_entry_info(dfd, ent->d_name, databuff, FTP_LIST_LINE_SIZE, year) == 0;
+}
+}  // namespace
+
+int list_dir(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff) {
+    return ftpd_scan_dir(path, nullptr, listtemp, out, databuff, list_line, -1);
+}
+
+int list_reg(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff) {
+    const char *slash = strrchr(path, '/');
+    const char *name = slash != nullptr ? slash + 1 : path;
+    if (strcmp(name, listtemp) == 0 || is_special_file(name)) return -3;
+    memset(databuff, 0, FTP_LIST_LINE_SIZE);
+    if (get_file_info(path, databuff, FTP_LIST_LINE_SIZE, name) != 0) return -3;
+    if (!out.add(databuff) || !out.finish()) return -2;
+    return 0;
+}
+
+int list_wildcard(const char *path, ftpd_list_batch &out, const char *listtemp, char *databuff, char *temppath,
+                  const char *current_dir) {
+    return ftpd_scan_pattern(path, current_dir, temppath, listtemp, out, databuff, list_line);
+}
+
+int ftpd_scan_dir(const char *path, const char *pattern, const char *listtemp, ftpd_list_batch &out, char *databuff,
+                  ftpd_entry_line line, int fail_code) {
+    dir_handle dir(opendir(path));
+    if (!dir) return fail_code;
+    bool root = is_dir_root(path);
+    int year = ftpd_this_year();
+    int dfd = dirfd(dir.get());
+    while (struct dirent *ent = readdir(dir.get())) {
+        const char *name = ent->d_name;
+        if (ftpd_entry_hidden(name, listtemp, root)) continue;
+        if (pattern != nullptr && ftpd_is_match(name, pattern) != 1) continue;
+        if (!line(dfd, ent, databuff, year)) continue;
+        if (!out.add(databuff)) return fail_code;
+    }
+    return out.finish() ? 0 : fail_code;
+}
+
+int ftpd_scan_pattern(const char *path, const char *current_dir, char *temppath, const char *listtemp,
+                      ftpd_list_batch &out, char *databuff, ftpd_entry_line line) {
+    const char *pattern = ftpd_split_pattern(path, temppath, current_dir);
+    struct stat st;
+    if (pattern == nullptr || stat(temppath, &st) != 0 || !S_ISDIR(st.st_mode)) return -3;
+    return ftpd_scan_dir(temppath, pattern, listtemp, out, databuff, line, -2);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Standard profile
+
+namespace {
+
+bool std_entry_hidden(const char *name, const ftpd_std_view &view) {
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return true;
+    // A line end inside a name would read as two names on the client's side.
+    if (strpbrk(name, "\r\n") != nullptr) return true;
+    if (view.temp_name != nullptr && strcmp(name, view.temp_name) == 0) return true;
+    if (name[0] == '.' && !view.dot_names) return true;
+    return view.root && !is_access_path(name);
+}
+
+// The temporary file's own name when it lies in the directory dir, else nullptr.
+const char *temp_name_in(const char *listtemp, const char *dir) {
+    const char *slash = strrchr(listtemp, '/');
+    if (slash == nullptr) return nullptr;
+    size_t n = static_cast<size_t>(slash - listtemp);
+    size_t len = strlen(dir);
+    while (len > 1 && dir[len - 1] == '/') len--;
+    if (len != n || strncmp(listtemp, dir, n) != 0) return nullptr;
+    return slash + 1;
+}
+
+// The client's text up to and including its last "/" (empty without one); with whole_dir, the
+// text itself as a directory, ending in "/". Fits: the text is bounded by the command line.
+void client_prefix(const char *client, bool whole_dir, char *prefix, size_t cap) {
+    prefix[0] = '\0';
+    if (whole_dir) {
+        (void)ftpd_strlcpy(prefix, client, cap);
+        size_t len = strlen(prefix);
+        if (len > 0 && prefix[len - 1] != '/') (void)ftpd_strlcat(prefix, "/", cap);
+        return;
+    }
+    const char *slash = strrchr(client, '/');
+    if (slash == nullptr) return;
+    size_t n = static_cast<size_t>(slash - client) + 1;
+    if (n >= cap) n = cap - 1;
+    memcpy(prefix, client, n);
+    prefix[n] = '\0';
+}
+
+// Removes the leading option words (each a word beginning with "-") of a LIST or NLST argument in
+// place, leaving the path. True when one of them asks for names beginning with "." (a or A).
+bool skip_list_options(char *arg) {
+    bool dots = false;
+    char *p = arg;
+    while (*p == '-') {
+        for (; *p != '\0' && *p != ' ' && *p != '\t'; p++)
+            if (*p == 'a' || *p == 'A') dots = true;
+        while (*p == ' ' || *p == '\t') p++;
+    }
+    memmove(arg, p, strlen(p) + 1);
+    return dots;
+}
+
+enum class std_stage { ok, missing, not_dir, failed };
+
+// Writes the listing of the real path into the batch. area holds the line, then the directory
+// scanned, then the name prefix. named: the client gave a path (an empty argument lists the
+// current directory with bare names).
+std_stage stage_std(const char *real, const char *client, bool named, bool dot_names, const ftpd_std_kind &kind,
+                    const char *current_dir, const char *listtemp, ftpd_list_batch &out, char *area) {
+    char *line = area;
+    char *dir = line + FTP_LIST_LINE_SIZE;
+    char *prefix = dir + FTP_LIST_TEMPPATH_SIZE;
+    prefix[0] = '\0';
+    ftpd_std_view view{};
+    view.dot_names = dot_names;
+    view.prefix = prefix;
+    view.this_year = ftpd_this_year();
+
+    struct stat st;
+    const char *pattern = nullptr;
+    if (stat(real, &st) != 0) {
+        if (!kind.patterns || strpbrk(real, "*?") == nullptr) return std_stage::missing;
+        pattern = ftpd_split_pattern(real, dir, current_dir);
+        if (pattern == nullptr || stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) return std_stage::missing;
+        // As in a shell, a pattern that begins with "." is asking for such names.
+        if (pattern[0] == '.') view.dot_names = true;
+        if (kind.name_prefix) client_prefix(client, false, prefix, FTP_LIST_ENTRY_SIZE);
+    } else if (S_ISDIR(st.st_mode)) {
+        if (!ftpd_strlcpy(dir, real, FTP_LIST_TEMPPATH_SIZE)) return std_stage::missing;
+        if (kind.name_prefix && named) client_prefix(client, true, prefix, FTP_LIST_ENTRY_SIZE);
+    } else if (!S_ISREG(st.st_mode)) {
+        return kind.single_file ? std_stage::missing : std_stage::not_dir;
+    } else {
+        if (!kind.single_file) return std_stage::not_dir;
+        // A file named by itself is shown, dot file or not, through its directory like any entry.
+        const char *name = ftpd_split_pattern(real, dir, current_dir);
+        if (name == nullptr) return std_stage::missing;
+        unique_fd dfd(open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        const char *temp_name = temp_name_in(listtemp, dir);
+        if (!dfd || (temp_name != nullptr && strcmp(name, temp_name) == 0)) return std_stage::missing;
+        if (kind.name_prefix) client_prefix(client, false, prefix, FTP_LIST_ENTRY_SIZE);
+        size_t n = kind.line(dfd.get(), name, DT_UNKNOWN, view, line, FTP_LIST_LINE_SIZE);
+        if (n == 0) return std_stage::missing;
+        return out.add(line, n) && out.finish() ? std_stage::ok : std_stage::failed;
+    }
+
+    dir_handle d(opendir(dir));
+    if (!d) return std_stage::missing;
+    int dfd = dirfd(d.get());
+    struct stat dst;
+    view.dir_writable = fstat(dfd, &dst) == 0 && (dst.st_mode & S_IWUSR) != 0;
+    view.root = is_dir_root(dir);
+    view.temp_name = temp_name_in(listtemp, dir);
+    while (struct dirent *ent = readdir(d.get())) {
+        const char *name = ent->d_name;
+        if (std_entry_hidden(name, view)) continue;
+        if (pattern != nullptr && ftpd_is_match(name, pattern) != 1) continue;
+        size_t n = kind.line(dfd, name, ent->d_type, view, line, FTP_LIST_LINE_SIZE);
+        if (n > 0 && !out.add(line, n)) return std_stage::failed;
+    }
+    return out.finish() ? std_stage::ok : std_stage::failed;
+}
+
+}  // namespace
+
+int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
+                         struct credentials *pcred, int domain_fd, const ftpd_std_kind &kind) {
+    ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
+    if (!work) {
+        reply451(control_fd);
+        return 0;
+    }
+    char *inpath = work.get();
+    char *outpath = inpath + FTP_PATH_HALF;
+
+    bool dot_names = kind.options ? skip_list_options(path) : true;
+    bool named = path[0] != '\0';
+    if (!named) (void)ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+    // Refusals name the path as the client sent it, never the real one.
+    auto missing = [&]() {
+        ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
+        return 0;
+    };
+    switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
+        case ftpd_resolve_result::trim_failed:
+            reply451(control_fd);
+            return 0;
+        case ftpd_resolve_result::refused:
+        case ftpd_resolve_result::too_long:
+            return missing();
+        case ftpd_resolve_result::ok:
+            break;
+    }
+
+    // The whole listing is staged before the data connection is opened: a path that cannot be
+    // listed is refused without a preliminary reply.
+    ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
+    if (!whole) {
+        FTPD_LOG_ERR("malloc while_buff fail\n");
+        reply451(control_fd);
+        return 0;
+    }
+    ftpd_listtemp temp;
+    if (temp.create() != 0) {
+        FTPD_LOG_ERR("ftpd_mkstemp fail\n");
+        reply451(control_fd);
+        return 0;
+    }
+    ftpd_list_batch out(temp.fd(), whole.get() + FTP_LIST_BUF_SIZE, FTP_LIST_BATCH_SIZE);
+    switch (stage_std(inpath, path, named, dot_names, kind, current_dir, temp.path(), out, whole.get())) {
+        case std_stage::missing:
+            return missing();
+        case std_stage::not_dir:
+            ftpd_reply(control_fd, nullptr, "501 \"%s\": Not a directory.\r\n", path, nullptr);
+            return 0;
+        case std_stage::failed:
+            reply451(control_fd);
+            return 0;
+        case std_stage::ok:
+            break;
+    }
+    whole.reset();
+    work.reset();
+    if (!temp.reopen_for_reading()) {
+        reply451(control_fd);
+        return 0;
+    }
+
+    unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
+    if (!data_sock) return 0;  // dataconn has replied
+    ftp_set_userinfo_update(pcred);
+    pcred->byte_count = 0;
+    // Lines that carry their CR LF already go out untouched, as in binary type; the session's
+    // type is back before anyone looks at the slot again.
+    int type = pcred->cnt.tran_type;
+    if (kind.raw_lines) pcred->cnt.tran_type = 3;
+    int sent = send_data_with_type(control_fd, temp.fd(), data_sock.get(), kAsciiBlock, pcred, domain_fd);
+    pcred->cnt.tran_type = type;
+    temp.remove();
+
+    ftpd_data_finish(pcred, data_sock.release());
+    ftp_set_userinfo_update(pcred);
+    return sent == -2 ? -2 : 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Listing line, names, sending, temporary files, matching
+
+int ftpd_this_year(void) {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    time_t now = tv.tv_sec;
+    struct tm today;
+    localtime_r(&now, &today);
+    return today.tm_year;
+}
+
+int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int this_year) {
+    struct stat st;
+    if (length <= 0 || fstatat(dfd, name, &st, 0) != 0) return -1;
+    return format_line(st, name, stat_buff, length, this_year);
+}
+
+int get_file_info(const char *path, char *stat_buff, int length, const char *name) {
+    FTPD_ASSERT_LOG(path != NULL, "ftpd");
+    FTPD_ASSERT_LOG(stat_buff != NULL, "ftpd");
+    if (path == nullptr || stat_buff == nullptr || length <= 0) return -1;
+    struct stat st;
+    if (stat(path, &st) != 0) return -1;
+    return format_line(st, name, stat_buff, length, ftpd_this_year());
+}
+
+int get_file_name(const char *path, const char **name) {
+    if (path == nullptr || path[0] == '.') return -1;
+    struct stat st;
+    if (stat(path, &st) != 0) return -1;
+    const char *slash = strrchr(path, '/');
+    *name = slash != nullptr ? slash + 1 : path;
+    return 0;
+}
+
+int ftpd_mkstemp(char *templ) {
+    if (templ == nullptr) return -1;
+    size_t len = strlen(templ);
+    if (len < 6) return -1;
+    char *suffix = templ + len - 6;
+    for (int i = 0; i < 6; i++) {
+        if (suffix[i] != 'X') {
+            FTPD_LOG_ERR("ftpd_mkstemp the last %d of %s is not X\n", 6, templ);
+            return -1;
+        }
+    }
+    // Lowest free number first, so numbers come back as soon as a listing removed its file.
+    for (int num = 1; num <= 999998; num++) {
+        char digits[8];
+        (void)ftpd_snprintf(digits, sizeof digits, "%.6d", num);
+        memcpy(suffix, digits, 6);
+        struct stat st;
+        if (stat(templ, &st) == 0) continue;
+        int fd = open(templ, O_RDWR | O_CREAT | O_EXCL, 0644);
+        // Another session took the number between the look and the open: the next one will do.
+        if (fd < 0 && errno == EEXIST) continue;
+        if (fd < 0) {
+            int err = errno;
+            FTPD_LOG_ERR("ftpd_mkstemp open (%s) fail,errno %d:%s\n", templ, err, strerror(err));
+            return -1;
+        }
+        return fd;
+    }
+    FTPD_LOG_ERR("ftpd_mkstemp num is too large\n");
+    return -1;
+}
+
+int ftpd_is_match(const char *str1, const char *match1) {
+    if (str1 == nullptr || match1 == nullptr) return 0;
+    char str[kMatchLen];
+    char pat[kMatchLen];
+    (void)ftpd_strlcpy(str, str1, sizeof str);
+    (void)ftpd_strlcpy(pat, match1, sizeof pat);
+    size_t sl = strlen(str);
+    size_t pl = strlen(pat);
+    if (sl == 0 || pl == 0) return 0;
+
+    // Tail phase: everything after the last star is matched from the end.
+    while (pat[pl - 1] != '*') {
+        if (pat[pl - 1] != '?' && pat[pl - 1] != str[sl - 1]) return 0;
+        pl--;
+        sl--;
+        if (pl == 0 && sl == 0) return 1;
+        if (pl == 0 || sl == 0) return 0;
+    }
+    str[sl] = '\0';
+    pat[pl] = '\0';
+
+    // Front phase: each literal segment takes its first occurrence; there is no backtracking.
+    size_t si = 0;
+    size_t pi = 0;
+    bool after_star = false;
+    char seg[kMatchLen];
+    for (;;) {
+        size_t k = 0;
+        while (pat[pi] != '\0' && pat[pi] != '*' && pat[pi] != '?') seg[k++] = pat[pi++];
+        seg[k] = '\0';
+        const char *found = strstr(str + si, seg);
+        if (found == nullptr) return 0;
+        if (found != str + si && !after_star) return 0;
+        si = static_cast<size_t>(found - str) + k;
+        if (pat[pi] == '?') {
+            if (str[si] == '\0') return 0;
+            si++;
+            pi++;
+            after_star = false;
+        } else if (pat[pi] == '*') {
+            pi++;
+            after_star = true;
+        } else {
+            break;
+        }
+    }
+    if (str[si] == '\0') return 1;
+    return after_star ? 1 : 0;
+}
