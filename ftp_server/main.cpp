@@ -20,7 +20,10 @@
 #include "login/login.h"
 #include "main.h"
 #include "login/security.h"
-#include "control/session.h"
+#include "login/trap.h"
+#include "base/policy.h"
+#include "ftp_platform.h"
+#include "control/loop.h"
 #include "base/settings.h"
 #include "admin/techsupport.h"
 #include "base/testhooks.h"
@@ -73,7 +76,6 @@ int ftp_signal_init(void) {
 }
 
 int ftp_server_init(void) {
-    ftpd_profile_init();
     ftp_settings_defaults();
     ftp_listener_sync_init();
     if (ftp_userinfo_init() != 0) {
@@ -138,7 +140,10 @@ int init_process(void) {
     }
     FTPD_KEYMSG("ftp_server_init OK.\n");
 
-    if (ftpd_security_init() != 0) return -1;
+    // TLS only where the profile may serve it; the policy then knows whether it does.
+    bool standard = platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD;
+    if (ftpd_security_init(standard) != 0) return -1;
+    ftp_policy_init();
 
     if (ftp_aaa_init() != 0)
         FTPD_KEYMSG("ftp aaa init OK.\n");

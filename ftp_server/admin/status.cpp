@@ -10,7 +10,7 @@
 #include "admin/admin.h"
 #include "control/listener.h"
 #include "base/settings.h"
-#include "data/transfer.h"
+#include "data/ascii.h"
 #include "base/users.h"
 
 namespace {
@@ -40,7 +40,7 @@ const char *type_name(int t) {
 // One slot's control part and, while a transfer is in progress, its data part. True when the
 // slot had a data part (only those count towards the user's connection number).
 bool print_slot(ftpd_print_fn print, int index, const struct ftp_user_cnt_info_s &s) {
-    print("    [%d]trans-type:%s ", index, type_name(s.tran_type));
+    print("    [%d]trans-type:%s ", index, type_name(static_cast<int>(s.tran_type)));
     if (s.contrl_type == AF_INET) {
         print_v4(print, "(ctrl)server ", s.def_addr.ctrl_addr);
         print_v4(print, ctrl_client_pad, s.def_addr.his_addr);
@@ -50,13 +50,13 @@ bool print_slot(ftpd_print_fn print, int index, const struct ftp_user_cnt_info_s
     }
     const struct sockaddr_in *src4, *dst4;
     const struct sockaddr_in6 *src6, *dst6;
-    if (s.data_mode == 1) {
+    if (s.data_mode == ftp_data_mode::active) {
         print("                     (data-PORT)");
         src4 = &s.data_source;
         dst4 = &s.data_dest;
         src6 = &s.data_sourcev6;
         dst6 = &s.data_destv6;
-    } else if (s.data_mode == 2) {
+    } else if (s.data_mode == ftp_data_mode::passive) {
         print("                     (data-PASV)");
         src4 = &s.pasv_addr;
         dst4 = &s.pasv_dest;

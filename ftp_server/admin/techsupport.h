@@ -3,9 +3,6 @@
 
 #include "base/ftpd.h"
 
-int ftp_trap_init(struct zq_thread_master *master);
-void ftp_authen_trap_reg(void);
-void ftp_authen_trap_send(void);
 int ftpd_tech_init(struct zq_thread_master *master);
 int _ftpd_tech_hook(int kind, void *arg);
 void _ftpd_tech_detail(void);

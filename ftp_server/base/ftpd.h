@@ -1,4 +1,5 @@
-// Shared types of the FTP daemon: limits, the session record, log lines and the wire profile.
+// Shared types of the FTP daemon: limits, log lines, the representation types and the addresses of
+// a control connection.
 // Each subsystem declares its entry points in a header of its own; see the README's layout.
 #pragma once
 
@@ -7,10 +8,11 @@
 
 #include <atomic>
 #include <cstddef>
+#include <netinet/in.h>
+
 #include <cstdint>
 
 #include "bounded_text.h"
-#include "session/session.h"
 #include "base/memory.h"
 #include "base/raii.h"
 #include "syslog_ext.h"
@@ -75,8 +77,31 @@ int get_ftp_debug_err(void);
     } while (0)
 
 // ---------------------------------------------------------------------------------------------
-// Wire profile (ftpd_profile.cpp): false for the device's behaviour byte for byte, true for the
-// standard profile of stock clients on plain Linux.
-void ftpd_profile_init(void);
-bool ftpd_standard(void);
-void ftpd_profile_set(bool standard);  // tests
+// Shared types
+
+#define FTP_NAME_LEN 65
+#define FTP_PASSWD_LEN 53
+#define FTP_ROOTDIR_LEN 258
+
+// Representation types, numbered as the status report and STAT show them (typenames).
+enum class ftp_type : int { none = 0, ascii = 1, ebcdic = 2, binary = 3, local = 4 };
+extern const char *typenames[];
+
+// How the next (or current) data connection is made.
+enum class ftp_data_mode : int { none = 0, active = 1, passive = 2 };
+
+// Addresses of one control connection; only the pair of its family is filled.
+struct ftp_connect_addr {
+    struct sockaddr_in his_addr;      // peer, IPv4
+    struct sockaddr_in6 his_addrv6;   // peer, IPv6
+    struct sockaddr_in ctrl_addr;     // local, IPv4
+    struct sockaddr_in6 ctrl_addrv6;  // local, IPv6
+};
+
+// Hand-off record from the listener to a session thread (category FTPD_M_INFO).
+struct ftp_connect_info {
+    int domain_fd;    // local control-channel socket (shared, not owned)
+    int fd;           // accepted control connection (owned by the session thread)
+    int contrl_type;  // AF_INET or AF_INET6
+    struct ftp_connect_addr def_addr;
+};

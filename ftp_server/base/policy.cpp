@@ -1,22 +1,42 @@
-// Which wire profile the daemon speaks: the device's, byte for byte, or the standard one that
-// stock clients on plain Linux need. Read once from the platform at start-up.
-#include <atomic>
+// Which wire profile the daemon speaks, read once from the platform at start-up, and what each
+// profile answers to the questions of the policy.
+#include "base/policy.h"
 
 #include "ftp_platform.h"
-#include "base/ftpd.h"
+#include "ftp_tls.h"
 
 namespace {
-std::atomic<bool> standard_profile{false};
+ftp_policy g_policy;
 }  // namespace
 
-void ftpd_profile_init(void) {
-    standard_profile = platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD;
+ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
+    ftp_policy p;
+    p.profile = profile;
+    if (profile == ftp_profile::device) return p;
+    p.line_input = true;
+    p.stop_wakeup_repeats = false;
+    p.reply_crlf = true;
+    p.reply_shortens_echo = true;
+    p.pass_sequence_strict = true;
+    p.single_530 = true;
+    p.user_limit_421 = true;
+    p.data_peer_only = true;
+    p.standard_listings = true;
+    p.rest_offsets = true;
+    p.atomic_uploads = true;
+    p.ascii_joins_blocks = true;
+    // On plain Linux a new directory is not world-writable; the device's process has no umask.
+    p.mkdir_mode = 0755;
+    p.tls = tls;
+    return p;
 }
 
-bool ftpd_standard(void) {
-    return standard_profile.load(std::memory_order_relaxed);
+void ftp_policy_init(void) {
+    ftp_profile profile =
+        platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD ? ftp_profile::standard : ftp_profile::device;
+    g_policy = ftp_policy_of(profile, ftp_tls_enabled());
 }
 
-void ftpd_profile_set(bool standard) {
-    standard_profile = standard;
+const ftp_policy &ftp_policy_get(void) {
+    return g_policy;
 }

@@ -63,6 +63,18 @@ bool opens_as_directory(const char *path) {
 
 char *ftpd_product_name = unknown_product;
 
+namespace {
+std::atomic<bool> g_started{false};
+}  // namespace
+
+bool is_ftp_server_start(void) {
+    return g_started.load();
+}
+
+void ftp_set_server_started(bool started) {
+    g_started = started;
+}
+
 void ftp_settings_defaults(void) {
     ftp_timeout = FTP_DEF_TIMEOUT;
     logintimeout = FTP_DEF_LOGINTIMEOUT;

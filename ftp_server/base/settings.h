@@ -5,6 +5,9 @@
 
 extern char *ftpd_product_name;
 void ftp_settings_defaults(void);  // the defaults of server start
+// Whether the service is enabled; written by the management side, read by every session.
+bool is_ftp_server_start(void);
+void ftp_set_server_started(bool started);
 void set_ftp_timeout(unsigned int minutes);
 unsigned int get_ftp_timeout(void);
 void set_ftp_logintimeout(unsigned int minutes);

@@ -7,10 +7,11 @@
 #include <mutex>
 
 #include "base/ftpd.h"
-#include "control/listener.h"
 #include "login_pwd.h"
 
 struct ftp_user_info_s gb_usinfo[FTP_MAX_USERS];
+int gb_ftp_connect_num = 0;
+unsigned int ftpd_user_max_connect = FTP_DEF_USER_CONNECT;
 
 namespace {
 
@@ -42,9 +43,9 @@ struct ftp_user_info_s *find_row_locked(const char *name) {
 }
 
 // Caller holds the lock. The row a session took its slot from, if it still exists.
-struct ftp_user_info_s *find_session_row_locked(const struct credentials *pcred) {
-    struct ftp_user_info_s *row = find_row_locked(pcred->name);
-    return row != nullptr && row->generation == pcred->slot_generation ? row : nullptr;
+struct ftp_user_info_s *find_session_row_locked(const ftp_slot &slot) {
+    struct ftp_user_info_s *row = find_row_locked(slot.user);
+    return row != nullptr && row->generation == slot.generation ? row : nullptr;
 }
 
 bool length_in(const char *s, size_t lo, size_t hi) {
@@ -158,8 +159,8 @@ void ftp_free_userinfo_cnt(struct ftp_user_info_s *row) {
     }
 }
 
-int ftp_set_userinfo_connect(const char *name, struct credentials *pcred) {
-    if (pcred == nullptr) return 5;
+int ftp_set_userinfo_connect(const char *name, const struct ftp_user_cnt_info_s &snapshot, ftp_slot *slot,
+                             char *user_out, char *password_out) {
     std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
     struct ftp_user_info_s *row = find_row_locked(name);
     if (row == nullptr) return 5;
@@ -171,17 +172,18 @@ int ftp_set_userinfo_connect(const char *name, struct credentials *pcred) {
     row->connect_num++;
     unsigned int n = slot_limit();
     for (unsigned int i = 0; i < n; i++) {
-        struct ftp_user_cnt_info_s *slot = row->cnt[i];
-        if (slot == nullptr || slot->use_flag != 0) continue;
-        pcred->cnt.use_flag = 1;
-        memcpy(slot, &pcred->cnt, sizeof *slot);
-        pcred->cnt_index = static_cast<int32_t>(i);
+        struct ftp_user_cnt_info_s *cnt = row->cnt[i];
+        if (cnt == nullptr || cnt->use_flag != 0) continue;
+        *cnt = snapshot;
+        cnt->use_flag = 1;
+        slot->index = static_cast<int>(i);
         FTPD_LOG_PRO("save connect userinfo. index[%d]\n", static_cast<int>(i));
         break;
     }
-    pcred->slot_generation = row->generation;
-    if (pcred->name != nullptr) (void)ftpd_strlcpy(pcred->name, row->username, FTP_NAME_LEN);
-    if (pcred->passwd != nullptr) (void)ftpd_strlcpy(pcred->passwd, row->password, FTP_PASSWD_LEN);
+    slot->generation = row->generation;
+    (void)ftpd_strlcpy(slot->user, row->username, sizeof slot->user);
+    (void)ftpd_strlcpy(user_out, row->username, FTP_NAME_LEN);
+    (void)ftpd_strlcpy(password_out, row->password, FTP_PASSWD_LEN);
     return 0;
 }
 
@@ -191,50 +193,72 @@ bool ftp_userinfo_password_matches(const char *name, const char *password) {
     return row != nullptr && password != nullptr && password[0] != '\0' && strcmp(row->password, password) == 0;
 }
 
-int ftp_set_userinfo_disconnect(struct credentials *pcred) {
-    if (pcred == nullptr || ftp_serch_userinfo(pcred->name) == nullptr) {
-        FTPD_LOG_PRO("ftp set userinfo disconnect failed: no such user.");
-        return -1;
-    }
+int ftp_set_userinfo_disconnect(ftp_slot *slot) {
+    if (slot->generation == 0 && slot->index < 0) return -1;
     FTPD_LOG_PRO("%s.\n", __func__);
+    int ret = -1;
     {
         std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
-        struct ftp_user_info_s *row = find_session_row_locked(pcred);
+        struct ftp_user_info_s *row = find_session_row_locked(*slot);
         if (row != nullptr && row->connect_num > 0) {
             row->connect_num--;
-            int idx = pcred->cnt_index;
+            int idx = slot->index;
             if (idx >= 0 && idx < FTP_MAX_USER_CONNECT && row->cnt[idx] != nullptr) row->cnt[idx]->use_flag = 0;
             if (row->connect_num == 0) ftp_free_userinfo_cnt(row);
-            return 0;
+            ret = 0;
         }
     }
-    FTPD_LOG_PRO("ftp set userinfo disconnect failed: no such connection.");
-    return -1;
+    if (ret != 0) FTPD_LOG_PRO("ftp set userinfo disconnect failed: no such connection.");
+    *slot = ftp_slot{};
+    return ret;
 }
 
-int ftp_set_userinfo_update(struct credentials *pcred) {
-    if (pcred == nullptr) return -1;
+int ftp_set_userinfo_update(const ftp_slot &slot, const struct ftp_user_cnt_info_s &snapshot) {
     std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
-    int idx = pcred->cnt_index;
+    int idx = slot.index;
     if (idx == -1) {
         FTPD_LOG_ERR("set user connect information error.cnt index[%d]\n", idx);
         return -1;
     }
-    struct ftp_user_info_s *row = find_session_row_locked(pcred);
+    struct ftp_user_info_s *row = find_session_row_locked(slot);
     if (row == nullptr) return -1;
-    FTPD_LOG_PRO("Update userinfo %s: port_data_fd[%d] pasv_data_fd[%d]\n", pcred->name, pcred->data, pcred->pdata);
     if (idx < 0 || idx >= FTP_MAX_USER_CONNECT || row->cnt[idx] == nullptr) {
         FTPD_LOG_PRO("%s, cnt is null.\n", __func__);
         return -1;
     }
-    struct ftp_user_cnt_info_s *slot = row->cnt[idx];
-    if (pcred->data == -1 && pcred->pdata == -1) {
-        slot->data_mode = 0;
+    struct ftp_user_cnt_info_s *cnt = row->cnt[idx];
+    if (snapshot.data_mode == ftp_data_mode::none) {
+        cnt->data_mode = ftp_data_mode::none;
         return -1;
     }
-    memcpy(slot, &pcred->cnt, sizeof *slot);
-    slot->data_mode = pcred->data == -1 ? 2 : 1;
+    *cnt = snapshot;
+    cnt->use_flag = 1;
     return 0;
+}
+
+int ftp_connect_num_add(void) {
+    std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
+    return ++gb_ftp_connect_num;
+}
+
+int ftp_connect_num_get(void) {
+    std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
+    return gb_ftp_connect_num;
+}
+
+int ftp_connect_num_dec(void) {
+    std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
+    if (gb_ftp_connect_num < 1) return -1;
+    gb_ftp_connect_num--;
+    return 0;
+}
+
+void ftp_set_max_user_connect(unsigned int n) {
+    {
+        std::lock_guard<std::mutex> lock(ftp_mutex_userinfo);
+        ftpd_user_max_connect = n;
+    }
+    FTPD_LOG_PRO("Set ftpd_user_max_connect = %u", n);
 }
 
 int set_ftp_server_user(const char *name) {

@@ -7,13 +7,23 @@
 #include <string>
 
 #include "base/ftpd.h"
-#include "control/listener.h"
 #include "ftpd_test_support.h"
 #include "login_pwd.h"
 
 namespace {
 
-using session = ftpd_named_session;
+// A session's side of the table: its slot and the name and password it is given.
+struct session {
+    ftp_slot slot;
+    char name[FTP_NAME_LEN] = {};
+    char passwd[FTP_PASSWD_LEN] = {};
+    int take(const char *user) { return ftp_set_userinfo_connect(user, ftp_user_cnt_info_s{}, &slot, name, passwd); }
+    int update() {
+        ftp_user_cnt_info_s snap{};
+        snap.data_mode = ftp_data_mode::passive;
+        return ftp_set_userinfo_update(slot, snap);
+    }
+};
 
 long outstanding_slots() {
     ftpd_mem_t m = ftpd_mem_get(FTPD_M_USER_CNT);
@@ -64,39 +74,38 @@ TEST_F(UsersTest, TableHoldsTenUsersWithinNameAndPasswordBounds) {
 TEST_F(UsersTest, SessionsClaimTheLowestFreeSlotUpToTheLimit) {
     ASSERT_EQ(set_ftp_server_userinfo("alice", "secret", nullptr, 0), 0);
     session s[11];
-    for (int i = 0; i < 10; i++) ASSERT_EQ(ftp_set_userinfo_connect("alice", &s[i].cred), 0);
-    EXPECT_EQ(s[1].cred.cnt_index, 1);
-    EXPECT_EQ(ftp_set_userinfo_connect("alice", &s[10].cred), 2);
-    EXPECT_EQ(s[10].cred.cnt_index, -1);
+    for (int i = 0; i < 10; i++) ASSERT_EQ(s[i].take("alice"), 0);
+    EXPECT_EQ(s[1].slot.index, 1);
+    EXPECT_EQ(s[10].take("alice"), 2);
+    EXPECT_EQ(s[10].slot.index, -1);
 
-    ASSERT_EQ(ftp_set_userinfo_disconnect(&s[6].cred), 0);
-    ASSERT_EQ(ftp_set_userinfo_connect("alice", &s[10].cred), 0);
-    EXPECT_EQ(s[10].cred.cnt_index, 6);
+    ASSERT_EQ(ftp_set_userinfo_disconnect(&s[6].slot), 0);
+    ASSERT_EQ(s[10].take("alice"), 0);
+    EXPECT_EQ(s[10].slot.index, 6);
     for (int i = 0; i < 11; i++) {
         if (i == 6) continue;
-        EXPECT_EQ(ftp_set_userinfo_disconnect(&s[i].cred), 0) << i;
+        EXPECT_EQ(ftp_set_userinfo_disconnect(&s[i].slot), 0) << i;
     }
     EXPECT_EQ(gb_usinfo[0].connect_num, 0);
-    EXPECT_EQ(ftp_set_userinfo_disconnect(&s[0].cred), -1);  // no connection left
+    EXPECT_EQ(ftp_set_userinfo_disconnect(&s[0].slot), -1);  // no connection left
     session stranger;
-    EXPECT_EQ(ftp_set_userinfo_connect("bob", &stranger.cred), 5);
+    EXPECT_EQ(stranger.take("bob"), 5);
 }
 
 TEST_F(UsersTest, RemovingUserWithLiveSessionsFreesSlotsAndLaterDisconnectsFailHarmlessly) {
     ASSERT_EQ(set_ftp_server_userinfo("alice", "secret", nullptr, 0), 0);
     session a, b;
-    ASSERT_EQ(ftp_set_userinfo_connect("alice", &a.cred), 0);
-    ASSERT_EQ(ftp_set_userinfo_connect("alice", &b.cred), 0);
+    ASSERT_EQ(a.take("alice"), 0);
+    ASSERT_EQ(b.take("alice"), 0);
     ASSERT_EQ(unset_ftp_server_userinfo("alice"), 0);
     EXPECT_EQ(outstanding_slots(), base_slots_);
-    EXPECT_EQ(ftp_set_userinfo_disconnect(&a.cred), -1);
-    a.cred.pdata = 5;
-    EXPECT_EQ(ftp_set_userinfo_update(&a.cred), -1);
+    EXPECT_EQ(ftp_set_userinfo_disconnect(&a.slot), -1);
+    EXPECT_EQ(a.update(), -1);
 
     // Re-added under the same name, a stale session finds the row but no slot of its own.
     ASSERT_EQ(set_ftp_server_userinfo("alice", "secret", nullptr, 0), 0);
-    EXPECT_EQ(ftp_set_userinfo_update(&b.cred), -1);
-    EXPECT_EQ(ftp_set_userinfo_disconnect(&b.cred), -1);
+    EXPECT_EQ(b.update(), -1);
+    EXPECT_EQ(ftp_set_userinfo_disconnect(&b.slot), -1);
 }
 
 TEST(SingleUserTest, PasswordTooLongReturnsItsLengthAndStoresNothing) {

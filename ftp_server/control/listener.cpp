@@ -23,7 +23,7 @@
 #include "ftp_platform.h"
 #include "base/ftpd.h"
 #include "files/path.h"
-#include "control/session.h"
+#include "control/loop.h"
 #include "base/testhooks.h"
 #include "base/users.h"
 
@@ -38,8 +38,6 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
-int gb_ftp_connect_num = 0;
-unsigned int ftpd_user_max_connect = FTP_DEF_USER_CONNECT;
 std::atomic<int> no_version{0};
 
 static bool ftp_pthread_pause = false;
@@ -61,38 +59,6 @@ void ftp_listener_sync_init(void) {
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&ftp_cond_pause, &attr);
     pthread_condattr_destroy(&attr);
-}
-
-int ftp_connect_num_add(void) {
-    ftp_userinfo_lock();
-    int n = ++gb_ftp_connect_num;
-    ftp_userinfo_unlock();
-    return n;
-}
-
-int ftp_connect_num_get(void) {
-    ftp_userinfo_lock();
-    int n = gb_ftp_connect_num;
-    ftp_userinfo_unlock();
-    return n;
-}
-
-int ftp_connect_num_dec(void) {
-    int ret = 0;
-    ftp_userinfo_lock();
-    if (gb_ftp_connect_num < 1)
-        ret = -1;
-    else
-        gb_ftp_connect_num--;
-    ftp_userinfo_unlock();
-    return ret;
-}
-
-void ftp_set_max_user_connect(unsigned int n) {
-    ftp_userinfo_lock();
-    ftpd_user_max_connect = n;
-    ftp_userinfo_unlock();
-    FTPD_LOG_PRO("Set ftpd_user_max_connect = %u", n);
 }
 
 void ftp_pthread_suspend(void) {

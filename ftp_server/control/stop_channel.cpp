@@ -10,28 +10,23 @@
 #include <cstring>
 
 #include "base/ftpd.h"
+#include "base/settings.h"
 #include "control/listener.h"
 #include "files/path.h"
-
-static std::atomic<bool> ftp_server_start{false};
 
 // The longest the disabling side keeps retrying sends that find the receiving queue full.
 #define FTP_STOP_SEND_MS 2000
 
-bool is_ftp_server_start(void) {
-    return ftp_server_start.load();
-}
-
 void ftp_server_enable(void) {
-    if (!ftp_server_start.load()) {
-        ftp_server_start = true;
+    if (!is_ftp_server_start()) {
+        ftp_set_server_started(true);
         ftp_pthread_resume();
     }
 }
 
 void ftp_server_disable(void) {
-    if (ftp_server_start.load()) {
-        ftp_server_start = false;
+    if (is_ftp_server_start()) {
+        ftp_set_server_started(false);
         ftp_server_disable_cli();
     }
 }

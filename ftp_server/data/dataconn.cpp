@@ -1,31 +1,57 @@
-// Opening one data connection from what the address commands left in the session record: accept
-// on a waiting passive socket, reuse an open active connection, or connect out to the client; then
-// announce it on the control connection; under PROT P, its TLS handshake. Every data socket is
-// put in the VRF of the control connection.
-#include <arpa/inet.h>
+// The data connection: a passive listener or an active target, opening exactly one connection
+// from them (accepting only the client's own, connecting within the idle time-out), its TLS
+// takeover under PROT P, the loops that move a file's bytes over it, and the sequence that frames
+// them with the 150 and the final reply. Nothing else in the daemon touches a data socket.
+//
+// Binary downloads of regular files are spliced from the file through a kernel pipe (or sent by
+// kernel TLS); everything else is read a chunk at a time and converted block by block in ASCII
+// type, so the bytes on the wire are those of converting one block per call. Uploads are spliced
+// into the file in binary type where the kernel allows it. Between chunks the stop message and the
+// control connection are looked at; every wait watches both and lasts at most the idle time-out.
+#include "data/dataconn.h"
+
+#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
+#include <netinet/tcp.h>
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <random>
 
-#include "ftp_tls.h"
-#include "base/ftpd.h"
-#include "data/dataconn.h"
+#include "base/settings.h"
+#include "data/ascii.h"
 #include "net/waiter.h"
-#include "net/reply.h"
+#include "ftp_tls.h"
 #include "vrf.h"
+
+const ftp_data_replies kDownloadReplies = {"226 Closing data connection.\r\n",
+                                           "426 Connection closed; transfer aborted.\r\n"};
+const ftp_data_replies kUploadReplies = {"226 Transfer complete.\r\n", "426 Data Connection.\r\n"};
 
 namespace {
 
 constexpr int kIpTosThroughput = 8;
-constexpr int kConnectRetrySeconds = 90;
-constexpr unsigned kConnectRetrySleep = 5;
+constexpr int kPassiveBacklog = 2;
+constexpr int kMaxBindTries = 64;
+constexpr long long kConnectRetryMs = 90 * 1000;
+constexpr int kConnectRetrySleepMs = 5 * 1000;
+// Bytes read from the file per call when sending, and taken from the connection per call when
+// receiving: send buffers 3 x kSendChunk (the conversion doubles), receive 2 x kRecvChunk.
+constexpr size_t kSendChunk = 64 * 1024;
+constexpr size_t kRecvChunk = 64 * 1024;
+// A received chunk is converted as blocks of at most this many bytes were.
+constexpr size_t kRecvBlock = 1024;
+// Pipe of a binary download: file pages move through it by reference, a chunk at a time. One MiB
+// per chunk gave the least CPU per byte.
+constexpr int kSendPipe = 1024 * 1024;
+// Pipe of a binary upload spliced from the connection into the file.
+constexpr int kReceivePipe = 256 * 1024;
 
 const char kCantOpen[] = "425 Can't open data connection.\r\n";
 
@@ -33,198 +59,68 @@ bool is_scoped_v6(const struct in6_addr *a) {
     return a->s6_addr[0] == 0xfe && ((a->s6_addr[1] & 0xc0) == 0x80 || (a->s6_addr[1] & 0xc0) == 0xc0);
 }
 
-// Family of the next data connection. After a transfer the session clears data_type; the default
-// address is then the control peer's, so its family is the control connection's.
-int data_family(const struct credentials *pcred) {
-    int t = pcred->cnt.data_type;
-    if (t == AF_INET || t == AF_INET6) return t;
-    return pcred->cnt.contrl_type == AF_INET6 ? AF_INET6 : AF_INET;
-}
-
-int reply_opening(int control_fd, const struct credentials *pcred) {
-    return ftpd_reply(control_fd, "150", "Opening %s mode data connection.",
-                      pcred->cnt.tran_type == 1 ? "ASCII" : "BINARY", nullptr);
-}
-
-double seconds_since(const struct timespec *start) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec - start->tv_sec) + (now.tv_nsec - start->tv_nsec) / 1e9;
-}
-
-// SECURITY: the data connection must come from the client's own address; another host that
-// reaches the passive port first would otherwise receive or supply the file. When the families
-// differ (EPSV 2 on an IPv4 control connection) there is no address to compare.
-bool from_control_peer(const struct sockaddr_storage &peer, const struct credentials *pcred) {
-    const struct ftp_connect_addr &ctl = pcred->cnt.def_addr;
-    if (peer.ss_family == AF_INET && pcred->cnt.contrl_type == AF_INET) {
-        const auto *p4 = reinterpret_cast<const struct sockaddr_in *>(&peer);
-        return p4->sin_addr.s_addr == ctl.his_addr.sin_addr.s_addr;
+// The IPv4 address a peer stands for, also behind an IPv4-mapped IPv6 address; false for others.
+bool as_v4(const struct sockaddr_storage &a, struct in_addr *out) {
+    if (a.ss_family == AF_INET) {
+        *out = reinterpret_cast<const struct sockaddr_in *>(&a)->sin_addr;
+        return true;
     }
-    if (peer.ss_family == AF_INET6 && pcred->cnt.contrl_type == AF_INET6) {
-        const auto *p6 = reinterpret_cast<const struct sockaddr_in6 *>(&peer);
-        return memcmp(&p6->sin6_addr, &ctl.his_addrv6.sin6_addr, sizeof p6->sin6_addr) == 0;
-    }
+    const auto *a6 = reinterpret_cast<const struct sockaddr_in6 *>(&a);
+    if (a.ss_family != AF_INET6 || !IN6_IS_ADDR_V4MAPPED(&a6->sin6_addr)) return false;
+    memcpy(&out->s_addr, a6->sin6_addr.s6_addr + 12, 4);
     return true;
 }
 
-// Passive case: accept exactly one connection from the client on listen_pdata, which is closed
-// afterwards. Connections from elsewhere are closed and the wait goes on until its deadline.
-int accept_passive(int control_fd, struct credentials *pcred) {
-    bool ok = false;
-    struct ftp_epoll_s *ep = ftpd_epoll_create();
-    if (ep != nullptr) {
-        ep->fd[0] = pcred->listen_pdata;
-        struct timespec start;
-        clock_gettime(CLOCK_MONOTONIC, &start);
-        const int limit = pcred->timeout * 60;
-        for (;;) {
-            int left = limit - static_cast<int>(seconds_since(&start));
-            ep->timeout = left > 0 ? left : 0;
-            int w = left > 0 ? ftpd_epoll(ep, FTP_EPOLL_IN) : 0;
-            if (w == 0) FTPD_LOG_PRO("Time out.\n");
-            if (w <= 0 || !ftpd_epoll_event(ep, pcred->listen_pdata, FTP_EPOLL_IN)) break;
-            struct sockaddr_storage peer;
-            socklen_t plen = sizeof peer;
-            int fd = accept(pcred->listen_pdata, reinterpret_cast<struct sockaddr *>(&peer), &plen);
-            if (fd < 0) break;
-            if (!from_control_peer(peer, pcred)) {
-                FTPD_LOG_ERR("%s: passive connection from another address refused.\n", FTPD_MODULE);
-                close(fd);
-                continue;
-            }
-            pcred->pdata = fd;
-            ok = true;
-            if (peer.ss_family == AF_INET6)
-                memcpy(&pcred->cnt.pasv_destv6, &peer, sizeof pcred->cnt.pasv_destv6);
-            else
-                memcpy(&pcred->cnt.pasv_dest, &peer, sizeof pcred->cnt.pasv_dest);
-            break;
-        }
-        ftpd_epoll_destroy(ep);
-    }
-    ftpd_data_close(&pcred->listen_pdata);
-    if (!ok) {
-        ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
-        return -1;
-    }
-
-    struct sockaddr_storage local;
-    socklen_t llen = sizeof local;
-    if (getsockname(pcred->pdata, reinterpret_cast<struct sockaddr *>(&local), &llen) < 0) {
-        ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
-        ftpd_data_close(&pcred->pdata);
-        return -1;
-    }
-    if (local.ss_family == AF_INET6)
-        memcpy(&pcred->cnt.pasv_addrv6, &local, sizeof pcred->cnt.pasv_addrv6);
+// SECURITY: the data connection must come from the client's own address, whatever the families:
+// another host, or another address of this one, that reaches the passive port first would
+// otherwise receive or supply the file.
+bool same_host(const struct sockaddr_storage &peer, const ftp_data_env &env) {
+    struct sockaddr_storage ctl {};
+    if (env.family == AF_INET6)
+        memcpy(&ctl, &env.addr->his_addrv6, sizeof env.addr->his_addrv6);
     else
-        memcpy(&pcred->cnt.pasv_addr, &local, sizeof pcred->cnt.pasv_addr);
-
-    int tos = kIpTosThroughput;
-    int on = 1;
-    setsockopt(pcred->pdata, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
-    setsockopt(pcred->pdata, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    if (reply_opening(control_fd, pcred) < 0) {
-        ftpd_data_close(&pcred->pdata);
-        return -1;
-    }
-    return pcred->pdata;
+        memcpy(&ctl, &env.addr->his_addr, sizeof env.addr->his_addr);
+    struct in_addr a, b;
+    bool pv4 = as_v4(peer, &a);
+    bool cv4 = as_v4(ctl, &b);
+    if (pv4 || cv4) return pv4 && cv4 && a.s_addr == b.s_addr;
+    const auto *p6 = reinterpret_cast<const struct sockaddr_in6 *>(&peer);
+    const auto *c6 = reinterpret_cast<const struct sockaddr_in6 *>(&ctl);
+    return memcmp(&p6->sin6_addr, &c6->sin6_addr, sizeof p6->sin6_addr) == 0;
 }
 
-// Fills data_dest / data_destv6 for an active connection of the given family.
-void set_active_destination(int control_fd, int family, int client_port, const char *client_addr,
-                            struct credentials *pcred) {
-    struct ftp_user_cnt_info_s *cnt = &pcred->cnt;
-    if (pcred->usedefault != 0) {
-        // The default data port is the client's control port plus one.
-        if (family == AF_INET) {
-            cnt->data_dest = cnt->def_addr.his_addr;
-            cnt->data_dest.sin_port = htons(static_cast<uint16_t>(ntohs(cnt->def_addr.his_addr.sin_port) + 1));
-        } else {
-            cnt->data_destv6 = cnt->def_addr.his_addrv6;
-            cnt->data_destv6.sin6_port = htons(static_cast<uint16_t>(ntohs(cnt->def_addr.his_addrv6.sin6_port) + 1));
-        }
-        return;
-    }
-    if (family == AF_INET) {
-        cnt->data_dest.sin_family = AF_INET;
-        inet_aton(client_addr, &cnt->data_dest.sin_addr);
-        cnt->data_dest.sin_port = htons(static_cast<uint16_t>(client_port));
-        return;
-    }
-    cnt->data_destv6.sin6_family = AF_INET6;
-    inet_pton(AF_INET6, client_addr, &cnt->data_destv6.sin6_addr);
-    cnt->data_destv6.sin6_port = htons(static_cast<uint16_t>(client_port));
-    if (is_scoped_v6(&cnt->data_destv6.sin6_addr)) {
-        // The zone the client typed is not trusted: the scope is the control connection's.
-        struct sockaddr_in6 peer;
-        socklen_t plen = sizeof peer;
-        memset(&peer, 0, sizeof peer);
-        if (getpeername(control_fd, reinterpret_cast<struct sockaddr *>(&peer), &plen) < 0)
-            FTPD_LOG_ERR("getpeername error \n");
-        else
-            cnt->data_destv6.sin6_scope_id = peer.sin6_scope_id;
-    }
+// Each session thread draws from its own generator, seeded from the kernel: sessions that open
+// passive ports at the same moment must not draw the same sequence.
+uint32_t draw_port_number() {
+    thread_local std::minstd_rand gen = [] {
+        uint32_t seed = 0;
+        if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof seed))
+            seed = static_cast<uint32_t>(time(nullptr)) ^ static_cast<uint32_t>(gettid());
+        return std::minstd_rand(seed == 0 ? 1 : seed);
+    }();
+    return static_cast<uint32_t>(gen());
 }
 
-// Under PROT P the opened connection is taken over by TLS within the idle time-out; a connection
-// that fails the handshake (plain text, or not resuming the control connection's session) is
-// closed and the transfer refused.
-int protect(int control_fd, int dfd, struct credentials *pcred) {
-    if (dfd < 0 || !pcred->prot_private || pcred->tls == nullptr) return dfd;
-    char why[160] = {0};
-    pcred->data_tls = ftp_tls_accept(dfd, pcred->timeout * 60 * 1000, pcred->tls, why, sizeof why);
-    if (pcred->data_tls != nullptr) return dfd;
-    FTPD_LOG_PRO("data connection TLS: %s\n", why);
-    ftpd_data_finish(pcred, dfd);
-    ftpd_reply(control_fd, "425", "TLS handshake on the data connection failed.", nullptr, nullptr);
-    return -1;
+in_port_t *port_of(struct sockaddr_storage &a) {
+    return a.ss_family == AF_INET6 ? &reinterpret_cast<struct sockaddr_in6 *>(&a)->sin6_port
+                                   : &reinterpret_cast<struct sockaddr_in *>(&a)->sin_port;
 }
 
-}  // namespace
-
-void ftpd_data_close(int32_t *fd) {
-    if (*fd >= 0) close(*fd);
-    *fd = -1;
+socklen_t length_of(const struct sockaddr_storage &a) {
+    return a.ss_family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
 }
 
-void ftpd_data_finish(struct credentials *pcred, int dfd) {
-    ftp_tls_free(pcred->data_tls);
-    pcred->data_tls = nullptr;
-    // Closed without lingering: a client that stopped reading cannot hold the close.
-    int on = 1;
-    if (dfd >= 0) {
-        ioctl(dfd, FIONBIO, &on);
-        close(dfd);
-    }
-    // A connection of the other mode left open by an earlier command goes as well.
-    if (pcred->data != dfd) ftpd_data_close(&pcred->data);
-    if (pcred->pdata != dfd) ftpd_data_close(&pcred->pdata);
-    pcred->data = -1;
-    pcred->pdata = -1;
-}
-
-void ftpd_data_release(struct credentials *pcred) {
-    ftp_tls_free(pcred->data_tls);
-    pcred->data_tls = nullptr;
-    ftpd_data_close(&pcred->listen_pdata);
-    ftpd_data_close(&pcred->pdata);
-    ftpd_data_close(&pcred->data);
-}
-
-void ftps_set_vrf_option(struct credentials *pcred, int fd) {
-    // On Linux a VRF is a device: the control connection's binding is read and given to fd.
-    // The device's numeric VRF options are never used here; their numbers mean other things.
-    bool v6 = pcred->cnt.contrl_type == AF_INET6;
+// On Linux a VRF is a device: the control connection's binding is read and given to fd.
+void copy_vrf(int ctl_fd, int fd, int family) {
+    bool v6 = family == AF_INET6;
     char name[IF_NAMESIZE + 1] = {0};
-    if (vrf_get_socket_vrf(pcred->ctl_fd, name, sizeof name) != 0) {
+    if (vrf_get_socket_vrf(ctl_fd, name, sizeof name) != 0) {
         int err = errno;
         if (v6)
             FTPD_LOG_ERR("%s: getdatasock get ipv6 receive vrf failed %d errno=%d\r\n", __func__, -1, err);
         else
-            FTPD_LOG_ERR("%s: getdatasock get ip receive vrf failed fd%d, ret %d errno=%d\r\n", __func__, pcred->ctl_fd,
-                         -1, err);
+            FTPD_LOG_ERR("%s: getdatasock get ip receive vrf failed fd%d, ret %d errno=%d\r\n", __func__, ctl_fd, -1,
+                         err);
         return;
     }
     // The VRF's number is its device's interface index; the default VRF is 0.
@@ -233,111 +129,672 @@ void ftps_set_vrf_option(struct credentials *pcred, int fd) {
         FTPD_LOG_PRO("%s: getdatasock receive ipv6 vrf is %d\r\n", __func__, vrf_id);
     else
         FTPD_LOG_PRO("%s: getdatasock fd %d receive ip vrf is %d\r\n", __func__, fd, vrf_id);
-    if (name[0] == '\0') return;
-    if (vrf_set_socket_vrf(fd, name) != 0) {
-        int err = errno;
-        if (v6)
-            FTPD_LOG_ERR("%s: setdatasock setsockopt IPV6_PRIVATE_SEND_VRF error. errno=%d\r\n", __func__, err);
-        else
-            FTPD_LOG_ERR("%s: setdatasock setsockopt IP_VRF_SEND error. errno=%d\r\n", __func__, err);
-    }
-}
-
-int getdatasock(const char *mode, struct credentials *pcred) {
-    (void)mode;
-    if (pcred->data >= 0) return pcred->data;
-    unique_fd s(socket(data_family(pcred), SOCK_STREAM, 0));
-    if (!s) return -1;
-    int on = 1;
-    if (setsockopt(s.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        int err = errno;
-        s.reset();
-        errno = err;
-        return -1;
-    }
-    ftps_set_vrf_option(pcred, s.get());
-    int tos = kIpTosThroughput;
-    if (data_family(pcred) == AF_INET && setsockopt(s.get(), IPPROTO_IP, IP_TOS, &tos, sizeof tos) < 0) {
-        int err = errno;
-        FTPD_LOG_ERR("%s:setsockopt (IP_TOS) fail.\n", __func__);
-        s.reset();
-        errno = err;
-        return -1;
-    }
-    return s.release();
-}
-
-namespace {
-
-int open_data_connection(int control_fd, const char *mode, int client_port, const char *client_addr,
-                         struct credentials *pcred) {
-    pcred->byte_count = 0;
-    // While a passive socket waits, an earlier PORT is ignored.
-    if (pcred->listen_pdata >= 0) return accept_passive(control_fd, pcred);
-
-    if (pcred->data >= 0) {
-        pcred->usedefault = 1;
-        if (ftpd_reply(control_fd, "125", "Using existing data connection.", nullptr, nullptr) < 0) {
-            ftpd_data_close(&pcred->data);
-            return -1;
-        }
-        return pcred->data;
-    }
-
-    int family = data_family(pcred);
-    set_active_destination(control_fd, family, client_port, client_addr, pcred);
-    pcred->usedefault = 1;  // the next transfer without a new PORT/EPRT goes to the default address
-
-    int s = getdatasock(mode, pcred);
-    if (s < 0) {
-        ftpd_reply(control_fd, nullptr, "%s", kCantOpen, nullptr);
-        return s;
-    }
-    unique_fd sock(s);
-    const struct sockaddr *dest;
-    socklen_t dlen;
-    if (family == AF_INET) {
-        dest = reinterpret_cast<const struct sockaddr *>(&pcred->cnt.data_dest);
-        dlen = sizeof pcred->cnt.data_dest;
-    } else {
-        dest = reinterpret_cast<const struct sockaddr *>(&pcred->cnt.data_destv6);
-        dlen = sizeof pcred->cnt.data_destv6;
-    }
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    while (connect(sock.get(), dest, dlen) < 0) {
-        // Only a local address still in use is worth waiting for.
-        if (errno == EADDRINUSE && seconds_since(&start) < kConnectRetrySeconds) {
-            sleep(kConnectRetrySleep);
-            continue;
-        }
-        ftpd_reply(control_fd, "425", "Can't build data connection.", nullptr, nullptr);
-        return -1;
-    }
-
-    struct sockaddr_storage local;
-    socklen_t llen = sizeof local;
-    if (getsockname(sock.get(), reinterpret_cast<struct sockaddr *>(&local), &llen) < 0) {
-        ftpd_reply(control_fd, "425", "Can't build data connection.", nullptr, nullptr);
-        return -1;
-    }
-    if (family == AF_INET)
-        memcpy(&pcred->cnt.data_source, &local, sizeof pcred->cnt.data_source);
+    if (name[0] == '\0' || vrf_set_socket_vrf(fd, name) == 0) return;
+    int err = errno;
+    if (v6)
+        FTPD_LOG_ERR("%s: setdatasock setsockopt IPV6_PRIVATE_SEND_VRF error. errno=%d\r\n", __func__, err);
     else
-        memcpy(&pcred->cnt.data_sourcev6, &local, sizeof pcred->cnt.data_sourcev6);
+        FTPD_LOG_ERR("%s: setdatasock setsockopt IP_VRF_SEND error. errno=%d\r\n", __func__, err);
+}
 
-    pcred->data = sock.release();
-    if (reply_opening(control_fd, pcred) < 0) {
-        ftpd_data_close(&pcred->data);
-        return -1;
+void set_int(int fd, int level, int name, int value) {
+    (void)setsockopt(fd, level, name, &value, sizeof value);
+}
+
+// Puts a descriptor in non-blocking mode for the life of the guard (splice into a socket follows
+// the socket's own flag).
+class nonblocking_guard {
+  public:
+    explicit nonblocking_guard(int fd) : fd_(fd), old_(fcntl(fd, F_GETFL)) {
+        if (old_ >= 0 && (old_ & O_NONBLOCK) == 0) fcntl(fd_, F_SETFL, old_ | O_NONBLOCK);
     }
-    return pcred->data;
+    ~nonblocking_guard() {
+        if (old_ >= 0 && (old_ & O_NONBLOCK) == 0) fcntl(fd_, F_SETFL, old_);
+    }
+    nonblocking_guard(const nonblocking_guard &) = delete;
+    nonblocking_guard &operator=(const nonblocking_guard &) = delete;
+
+  private:
+    int fd_;
+    int old_;
+};
+
+// Holds back partial segments while a transfer sends, so that the kernel sends full ones; the
+// tail goes out when the guard ends.
+class cork_guard {
+  public:
+    explicit cork_guard(int fd) : fd_(fd) { set_int(fd_, IPPROTO_TCP, TCP_CORK, 1); }
+    ~cork_guard() { set_int(fd_, IPPROTO_TCP, TCP_CORK, 0); }
+    cork_guard(const cork_guard &) = delete;
+    cork_guard &operator=(const cork_guard &) = delete;
+
+  private:
+    int fd_;
+};
+
+// A kernel pipe: bytes move between a file and a connection through it without a copy into the
+// daemon.
+class kernel_pipe {
+  public:
+    explicit kernel_pipe(int size) {
+        if (pipe2(fd_, O_CLOEXEC) != 0) {
+            fd_[0] = fd_[1] = -1;
+            return;
+        }
+        // A pipe keeps its default size when the larger one is refused.
+        int got = fcntl(fd_[1], F_SETPIPE_SZ, size);
+        if (got < 0) got = fcntl(fd_[1], F_GETPIPE_SZ);
+        size_ = got > 0 ? static_cast<size_t>(got) : 0;
+    }
+    ~kernel_pipe() {
+        for (int fd : fd_)
+            if (fd >= 0) close(fd);
+    }
+    kernel_pipe(const kernel_pipe &) = delete;
+    kernel_pipe &operator=(const kernel_pipe &) = delete;
+    bool ok() const { return fd_[0] >= 0 && size_ > 0; }
+    int out() const { return fd_[0]; }
+    int in() const { return fd_[1]; }
+    size_t size() const { return size_; }
+
+  private:
+    int fd_[2];
+    size_t size_ = 0;
+};
+
+// Writes all len bytes to the file, completing partial writes.
+bool write_file(int fd, const char *p, size_t len) {
+    while (len > 0) {
+        ssize_t n = write(fd, p, len);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+ssize_t read_file(int fd, char *p, size_t len) {
+    ssize_t n;
+    do {
+        n = read(fd, p, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
 }
 
 }  // namespace
 
-int dataconn(int control_fd, off_t size, const char *mode, int client_port, const char *client_addr,
-             struct credentials *pcred) {
-    (void)size;
-    return protect(control_fd, open_data_connection(control_fd, mode, client_port, client_addr, pcred), pcred);
+// One phase's event waiter (an accounted block of its own): the descriptors are registered once
+// and changed only when what is waited for changes, not once per wait.
+class ftp_xfer_waiter {
+  public:
+    ftp_xfer_waiter() : ep_(ftpd_epoll_create()) {}
+    ~ftp_xfer_waiter() { ftpd_epoll_destroy(ep_); }
+    ftp_xfer_waiter(const ftp_xfer_waiter &) = delete;
+    ftp_xfer_waiter &operator=(const ftp_xfer_waiter &) = delete;
+    explicit operator bool() const { return ep_ != nullptr; }
+
+    // Ready descriptors of the wait (each of fds[] with its events; fd -1 or events 0: none), 0
+    // on time-out, -1 on failure; ready[i] tells which.
+    int wait(const int *fds, const uint32_t *events, int n, int timeout_ms, bool *ready) {
+        for (int i = 0; i < n; i++)
+            if (!watch(i, events[i] != 0 ? fds[i] : -1, events[i])) return -1;
+        int r;
+        do {
+            r = epoll_wait(ep_->efd, ep_->ev, FTP_EPOLL_MAX, timeout_ms);
+        } while (r < 0 && errno == EINTR);
+        for (int i = 0; i < n; i++) ready[i] = false;
+        for (int k = 0; k < r; k++)
+            for (int i = 0; i < n; i++)
+                if (ep_->ev[k].data.fd == fd_[i] && fd_[i] >= 0) ready[i] = true;
+        return r;
+    }
+
+  private:
+    bool watch(int slot, int fd, uint32_t events) {
+        if (fd == fd_[slot] && events == ev_[slot]) return true;
+        if (fd_[slot] >= 0 && fd != fd_[slot]) epoll_ctl(ep_->efd, EPOLL_CTL_DEL, fd_[slot], nullptr);
+        if (fd >= 0) {
+            struct epoll_event ev {};
+            ev.events = events;
+            ev.data.fd = fd;
+            int op = fd == fd_[slot] ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+            if (epoll_ctl(ep_->efd, op, fd, &ev) != 0) return false;
+        }
+        fd_[slot] = fd;
+        ev_[slot] = events;
+        return true;
+    }
+
+    struct ftp_epoll_s *ep_;
+    int fd_[3] = {-1, -1, -1};
+    uint32_t ev_[3] = {0, 0, 0};
+};
+
+// ---------------------------------------------------------------------------------------------
+// Listener and target
+
+int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd) {
+    // A listener of an earlier PASV/EPSV that was never used is replaced, not leaked.
+    listener_.reset(socket(local.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
+    if (!listener_) return -1;
+    set_int(listener_.get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    copy_vrf(ctl_fd, listener_.get(), local.ss_family);
+    struct sockaddr_storage addr = local;
+    for (int tries = 1;; tries++) {
+        int port = static_cast<int>(draw_port_number() % 64512) + 1024;
+        *port_of(addr) = htons(static_cast<uint16_t>(port));
+        if (bind(listener_.get(), reinterpret_cast<struct sockaddr *>(&addr), length_of(addr)) == 0) {
+            if (::listen(listener_.get(), kPassiveBacklog) != 0) break;
+            return port;
+        }
+        if (errno != EADDRINUSE || tries >= kMaxBindTries) {
+            FTPD_LOG_ERR("%s:data connection, bind fail(errno=%d).\n", __func__, errno);
+            break;
+        }
+    }
+    listener_.reset();
+    return -1;
+}
+
+void ftp_dataconn::set_target(const struct sockaddr_storage &dest) {
+    target_ = dest;
+    has_target_ = true;
+}
+
+void ftp_dataconn::release() {
+    listener_.reset();
+    stream_.close();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Waits
+
+ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring) {
+    const ftp_data_env &env = *env_;
+    int fds[3] = {fd, env.control->stream.fd(), env.stop_fd};
+    short want[3] = {events, env.watch != nullptr ? env.watch->events(transferring) : static_cast<short>(0),
+                     static_cast<short>(env.stop_fd >= 0 ? POLLIN : 0)};
+    int timeout = fd == -1 ? 0 : env.idle_ms;
+    bool ready[3] = {false, false, false};
+    int r;
+    if (waiter_ != nullptr) {
+        // poll and epoll share the values of these event bits.
+        uint32_t ev[3] = {static_cast<uint32_t>(want[0]), static_cast<uint32_t>(want[1]),
+                          static_cast<uint32_t>(want[2])};
+        r = waiter_->wait(fds, ev, 3, timeout, ready);
+    } else {
+        struct pollfd p[3] = {};
+        for (int i = 0; i < 3; i++) p[i] = {want[i] != 0 ? fds[i] : -1, want[i], 0};
+        r = ftp_poll(p, 3, timeout);
+        for (int i = 0; i < 3; i++) ready[i] = p[i].revents != 0;
+    }
+    if (r < 0) return ftp_move::failed;
+    if (r == 0) {
+        if (fd < 0) return ftp_move::done;  // a look between chunks, or a pause
+        FTPD_LOG_PRO("Time out.\n");
+        return ftp_move::failed;
+    }
+    // The stop message aborts only while the service is disabled: a message left over from an
+    // earlier disable is taken and ignored (another thread may have taken this one).
+    if (ready[2]) {
+        char msg[FTP_DOMAIN_MSG_LEN];
+        (void)recv(env.stop_fd, msg, sizeof msg, MSG_DONTWAIT);
+        if (!is_ftp_server_start()) return ftp_move::stopped;
+    }
+    if (ready[1]) {
+        switch (env.watch->on_control()) {
+            case ftp_watch::abort:
+                return ftp_move::aborted;
+            case ftp_watch::gone:
+                return ftp_move::control_gone;
+            case ftp_watch::go_on:
+                break;
+        }
+    }
+    // Whatever else woke the wait, the caller tries again.
+    return ftp_move::done;
+}
+
+ftp_move ftp_dataconn::wait_stream(bool transferring) {
+    return wait_fd(stream_.fd(), stream_.wait_events(), transferring);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Opening
+
+int ftp_dataconn::accept_passive() {
+    const ftp_data_env &env = *env_;
+    long long deadline = ftp_now_ms() + env.idle_ms;
+    unique_fd fd;
+    struct sockaddr_storage peer {};
+    ftp_xfer_waiter waiter;
+    waiter_ = &waiter;
+    while (waiter && !fd) {
+        long long left = deadline - ftp_now_ms();
+        if (left <= 0) {
+            FTPD_LOG_PRO("Time out.\n");
+            break;
+        }
+        ftp_data_env limited = env;
+        limited.idle_ms = static_cast<int>(left);
+        env_ = &limited;
+        ftp_move w = wait_fd(listener_.get(), POLLIN, false);
+        env_ = &env;
+        if (w == ftp_move::stopped || w == ftp_move::control_gone) {
+            waiter_ = nullptr;
+            listener_.reset();
+            return -1;
+        }
+        if (w != ftp_move::done) break;
+        socklen_t plen = sizeof peer;
+        int got = accept4(listener_.get(), reinterpret_cast<struct sockaddr *>(&peer), &plen, SOCK_CLOEXEC);
+        if (got < 0) {
+            if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) continue;
+            break;
+        }
+        fd.reset(got);
+        if (!same_host(peer, env)) {
+            FTPD_LOG_ERR("%s: passive connection from another address refused.\n", FTPD_MODULE);
+            fd.reset();
+        }
+    }
+    waiter_ = nullptr;
+    // A listener serves one connection, or none when the wait failed.
+    listener_.reset();
+    struct sockaddr_storage local {};
+    socklen_t llen = sizeof local;
+    if (!fd || getsockname(fd.get(), reinterpret_cast<struct sockaddr *>(&local), &llen) != 0) {
+        ftpd_reply_text(*env.control, kCantOpen);
+        return -2;
+    }
+    if (peer.ss_family == AF_INET6) {
+        memcpy(&addrs_.pasv_destv6, &peer, sizeof addrs_.pasv_destv6);
+        memcpy(&addrs_.pasv_addrv6, &local, sizeof addrs_.pasv_addrv6);
+    } else {
+        memcpy(&addrs_.pasv_dest, &peer, sizeof addrs_.pasv_dest);
+        memcpy(&addrs_.pasv_addr, &local, sizeof addrs_.pasv_addr);
+    }
+    set_int(fd.get(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
+    set_int(fd.get(), SOL_SOCKET, SO_KEEPALIVE, 1);
+    stream_.reset(fd.release());
+    return 0;
+}
+
+int ftp_dataconn::connect_active() {
+    const ftp_data_env &env = *env_;
+    int family = has_target_ ? target_.ss_family : env.family;
+    struct sockaddr_storage dest {};
+    if (has_target_) {
+        dest = target_;
+    } else if (family == AF_INET6) {
+        // The default data port is the client's control port plus one.
+        memcpy(&dest, &env.addr->his_addrv6, sizeof env.addr->his_addrv6);
+        *port_of(dest) = htons(static_cast<uint16_t>(ntohs(env.addr->his_addrv6.sin6_port) + 1));
+    } else {
+        memcpy(&dest, &env.addr->his_addr, sizeof env.addr->his_addr);
+        *port_of(dest) = htons(static_cast<uint16_t>(ntohs(env.addr->his_addr.sin_port) + 1));
+    }
+    if (family == AF_INET6) {
+        auto *d6 = reinterpret_cast<struct sockaddr_in6 *>(&dest);
+        // The zone the client typed is not trusted: the scope is the control connection's.
+        if (is_scoped_v6(&d6->sin6_addr)) d6->sin6_scope_id = env.addr->his_addrv6.sin6_scope_id;
+        addrs_.data_destv6 = *d6;
+    } else {
+        addrs_.data_dest = *reinterpret_cast<struct sockaddr_in *>(&dest);
+    }
+    // The next transfer without a new PORT/EPRT goes to the default address.
+    has_target_ = false;
+
+    unique_fd fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    int on = 1;
+    if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+        ftpd_reply_text(*env.control, kCantOpen);
+        return -2;
+    }
+    copy_vrf(env.control->stream.fd(), fd.get(), env.family);
+    if (family == AF_INET) set_int(fd.get(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
+
+    long long start = ftp_now_ms();
+    for (;;) {
+        int rc = ::connect(fd.get(), reinterpret_cast<struct sockaddr *>(&dest), length_of(dest));
+        int err = rc == 0 ? 0 : errno;
+        if (err == EINPROGRESS) {
+            ftp_move w = wait_fd(fd.get(), POLLOUT, false);
+            if (w == ftp_move::stopped || w == ftp_move::control_gone) return -1;
+            socklen_t elen = sizeof err;
+            if (w != ftp_move::done || getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &err, &elen) != 0) err = ETIMEDOUT;
+            // Woken by something else: the connection is still on its way.
+            if (w == ftp_move::done && err == 0) {
+                struct pollfd p = {fd.get(), POLLOUT, 0};
+                if (poll(&p, 1, 0) == 0) err = EINPROGRESS;
+            }
+            if (err == EINPROGRESS) continue;
+        }
+        // Only a local address still in use is worth waiting for.
+        if (err == EADDRINUSE && ftp_now_ms() - start < kConnectRetryMs) {
+            ftp_data_env pause = env;
+            pause.idle_ms = kConnectRetrySleepMs;
+            env_ = &pause;
+            ftp_move w = wait_fd(-2, 0, false);
+            env_ = &env;
+            if (w == ftp_move::stopped || w == ftp_move::control_gone) return -1;
+            continue;
+        }
+        if (err != 0) {
+            ftpd_reply(*env.control, "425", "Can't build data connection.", nullptr, nullptr);
+            return -2;
+        }
+        break;
+    }
+    struct sockaddr_storage local {};
+    socklen_t llen = sizeof local;
+    if (getsockname(fd.get(), reinterpret_cast<struct sockaddr *>(&local), &llen) != 0) {
+        ftpd_reply(*env.control, "425", "Can't build data connection.", nullptr, nullptr);
+        return -2;
+    }
+    if (family == AF_INET6)
+        memcpy(&addrs_.data_sourcev6, &local, sizeof addrs_.data_sourcev6);
+    else
+        memcpy(&addrs_.data_source, &local, sizeof addrs_.data_source);
+    stream_.reset(fd.release());
+    return 0;
+}
+
+// Under PROT P the opened connection is taken over by TLS within the idle time-out; a connection
+// that fails the handshake (plain text, or not resuming the login's session) is closed and the
+// transfer refused.
+int ftp_dataconn::protect() {
+    const ftp_data_env &env = *env_;
+    if (!env.protect || env.control_tls == nullptr) return 0;
+    char why[160] = {0};
+    ftp_tls *t = ftp_tls_accept(stream_.fd(), env.idle_ms, env.control_tls, why, sizeof why);
+    if (t != nullptr) {
+        stream_.protect(t);
+        return 0;
+    }
+    FTPD_LOG_PRO("data connection TLS: %s\n", why);
+    stream_.close();
+    ftpd_reply(*env.control, "425", "TLS handshake on the data connection failed.", nullptr, nullptr);
+    return -2;
+}
+
+int ftp_dataconn::open(const ftp_data_env &env) {
+    env_ = &env;
+    bytes_ = 0;
+    open_mode_ = listening() ? ftp_data_mode::passive : ftp_data_mode::active;
+    int r = listening() ? accept_passive() : connect_active();
+    if (r == 0 && ftpd_reply(*env.control, "150", "Opening %s mode data connection.",
+                             env.type == ftp_type::ascii ? "ASCII" : "BINARY", nullptr) != 0) {
+        stream_.close();
+        r = -1;
+    }
+    if (r == 0) r = protect();
+    if (r == 0 && env.slot_update != nullptr) env.slot_update(env.ctx);
+    if (r != 0) env_ = nullptr;
+    return r;
+}
+
+int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
+    const ftp_data_env &env = *env_;
+    // The closing alert tells the client that it has every byte.
+    if (how == ftp_move::done && stream_.is_protected() && ftp_tls_finish(stream_.tls(), env.idle_ms) != 0)
+        how = ftp_move::failed;
+    if (stream_.is_protected())
+        FTPD_LOG_PRO("data connection protected, %s TLS.\n", ftp_tls_kernel_send(stream_.tls()) ? "kernel" : "user-space");
+    stream_.close();
+    ftp_control &c = *env.control;
+    switch (how) {
+        case ftp_move::done:
+            ftpd_reply_text(c, replies.done);
+            break;
+        case ftp_move::input_error:
+            ftpd_reply(c, "551", "Error on input file.", nullptr, nullptr);
+            break;
+        case ftp_move::write_error:
+            ftpd_reply(c, "452", "Error writing file.", nullptr, nullptr);
+            break;
+        case ftp_move::local_error:
+            ftpd_reply_text(c, "451 Requested action aborted. Local error in processing.\r\n");
+            break;
+        case ftp_move::no_buffer:
+            ftpd_reply(c, "451", "Local resource failure: malloc.", nullptr, nullptr);
+            break;
+        case ftp_move::no_waiter:
+            ftpd_reply(c, "451", "Local resource failure: epoll.", nullptr, nullptr);
+            break;
+        case ftp_move::aborted:
+            if (ftpd_reply_text(c, replies.failed) == 0) ftpd_reply_text(c, "226 Abort successful.\r\n");
+            break;
+        case ftp_move::failed:
+        case ftp_move::stopped:
+            ftpd_reply_text(c, replies.failed);
+            break;
+        case ftp_move::replied:
+        case ftp_move::control_gone:
+            break;
+    }
+    if (env.slot_update != nullptr) env.slot_update(env.ctx);
+    env_ = nullptr;
+    return how == ftp_move::stopped || how == ftp_move::control_gone ? -1 : 0;
+}
+
+int ftp_dataconn::transfer(const ftp_data_env &env, const ftp_data_replies &replies, ftp_mover mover, void *ctx) {
+    int r = open(env);
+    if (r != 0) return r;
+    return finish(mover(*this, ctx), replies);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sending
+
+ftp_move ftp_dataconn::send_all(const char *p, size_t len) {
+    while (len > 0) {
+        ssize_t n = stream_.write_some(p, len);
+        if (n > 0) {
+            p += n;
+            len -= static_cast<size_t>(n);
+            bytes_ += n;
+            continue;
+        }
+        if (n == 0 || errno != EAGAIN) return ftp_move::failed;
+        ftp_move w = wait_stream(true);
+        if (w != ftp_move::done) return w;
+    }
+    return ftp_move::done;
+}
+
+// Binary type, regular file, plain connection: the file's pages go to the socket by reference.
+// Falls back (ftp_move::replied, nothing sent for the rest) when the file cannot be spliced; the
+// file offset is then where the splicing stopped, with every byte before it sent.
+ftp_move ftp_dataconn::send_spliced(int file) {
+    off_t off = lseek(file, 0, SEEK_CUR);
+    struct stat st;
+    kernel_pipe pipe(kSendPipe);
+    if (off < 0 || fstat(file, &st) != 0 || !pipe.ok()) return ftp_move::replied;
+    off_t size_hint = st.st_size;
+    // splice has no MSG_NOSIGNAL; SIGPIPE is ignored process-wide, so a peer that went away
+    // fails the call.
+    nonblocking_guard nb(stream_.fd());
+    size_t in_pipe = 0;
+    for (;;) {
+        if (in_pipe == 0) {
+            // At the known end, the next read finds end of file before anything else is looked
+            // at, as a block read would. A file that grew (or reports no size) just goes on.
+            bool at_end = off >= size_hint;
+            if (!at_end) {
+                ftp_move w = wait_fd(-1, 0, true);
+                if (w != ftp_move::done) return w;
+            }
+            ssize_t n = splice(file, &off, pipe.in(), nullptr, pipe.size(), SPLICE_F_MOVE);
+            if (n == 0) return ftp_move::done;
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                // Let the copying path read the file and report what fails.
+                return lseek(file, off, SEEK_SET) < 0 ? ftp_move::input_error : ftp_move::replied;
+            }
+            in_pipe = static_cast<size_t>(n);
+            if (at_end && fstat(file, &st) == 0) size_hint = st.st_size;
+        }
+        ssize_t m = splice(pipe.out(), nullptr, stream_.fd(), nullptr, in_pipe, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        if (m > 0) {
+            in_pipe -= static_cast<size_t>(m);
+            bytes_ += m;
+            continue;
+        }
+        if (m < 0 && errno == EINTR) continue;
+        if (m < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            ftp_move w = wait_fd(stream_.fd(), POLLOUT, true);
+            if (w != ftp_move::done) return w;
+            continue;
+        }
+        return ftp_move::failed;
+    }
+}
+
+// Binary type, regular file, kernel TLS: the kernel encrypts the file's pages on their way out.
+// Falls back like the splice path.
+ftp_move ftp_dataconn::send_kernel_tls(int file) {
+    off_t off = lseek(file, 0, SEEK_CUR);
+    struct stat st;
+    if (off < 0 || fstat(file, &st) != 0) return ftp_move::replied;
+    for (;;) {
+        if (off >= st.st_size && (fstat(file, &st) != 0 || off >= st.st_size)) return ftp_move::done;
+        ftp_move w = wait_fd(-1, 0, true);
+        if (w != ftp_move::done) return w;
+        size_t want = static_cast<size_t>(st.st_size - off);
+        size_t chunk = static_cast<size_t>(kSendPipe);
+        ssize_t n = ftp_tls_sendfile(stream_.tls(), file, off, want < chunk ? want : chunk);
+        if (n > 0) {
+            off += n;
+            bytes_ += n;
+            continue;
+        }
+        if (n < 0 && errno == EAGAIN) {
+            w = wait_stream(true);
+            if (w != ftp_move::done) return w;
+            continue;
+        }
+        return lseek(file, off, SEEK_SET) < 0 ? ftp_move::input_error : ftp_move::replied;
+    }
+}
+
+// Reads the file a chunk at a time, converts it block by block in ASCII type and sends it.
+ftp_move ftp_dataconn::send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk) {
+    for (;;) {
+        ssize_t n = read_file(file, buf, chunk);
+        if (n < 0) return ftp_move::input_error;
+        if (n == 0) return ftp_move::done;
+        ftp_move w = wait_fd(-1, 0, true);
+        if (w != ftp_move::done) return w;
+        const char *out = buf;
+        size_t len = static_cast<size_t>(n);
+        if (ascii) {
+            len = ftp_chunk_to_dos(buf, len, blk, converted);
+            out = converted;
+        }
+        w = send_all(out, len);
+        if (w != ftp_move::done) return w;
+    }
+}
+
+ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
+    if (blk == 0) blk = FTP_BUF_SIZE;
+    // A whole number of conversion blocks per read, so blocks fall where one read per block would.
+    size_t chunk = blk >= kSendChunk ? blk : kSendChunk / blk * blk;
+    // The buffers and the waiter are taken up front, whichever way the bytes then go.
+    ftpd_block buf(FTPD_M_BUF, chunk);
+    ftpd_block converted(FTPD_M_CHANG_BUF, 2 * chunk);
+    if (!buf || !converted) return ftp_move::no_buffer;
+    ftp_xfer_waiter waiter;
+    if (!waiter) return ftp_move::no_waiter;
+    waiter_ = &waiter;
+    bool ascii = !raw && env_->type == ftp_type::ascii;
+    struct stat st;
+    bool regular = fstat(file, &st) == 0 && S_ISREG(st.st_mode);
+    cork_guard cork(stream_.fd());
+    ftp_move r = ftp_move::replied;  // not sent yet
+    if (!ascii && regular && !stream_.is_protected())
+        r = send_spliced(file);
+    else if (!ascii && regular && ftp_tls_kernel_send(stream_.tls()))
+        r = send_kernel_tls(file);
+    if (r == ftp_move::replied) r = send_copied(file, blk, ascii, buf.get(), converted.get(), chunk);
+    waiter_ = nullptr;
+    return r;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Receiving
+
+ftp_move ftp_dataconn::receive_file(int file) {
+    // The buffers and the waiter are taken up front, whichever way the bytes then go.
+    ftpd_block buf(FTPD_M_DATA_BUF, kRecvChunk);
+    ftpd_block converted(FTPD_M_BUF, kRecvChunk + 1);
+    if (!buf || !converted) return ftp_move::no_buffer;
+    ftp_xfer_waiter waiter;
+    if (!waiter) return ftp_move::no_waiter;
+    waiter_ = &waiter;
+    ftp_move r = receive_loop(file, buf.get(), converted.get());
+    waiter_ = nullptr;
+    return r;
+}
+
+ftp_move ftp_dataconn::receive_loop(int file, char *buf, char *converted) {
+    bool ascii = env_->type == ftp_type::ascii;
+    // Binary type into a regular file is spliced; the kernel does not splice into a file opened
+    // for appending, and protected bytes are decrypted in the daemon.
+    struct stat st;
+    kernel_pipe pipe(kReceivePipe);
+    bool splicing = !ascii && !stream_.is_protected() && fstat(file, &st) == 0 && S_ISREG(st.st_mode) && pipe.ok() &&
+                    (fcntl(file, F_GETFL) & O_APPEND) == 0;
+    nonblocking_guard nb(stream_.fd());
+    ftp_ascii_in carry;
+    for (;;) {
+        ftp_move look = wait_fd(-1, 0, true);
+        if (look != ftp_move::done) return look;
+        ssize_t n;
+        if (splicing) {
+            n = splice(stream_.fd(), nullptr, pipe.in(), nullptr, pipe.size(), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+            if (n < 0 && (errno == EINVAL || errno == ENOSYS)) {
+                splicing = false;  // receive into the buffer from now on
+                continue;
+            }
+        } else {
+            n = stream_.read_some(buf, kRecvChunk);
+        }
+        if (n == 0) {
+            if (ascii && env_->ascii_carry && carry.cr_pending && !write_file(file, "\r", 1))
+                return ftp_move::write_error;
+            fsync(file);
+            return ftp_move::done;
+        }
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) return ftp_move::failed;
+            ftp_move w = wait_fd(stream_.fd(), splicing ? POLLIN : stream_.wait_events(), true);
+            if (w != ftp_move::done) return w;
+            continue;
+        }
+        if (splicing) {
+            for (ssize_t left = n; left > 0;) {
+                ssize_t m = splice(pipe.out(), nullptr, file, nullptr, static_cast<size_t>(left), SPLICE_F_MOVE);
+                if (m < 0 && errno == EINTR) continue;
+                if (m <= 0) return ftp_move::write_error;
+                left -= m;
+            }
+            bytes_ += n;
+            continue;
+        }
+        const char *out = buf;
+        size_t len = static_cast<size_t>(n);
+        if (ascii) {
+            // Cut where one receive of at most one block at a time would have cut, unless a CR LF
+            // split between two blocks is still to be one line end.
+            len = env_->ascii_carry ? ftp_stream_to_unix(buf, len, &carry, converted)
+                                    : ftp_chunk_to_unix(buf, len, kRecvBlock, converted);
+            out = converted;
+        }
+        if (!write_file(file, out, len)) return ftp_move::write_error;
+        bytes_ += static_cast<off_t>(len);
+    }
 }

@@ -1,27 +1,160 @@
-// The data-address commands and the opening of each data connection.
+// The data connection of one session: the one owner of a passive listener, of the accepted or
+// connected data socket and of its TLS state, and of every byte that crosses it. The address
+// commands leave a listener or a target in it; a transfer or listing then runs the one sequence
+// "open, 150, move the bytes, finish, 226 or 426", every wait of which honours the idle time-out,
+// the stop message of the local control channel and the control connection.
 #pragma once
 
-#include "base/ftpd.h"
+#include <sys/socket.h>
+#include <sys/types.h>
 
-int command_port(int control_fd, char *data_buff, char *client_addr, int *client_port, struct credentials *pcred);
-int command_eprt(int control_fd, char *data_buff, char *client_addr, int addr_size, int *client_port,
-                 struct credentials *pcred);
-int command_epsv(int control_fd, char *data_buff, struct credentials *pcred);
-void passive(int control_fd, struct credentials *pcred);
-int parse_port_data(char *data_buff, char *client_addr);
-int toint(const char *str, int strict);
-int doeprt(int control_fd, char *p, char *client_addr, int addr_size, int *client_port, struct credentials *pcred);
-int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int addr_size, int *client_port,
-                 const struct credentials *pcred);
-int dopasv(int control_fd, struct credentials *pcred);
-int dataconn(int control_fd, off_t size, const char *mode, int client_port, const char *client_addr,
-             struct credentials *pcred);
-int getdatasock(const char *mode, struct credentials *pcred);
-// The session's data connections (passive listener, accepted passive connection, active
-// connection) are closed and reset here only. One of them:
-void ftpd_data_close(int32_t *fd);
-// After a transfer or listing on dfd: both connections closed, without lingering, and reset.
-void ftpd_data_finish(struct credentials *pcred, int dfd);
-// At the session's end: all three.
-void ftpd_data_release(struct credentials *pcred);
-void ftps_set_vrf_option(struct credentials *pcred, int fd);
+#include "base/ftpd.h"
+#include "net/reply.h"
+#include "net/stream.h"
+
+struct ftp_tls;
+
+// What input on the control connection means while a data connection is awaited or in use.
+enum class ftp_watch { go_on, abort, gone };
+
+class ftp_data_watch {
+  public:
+    // The poll events to watch the control connection for; 0 watches nothing.
+    virtual short events(bool transferring) = 0;
+    // The control connection has one of them.
+    virtual ftp_watch on_control() = 0;
+
+  protected:
+    ~ftp_data_watch() = default;
+};
+
+// What a data connection needs of its session, given at each use.
+struct ftp_data_env {
+    ftp_control *control = nullptr;       // replies; watched during every wait
+    int stop_fd = -1;                     // the local control channel
+    int idle_ms = 0;                      // each wait's deadline
+    int family = AF_INET;                 // of the control connection
+    const ftp_connect_addr *addr = nullptr;  // the control connection's peer and local addresses
+    ftp_type type = ftp_type::ascii;
+    ftp_data_watch *watch = nullptr;
+    bool protect = false;                 // PROT P: the connection is taken over by TLS
+    const ftp_tls *control_tls = nullptr;  // whose login a protected data connection must resume
+    bool ascii_carry = false;             // a CR LF split between two received blocks is still one line end
+    // Refreshes the session's connection slot (after the opening reply, after the end).
+    void (*slot_update)(void *ctx) = nullptr;
+    void *ctx = nullptr;
+};
+
+// How moving the bytes ended; the sequence answers each with its reply.
+enum class ftp_move {
+    done,          // every byte moved: 226
+    replied,       // the mover has answered already
+    input_error,   // the file could not be read: 551
+    write_error,   // the file could not be written: 452
+    local_error,   // 451
+    no_buffer,     // 451: a buffer of the transfer could not be had
+    no_waiter,     // 451: nor its event waiter
+    failed,        // the data connection failed or stalled for the idle time-out: 426
+    stopped,       // the stop message: 426, and the session ends
+    aborted,       // ABOR: 426 then 226
+    control_gone,  // the client left: no reply, the session ends
+};
+
+// The replies of one kind of transfer.
+struct ftp_data_replies {
+    const char *done;    // whole reply texts
+    const char *failed;
+};
+extern const ftp_data_replies kDownloadReplies;  // RETR and listings
+extern const ftp_data_replies kUploadReplies;    // STOR and APPE
+
+// The addresses of the last data connections, as the status report and STAT show them.
+struct ftp_data_addrs {
+    int family = 0;  // of the next or current data connection: 0, AF_INET or AF_INET6
+    struct sockaddr_in data_dest {};
+    struct sockaddr_in6 data_destv6 {};
+    struct sockaddr_in data_source {};
+    struct sockaddr_in6 data_sourcev6 {};
+    struct sockaddr_in pasv_dest {};
+    struct sockaddr_in6 pasv_destv6 {};
+    struct sockaddr_in pasv_addr {};
+    struct sockaddr_in6 pasv_addrv6 {};
+};
+
+class ftp_dataconn;
+class ftp_xfer_waiter;
+// Moves the bytes of one transfer over the open connection.
+using ftp_mover = ftp_move (*)(ftp_dataconn &dc, void *ctx);
+
+class ftp_dataconn {
+  public:
+    ftp_dataconn() = default;
+    ftp_dataconn(const ftp_dataconn &) = delete;
+    ftp_dataconn &operator=(const ftp_dataconn &) = delete;
+
+    // --- What the address commands leave.
+    // A new passive listener on local (its port drawn at random), in the VRF of ctl_fd; an
+    // earlier one is replaced. The port, or -1.
+    int listen(const struct sockaddr_storage &local, int ctl_fd);
+    bool listening() const { return static_cast<bool>(listener_); }
+    void drop_listener() { listener_.reset(); }
+    // The next active connection goes to dest (once); without one, to the client's control port
+    // plus one.
+    void set_target(const struct sockaddr_storage &dest);
+    bool has_target() const { return has_target_; }
+    // The family of the next data connection (0: the control connection's).
+    void set_family(int family) { addrs_.family = family; }
+    const ftp_data_addrs &addrs() const { return addrs_; }
+    // How the open connection was made; none between transfers.
+    ftp_data_mode mode() const { return stream_ ? open_mode_ : ftp_data_mode::none; }
+    // EPSV ALL: only EPSV may set up a data connection from now on.
+    bool extended_only = false;
+
+    // --- The transfer sequence: opens the connection (answering 425 itself when it cannot),
+    // replies 150, moves the bytes, finishes and closes the connection, and answers 226 or the
+    // failure. 0; -1 when the session must end (the stop message, the client left); -2 when no
+    // connection could be opened.
+    int transfer(const ftp_data_env &env, const ftp_data_replies &replies, ftp_mover mover, void *ctx);
+    // Opens the connection and replies 150 (the first half of transfer, for the device's
+    // listings, which stage only once it is open). 0, -1 (session ends) or -2 (425 answered).
+    int open(const ftp_data_env &env);
+    // Finishes and closes what open made and answers how moving ended (the second half).
+    int finish(ftp_move how, const ftp_data_replies &replies);
+
+    // --- For movers: the bytes of an open connection.
+    // The file from its offset to its end; in ASCII type its line ends become CR LF, block by
+    // block of blk bytes. raw: as it is, whatever the type.
+    ftp_move send_file(int file, size_t blk, bool raw = false);
+    // Everything the client sends, into the file at its offset (appending when it is opened so);
+    // in ASCII type CR LF becomes LF.
+    ftp_move receive_file(int file);
+    off_t bytes() const { return bytes_; }
+    bool is_protected() const { return stream_.is_protected(); }
+
+    // Everything given back (the session's end).
+    void release();
+
+  private:
+    int accept_passive();
+    int connect_active();
+    int protect();
+    // Waits until the stream can go on (its own wait events); the control connection and the
+    // stop channel are watched meanwhile. ftp_move::done when it can go on.
+    ftp_move wait_stream(bool transferring);
+    ftp_move wait_fd(int fd, short events, bool transferring);
+    ftp_move send_all(const char *p, size_t len);
+    ftp_move send_spliced(int file);
+    ftp_move send_kernel_tls(int file);
+    ftp_move receive_loop(int file, char *buf, char *converted);
+    ftp_move send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk);
+
+    const ftp_data_env *env_ = nullptr;    // during a transfer
+    ftp_xfer_waiter *waiter_ = nullptr;    // the waits of the current phase, when it has one
+    unique_fd listener_;
+    ftp_stream stream_;
+    bool has_target_ = false;
+    struct sockaddr_storage target_ {};
+    ftp_data_addrs addrs_;
+    off_t bytes_ = 0;
+    ftp_data_mode open_mode_ = ftp_data_mode::none;
+};

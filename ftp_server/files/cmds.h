@@ -1,17 +1,21 @@
-// The directory commands (CWD, CDUP, PWD, MKD, RMD) and the file commands (DELE, RNFR, RNTO, SIZE, MDTM, STAT).
+// The directory commands (CWD, CDUP, PWD, MKD, RMD) and the file commands (DELE, RNFR, RNTO, SIZE,
+// MDTM, STAT of a path): the command table's handlers, false when the session must end.
 #pragma once
 
-#include "base/ftpd.h"
+struct ftp_session;
 
-int command_cwd(int control_fd, char *data_buff, char *reply_buff, char *currentdir, struct credentials *pcred);
-int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, struct credentials *pcred);
-int pwd_fun(int control_fd, char *current_dir, char *sendbuff, struct credentials *pcred);
-int command_mkd(int control_fd, char *data_buff, char *currentdir, struct credentials *pcred);
-int command_rmd(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred);
-int command_dele(int control_fd, char *data_buff, char *reply_buff, char *current_dir, struct credentials *pcred);
-int command_rnfr(int control_fd, char *data_buff, char *reply_buff, char *rename_from, char *current_dir,
-                 struct credentials *pcred);
-int command_rnto(int control_fd, char *data_buff, char *rename_from, char *current_dir, struct credentials *pcred);
-int command_size(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred);
-int command_mdtm(int control_fd, char *data_buff, char *reply_buff, char *current_dir, struct credentials *pcred);
-int command_stat(int control_fd, char *data_buff, char *reply_buff, char *current_dir, struct credentials *pcred);
+bool command_cwd(ftp_session &s);
+bool command_cdup(ftp_session &s);
+bool pwd_fun(ftp_session &s);
+bool command_mkd(ftp_session &s);
+bool command_rmd(ftp_session &s);
+bool command_dele(ftp_session &s);
+bool command_rnfr(ftp_session &s);
+bool command_rnto(ftp_session &s);
+bool command_size(ftp_session &s);
+bool command_mdtm(ftp_session &s);
+// STAT with a path: the listing lines of it on the control connection.
+bool stat_path(ftp_session &s);
+// Moves the current directory to path (resolved inside the top directory) and answers 250, or
+// answers 550. 0 moved, -1 refused.
+int cwd(ftp_session &s, const char *path);

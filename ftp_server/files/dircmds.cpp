@@ -1,16 +1,14 @@
-// The directory commands CWD, CDUP (through cwd), PWD, MKD and RMD: their admission checks, the
-// moves of the session's current directory and every reply they send. Each resolves its argument
-// inside the top directory first and reports refusals without telling their cause.
+// The directory commands CWD, CDUP, PWD, MKD and RMD: their admission checks, the moves of the
+// session's current directory and every reply they send. Each resolves its argument inside the
+// top directory first and reports refusals without telling their cause.
 #include <sys/stat.h>
 
 #include <cstring>
 
 #include "base/ftpd.h"
 #include "files/cmds.h"
-#include "transfer/list_internal.h"
 #include "files/path.h"
-#include "net/reply.h"
-#include "control/session.h"
+#include "session/session.h"
 
 namespace {
 
@@ -24,101 +22,102 @@ bool can_enter(const char *real_path) {
     return strlen(real_path) <= FTP_CURRENTDIR_LEN - 1;
 }
 
-int makedir(int control_fd, const char *name, const char *current_dir, struct credentials *pcred) {
+int makedir(ftp_session &s, const char *name) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!work) return ftpd_reply_text(control_fd, FTP_REPLY_550);
+    if (!work) return reply(s, FTP_REPLY_550);
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
-    // The device's process runs with no umask; on plain Linux a new directory is not world-writable.
-    mode_t mode = ftpd_standard() ? 0755 : 0777;
-    if (ftpd_resolve_path(pcred, current_dir, name, inpath, outpath) != ftpd_resolve_result::ok ||
-        mkdir(inpath, mode) != 0) {
+    if (ftpd_resolve_path(s, name, inpath, outpath) != ftpd_resolve_result::ok || mkdir(inpath, s.policy.mkdir_mode) != 0) {
         (void)ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
-        return ftpd_reply_text(control_fd, outpath);
+        return reply(s, outpath);
     }
     // The argument is echoed as sent; resolved paths always take the first branch, the others
     // stay as the fallback chain.
-    if (inpath[0] == '/') return ftpd_reply(control_fd, "257", "\"%s\" new directory created.", name, nullptr);
-    if (strncmp(inpath, "./", 2) == 0)
-        return ftpd_reply(control_fd, "257", "\"%s\" new directory created.", name + 1, nullptr);
-    if (current_dir != nullptr && current_dir[0] != '\0') {
-        if (strcmp(current_dir, "/") == 0)
-            return ftpd_reply(control_fd, "257", "\"%s%s\" new directory created.", current_dir, name);
-        return ftpd_reply(control_fd, "257", "\"%s/%s\" new directory created.", current_dir, name);
+    const char *current_dir = s.currentdir;
+    if (inpath[0] == '/') return reply_code(s, "257", "\"%s\" new directory created.", name);
+    if (strncmp(inpath, "./", 2) == 0) return reply_code(s, "257", "\"%s\" new directory created.", name + 1);
+    if (current_dir[0] != '\0') {
+        if (strcmp(current_dir, "/") == 0) return reply_code(s, "257", "\"%s%s\" new directory created.", current_dir, name);
+        return reply_code(s, "257", "\"%s/%s\" new directory created.", current_dir, name);
     }
-    return ftpd_reply(control_fd, "257", "%s", "(unknown absolute name) new directory created.", nullptr);
+    return reply_code(s, "257", "%s", "(unknown absolute name) new directory created.");
 }
 
-int removedir(int control_fd, const char *name, const char *current_dir, struct credentials *pcred) {
+int removedir(ftp_session &s, const char *name) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!work) return ftpd_reply_text(control_fd, FTP_REPLY_550);
+    if (!work) return reply(s, FTP_REPLY_550);
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
-    if (ftpd_resolve_path(pcred, current_dir, name, inpath, outpath) != ftpd_resolve_result::ok)
-        return ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, name, nullptr);
+    if (ftpd_resolve_path(s, name, inpath, outpath) != ftpd_resolve_result::ok)
+        return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
     // No rule protects the top directory itself: RMD / removes it when it is empty.
-    if (rmdir(inpath) != 0) return ftpd_reply(control_fd, "550", "Remove %s fail.", name, nullptr);
-    return ftpd_reply(control_fd, "250", "%s", "RMD command successful.", nullptr);
+    if (rmdir(inpath) != 0) return reply_code(s, "550", "Remove %s fail.", name);
+    return reply_code(s, "250", "%s", "RMD command successful.");
 }
 
 }  // namespace
 
-int command_cwd(int control_fd, char *data_buff, char *reply_buff, char *currentdir, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return ftpd_reply_text(control_fd, FTP_REPLY_530) == 0 ? 0 : -1;
+bool command_cwd(ftp_session &s) {
     // CWD alone answers 553 for a session without a top directory.
-    if (!is_access(pcred)) return ftpd_reply(control_fd, nullptr, "%s Access denied.", "553", nullptr) == 0 ? 0 : -1;
-    if (is_data_empty(data_buff)) return ftpd_reply_text(control_fd, FTP_REPLY_501) == 0 ? 0 : -1;
-    cwd(control_fd, currentdir, data_buff, reply_buff, pcred);
-    return 0;
+    if (!is_access(s)) return reply_code(s, nullptr, "%s Access denied.", "553") == 0;
+    if (is_data_empty(s.arg)) return reply(s, FTP_REPLY_501) == 0;
+    cwd(s, s.arg);
+    return true;
 }
 
-int cwd(int control_fd, char *current_dir, const char *path, char *sendbuff, struct credentials *pcred) {
-    sendbuff[0] = '\0';
+bool command_cdup(ftp_session &s) {
+    if (!is_access(s)) return reply(s, FTP_REPLY_550) >= 0;
+    cwd(s, "..");
+    return true;
+}
+
+int cwd(ftp_session &s, const char *path) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!work) {
-        ftpd_reply_text(control_fd, FTP_REPLY_550);
+        reply(s, FTP_REPLY_550);
         return -1;
     }
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
-    if (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath) != ftpd_resolve_result::ok || !can_enter(inpath)) {
-        ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, path, nullptr);
+    if (ftpd_resolve_path(s, path, inpath, outpath) != ftpd_resolve_result::ok || !can_enter(inpath)) {
+        reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, path);
         return -1;
     }
 
-    (void)ftpd_strlcpy(current_dir, inpath, FTP_CURRENTDIR_LEN);
-    size_t len = strlen(current_dir);
-    if (len > 1 && current_dir[len - 1] == '/') current_dir[len - 1] = '\0';
-    current_dir[FTP_CURRENTDIR_LEN - 1] = '\0';
+    (void)ftpd_strlcpy(s.currentdir, inpath, FTP_CURRENTDIR_LEN);
+    size_t len = strlen(s.currentdir);
+    if (len > 1 && s.currentdir[len - 1] == '/') s.currentdir[len - 1] = '\0';
 
     memset(outpath, 0, FTP_PATH_HALF);
-    (void)ftpd_absolute_to_relative_path(pcred, current_dir, outpath, FTP_PATH_HALF);
+    (void)ftpd_client_view(s, outpath, FTP_PATH_HALF);
     // The new directory stands even when the reply cannot be sent.
-    ftpd_reply(control_fd, nullptr, "250 Directory change to \"%s\".\r\n", outpath, nullptr);
+    reply_code(s, nullptr, "250 Directory change to \"%s\".\r\n", outpath);
     return 0;
 }
 
-int pwd_fun(int control_fd, char *current_dir, char *sendbuff, struct credentials *pcred) {
+bool pwd_fun(ftp_session &s) {
+    // PWD needs a top directory as well as the login.
+    if (!is_access(s)) return reply(s, FTP_REPLY_550) >= 0;
     ftpd_block view(FTPD_M_OUTPATH, FTP_BUF_SIZE);
-    if (!view) return ftpd_reply_text(control_fd, FTP_REPLY_550);
-    (void)ftpd_absolute_to_relative_path(pcred, current_dir, view.get(), FTP_BUF_SIZE);
-    memset(sendbuff, 0, FTP_BUF_SIZE);
-    return ftpd_reply(control_fd, nullptr, "257 Current working directory is \"%s\".\r\n", view.get(), nullptr);
+    if (!view) return reply(s, FTP_REPLY_550) >= 0;
+    (void)ftpd_client_view(s, view.get(), FTP_BUF_SIZE);
+    reply_code(s, nullptr, "257 Current working directory is \"%s\".\r\n", view.get());
+    return true;
 }
 
-int command_mkd(int control_fd, char *data_buff, char *currentdir, struct credentials *pcred) {
-    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
-    if (admitted != 0) return admitted < 0 ? -1 : 0;
-    makedir(control_fd, data_buff, currentdir, pcred);
-    return 0;
+bool command_mkd(ftp_session &s) {
+    int admitted = admit_path_cmd(s, s.arg);
+    if (admitted != 0) return admitted > 0;
+    makedir(s, s.arg);
+    return true;
 }
 
-int command_rmd(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred) {
-    int admitted = ftpd_admit_path_cmd(control_fd, data_buff, pcred);
-    if (admitted != 0) return admitted < 0 ? -1 : 0;
-    removedir(control_fd, data_buff, current_dir, pcred);
-    return 0;
+bool command_rmd(ftp_session &s) {
+    int admitted = admit_path_cmd(s, s.arg);
+    if (admitted != 0) return admitted > 0;
+    removedir(s, s.arg);
+    return true;
 }

@@ -14,6 +14,7 @@
 #include "fs_info.h"
 #include "base/ftpd.h"
 #include "files/path.h"
+#include "session/session.h"
 
 namespace {
 
@@ -44,9 +45,9 @@ bool append_bytes(char *buf, size_t *len, size_t cap, const char *src, size_t n)
 
 }  // namespace
 
-char *ftpd_rootdir_relative_path(const struct credentials *pcred, const char *current_dir, const char *path,
+char *ftpd_rootdir_relative_path(const char *root_dir, const char *current_dir, const char *path,
                                  char *outpath, int size) {
-    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    const char *root = root_dir != nullptr ? root_dir : "";
     bool fit;
     // An absolute client path is taken relative to the top directory, never to the device root.
     if (path[0] == '/') {
@@ -108,8 +109,8 @@ bool ftpd_path_trim(const char *inpath, char *outpath, int size) {
     return ftpd_strlcpy(outpath, out, cap);
 }
 
-char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char *inpath, char *outpath, int size) {
-    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+char *ftpd_relative_to_absolute_path(const char *root_dir, const char *inpath, char *outpath, int size) {
+    const char *root = root_dir != nullptr ? root_dir : "";
     bool fit;
     if (strcmp(root, "/") == 0)
         fit = ftpd_strlcpy(outpath, inpath, size);
@@ -118,9 +119,9 @@ char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char
     return fit ? outpath : nullptr;
 }
 
-char *ftpd_absolute_to_relative_path(const struct credentials *pcred, const char *current_dir, char *outpath,
+char *ftpd_absolute_to_relative_path(const char *root_dir, const char *current_dir, char *outpath,
                                      int size) {
-    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    const char *root = root_dir != nullptr ? root_dir : "";
     bool fit;
     if (strcmp(root, "/") == 0)
         fit = ftpd_strlcpy(outpath, current_dir, size);
@@ -177,21 +178,21 @@ bool is_special_file(const char *dir) {
     return dir != nullptr && dir[0] == '.';
 }
 
-ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir, const char *arg,
+ftpd_resolve_result ftpd_resolve_path(const char *root_dir, const char *current_dir, const char *arg,
                                       char *inpath, char *outpath) {
-    if (ftpd_rootdir_relative_path(pcred, current_dir, arg, inpath, FTP_PATH_HALF) == nullptr)
+    if (ftpd_rootdir_relative_path(root_dir, current_dir, arg, inpath, FTP_PATH_HALF) == nullptr)
         return ftpd_resolve_result::too_long;
     if (!ftpd_path_trim(inpath, outpath, FTP_PATH_HALF)) return ftpd_resolve_result::trim_failed;
-    if (ftpd_relative_to_absolute_path(pcred, outpath, inpath, FTP_PATH_HALF) == nullptr)
+    if (ftpd_relative_to_absolute_path(root_dir, outpath, inpath, FTP_PATH_HALF) == nullptr)
         return ftpd_resolve_result::too_long;
     // SECURITY: with the device root as top directory the system trees stay out of reach.
-    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+    const char *root = root_dir != nullptr ? root_dir : "";
     if (strcmp(root, "/") == 0 && !is_access_path(inpath)) return ftpd_resolve_result::refused;
     return ftpd_resolve_result::ok;
 }
 
-bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func) {
-    const char *root = pcred->rootdir != nullptr ? pcred->rootdir : "";
+bool ftpd_top_dir_mounted(const char *root_dir, const char *func) {
+    const char *root = root_dir != nullptr ? root_dir : "";
     if (strncmp(root, "/mnt/", 5) != 0) return true;
     FTPD_KEYMSG("%s: To check dir (%s)is mounted.\n", func, root);
     if (fs_check_mount(root) < 0) {
@@ -200,4 +201,12 @@ bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func) {
     }
     FTPD_KEYMSG("%s: Check dir mount ok.\n", func);
     return true;
+}
+
+ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath, char *outpath) {
+    return ftpd_resolve_path(session_root(s), s.currentdir, arg, inpath, outpath);
+}
+
+char *ftpd_client_view(const ftp_session &s, char *outpath, int size) {
+    return ftpd_absolute_to_relative_path(session_root(s), s.currentdir, outpath, size);
 }

@@ -15,23 +15,32 @@ enum class ftpd_resolve_result {
 };
 // Runs the resolution sequence on a client argument: inpath and outpath are the two halves of a
 // work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
-[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const struct credentials *pcred, const char *current_dir,
+[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const char *root_dir, const char *current_dir,
                                                     const char *arg, char *inpath, char *outpath);
+struct ftp_session;
+// The resolution sequence for a session's argument, from its current directory inside its top
+// directory.
+[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath,
+                                                    char *outpath);
+// The session's current directory as the client sees it (the buffer holds size bytes).
+[[nodiscard]] char *ftpd_client_view(const ftp_session &s, char *outpath, int size);
 // Whether the session's top directory, when it lies below /mnt/, is still mounted.
-bool ftpd_top_dir_mounted(const struct credentials *pcred, const char *func);
+bool ftpd_top_dir_mounted(const char *root_dir, const char *func);
 // The steps of resolution; each returns nullptr (or false) when its result does not fit.
 // The client path below the virtual root, from the current directory.
-[[nodiscard]] char *ftpd_rootdir_relative_path(const struct credentials *pcred, const char *current_dir,
+[[nodiscard]] char *ftpd_rootdir_relative_path(const char *root_dir, const char *current_dir,
                                                const char *path, char *outpath, int size);
 // Normalised: ".", ".." (stopping at the virtual root) and repeated "/" resolved.
 [[nodiscard]] bool ftpd_path_trim(const char *inpath, char *outpath, int size);
 // Joined to the session's real top directory.
-[[nodiscard]] char *ftpd_relative_to_absolute_path(const struct credentials *pcred, const char *inpath,
+[[nodiscard]] char *ftpd_relative_to_absolute_path(const char *root_dir, const char *inpath,
                                                    char *outpath, int size);
 // A real directory as the client sees it, below the virtual root. The session's current directory
 // (at most 255 characters) always fits the 512-byte buffers its callers use.
-[[nodiscard]] char *ftpd_absolute_to_relative_path(const struct credentials *pcred, const char *current_dir,
+[[nodiscard]] char *ftpd_absolute_to_relative_path(const char *root_dir, const char *current_dir,
                                                    char *outpath, int size);
+// Names the listings never show: those beginning with ".".
+bool is_special_file(const char *name);
 // False for the system trees (proc, dev, ram) below the device root.
 bool is_access_path(const char *inpath);
 // TMPDIR followed by path_suffix, its directory made; nullptr when it cannot be formed.

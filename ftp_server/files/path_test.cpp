@@ -56,11 +56,9 @@ TEST(PathTrim, ScratchBufferIsGivenBackAndItsShortageRefuses) {
 // A path cut short would name another file: each step refuses what does not fit. (Paths that
 // fit, resolved below the top directory: the confinement integration tests.)
 TEST(PathMapping, OverlongResultIsRefused) {
-    char root[] = "/top", out[16];
-    credentials c{};
-    c.rootdir = root;
-    EXPECT_EQ(ftpd_rootdir_relative_path(&c, "/top", std::string(600, 'n').c_str(), out, sizeof out), nullptr);
-    EXPECT_EQ(ftpd_relative_to_absolute_path(&c, "/aaaaaaaaaaaaaaaaaaaaaaaa", out, sizeof out), nullptr);
+    char out[16];
+    EXPECT_EQ(ftpd_rootdir_relative_path("/top", "/top", std::string(600, 'n').c_str(), out, sizeof out), nullptr);
+    EXPECT_EQ(ftpd_relative_to_absolute_path("/top", "/aaaaaaaaaaaaaaaaaaaaaaaa", out, sizeof out), nullptr);
     EXPECT_FALSE(ftpd_path_trim(("/" + std::string(40, 'x')).c_str(), out, sizeof out));
 }
 

@@ -9,7 +9,7 @@
 #include "aaa.h"
 #include "base/ftpd.h"
 #include "login/login.h"
-#include "net/reply.h"
+#include "session/session.h"
 #include "base/settings.h"
 
 bool g_aaa_ready = false;
@@ -23,14 +23,14 @@ namespace {
 #define USER_LOGIN_MODE_FTP 0x10
 
 // Both answer a failed PASS, so both wait out the failed-login delay first.
-void reply_not_logged_in(int control_fd, struct credentials *pcred) {
-    ftp_login_fail_wait(pcred);
-    ftpd_reply(control_fd, nullptr, "%s", "530 Not logged in.\r\n", nullptr);
+void reply_not_logged_in(ftp_session &s) {
+    ftp_login_fail_wait(s);
+    reply(s, "530 Not logged in.\r\n");
 }
 
-void reply_password_denied(int control_fd, struct credentials *pcred) {
-    ftp_login_fail_wait(pcred);
-    ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
+void reply_password_denied(ftp_session &s) {
+    ftp_login_fail_wait(s);
+    reply_code(s, "530", "Password access denied.");
 }
 
 uint32_t add_byte(struct aaa_iovec_s *iov, uint32_t code, uint8_t v) {
@@ -82,25 +82,25 @@ uint32_t aaa_add_elem_ext(struct aaa_iovec_s *iov, uint32_t code, const void *va
     return whole;
 }
 
-void ftp_aaa_secu_set_aaa_elem_basic(const struct credentials *pcred, struct aaa_iovec_s *iov, const char *name,
-                                     const char *password) {
-    if (pcred == nullptr || iov == nullptr) return;
+void ftp_aaa_secu_set_aaa_elem_basic(int32_t level, int family, const struct ftp_connect_addr &peer,
+                                     struct aaa_iovec_s *iov, const char *name, const char *password) {
+    if (iov == nullptr) return;
     FTPD_LOG_PRO("[ACCESS] Add elem authen-type %d.\r\n", 1);
     add_byte(iov, AAA_ELEM_AUTHEN_TYPE, 1);
     FTPD_LOG_PRO("[ACCESS] Add elem authen-service %d.\r\n", 1);
     add_byte(iov, AAA_ELEM_AUTHEN_SERVICE, 1);
     FTPD_LOG_PRO("[ACCESS] Add elem action %d.\r\n", 1);
     add_byte(iov, AAA_ELEM_ACTION, 1);
-    FTPD_LOG_PRO("[ACCESS] Add elem privilege %d.\r\n", pcred->level);
-    add_byte(iov, AAA_ELEM_PRIVILEGE, static_cast<uint8_t>(pcred->level));
+    FTPD_LOG_PRO("[ACCESS] Add elem privilege %d.\r\n", level);
+    add_byte(iov, AAA_ELEM_PRIVILEGE, static_cast<uint8_t>(level));
     FTPD_LOG_PRO("[ACCESS] Add elem port %d.\r\n", 21);
     add_byte(iov, AAA_ELEM_PORT, 21);
 
     char addr[INET6_ADDRSTRLEN] = "async";
-    if (pcred->cnt.contrl_type == AF_INET) {
-        if (inet_ntop(AF_INET, &pcred->cnt.def_addr.his_addr.sin_addr, addr, sizeof addr) == nullptr) addr[0] = '\0';
-    } else if (pcred->cnt.contrl_type == AF_INET6) {
-        if (inet_ntop(AF_INET6, &pcred->cnt.def_addr.his_addrv6.sin6_addr, addr, sizeof addr) == nullptr)
+    if (family == AF_INET) {
+        if (inet_ntop(AF_INET, &peer.his_addr.sin_addr, addr, sizeof addr) == nullptr) addr[0] = '\0';
+    } else if (family == AF_INET6) {
+        if (inet_ntop(AF_INET6, &peer.his_addrv6.sin6_addr, addr, sizeof addr) == nullptr)
             addr[0] = '\0';
     }
     FTPD_LOG_PRO("[ACCESS] Add elem rem-addr %s.\r\n", addr);
@@ -138,25 +138,25 @@ int pick_method_list(char *mlist, size_t size) {
 
 // Sends the request and waits for its verdict, answering one challenge: 0 accepted, otherwise
 // the refusal has been answered.
-int run_request(int control_fd, struct credentials *pcred, authen_info_s *req, const char *mlist, bool *local) {
+int run_request(ftp_session &s, authen_info_s *req, const char *mlist, bool *local) {
     bool challenge_allowed = true;
     for (;;) {
         int rc = aaa_user_req_authen(req);
         if (rc != 0) {
             FTPD_LOG_ERR("Do aaa auth fail.\n");
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             return rc;
         }
         aaa_result_s *result = nullptr;
-        if (aaa_user_get_result(pcred->session_id, AAA_UTYPE_FTP, AAA_WAIT_SECONDS, &result) != 0) {
+        if (aaa_user_get_result(s.login.aaa_session, AAA_UTYPE_FTP, AAA_WAIT_SECONDS, &result) != 0) {
             FTPD_LOG_ERR("Get aaa auth result timeout.\n");
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             if (result != nullptr) aaa_free_result_info(result);
             return -1;
         }
         if (result == nullptr) {
             FTPD_LOG_PRO("aaa auth error.\n");
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             return -1;
         }
         if (result->sub.mtype == AAA_MTYPE_LOCAL) {
@@ -179,13 +179,13 @@ int run_request(int control_fd, struct credentials *pcred, authen_info_s *req, c
         }
         if (state == AAA_REJECT) {
             FTPD_LOG_PRO("Do aaa auth: reject, priv(%d).\n", priv);
-            reply_password_denied(control_fd, pcred);
+            reply_password_denied(s);
         } else if (state == AAA_TIMEOUT) {
             FTPD_LOG_PRO("Do aaa auth: timeout, priv(%d).\n", priv);
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
         } else {
             FTPD_LOG_PRO("Do aaa auth: unknow.\n");
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
         }
         return -1;
     }
@@ -193,15 +193,15 @@ int run_request(int control_fd, struct credentials *pcred, authen_info_s *req, c
 
 }  // namespace
 
-int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, const char *password, bool *local) {
-    if (name == nullptr || pcred == nullptr || password == nullptr || local == nullptr) return -1;
+int ftp_aaa_auth(ftp_session &s, const char *name, const char *password, bool *local) {
+    if (name == nullptr || password == nullptr || local == nullptr) return -1;
     *local = false;
-    if (pcred->session_id == 0) {
-        pcred->session_id = aaa_get_session_id();
-        FTPD_LOG_PRO("ftp_aaa_auth. %d\n", static_cast<int>(pcred->session_id));
-        if (pcred->session_id == 0) {
+    if (s.login.aaa_session == 0) {
+        s.login.aaa_session = aaa_get_session_id();
+        FTPD_LOG_PRO("ftp_aaa_auth. %d\n", static_cast<int>(s.login.aaa_session));
+        if (s.login.aaa_session == 0) {
             FTPD_LOG_ERR("%s aaa get session id fail.\n", __func__);
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             return -1;
         }
     }
@@ -211,7 +211,7 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
     req.sub.utype = AAA_UTYPE_FTP;
     req.sub.mode = AAA_AUTHEN_MODE_PAP;
     req.sub.is_challenge_answer = false;
-    req.sub.session_id = pcred->session_id;
+    req.sub.session_id = s.login.aaa_session;
     req.sub.service_type = AAA_SERVICE_TYPE_LOGIN;
     req.sub.name = {static_cast<uint32_t>(strlen(name)), name};
     req.sub.password = {static_cast<uint32_t>(strlen(password)), password};
@@ -219,7 +219,7 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
     char mlist[FTP_NAME_LEN];
     int exists = pick_method_list(mlist, sizeof mlist);
     if (exists == 0) {
-        reply_not_logged_in(control_fd, pcred);
+        reply_not_logged_in(s);
         return -1;
     }
     if (exists == 3) {
@@ -231,18 +231,18 @@ int ftp_aaa_auth(int control_fd, const char *name, struct credentials *pcred, co
     ftpd_block buf(FTPD_M_TMP, AAA_ELEM_BUF_SIZE);
     if (!buf) {
         FTPD_LOG_PRO("aaa create memory failed.\n");
-        reply_not_logged_in(control_fd, pcred);
+        reply_not_logged_in(s);
         return -1;
     }
     aaa_iovec_s iov;
     aaa_iovec_init(&iov, buf.get(), AAA_ELEM_BUF_SIZE);
-    ftp_aaa_secu_set_aaa_elem_basic(pcred, &iov, name, password);
+    ftp_aaa_secu_set_aaa_elem_basic(s.login.level, s.family, s.addr, &iov, name, password);
     req.iov = &iov;
-    return run_request(control_fd, pcred, &req, mlist, local);
+    return run_request(s, &req, mlist, local);
 }
 
-int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcred, const char *password) {
-    if (name == nullptr || pcred == nullptr || password == nullptr) return -1;
+int ftp_aaa_auth_local(ftp_session &s, const char *name, const char *password) {
+    if (name == nullptr || password == nullptr) return -1;
     FTPD_LOG_PRO("Ftp aaa auth local, %s, %s\n", name, password);
     authen_info_s req;
     memset(&req, 0, sizeof req);
@@ -257,12 +257,12 @@ int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcr
     if (rc != 0) {
         FTPD_LOG_ERR("Call usrname-lib-authen-req fail(%d).\n", rc);
         if (result != nullptr) aaa_free_result_info(result);
-        reply_not_logged_in(control_fd, pcred);
+        reply_not_logged_in(s);
         return -1;
     }
     if (result == nullptr) {
         FTPD_LOG_PRO("aaa authen local error.\n");
-        reply_not_logged_in(control_fd, pcred);
+        reply_not_logged_in(s);
         return -1;
     }
     FTPD_LOG_PRO("Get aaa auth local result(%d).\n", static_cast<int>(result->sub.result));
@@ -275,19 +275,19 @@ int ftp_aaa_auth_local(int control_fd, const char *name, struct credentials *pcr
             return 0;
         case AAA_CHALLENGE:
             FTPD_LOG_PRO("Do auth local: not support challenge.\n");
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             break;
         case AAA_REJECT:
             FTPD_LOG_PRO("Do aaa auth local: reject, priv(%d).\n", priv);
-            reply_password_denied(control_fd, pcred);
+            reply_password_denied(s);
             break;
         case AAA_TIMEOUT:
             FTPD_LOG_PRO("Do aaa auth local: timeout, priv(%d).\n", priv);
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             break;
         default:
             FTPD_LOG_PRO("Do aaa auth local: unknow.\n");
-            reply_not_logged_in(control_fd, pcred);
+            reply_not_logged_in(s);
             break;
     }
     return -1;
@@ -343,11 +343,10 @@ void ftp_update_online_count(const char *name, int login) {
     FTPD_LOG_PRO("Username lib update user count %d ret %d.\r\n", user.online_count, rc);
 }
 
-void ftp_aaa_del_user(struct credentials *pcred) {
-    if (pcred == nullptr) return;
-    FTPD_LOG_PRO("ftp_aaa_del_user. %d\n", static_cast<int>(pcred->session_id));
-    if (pcred->session_id != 0) {
-        aaa_delete_user(pcred->session_id, AAA_UTYPE_FTP);
-        pcred->session_id = 0;
+void ftp_aaa_del_user(ftp_session &s) {
+    FTPD_LOG_PRO("ftp_aaa_del_user. %d\n", static_cast<int>(s.login.aaa_session));
+    if (s.login.aaa_session != 0) {
+        aaa_delete_user(s.login.aaa_session, AAA_UTYPE_FTP);
+        s.login.aaa_session = 0;
     }
 }

@@ -1,186 +1,227 @@
 // The USER and PASS commands: binding a session to a configured user and one of its connection
-// slots, the password check against the user table, and the hand-over to AAA or the local user
-// database when the table does not accept the password.
+// slots, the password check against the user table, the hand-over to AAA or the local user
+// database when the table does not accept the password, and the counts of failed attempts that
+// end a session.
 #include "login/login.h"
 
 #include <unistd.h>
 
 #include <cstring>
 
+#include "base/settings.h"
+#include "base/users.h"
 #include "ftp_platform.h"
 #include "ftp_tls.h"
-#include "base/ftpd.h"
-#include "control/listener.h"
-#include "net/reply.h"
-#include "base/users.h"
+#include "login/security.h"
+#include "login/trap.h"
+#include "session/session.h"
 
 namespace {
 
-void release_message(struct credentials *pcred) {
-    if (pcred->message != nullptr) ftpd_free(FTPD_M_PCRED_MSG, pcred->message);
-    pcred->message = nullptr;
+void release_message(ftp_session &s) {
+    s.login.message.reset();
 }
 
-int reply_text(int control_fd, const char *text) {
-    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
+// The slot held from an earlier USER is given back while the session's name still names its user.
+void give_back_slot(ftp_session &s) {
+    if (s.slot.index == -1 && s.slot.generation == 0) return;
+    ftp_set_userinfo_disconnect(&s.slot);
+    FTPD_LOG_PRO("%s, ftp_set_userinfo_disconnect\n", __func__);
 }
 
 }  // namespace
 
-void ftp_login_fail_wait(struct credentials *pcred) {
+void ftp_login_fail_wait(ftp_session &s) {
     // SECURITY: slows password guessing; once per PASS, however many 530 lines answer it.
-    if (pcred->fail_waited) return;
-    pcred->fail_waited = true;
+    if (s.login.fail_waited) return;
+    s.login.fail_waited = true;
     int delay = platform_ftp_login_fail_delay();
     if (delay > 0) sleep(static_cast<unsigned>(delay));
 }
 
-int auth_user(const char *name, struct credentials *pcred) {
-    if (name == nullptr || pcred == nullptr) return -1;
-    pcred->guest = 0;
-    release_message(pcred);
+int auth_user(const char *name, ftp_session &s) {
+    if (name == nullptr) return -1;
+    s.login.guest = false;
+    release_message(s);
     size_t msg_len = strlen(name) + 64;
-    pcred->message = static_cast<char *>(ftpd_malloc(FTPD_M_PCRED_MSG, msg_len));
-    if (pcred->message == nullptr) return -1;
+    s.login.message = ftpd_block(FTPD_M_PCRED_MSG, msg_len);
+    char *message = s.login.message.get();
+    if (message == nullptr) return -1;
     if (name[0] == '\0') {
-        (void)ftpd_strlcpy(pcred->message, "User is NULL.\n", msg_len);
+        (void)ftpd_strlcpy(message, "User is NULL.\n", msg_len);
         return -1;
     }
-    if (pcred->cnt_index != -1) {
-        ftp_set_userinfo_disconnect(pcred);
-        FTPD_LOG_PRO("%s, ftp_set_userinfo_disconnect\n", __func__);
-    }
-    int ret = ftp_set_userinfo_connect(name, pcred);
+    give_back_slot(s);
+    int ret = ftp_set_userinfo_connect(name, slot_snapshot(s), &s.slot, s.login.name.get(), s.login.passwd.get());
     FTPD_LOG_PRO("%s, ftp_set_userinfo_connect, ret = %d", __func__, ret);
-    pcred->at_user_limit = ret == 2;
+    s.login.at_user_limit = ret == 2;
     switch (ret) {
         case 0:
             return 0;
         case 1:
             return -1;
         case 5:
-            (void)ftpd_snprintf(pcred->message, msg_len, "User %s unknown.\n", name);
+            (void)ftpd_snprintf(message, msg_len, "User %s unknown.\n", name);
             return -1;
         default:
-            (void)ftpd_snprintf(pcred->message, msg_len, "User connection limit reached. max number:[%d]\n",
+            (void)ftpd_snprintf(message, msg_len, "User connection limit reached. max number:[%d]\n",
                                 static_cast<int>(ftpd_user_max_connect));
             return -1;
     }
 }
 
-int user(int control_fd, char *arg, struct credentials *pcred, char *client_name) {
-    if (arg == nullptr || pcred == nullptr || client_name == nullptr) return -1;
-    memset(client_name, 0, FTP_USERNAME_MAX);
-    // SECURITY: a name cut short could be another account's; one that does not fit names none.
-    if (!ftpd_snprintf(client_name, FTP_USERNAME_MAX, "%s", arg)) client_name[0] = '\0';
-    // The slot held from an earlier USER is given back while the session's name still names its
-    // user: once the name is cleared below, the table could no longer find the row.
-    if (pcred->cnt_index != -1) {
-        ftp_set_userinfo_disconnect(pcred);
-        FTPD_LOG_PRO("%s, ftp_set_userinfo_disconnect\n", __func__);
-        pcred->cnt_index = -1;
-    }
-    if (pcred->name != nullptr) memset(pcred->name, 0, FTP_NAME_LEN);
-    if (pcred->passwd != nullptr) memset(pcred->passwd, 0, FTP_PASSWD_LEN);
+namespace {
 
-    int ret = auth_user(arg, pcred);
+// USER's own step: 0, or -1 when the name was refused (a failed attempt).
+int take_user(ftp_session &s) {
+    const char *arg = s.arg;
+    ftp_login &l = s.login;
+    memset(l.client_name, 0, sizeof l.client_name);
+    // SECURITY: a name cut short could be another account's; one that does not fit names none.
+    if (!ftpd_snprintf(l.client_name, FTP_USERNAME_MAX, "%s", arg)) l.client_name[0] = '\0';
+    give_back_slot(s);
+    memset(l.name.get(), 0, FTP_NAME_LEN);
+    memset(l.passwd.get(), 0, FTP_PASSWD_LEN);
+
+    int ret = auth_user(arg, s);
     // The composed text is dropped unsent: the client must not learn whether a name exists or
     // is at its connection limit.
-    release_message(pcred);
+    release_message(s);
 
     if (ret != 0 && !g_aaa_ready) {
         FTPD_LOG_ERR("Fail to reg aaa.\n");
-        ftpd_reply(control_fd, "530", "User %s access denied.", arg, nullptr);
+        reply_code(s, "530", "User %s access denied.", arg);
         return -1;
     }
-    if (reply_text(control_fd, "331 User name okay, need password.\r\n") == 0) pcred->askpasswd = 1;
+    if (reply(s, "331 User name okay, need password.\r\n") == 0) l.asked_password = true;
     return 0;
 }
 
-int auth_pass(const char *arg, const struct credentials *pcred) {
-    if (arg == nullptr || pcred == nullptr || pcred->passwd == nullptr || arg[0] == '\0') return 1;
-    size_t len = strlen(arg);
-    if (len != strlen(pcred->passwd)) return 1;
-    return memcmp(arg, pcred->passwd, len) == 0 ? 0 : 1;
-}
-
-namespace {
-
 // The 230 of an accepted login. On a protected control connection the TLS session is bound to the
 // login first, so that the ticket data connections resume goes out with this reply.
-int reply_logged_in(int control_fd, struct credentials *pcred, const char *client_name) {
-    if (pcred->tls != nullptr && ftp_tls_bind_login(pcred->tls, client_name) != 0)
+int reply_logged_in(ftp_session &s) {
+    if (s.ctl.stream.is_protected() && ftp_tls_bind_login(s.ctl.stream.tls(), s.login.client_name) != 0)
         FTPD_LOG_ERR("%s: TLS session not bound to the login.\n", FTPD_MODULE);
-    return reply_text(control_fd, "230 User logged in, proceed.\r\n");
+    return reply(s, "230 User logged in, proceed.\r\n");
 }
 
-}  // namespace
-
-int pass(int control_fd, char *arg, struct credentials *pcred, char *client_name) {
-    if (arg == nullptr || pcred == nullptr || client_name == nullptr) return -1;
-    if (pcred->logged_in != 0 || pcred->askpasswd == 0) {
-        reply_text(control_fd, "503 Bad sequence of commands.\r\n");
-        return 0;
-    }
-    pcred->askpasswd = 0;
-    pcred->fail_waited = false;
-    if (pcred->guest != 0) {
-        ftp_login_fail_wait(pcred);
-        ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
-        return -1;
-    }
-    if (pcred->name != nullptr && pcred->passwd != nullptr && pcred->name[0] != '\0' && pcred->passwd[0] != '\0' &&
-        auth_pass(arg, pcred) == 0) {
-        pcred->logged_in = 1;
-        reply_logged_in(control_fd, pcred, client_name);
-        return 0;
-    }
-    // Stock clients wait and try again on 421, but give up on 530: a user at its connection
-    // limit is told so, once the password has shown that the name is theirs.
-    if (ftpd_standard() && pcred->at_user_limit && ftp_userinfo_password_matches(client_name, arg)) {
-        reply_text(control_fd, "421 Too many connections for this user, try again later.\r\n");
-        return -2;
-    }
-    if (!g_aaa_ready) {
-        FTPD_LOG_ERR("Fail to reg aaa.\n");
-        ftp_login_fail_wait(pcred);
-        reply_text(control_fd, "530 Not logged in.\r\n");
-        return -1;
-    }
-
+// Through AAA or the local user database, once the table has not accepted the password.
+int pass_through_aaa(ftp_session &s, const char *arg) {
+    ftp_login &l = s.login;
     bool local = false;
     int ret;
     if (ftp_get_aaa_status()) {
-        ret = ftp_aaa_auth(control_fd, client_name, pcred, arg, &local);
+        ret = ftp_aaa_auth(s, l.client_name, arg, &local);
         FTPD_LOG_PRO("Ftp aaa authentication finish, ret = %d.\n", ret);
     } else {
-        ret = ftp_aaa_auth_local(control_fd, client_name, pcred, arg);
+        ret = ftp_aaa_auth_local(s, l.client_name, arg);
         local = true;
         FTPD_LOG_PRO("Ftp local authentication finish, ret = %d.\n", ret);
     }
     if (ret != 0) {
         // The device sends this second 530 after the one of the authentication step; a stock
         // client would take it for the answer to its next command.
-        ftp_login_fail_wait(pcred);
-        if (!ftpd_standard()) ftpd_reply(control_fd, "530", "Password access denied.", nullptr, nullptr);
+        ftp_login_fail_wait(s);
+        if (!s.policy.single_530) reply_code(s, "530", "Password access denied.");
         return -1;
     }
     if (!local) {
-        pcred->logged_in = 1;
-        reply_logged_in(control_fd, pcred, client_name);
+        l.logged_in = true;
+        reply_logged_in(s);
         return 0;
     }
     FTPD_LOG_PRO("Going to check login.\n");
-    if (ftp_username_login_check(client_name) != 0) {
-        ftp_login_fail_wait(pcred);
-        reply_text(control_fd, "530 Not logged in.\r\n");
+    if (ftp_username_login_check(l.client_name) != 0) {
+        ftp_login_fail_wait(s);
+        reply(s, "530 Not logged in.\r\n");
         return -1;
     }
-    if (reply_logged_in(control_fd, pcred, client_name) != 0) return -1;
-    ftp_update_online_count(client_name, 1);
+    if (reply_logged_in(s) != 0) return -1;
+    ftp_update_online_count(l.client_name, 1);
     // A later USER changes client_name; the count goes back to the account that took it.
-    (void)ftpd_strlcpy(pcred->online_name, client_name, sizeof pcred->online_name);
-    pcred->logged_in = 1;
-    pcred->logged_local_aaa_in = true;
+    (void)ftpd_strlcpy(l.online_name, l.client_name, sizeof l.online_name);
+    l.logged_in = true;
+    l.local_aaa = true;
     return 0;
+}
+
+// PASS's own step: 0 accepted (or answered 503), -1 refused, -2 refused for good.
+int take_pass(ftp_session &s) {
+    const char *arg = s.arg;
+    ftp_login &l = s.login;
+    if (l.logged_in || !l.asked_password) {
+        reply(s, "503 Bad sequence of commands.\r\n");
+        return 0;
+    }
+    l.asked_password = false;
+    l.fail_waited = false;
+    if (l.guest) {
+        ftp_login_fail_wait(s);
+        reply_code(s, "530", "Password access denied.");
+        return -1;
+    }
+    if (l.name.get()[0] != '\0' && l.passwd.get()[0] != '\0' && auth_pass(arg, s) == 0) {
+        l.logged_in = true;
+        reply_logged_in(s);
+        return 0;
+    }
+    // Stock clients wait and try again on 421, but give up on 530: a user at its connection
+    // limit is told so, once the password has shown that the name is theirs.
+    if (s.policy.user_limit_421 && l.at_user_limit && ftp_userinfo_password_matches(l.client_name, arg)) {
+        reply(s, "421 Too many connections for this user, try again later.\r\n");
+        return -2;
+    }
+    if (!g_aaa_ready) {
+        FTPD_LOG_ERR("Fail to reg aaa.\n");
+        ftp_login_fail_wait(s);
+        reply(s, "530 Not logged in.\r\n");
+        return -1;
+    }
+    return pass_through_aaa(s, arg);
+}
+
+}  // namespace
+
+int auth_pass(const char *arg, const ftp_session &s) {
+    const char *passwd = s.login.passwd.get();
+    if (arg == nullptr || passwd == nullptr || arg[0] == '\0') return 1;
+    size_t len = strlen(arg);
+    if (len != strlen(passwd)) return 1;
+    return memcmp(arg, passwd, len) == 0 ? 0 : 1;
+}
+
+bool user(ftp_session &s) {
+    if (ftpd_login_needs_tls(s)) return true;
+    if (take_user(s) == -1) {
+        ftp_authen_trap_send();
+        s.login.failed_users++;
+    }
+    return get_ftp_logintimes() > static_cast<unsigned>(s.login.failed_users);
+}
+
+bool pass(ftp_session &s) {
+    if (ftpd_login_needs_tls(s)) return true;
+    ftp_login &l = s.login;
+    // SECURITY: a PASS out of sequence (503) neither resets the failure counts nor ends the login
+    // time-out, or guesses could be interleaved without limit.
+    if (s.policy.pass_sequence_strict && (l.logged_in || !l.asked_password)) {
+        take_pass(s);
+        return true;
+    }
+    int passed = take_pass(s);
+    if (passed == -2) return false;
+    if (passed != -1) {
+        l.failed_users = 0;
+        l.failed_passwords = 0;
+        l.passed_once = true;
+        return true;
+    }
+    ftp_authen_trap_send();
+    l.failed_passwords++;
+    return get_ftp_logintimes() > static_cast<unsigned>(l.failed_passwords);
+}
+
+void ftp_login_release(ftp_session &s) {
+    if (s.login.local_aaa) ftp_update_online_count(s.login.online_name, 0);
+    ftp_aaa_del_user(s);
 }

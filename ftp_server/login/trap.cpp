@@ -1,7 +1,7 @@
 // The authentication-failure notification: its registration record with the SNMP agent and the
 // send that each failed USER or PASS raises.
 #include "base/ftpd.h"
-#include "admin/techsupport.h"
+#include "login/trap.h"
 #include "snmp_agent.h"
 
 namespace {

@@ -10,25 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ftp_tls.h"
 #include "base/ftpd.h"
-#include "control/session.h"
 
 namespace {
-
-// The protected control connection of the session this thread serves: one thread per session,
-// and every reply names its connection by descriptor only.
-thread_local int tls_fd = -1;
-thread_local ftp_tls *tls_state = nullptr;
-
-// A protected reply, within the send deadline the session keeps on the socket (the descriptor is
-// non-blocking under TLS). The whole length, or -1.
-ssize_t send_protected(int fd, const char *buf, size_t len) {
-    struct timeval tv {};
-    socklen_t tl = sizeof tv;
-    int ms = getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, &tl) == 0 ? static_cast<int>(tv.tv_sec * 1000) : 0;
-    return ftp_tls_write_all(tls_state, buf, len, ms) == 0 ? static_cast<ssize_t>(len) : -1;
-}
 
 enum class fill_result { ok, too_long, bad_args };
 
@@ -70,7 +54,7 @@ void shorten_name(const char *name, size_t keep, char *out, size_t cap) {
 // The shape shared by both reply functions: optional "CODE ", then the text the caller formats,
 // then CR LF unless the text already ends in a line feed, then one send.
 template <typename Format>
-int reply_common(int send_sk, const char *cmd, Format &&format_text) {
+int reply_common(ftp_control &c, const char *cmd, Format &&format_text) {
     char buf[FTP_BUF_SIZE] = {0};
     size_t len = 0;
 
@@ -95,7 +79,7 @@ int reply_common(int send_sk, const char *cmd, Format &&format_text) {
 
     // Stock clients read every line of a reply up to its CR LF; a bare line feed is taken for a
     // server bug.
-    if (ftpd_standard() && !bare_lf_to_crlf(buf, &len, sizeof buf)) {
+    if (c.crlf && !bare_lf_to_crlf(buf, &len, sizeof buf)) {
         FTPD_LOG_ERR("%s:reply information too long.\n", FTPD_MODULE);
         return -1;
     }
@@ -108,26 +92,24 @@ int reply_common(int send_sk, const char *cmd, Format &&format_text) {
         len += 2;
     }
 
-    ssize_t sent =
-        send_sk == tls_fd && tls_state != nullptr ? send_protected(send_sk, buf, len) : send(send_sk, buf, len, 0);
-    if (sent == static_cast<ssize_t>(len)) {
+    if (c.stream.write_all(buf, len, c.send_timeout_ms) == 0) {
         FTPD_LOG_PRO("(REPLY)  %s\n", buf);
         return 0;
     }
-    int err = sent < 0 ? errno : 0;
+    int err = errno;
     char errtext[128];
     FTPD_LOG_ERR("%s:send fail(errno %d:%s).\n", FTPD_MODULE, err, strerror_r(err, errtext, sizeof errtext));
     // A reply that could not go out whole (the peer is gone, or stopped reading for a whole
     // time-out) leaves the connection unusable; shutting it down makes the session's next wait
     // end it, also where a handler ignores this result.
-    shutdown(send_sk, SHUT_RDWR);
+    shutdown(c.stream.fd(), SHUT_RDWR);
     return -1;
 }
 
 }  // namespace
 
-int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, const char *arg2) {
-    if (ftpd_standard() && fmt != nullptr && arg1 != nullptr) {
+int ftpd_reply(ftp_control &c, const char *cmd, const char *fmt, const char *arg1, const char *arg2) {
+    if (c.shorten_echo && fmt != nullptr && arg1 != nullptr) {
         // A reply too long for the bound is sent with its echoed name shortened, never dropped:
         // a client waiting for the reply would hang.
         char probe[FTP_BUF_SIZE];
@@ -144,13 +126,13 @@ int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, 
             shorten_name(longest, n > over + 8 ? n - over - 3 : 8, shortened, sizeof shortened);
             const char *a1 = longest == arg1 ? shortened : arg1;
             const char *a2 = longest == arg2 ? shortened : arg2;
-            return reply_common(send_sk, cmd, [&](char *out, size_t space) {
+            return reply_common(c, cmd, [&](char *out, size_t space) {
                 bool fit = a2 != nullptr ? ftpd_snprintf(out, space, fmt, a1, a2) : ftpd_snprintf(out, space, fmt, a1);
                 return fit ? fill_result::ok : fill_result::too_long;
             });
         }
     }
-    return reply_common(send_sk, cmd, [&](char *out, size_t space) {
+    return reply_common(c, cmd, [&](char *out, size_t space) {
         if (fmt == nullptr) return fill_result::bad_args;
         bool fit;
         if (arg1 != nullptr && arg2 != nullptr)
@@ -165,31 +147,14 @@ int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, 
     });
 }
 
-int ftpd_reply_size(int send_sk, const char *cmd, const char *fmt, unsigned long arg1, const char *arg2) {
+int ftpd_reply_size(ftp_control &c, const char *cmd, const char *fmt, unsigned long arg1, const char *arg2) {
     (void)arg2;
-    return reply_common(send_sk, cmd, [&](char *out, size_t space) {
+    return reply_common(c, cmd, [&](char *out, size_t space) {
         if (fmt == nullptr) return fill_result::bad_args;
         return ftpd_snprintf(out, space, fmt, arg1) ? fill_result::ok : fill_result::too_long;
     });
 }
 
-int ftpd_reply_text(int control_fd, const char *text) {
-    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
-}
-
-int ftpd_admit_path_cmd(int control_fd, const char *arg, const struct credentials *pcred) {
-    const char *refusal = nullptr;
-    if (!is_logged_in(pcred))
-        refusal = FTP_REPLY_530;
-    else if (!is_access(pcred))
-        refusal = FTP_REPLY_550;
-    else if (is_data_empty(arg))
-        refusal = FTP_REPLY_501;
-    if (refusal == nullptr) return 0;
-    return ftpd_reply_text(control_fd, refusal) == 0 ? 1 : -1;
-}
-
-void ftpd_reply_protect(int control_fd, ftp_tls *t) {
-    tls_fd = t != nullptr ? control_fd : -1;
-    tls_state = t;
+int ftpd_reply_text(ftp_control &c, const char *text) {
+    return ftpd_reply(c, nullptr, "%s", text, nullptr);
 }

@@ -1,13 +1,20 @@
-// Replies: the formatting function every reply leaves through, the reply texts several commands
-// send whole, and the admission check that the file and directory commands share.
+// Replies: the control connection, the formatting function every reply leaves through and the
+// reply texts several commands send whole.
 #pragma once
 
 #include "base/ftpd.h"
+#include "net/stream.h"
 
-struct ftp_tls;
+// The control connection: its stream and how replies are written on it.
+struct ftp_control {
+    ftp_stream stream;
+    bool crlf = false;          // every line of a reply ends in CR LF
+    bool shorten_echo = false;  // a reply over the bound shortens its echoed name (else none is sent)
+    int send_timeout_ms = 1000;  // no reply may block longer than the wait for the next command
+};
 
-int ftpd_reply(int send_sk, const char *cmd, const char *fmt, const char *arg1, const char *arg2);
-int ftpd_reply_size(int send_sk, const char *cmd, const char *fmt, unsigned long arg1, const char *arg2);
+int ftpd_reply(ftp_control &c, const char *cmd, const char *fmt, const char *arg1, const char *arg2);
+int ftpd_reply_size(ftp_control &c, const char *cmd, const char *fmt, unsigned long arg1, const char *arg2);
 
 inline constexpr char FTP_REPLY_221[] = "221 Service closing control connection(Goodbye).\r\n";
 inline constexpr char FTP_REPLY_226[] = "226 Closing data connection.\r\n";
@@ -26,9 +33,4 @@ inline constexpr char FTP_REPLY_553[] = "553 Requested action not taken.\r\n";
 inline constexpr char FTP_REPLY_NO_SUCH_FILE[] = "550 \"%s\": No such file or directory.\r\n";
 
 // Sends a reply given whole. 0, or -1 when it could not be sent.
-int ftpd_reply_text(int control_fd, const char *text);
-// Admission of a command that names a path: not logged in (530), no top directory (550), no
-// argument (501). 0 to go on, 1 refused and replied, -1 the refusal could not be sent.
-int ftpd_admit_path_cmd(int control_fd, const char *arg, const struct credentials *pcred);
-// From now on, replies of this session thread on control_fd go through t; nullptr ends it.
-void ftpd_reply_protect(int control_fd, ftp_tls *t);
+int ftpd_reply_text(ftp_control &c, const char *text);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -14,10 +15,13 @@ namespace {
 
 class ReplyTest : public ::testing::Test {
   protected:
-    void SetUp() override { signal(SIGPIPE, SIG_IGN); }  // a send to a closed peer must fail, as in the daemon
+    void SetUp() override {
+        signal(SIGPIPE, SIG_IGN);  // a send to a closed peer must fail, as in the daemon
+        fd_.stream.reset(dup(pair_.near()));
+    }
     std::string received() { return pair_.drain(); }
     ftpd_socket_pair pair_;
-    const int fd_ = pair_.near();
+    ftp_control fd_;
 };
 
 TEST_F(ReplyTest, CrLfIsAddedOnlyWhenTheTextLacksALineFeed) {

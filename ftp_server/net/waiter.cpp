@@ -40,7 +40,7 @@ int ftpd_epoll(struct ftp_epoll_s *epoll, int mode) {
     for (int i = 0; i < FTP_EPOLL_MAX && epoll->fd[i] != 0; i++) {
         memset(&epoll->ev[i], 0, sizeof epoll->ev[i]);
         epoll->ev[i].data.fd = epoll->fd[i];
-        epoll->ev[i].events = mode_events(mode);
+        epoll->ev[i].events = mode_events(epoll->mode[i] != 0 ? epoll->mode[i] : mode);
         int op = epoll->first_time ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
         int ret = epoll_ctl(epoll->efd, op, epoll->fd[i], &epoll->ev[i]);
         if (ret != 0) {

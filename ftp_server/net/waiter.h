@@ -9,6 +9,7 @@
 #define FTP_EPOLL_OUT 2
 struct ftp_epoll_s {
     int fd[FTP_EPOLL_MAX];
+    int mode[FTP_EPOLL_MAX];  // per descriptor; 0: the mode of the call
     int efd;
     struct epoll_event ev[FTP_EPOLL_MAX];
     bool first_time;
@@ -19,3 +20,22 @@ struct ftp_epoll_s *ftpd_epoll_create(void);
 int ftpd_epoll(struct ftp_epoll_s *epoll, int mode);
 bool ftpd_epoll_event(const struct ftp_epoll_s *epoll, int fd, int mode);
 int ftpd_epoll_destroy(struct ftp_epoll_s *epoll);
+
+// Owner of a session's event waiter; a waiter that could not be made is given back as well.
+class ftp_waiter {
+  public:
+    ftp_waiter() = default;
+    ~ftp_waiter() { ftpd_epoll_destroy(ep_); }
+    ftp_waiter(const ftp_waiter &) = delete;
+    ftp_waiter &operator=(const ftp_waiter &) = delete;
+    bool create() { return (ep_ = ftpd_epoll_create()) != nullptr; }
+    struct ftp_epoll_s *operator->() const {
+        return ep_;
+    }
+    struct ftp_epoll_s *get() const {
+        return ep_;
+    }
+
+  private:
+    struct ftp_epoll_s *ep_ = nullptr;
+};

@@ -1,91 +1,124 @@
-// The per-session record, the connection slot and the addresses of one control connection.
+// One control session: everything it owns, in one record with owning members (the control
+// connection and its TLS state, the data connection, the login and its connection slot, the name
+// space, the command buffers), and the few questions every command asks of it.
 #pragma once
 
-#include <netinet/in.h>
 #include <sys/types.h>
 
-#include <cstdint>
+#include "base/ftpd.h"
+#include "base/policy.h"
+#include "base/users.h"
+#include "data/dataconn.h"
+#include "net/reply.h"
+#include "net/waiter.h"
 
-struct ftp_tls;
+struct ftp_command;
 
-// Addresses of one control connection; only the pair of its family is filled.
-struct ftp_connect_addr {
-    struct sockaddr_in his_addr;      // peer, IPv4
-    struct sockaddr_in6 his_addrv6;   // peer, IPv6
-    struct sockaddr_in ctrl_addr;     // local, IPv4
-    struct sockaddr_in6 ctrl_addrv6;  // local, IPv6
+// Standard profile: bytes received on the control connection, not yet taken as a command line.
+struct ftp_line_input {
+    char buf[FTP_BUF_SIZE] = {};
+    size_t len = 0;
+    bool discarding = false;  // the rest of a line too long for the buffer is dropped up to its LF
 };
 
-// Hand-off record from the listener to a session thread (category FTPD_M_INFO).
-struct ftp_connect_info {
-    int domain_fd;    // local control-channel socket (shared, not owned)
-    int fd;           // accepted control connection (owned by the session thread)
-    int contrl_type;  // AF_INET (2) or AF_INET6 (10)
-    struct ftp_connect_addr def_addr;
+// The login: who the session is, and how far it got.
+struct ftp_login {
+    ftpd_block name;     // FTP_NAME_LEN, FTPD_M_PCRED_NAME: the configured user USER named
+    ftpd_block passwd;   // FTP_PASSWD_LEN, FTPD_M_PCRED_PWD: that user's password
+    ftpd_block message;  // FTPD_M_PCRED_MSG, or none
+    char client_name[FTP_NAME_LEN] = {};  // the name as USER gave it
+    bool logged_in = false;
+    bool asked_password = false;  // USER was answered 331: PASS is awaited
+    bool guest = false;
+    int32_t level = 0;            // privilege level (AAA)
+    uint32_t aaa_session = 0;     // AAA session identifier, 0 when none
+    bool local_aaa = false;       // counted in the local user database's online count
+    char online_name[FTP_NAME_LEN] = {};  // the account whose online count was taken
+    bool fail_waited = false;     // the current PASS has waited out the failed-login delay
+    bool at_user_limit = false;   // the user named by USER had no free connection slot
+    bool passed_once = false;     // a PASS was taken: the idle time-out replaces the login one
+    int failed_users = 0;
+    int failed_passwords = 0;
 };
 
-// One connection slot: a snapshot of a session's transfer settings and addresses.
-struct ftp_user_cnt_info_s {
-    int use_flag;   // 1: held by a session
-    int tran_type;  // 1 ASCII, 2 EBCDIC, 3 BINARY, 4 Local
-    int data_mode;  // table copy only: 0 none, 1 active, 2 passive data connection
-    struct ftp_connect_addr def_addr;
-    int contrl_type;  // family of the control connection
-    int data_type;    // family of the next data connection: 0, 2 or 10
-    struct sockaddr_in data_dest;
-    struct sockaddr_in6 data_destv6;
-    struct sockaddr_in data_source;
-    struct sockaddr_in6 data_sourcev6;
-    struct sockaddr_in pasv_dest;
-    struct sockaddr_in6 pasv_destv6;
-    struct sockaddr_in pasv_addr;
-    struct sockaddr_in6 pasv_addrv6;
+struct ftp_session {
+    ftp_session(int control_fd, int stop_fd, int family, const ftp_connect_addr &addr, const ftp_policy &policy);
+    ~ftp_session();
+    ftp_session(const ftp_session &) = delete;
+    ftp_session &operator=(const ftp_session &) = delete;
+
+    // The buffers and records the session starts with: false when one could not be allocated.
+    bool ready() const;
+
+    // The control connection
+    ftp_control ctl;
+    int stop_fd;                 // the local control channel (shared, not owned)
+    int family;                  // of the control connection: AF_INET or AF_INET6
+    ftp_connect_addr addr;       // its peer and local addresses
+    const ftp_policy &policy;
+    ftp_waiter waiter;           // the wait for the next command
+    bool peer_closed = false;    // the client closed its side: the session ends after this command
+
+    // The command being served
+    ftpd_block buffers;          // FTPD_M_WHOLE_BUF: the argument, then the line as received
+    char *arg = nullptr;         // FTP_BUF_SIZE bytes
+    char *line = nullptr;        // FTP_BUF_SIZE bytes; also scratch for handlers
+    const ftp_command *cmd = nullptr;  // nullptr: an unknown word
+    bool recognised_any = false;       // a line has been recognised (cmd means something)
+    ftp_line_input input;
+    char stop_msg[FTP_DOMAIN_MSG_LEN] = {};
+
+    // The login and its connection slot
+    ftp_login login;
+    ftp_slot slot;
+
+    // The name space
+    ftpd_block rootdir;          // FTP_ROOTDIR_LEN, FTPD_M_PCRED_DIR: the real top directory, empty when none
+    bool has_topdir = false;     // a top directory was resolved and is still configured
+    char currentdir[FTP_CURRENTDIR_LEN] = {};
+    char rename_from[FTP_CURRENTDIR_LEN] = {};
+
+    // Transfers
+    ftp_type type = ftp_type::ascii;
+    off_t rest_offset = 0;       // REST: where the next RETR or STOR starts
+    int timeout_min;             // idle time-out, copied at session start
+    ftp_dataconn data;
+    // The data port PORT or EPRT named, or kPassiveMark after PASV or EPSV; -1 before either. A
+    // transfer needs one of them above 1024 first.
+    int client_port = -1;
+    ftp_data_watch *watch = nullptr;  // what the control connection's input means during a transfer
+
+    // Protection of the data connections (the control connection's is in ctl)
+    bool pbsz_seen = false;
+    bool prot_private = false;
 };
 
-#define FTP_NAME_LEN 65
-#define FTP_PASSWD_LEN 53
-#define FTP_ROOTDIR_LEN 258
+constexpr int kReservedPort = 1024;  // IPPORT_RESERVED
+constexpr int kPassiveMark = kReservedPort + 1;
 
-// The session record; lives on the session thread's stack.
-struct credentials {
-    char *name;        // 65 bytes, FTPD_M_PCRED_NAME
-    char *homedir;     // unused
-    char *rootdir;     // 258 bytes, FTPD_M_PCRED_DIR: the real top directory, empty when none
-    char *shell;       // unused
-    char *remotehost;  // unused
-    char *passwd;      // 53 bytes, FTPD_M_PCRED_PWD
-    char *pass;        // unused
-    char *message;     // FTPD_M_PCRED_MSG, may be null
-    uint32_t uid;
-    uint32_t gid;
-    int32_t level;
-    int32_t guest;
-    int32_t dochroot;
-    int32_t logged_in;
-    bool logged_local_aaa_in;
-    int32_t auth_type;
-    int32_t usedefault;    // 1: active connections go to the control peer's port + 1
-    int32_t listen_pdata;  // passive listening socket, -1
-    int32_t pdata;         // accepted passive data socket, -1
-    int32_t data;          // active data socket, -1
-    int32_t ctl_fd;
-    off_t byte_count;
-    int32_t askpasswd;
-    int32_t timeout;  // idle time-out, minutes
-    uint32_t session_id;
-    bool rwdir_flag;
-    bool epsv_all;
-    int32_t cnt_index;
-    struct ftp_user_cnt_info_s cnt;
-    uint32_t slot_generation;        // generation of the user-table row the slot was taken from
-    char online_name[FTP_NAME_LEN];  // the account whose online count this session took, if any
-    bool fail_waited;                // the current PASS has waited out the failed-login delay
-    off_t rest_offset;               // standard profile: REST offset for the next transfer, 0 none
-    bool at_user_limit;              // the user named by USER had no free connection slot
-    // Standard profile with TLS: the control connection's TLS state (nullptr in clear text), the
-    // current data connection's, and whether data connections are protected (PROT P).
-    struct ftp_tls *tls;
-    struct ftp_tls *data_tls;
-    bool pbsz_seen;
-    bool prot_private;
-};
+inline bool is_logged_in(const ftp_session &s) {
+    return s.login.logged_in;
+}
+inline bool is_access(const ftp_session &s) {
+    return s.has_topdir;
+}
+inline bool is_data_empty(const char *s) {
+    return s == nullptr || s[0] == '\0';
+}
+const char *session_root(const ftp_session &s);
+const char *session_name(const ftp_session &s);
+
+// Replies on the session's control connection.
+int reply(ftp_session &s, const char *text);
+int reply_code(ftp_session &s, const char *code, const char *fmt, const char *arg1 = nullptr,
+               const char *arg2 = nullptr);
+
+// Admission of a command that names a path: not logged in (530), no top directory (550), no
+// argument (501). 0 to go on, 1 refused and replied, -1 the refusal could not be sent.
+int admit_path_cmd(ftp_session &s, const char *arg);
+
+// What the data connection needs of this session for one transfer.
+ftp_data_env data_env(ftp_session &s);
+// The session's state as its connection slot shows it, and the slot refreshed from it.
+struct ftp_user_cnt_info_s slot_snapshot(const ftp_session &s);
+void slot_update(ftp_session &s);

@@ -1,39 +1,25 @@
-// The data-address commands: PORT and EPRT record where the next active data connection goes,
-// PASV and EPSV open the passive listening socket and tell the client its address. None of them
-// makes the data connection itself; that happens when a transfer or listing runs.
+// The data-address commands: PORT and EPRT name the client's data address for the next active
+// connection; PASV and EPSV open a passive listener on the control connection's own local address
+// and tell the client its port. Each parses into its own values first: a refused command changes
+// nothing. None of them makes the data connection itself; that happens when a transfer runs.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <strings.h>
-#include <sys/random.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <random>
 
 #include "base/ftpd.h"
-#include "data/dataconn.h"
-#include "net/reply.h"
-#include "control/session.h"
+#include "session/session.h"
+#include "transfer/transfer.h"
 
 namespace {
 
-constexpr int kMaxBindTries = 64;
-constexpr int kPassiveBacklog = 2;
-
-const char kNotLoggedIn[] = "530 Not logged in.\r\n";
 const char kActiveDisabled[] = "Active mode is disabled.\r\n";
 const char kBadIpAddr[] = "Syntax error in IP address.\r\n";
 const char kCantOpen[] = "425 Can't open data connection.\r\n";
-
-int reply_text(int control_fd, const char *text) {
-    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
-}
 
 // Cuts the next ","-separated field off *rest; nullptr when there is none left.
 char *next_field(char **rest) {
@@ -58,45 +44,97 @@ bool is_scoped_v6(const struct in6_addr *a) {
     return a->s6_addr[0] == 0xfe && ((a->s6_addr[1] & 0xc0) == 0x80 || (a->s6_addr[1] & 0xc0) == 0xc0);
 }
 
-// Each session thread draws from its own generator, seeded from the kernel: sessions that open
-// passive ports at the same moment must not draw the same sequence.
-uint32_t draw_port_number() {
-    thread_local std::minstd_rand gen = [] {
-        uint32_t seed = 0;
-        if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof seed))
-            seed = static_cast<uint32_t>(time(nullptr)) ^ static_cast<uint32_t>(gettid());
-        return std::minstd_rand(seed == 0 ? 1 : seed);
-    }();
-    return static_cast<uint32_t>(gen());
-}
-
-// Draws random ports from 1024 to 65535 and binds; a port in use is replaced by another draw at
-// once. Returns the bound port, or -1 with the error in *err.
-int bind_random_port(int fd, struct sockaddr *addr, socklen_t len, in_port_t *port_field, int *err) {
-    for (int tries = 1;; tries++) {
-        int port = static_cast<int>(draw_port_number() % 64512) + 1024;
-        *port_field = htons(static_cast<uint16_t>(port));
-        if (bind(fd, addr, len) == 0) return port;
-        *err = errno;
-        if (*err != EADDRINUSE || tries >= kMaxBindTries) return -1;
-    }
-}
-
 // SECURITY (standard profile): an active data connection may only go back to the client's own
 // address, so the server cannot be used to reach a third host.
-bool is_control_peer(const struct credentials *pcred, const char *addr) {
-    const struct ftp_connect_addr &ctl = pcred->cnt.def_addr;
-    struct in_addr a4;
-    struct in6_addr a6;
-    if (inet_pton(AF_INET, addr, &a4) == 1) {
-        if (pcred->cnt.contrl_type == AF_INET) return a4.s_addr == ctl.his_addr.sin_addr.s_addr;
-        const uint8_t *p = ctl.his_addrv6.sin6_addr.s6_addr;
+bool is_control_peer(const ftp_session &s, const struct sockaddr_storage &a) {
+    if (a.ss_family == AF_INET) {
+        const struct in_addr &a4 = reinterpret_cast<const struct sockaddr_in *>(&a)->sin_addr;
+        if (s.family == AF_INET) return a4.s_addr == s.addr.his_addr.sin_addr.s_addr;
         // An IPv4 client reaching the IPv6 socket through a mapped address.
-        return IN6_IS_ADDR_V4MAPPED(&ctl.his_addrv6.sin6_addr) && memcmp(p + 12, &a4.s_addr, 4) == 0;
+        const struct in6_addr &peer = s.addr.his_addrv6.sin6_addr;
+        return IN6_IS_ADDR_V4MAPPED(&peer) && memcmp(peer.s6_addr + 12, &a4.s_addr, 4) == 0;
     }
-    if (inet_pton(AF_INET6, addr, &a6) == 1 && pcred->cnt.contrl_type == AF_INET6)
-        return memcmp(&a6, &ctl.his_addrv6.sin6_addr, sizeof a6) == 0;
-    return false;
+    const struct in6_addr &a6 = reinterpret_cast<const struct sockaddr_in6 *>(&a)->sin6_addr;
+    return s.family == AF_INET6 && memcmp(&a6, &s.addr.his_addrv6.sin6_addr, sizeof a6) == 0;
+}
+
+struct sockaddr_storage v4_target(struct in_addr addr, int port) {
+    struct sockaddr_storage t {};
+    auto *a = reinterpret_cast<struct sockaddr_in *>(&t);
+    a->sin_family = AF_INET;
+    a->sin_addr = addr;
+    a->sin_port = htons(static_cast<uint16_t>(port));
+    return t;
+}
+
+// What PORT or EPRT parsed, taken over only once the command is accepted.
+void take_target(ftp_session &s, const struct sockaddr_storage &t, int port) {
+    s.data.set_target(t);
+    s.data.set_family(t.ss_family);
+    s.client_port = port;
+}
+
+// EPRT's IPv4 form; the reply sent (0) or not (-1) as the result.
+int eprt_v4(ftp_session &s, const char *p, char delim) {
+    unsigned a[4];
+    if (sscanf(p, "%u,%u,%u,%u", &a[0], &a[1], &a[2], &a[3]) != 4 && sscanf(p, "%u.%u.%u.%u", &a[0], &a[1], &a[2], &a[3]) != 4)
+        return reply_code(s, "501", kBadIpAddr);
+    if (a[0] > 255 || a[1] > 255 || a[2] > 255 || a[3] > 255 || (a[0] | a[1] | a[2] | a[3]) == 0)
+        return reply_code(s, "501", kBadIpAddr);
+    p += strspn(p, "0123456789.,");
+    int port = 0;
+    if (*p == delim) {
+        p++;
+        port = atoi(p);
+        while (isdigit(static_cast<unsigned char>(*p))) p++;
+    }
+    if (*p != delim || port < 1 || port > 65535) return reply_code(s, "501", kBadIpAddr);
+    struct in_addr addr;
+    addr.s_addr = htonl(a[0] << 24 | a[1] << 16 | a[2] << 8 | a[3]);
+    struct sockaddr_storage t = v4_target(addr, port);
+    if (s.policy.data_peer_only && !is_control_peer(s, t)) return reply_code(s, "500", "Illegal EPRT Command.");
+    take_target(s, t, port);
+    return reply(s, "200 EPRT Command okay.\r\n");
+}
+
+// EPRT's IPv6 form: the address, an optional zone (only on scoped addresses; the scope used is the
+// control connection's), the port.
+int eprt_v6(ftp_session &s, char *p, char delim) {
+    char *text = p;
+    p += strspn(p, "0123456789abcdefABCDEF:");
+    if (*p == '%') {
+        *p++ = '\0';
+        struct in6_addr a6 {};
+        inet_pton(AF_INET6, text, &a6);
+        if (atoi(p) == 0 || !is_scoped_v6(&a6)) return reply_code(s, "501", kBadIpAddr);
+        while (isdigit(static_cast<unsigned char>(*p))) p++;
+    }
+    if (*p != delim || atoi(p + 1) == 0) return reply_code(s, "501", kBadIpAddr);
+    *p = '\0';
+    int port = atoi(p + 1);
+    struct sockaddr_storage t {};
+    auto *a = reinterpret_cast<struct sockaddr_in6 *>(&t);
+    a->sin6_family = AF_INET6;
+    inet_pton(AF_INET6, text, &a->sin6_addr);
+    a->sin6_port = htons(static_cast<uint16_t>(port));
+    if (s.policy.data_peer_only) {
+        // A client that names the unspecified address (lftp in active mode) means its own.
+        if (IN6_IS_ADDR_UNSPECIFIED(&a->sin6_addr) && s.family == AF_INET6) a->sin6_addr = s.addr.his_addrv6.sin6_addr;
+        if (!is_control_peer(s, t)) return reply_code(s, "500", "Illegal EPRT Command.");
+    }
+    take_target(s, t, port);
+    return reply(s, "200 EPRT Command okay.\r\n");
+}
+
+// The control connection's own local address: where a passive listener listens, so that it is
+// reachable exactly where the client already reaches the server.
+struct sockaddr_storage control_local(const ftp_session &s) {
+    struct sockaddr_storage a {};
+    if (s.family == AF_INET6)
+        memcpy(&a, &s.addr.ctrl_addrv6, sizeof s.addr.ctrl_addrv6);
+    else
+        memcpy(&a, &s.addr.ctrl_addr, sizeof s.addr.ctrl_addr);
+    return a;
 }
 
 }  // namespace
@@ -138,215 +176,86 @@ int parse_port_data(char *data_buff, char *client_addr) {
     return toint(p1, 0) * 256 + toint(p2, 0);
 }
 
-int command_port(int control_fd, char *data_buff, char *client_addr, int *client_port, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return reply_text(control_fd, kNotLoggedIn);
-    if (pcred->epsv_all) return ftpd_reply(control_fd, "501", kActiveDisabled, nullptr, nullptr);
-    pcred->usedefault = 0;
-    ftpd_data_close(&pcred->pdata);
-    *client_port = parse_port_data(data_buff, client_addr);
-    if (*client_port < 1025) return ftpd_reply(control_fd, "500", "Illegal PORT Command.", nullptr, nullptr);
-    if (ftpd_standard()) {
-        // Typed leading zeros are kept in the text; the comparison needs the plain form.
+bool command_port(ftp_session &s) {
+    if (s.data.extended_only) return reply_code(s, "501", kActiveDisabled) == 0;
+    char copy[FTP_BUF_SIZE];
+    char text[FTP_CLIENT_ADDR_LEN];
+    (void)ftpd_strlcpy(copy, s.arg, sizeof copy);
+    int port = parse_port_data(copy, text);
+    if (port < kPassiveMark) return reply_code(s, "500", "Illegal PORT Command.") == 0;
+    struct in_addr addr {};
+    if (s.policy.data_peer_only) {
+        // Typed leading zeros are kept in the text; the address is the decimal values.
         unsigned a[4];
-        char plain[FTP_CLIENT_ADDR_LEN];
-        if (sscanf(client_addr, "%u.%u.%u.%u", &a[0], &a[1], &a[2], &a[3]) != 4 ||
-            !ftpd_snprintf(plain, sizeof plain, "%u.%u.%u.%u", a[0], a[1], a[2], a[3]) ||
-            !is_control_peer(pcred, plain)) {
-            *client_port = -1;
-            return ftpd_reply(control_fd, "500", "Illegal PORT Command.", nullptr, nullptr);
-        }
+        if (sscanf(text, "%u.%u.%u.%u", &a[0], &a[1], &a[2], &a[3]) != 4) return reply_code(s, "500", "Illegal PORT Command.") == 0;
+        addr.s_addr = htonl(a[0] << 24 | a[1] << 16 | a[2] << 8 | a[3]);
+    } else {
+        // The device reads the typed text as inet_aton does.
+        inet_aton(text, &addr);
     }
-    return reply_text(control_fd, "200 PORT Command okay.\r\n");
+    struct sockaddr_storage t = v4_target(addr, port);
+    if (s.policy.data_peer_only && !is_control_peer(s, t)) return reply_code(s, "500", "Illegal PORT Command.") == 0;
+    take_target(s, t, port);
+    return reply(s, "200 PORT Command okay.\r\n") == 0;
 }
 
-int command_eprt(int control_fd, char *data_buff, char *client_addr, int addr_size, int *client_port,
-                 struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return reply_text(control_fd, kNotLoggedIn);
-    if (pcred->epsv_all) return ftpd_reply(control_fd, "501", kActiveDisabled, nullptr, nullptr);
-    pcred->usedefault = 0;
-    ftpd_data_close(&pcred->pdata);
-    return doeprt(control_fd, data_buff, client_addr, addr_size, client_port, pcred);
-}
-
-int doeprt(int control_fd, char *p, char *client_addr, int addr_size, int *client_port, struct credentials *pcred) {
-    if (p == nullptr || *p == '\0') return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
+bool command_eprt(ftp_session &s) {
+    if (s.data.extended_only) return reply_code(s, "501", kActiveDisabled) == 0;
+    char copy[FTP_BUF_SIZE];
+    (void)ftpd_strlcpy(copy, s.arg, sizeof copy);
+    char *p = copy;
+    if (*p == '\0') return reply_code(s, "501", kBadIpAddr) == 0;
     char delim = *p++;
     int proto = atoi(p);
     while (isdigit(static_cast<unsigned char>(*p))) p++;
-    if (*p != delim) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
+    if (*p != delim) return reply_code(s, "501", kBadIpAddr) == 0;
     p++;
-    if (proto == 2) {
-        pcred->cnt.data_type = AF_INET6;
-        return do_ipv6_port(control_fd, p, delim, client_addr, addr_size, client_port, pcred);
-    }
-    if (proto != 1)
-        return ftpd_reply(control_fd, "522", "Only IPv4 and IPv6 are supported (1,2).\r\n", nullptr, nullptr);
-    pcred->cnt.data_type = AF_INET;
-
-    unsigned a[4];
-    if (sscanf(p, "%u,%u,%u,%u", &a[0], &a[1], &a[2], &a[3]) != 4 &&
-        sscanf(p, "%u.%u.%u.%u", &a[0], &a[1], &a[2], &a[3]) != 4)
-        return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
-    if (a[0] > 255 || a[1] > 255 || a[2] > 255 || a[3] > 255 || (a[0] | a[1] | a[2] | a[3]) == 0)
-        return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
-    p += strspn(p, "0123456789.,");
-    int port = 0;
-    if (*p == delim) {
-        p++;
-        port = atoi(p);
-        while (isdigit(static_cast<unsigned char>(*p))) p++;
-    }
-    if (*p != delim || port < 1 || port > 65535) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
-    (void)ftpd_snprintf(client_addr, static_cast<size_t>(addr_size), "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
-    if (ftpd_standard() && !is_control_peer(pcred, client_addr))
-        return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
-    *client_port = port;
-    return reply_text(control_fd, "200 EPRT Command okay.\r\n");
+    if (proto == 2) return eprt_v6(s, p, delim) == 0;
+    if (proto != 1) return reply(s, "522 Only IPv4 and IPv6 are supported (1,2).\r\n") == 0;
+    return eprt_v4(s, p, delim) == 0;
 }
 
-int do_ipv6_port(int control_fd, char *p, char delim, char *client_addr, int addr_size, int *client_port,
-                 const struct credentials *pcred) {
-    char *addr = p;
-    p += strspn(p, "0123456789abcdefABCDEF:");
-    if (*p == '%') {
-        // A zone is allowed only on scoped addresses; the scope actually used comes from the
-        // control connection when the data connection is made.
-        *p++ = '\0';
-        struct in6_addr a6;
-        memset(&a6, 0, sizeof a6);
-        inet_pton(AF_INET6, addr, &a6);
-        if (atoi(p) == 0 || !is_scoped_v6(&a6)) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
-        while (isdigit(static_cast<unsigned char>(*p))) p++;
-    }
-    if (*p != delim || atoi(p + 1) == 0) return ftpd_reply(control_fd, "501", kBadIpAddr, nullptr, nullptr);
-    *p = '\0';
-    char peer[INET6_ADDRSTRLEN];
-    if (ftpd_standard()) {
-        // A client that names the unspecified address (lftp in active mode) means its own.
-        struct in6_addr a6;
-        if (inet_pton(AF_INET6, addr, &a6) == 1 && IN6_IS_ADDR_UNSPECIFIED(&a6) &&
-            pcred->cnt.contrl_type == AF_INET6 &&
-            inet_ntop(AF_INET6, &pcred->cnt.def_addr.his_addrv6.sin6_addr, peer, sizeof peer) != nullptr)
-            addr = peer;
-        if (!is_control_peer(pcred, addr))
-            return ftpd_reply(control_fd, "500", "Illegal EPRT Command.", nullptr, nullptr);
-    }
-    (void)ftpd_strlcpy(client_addr, addr, static_cast<size_t>(addr_size));
-    *client_port = atoi(p + 1);
-    return reply_text(control_fd, "200 EPRT Command okay.\r\n");
-}
-
-int command_epsv(int control_fd, char *data_buff, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return reply_text(control_fd, kNotLoggedIn);
-    const char *arg = data_buff != nullptr ? data_buff : "";
+bool command_epsv(ftp_session &s) {
+    // Every EPSV whose reply went out marks a passive data address, as the device does.
+    s.client_port = kPassiveMark;
+    const char *arg = s.arg;
     if (strcasecmp(arg, "ALL") == 0) {
-        pcred->epsv_all = true;
-        return ftpd_reply(control_fd, "220", kActiveDisabled, nullptr, nullptr);
+        s.data.extended_only = true;
+        return reply_code(s, "220", kActiveDisabled) == 0;
     }
-    if (strcmp(arg, "1") == 0) {
-        pcred->cnt.data_type = AF_INET;
-    } else if (strcmp(arg, "2") == 0) {
-        pcred->cnt.data_type = AF_INET6;
-    } else if (arg[0] == '\0') {
-        if (pcred->cnt.contrl_type == AF_INET || pcred->cnt.contrl_type == AF_INET6)
-            pcred->cnt.data_type = pcred->cnt.contrl_type;
-    } else {
-        return reply_text(control_fd, "501 Syntax error in parameters or arguments.\r\n");
-    }
-    dopasv(control_fd, pcred);
-    return 0;
-}
-
-int dopasv(int control_fd, struct credentials *pcred) {
-    ftpd_data_close(&pcred->data);
-    // A listener of an earlier PASV/EPSV that was never used is replaced, not leaked.
-    ftpd_data_close(&pcred->listen_pdata);
-    pcred->listen_pdata = socket(pcred->cnt.data_type, SOCK_STREAM, IPPROTO_TCP);
-    if (pcred->listen_pdata < 0) {
-        pcred->listen_pdata = -1;
-        return ftpd_reply(control_fd, "425", "Unable to open a passive connection.\r\n", nullptr, nullptr);
-    }
-    int on = 1;
-    if (setsockopt(pcred->listen_pdata, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        ftpd_data_close(&pcred->listen_pdata);
-        return ftpd_reply(control_fd, "421", "setsockopt", nullptr, nullptr);
-    }
-    ftps_set_vrf_option(pcred, pcred->listen_pdata);
-
-    struct sockaddr *addr;
-    socklen_t len;
-    in_port_t *port_field;
-    if (pcred->cnt.data_type == AF_INET6) {
-        memset(&pcred->cnt.pasv_addrv6, 0, sizeof pcred->cnt.pasv_addrv6);
-        pcred->cnt.pasv_addrv6.sin6_family = AF_INET6;
-        addr = reinterpret_cast<struct sockaddr *>(&pcred->cnt.pasv_addrv6);
-        len = sizeof pcred->cnt.pasv_addrv6;
-        port_field = &pcred->cnt.pasv_addrv6.sin6_port;
-    } else {
-        memset(&pcred->cnt.pasv_addr, 0, sizeof pcred->cnt.pasv_addr);
-        pcred->cnt.pasv_addr.sin_family = AF_INET;
-        addr = reinterpret_cast<struct sockaddr *>(&pcred->cnt.pasv_addr);
-        len = sizeof pcred->cnt.pasv_addr;
-        port_field = &pcred->cnt.pasv_addr.sin_port;
-    }
-    int err = 0;
-    int port = bind_random_port(pcred->listen_pdata, addr, len, port_field, &err);
-    if (port < 0) {
-        FTPD_LOG_ERR("%s:ipv6 data connection, bind fail(errno=%d).\n", __func__, err);
-        ftpd_data_close(&pcred->listen_pdata);
-        return reply_text(control_fd, kCantOpen);
-    }
-    if (listen(pcred->listen_pdata, kPassiveBacklog) < 0) {
-        ftpd_data_close(&pcred->listen_pdata);
-        return reply_text(control_fd, kCantOpen);
-    }
+    int want = strcmp(arg, "1") == 0 ? AF_INET : strcmp(arg, "2") == 0 ? AF_INET6 : arg[0] == '\0' ? s.family : 0;
+    if (want == 0) return reply(s, "501 Syntax error in parameters or arguments.\r\n") == 0;
+    // A listener of another family than the control connection's could only be reached by
+    // another address than the client's.
+    if (want != s.family && s.policy.data_peer_only)
+        return reply_code(s, "522", "Network protocol not supported, use (%s).", s.family == AF_INET6 ? "2" : "1") == 0;
+    int port = s.data.listen(control_local(s), s.ctl.stream.fd());
+    if (port < 0) return reply(s, kCantOpen) == 0;
+    s.data.set_family(s.family);
     char text[64];
     (void)ftpd_snprintf(text, sizeof text, "Extended Passive mode OK (|||%u|)", static_cast<unsigned>(port));
-    if (ftpd_reply(control_fd, "229", "%s", text, nullptr) < 0) {
-        ftpd_data_close(&pcred->listen_pdata);
-        return -1;
-    }
-    return 0;
+    if (reply_code(s, "229", "%s", text) == 0) return true;
+    s.data.drop_listener();
+    return false;
 }
 
-void passive(int control_fd, struct credentials *pcred) {
-    // Unlike EPSV, an open active connection is left as it is; an unused listener is replaced.
-    ftpd_data_close(&pcred->listen_pdata);
-    pcred->listen_pdata = socket(AF_INET, SOCK_STREAM, 0);
-    if (pcred->listen_pdata < 0) {
-        pcred->listen_pdata = -1;
-        reply_text(control_fd, kCantOpen);
-        return;
+bool passive(ftp_session &s) {
+    // The wording names active mode although PASV is refused; it is kept as it stands.
+    if (s.data.extended_only) return reply_code(s, "501", "Active mode is disabled.\r\n") >= 0;
+    s.client_port = kPassiveMark;
+    // PASV can only name an IPv4 address: on an IPv6 control connection there is none the client
+    // reaches the server on.
+    if (s.family != AF_INET) {
+        s.data.drop_listener();
+        return reply(s, kCantOpen) >= 0;
     }
-    int on = 1;
-    if (setsockopt(pcred->listen_pdata, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        FTPD_LOG_ERR("%s:data connection, setsockopt fail.\n", __func__);
-        ftpd_data_close(&pcred->listen_pdata);
-        reply_text(control_fd, kCantOpen);
-        return;
-    }
-    ftps_set_vrf_option(pcred, pcred->listen_pdata);
-
-    // Listen on the address the client already reaches the server on.
-    pcred->cnt.pasv_addr = pcred->cnt.def_addr.ctrl_addr;
-    int err = 0;
-    int port = bind_random_port(pcred->listen_pdata, reinterpret_cast<struct sockaddr *>(&pcred->cnt.pasv_addr),
-                                sizeof pcred->cnt.pasv_addr, &pcred->cnt.pasv_addr.sin_port, &err);
-    if (port < 0) {
-        FTPD_LOG_ERR("%s:data connection, bind fail(errno=%d).\n", __func__, err);
-        ftpd_data_close(&pcred->listen_pdata);
-        reply_text(control_fd, kCantOpen);
-        return;
-    }
-    if (listen(pcred->listen_pdata, kPassiveBacklog) < 0) {
-        FTPD_LOG_ERR("%s:data connection, listen fail.\n", __func__);
-        ftpd_data_close(&pcred->listen_pdata);
-        reply_text(control_fd, kCantOpen);
-        return;
-    }
-    const unsigned char *a = reinterpret_cast<const unsigned char *>(&pcred->cnt.pasv_addr.sin_addr);
+    int port = s.data.listen(control_local(s), s.ctl.stream.fd());
+    if (port < 0) return reply(s, kCantOpen) >= 0;
+    s.data.set_family(AF_INET);
+    const auto *a = reinterpret_cast<const unsigned char *>(&s.addr.ctrl_addr.sin_addr);
     char text[80];
     (void)ftpd_snprintf(text, sizeof text, "Entering Passive Mode (%d,%d,%d,%d,%d,%d).", a[0], a[1], a[2], a[3],
-                  (port >> 8) & 0xff, port & 0xff);
-    ftpd_reply(control_fd, "227", "%s", text, nullptr);
+                        (port >> 8) & 0xff, port & 0xff);
+    reply_code(s, "227", "%s", text);
+    return true;
 }

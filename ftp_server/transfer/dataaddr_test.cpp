@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/ftpd.h"
-#include "data/dataconn.h"
+#include "transfer/transfer.h"
 
 namespace {
 

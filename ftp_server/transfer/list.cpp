@@ -5,7 +5,7 @@
 // command and writer skeletons, the device's and the standard profile's. The standard profile
 // skips option words, shows dot files on request and stages the listing before it opens the data
 // connection, so that a path that cannot be listed is refused before any preliminary reply.
-#include "transfer/list.h"
+#include "transfer/transfer.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -19,66 +19,33 @@
 
 #include "base/ftpd.h"
 #include "data/dataconn.h"
-#include "transfer/list_internal.h"
+#include "files/entries.h"
 #include "files/path.h"
-#include "net/reply.h"
-#include "data/transfer.h"
-#include "base/users.h"
+#include "login/security.h"
+#include "session/session.h"
+#include "transfer/list_internal.h"
 
 namespace {
 
 const char kReply451[] = "451 Requested action aborted. Local error in processing.\r\n";
 const char kReply501[] = "501 Syntax error in parameters or arguments.\r\n";
 
-const char *const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 // The staged listing goes out through the transfer engine, converted in 512-byte blocks in ASCII
 // type as a file would be.
 constexpr int kAsciiBlock = 512;
 
-// Both matcher inputs are worked on as copies cut at 255 characters.
-constexpr size_t kMatchLen = 256;
-
-int reply451(int control_fd) {
-    return ftpd_reply(control_fd, nullptr, "%s", kReply451, nullptr);
+int reply451(ftp_session &s) {
+    return reply(s, kReply451);
 }
-int reply501(int control_fd) {
-    return ftpd_reply(control_fd, nullptr, "%s", kReply501, nullptr);
+int reply501(ftp_session &s) {
+    return reply(s, kReply501);
 }
 
 bool is_dir_root(const char *dir) {
     return strcmp(dir, "/") == 0;
 }
 
-// The listing line from the entry's status, "today" being the current calendar year.
-int format_line(const struct stat &st, const char *name, char *stat_buff, int length, int this_year) {
-    char mode[11] = "----------";
-    if (S_ISDIR(st.st_mode))
-        mode[0] = 'd';
-    else if (!S_ISREG(st.st_mode))
-        return -1;
-    static constexpr mode_t kBits[9] = {S_IRUSR, S_IWUSR, S_IXUSR, S_IRGRP, S_IWGRP,
-                                        S_IXGRP, S_IROTH, S_IWOTH, S_IXOTH};
-    static constexpr char kLetters[] = "rwxrwxrwx";
-    for (int i = 0; i < 9; i++)
-        if ((st.st_mode & kBits[i]) != 0) mode[i + 1] = kLetters[i];
-
-    // Only the calendar years are compared: no six-month window.
-    struct tm mtime;
-    localtime_r(&st.st_mtime, &mtime);
-    const char *shown = name != nullptr ? name : "";
-    int links = static_cast<int>(st.st_nlink);
-    long long size = static_cast<long long>(st.st_size);
-    const char *month = kMonths[mtime.tm_mon];
-    if (mtime.tm_year == this_year)
-        (void)ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %02d:%02d %-s\n",
-                      mode, links, size, month, mtime.tm_mday, mtime.tm_hour, mtime.tm_min, shown);
-    else
-        (void)ftpd_snprintf(stat_buff, static_cast<size_t>(length), "%10s %3d user     group %lld %3.3s %2d %5d %-s\n", mode,
-                      links, size, month, mtime.tm_mday, mtime.tm_year + 1900, shown);
-    stat_buff[length - 1] = '\0';
-    return 0;
-}
 
 }  // namespace
 
@@ -140,7 +107,7 @@ bool ftpd_list_batch::finish() {
     if (!flush()) return false;
     // The device syncs its staged listing; the standard profile reads it back from the page
     // cache at once and never needs it on the disk.
-    if (!ftpd_standard()) fsync(fd_);
+    if (sync_) fsync(fd_);
     return true;
 }
 
@@ -172,14 +139,40 @@ void ftpd_listtemp::remove() {
     }
 }
 
-int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
-                       struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind) {
+namespace {
+
+// A listing on its way: the session, the real path, which rows, and (standard profile) the staged
+// file.
+struct listing_run {
+    ftp_session *s;
+    const char *path;
+    const ftpd_listing_kind *kind;
+    ftpd_listtemp *staged;
+    bool raw;  // lines carry their CR LF already: sent untouched whatever the type
+};
+
+// The staged listing goes out as a file would: converted in 512-byte blocks in ASCII type.
+ftp_move send_staged(ftp_dataconn &dc, void *ctx) {
+    auto *run = static_cast<listing_run *>(ctx);
+    ftp_move r = dc.send_file(run->staged->fd(), kAsciiBlock, run->raw);
+    // Gone before the final reply: no one sees the daemon's file after it.
+    run->staged->remove();
+    return r;
+}
+
+// The device's listing, staged once the data connection is open: every failure after the 150 is
+// answered here with its own line.
+ftp_move stage_and_send(ftp_dataconn &dc, void *ctx) {
+    auto *run = static_cast<listing_run *>(ctx);
+    ftp_session &s = *run->s;
+    const ftpd_listing_kind &kind = *run->kind;
+    const char *path = run->path;
     // One block: the line, the directory, the entry path, then the batch / sending area.
     ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
     if (!whole) {
         if (kind.log_failures) FTPD_LOG_ERR("malloc while_buff fail\n");
-        reply451(control_fd);
-        return -1;
+        reply451(s);
+        return ftp_move::replied;
     }
     char *databuff = whole.get();
     char *temppath = databuff + FTP_LIST_LINE_SIZE;
@@ -189,60 +182,48 @@ int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, c
     int made = temp.create();
     if (made != 0) {
         if (made == -2 && kind.log_failures) FTPD_LOG_ERR("ftpd_mkstemp fail\n");
-        reply451(control_fd);
-        return -1;
+        reply451(s);
+        return ftp_move::replied;
     }
-
-    // After the data connection is open, every failure ends with the one 451 line.
-    auto fail = [&]() {
-        temp.remove();
-        whole.reset();
-        reply451(control_fd);
-        return -1;
-    };
-    auto not_listable = [&]() {
-        temp.remove();
-        reply501(control_fd);
-        return -1;
-    };
-
-    ftpd_list_batch out(temp.fd(), batch_area, FTP_LIST_BATCH_SIZE);
+    int r = 0;
+    ftpd_list_batch out(temp.fd(), batch_area, FTP_LIST_BATCH_SIZE, true);
     struct stat st;
     if (stat(path, &st) != 0) {
         if (strpbrk(path, "*?") == nullptr) {
             temp.remove();
-            ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
-            return -1;
+            reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, path);
+            return ftp_move::replied;
         }
-        int r = kind.wildcard(path, out, temp.path(), databuff, temppath, current_dir);
-        if (r == -3) return not_listable();
-        if (r != 0) return fail();
+        r = kind.wildcard(path, out, temp.path(), databuff, temppath, s.currentdir);
     } else if (S_ISDIR(st.st_mode)) {
-        if (kind.dir(path, out, temp.path(), databuff) != 0) return fail();
+        r = kind.dir(path, out, temp.path(), databuff) != 0 ? -2 : 0;
     } else if (S_ISREG(st.st_mode)) {
-        int r = kind.reg(path, out, temp.path(), databuff);
-        if (r == -3) return not_listable();
-        if (r != 0) return fail();
+        r = kind.reg(path, out, temp.path(), databuff);
     } else {
-        return not_listable();
+        r = -3;
     }
-
-    if (!temp.reopen_for_reading()) return fail();
+    if (r == 0 && !temp.reopen_for_reading()) r = -2;
+    if (r != 0) {
+        temp.remove();
+        whole.reset();
+        r == -3 ? reply501(s) : reply451(s);
+        return ftp_move::replied;
+    }
     whole.reset();
+    run->staged = &temp;
     // The same waits as a file transfer: a client that stops reading meets the idle time-out, and
     // the stop message aborts the listing.
-    int sent = send_data_with_type(control_fd, temp.fd(), data_sock, kAsciiBlock, pcred, domain_fd);
-    temp.remove();
-    return sent;
+    return send_staged(dc, ctx);
 }
 
-int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-                     struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind,
-                     int (*writer)(int, int, char *, char *, struct credentials *, int)) {
+}  // namespace
+
+int ftpd_run_listing(ftp_session &s, const ftpd_listing_kind &kind) {
+    char *path = s.arg;
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!work) {
         if (kind.log_malloc) FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
-        reply451(control_fd);
+        reply451(s);
         return 0;
     }
     char *inpath = work.get();
@@ -255,35 +236,22 @@ int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_p
             "only\n");
         path[0] = '\0';
     }
-    if (path[0] == '\0') (void)ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+    if (path[0] == '\0') (void)ftpd_client_view(s, path, FTP_PATH_HALF);
 
-    switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
+    switch (ftpd_resolve_path(s, path, inpath, outpath)) {
         case ftpd_resolve_result::trim_failed:
         case ftpd_resolve_result::too_long:
-            reply451(control_fd);
+            reply451(s);
             return 0;
         case ftpd_resolve_result::refused:
-            reply501(control_fd);
+            reply501(s);
             return 0;
         case ftpd_resolve_result::ok:
             break;
     }
-
-    unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
-    if (!data_sock) return 0;  // dataconn has replied
-
-    if (kind.count_before_update) {
-        pcred->byte_count = 0;
-        ftp_set_userinfo_update(pcred);
-    } else {
-        ftp_set_userinfo_update(pcred);
-        pcred->byte_count = 0;
-    }
-    int r = writer(control_fd, data_sock.get(), current_dir, inpath, pcred, domain_fd);
-
-    ftpd_data_finish(pcred, data_sock.release());
-    ftp_set_userinfo_update(pcred);
-    return r == -2 ? -2 : 0;
+    listing_run run{&s, inpath, &kind, nullptr, false};
+    ftp_data_env env = data_env(s);
+    return s.data.transfer(env, kDownloadReplies, stage_and_send, &run) == -1 ? -2 : 0;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -317,17 +285,8 @@ const ftpd_std_kind kStdListKind = {
 };
 }  // namespace
 
-int list_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-             struct credentials *pcred, int domain_fd) {
-    if (ftpd_standard())
-        return ftpd_run_std_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd,
-                                    kStdListKind);
-    return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kListKind,
-                            write_list);
-}
-
-int write_list(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred, int domain_fd) {
-    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kListKind);
+bool list_fun(ftp_session &s) {
+    return ftpd_list_command(s, &kListKind, &kStdListKind);
 }
 
 namespace {
@@ -502,11 +461,11 @@ std_stage stage_std(const char *real, const char *client, bool named, bool dot_n
 
 }  // namespace
 
-int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-                         struct credentials *pcred, int domain_fd, const ftpd_std_kind &kind) {
+int ftpd_run_std_listing(ftp_session &s, const ftpd_std_kind &kind) {
+    char *path = s.arg;
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!work) {
-        reply451(control_fd);
+        reply451(s);
         return 0;
     }
     char *inpath = work.get();
@@ -514,15 +473,15 @@ int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int clie
 
     bool dot_names = kind.options ? skip_list_options(path) : true;
     bool named = path[0] != '\0';
-    if (!named) (void)ftpd_absolute_to_relative_path(pcred, current_dir, path, FTP_PATH_HALF);
+    if (!named) (void)ftpd_client_view(s, path, FTP_PATH_HALF);
     // Refusals name the path as the client sent it, never the real one.
     auto missing = [&]() {
-        ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", path, nullptr);
+        reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, path);
         return 0;
     };
-    switch (ftpd_resolve_path(pcred, current_dir, path, inpath, outpath)) {
+    switch (ftpd_resolve_path(s, path, inpath, outpath)) {
         case ftpd_resolve_result::trim_failed:
-            reply451(control_fd);
+            reply451(s);
             return 0;
         case ftpd_resolve_result::refused:
         case ftpd_resolve_result::too_long:
@@ -536,24 +495,24 @@ int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int clie
     ftpd_block whole(FTPD_M_WHOLE_BUF, FTP_LIST_BUF_SIZE + FTP_LIST_BATCH_SIZE);
     if (!whole) {
         FTPD_LOG_ERR("malloc while_buff fail\n");
-        reply451(control_fd);
+        reply451(s);
         return 0;
     }
     ftpd_listtemp temp;
     if (temp.create() != 0) {
         FTPD_LOG_ERR("ftpd_mkstemp fail\n");
-        reply451(control_fd);
+        reply451(s);
         return 0;
     }
-    ftpd_list_batch out(temp.fd(), whole.get() + FTP_LIST_BUF_SIZE, FTP_LIST_BATCH_SIZE);
-    switch (stage_std(inpath, path, named, dot_names, kind, current_dir, temp.path(), out, whole.get())) {
+    ftpd_list_batch out(temp.fd(), whole.get() + FTP_LIST_BUF_SIZE, FTP_LIST_BATCH_SIZE, false);
+    switch (stage_std(inpath, path, named, dot_names, kind, s.currentdir, temp.path(), out, whole.get())) {
         case std_stage::missing:
             return missing();
         case std_stage::not_dir:
-            ftpd_reply(control_fd, nullptr, "501 \"%s\": Not a directory.\r\n", path, nullptr);
+            reply_code(s, nullptr, "501 \"%s\": Not a directory.\r\n", path);
             return 0;
         case std_stage::failed:
-            reply451(control_fd);
+            reply451(s);
             return 0;
         case std_stage::ok:
             break;
@@ -561,62 +520,40 @@ int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int clie
     whole.reset();
     work.reset();
     if (!temp.reopen_for_reading()) {
-        reply451(control_fd);
+        reply451(s);
         return 0;
     }
+    listing_run run{&s, nullptr, nullptr, &temp, kind.raw_lines};
+    ftp_data_env env = data_env(s);
+    return s.data.transfer(env, kDownloadReplies, send_staged, &run) == -1 ? -2 : 0;
+}
 
-    unique_fd data_sock(dataconn(control_fd, 0, "w", client_port, client_addr, pcred));
-    if (!data_sock) return 0;  // dataconn has replied
-    ftp_set_userinfo_update(pcred);
-    pcred->byte_count = 0;
-    // Lines that carry their CR LF already go out untouched, as in binary type; the session's
-    // type is back before anyone looks at the slot again.
-    int type = pcred->cnt.tran_type;
-    if (kind.raw_lines) pcred->cnt.tran_type = 3;
-    int sent = send_data_with_type(control_fd, temp.fd(), data_sock.get(), kAsciiBlock, pcred, domain_fd);
-    pcred->cnt.tran_type = type;
-    temp.remove();
-
-    ftpd_data_finish(pcred, data_sock.release());
-    ftp_set_userinfo_update(pcred);
-    return sent == -2 ? -2 : 0;
+bool ftpd_list_command(ftp_session &s, const ftpd_listing_kind *device, const ftpd_std_kind *standard) {
+    if (ftpd_data_needs_tls(s)) return true;
+    int r = 0;
+    if (!is_access(s) || s.client_port <= kReservedPort) {
+        if (device == nullptr || device->log_failures) {
+            if (!is_access(s)) FTPD_LOG_ERR("%s:topdir is not access.\n", FTPD_MODULE);
+            if (s.client_port < kPassiveMark)
+                FTPD_LOG_ERR("%s:client_port(%d) is small then IPPORT_RESERVED(%d).\n", FTPD_MODULE, s.client_port,
+                             kReservedPort);
+        }
+        reply451(s);
+    } else if (s.policy.standard_listings && standard != nullptr) {
+        r = ftpd_run_std_listing(s, *standard);
+    } else if (device != nullptr) {
+        r = ftpd_run_listing(s, *device);
+    }
+    s.data.set_family(0);
+    return r != -2;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Listing line, names, sending, temporary files, matching
 
-int ftpd_this_year(void) {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    time_t now = tv.tv_sec;
-    struct tm today;
-    localtime_r(&now, &today);
-    return today.tm_year;
-}
 
-int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int this_year) {
-    struct stat st;
-    if (length <= 0 || fstatat(dfd, name, &st, 0) != 0) return -1;
-    return format_line(st, name, stat_buff, length, this_year);
-}
 
-int get_file_info(const char *path, char *stat_buff, int length, const char *name) {
-    FTPD_ASSERT_LOG(path != NULL, "ftpd");
-    FTPD_ASSERT_LOG(stat_buff != NULL, "ftpd");
-    if (path == nullptr || stat_buff == nullptr || length <= 0) return -1;
-    struct stat st;
-    if (stat(path, &st) != 0) return -1;
-    return format_line(st, name, stat_buff, length, ftpd_this_year());
-}
 
-int get_file_name(const char *path, const char **name) {
-    if (path == nullptr || path[0] == '.') return -1;
-    struct stat st;
-    if (stat(path, &st) != 0) return -1;
-    const char *slash = strrchr(path, '/');
-    *name = slash != nullptr ? slash + 1 : path;
-    return 0;
-}
 
 int ftpd_mkstemp(char *templ) {
     if (templ == nullptr) return -1;
@@ -650,52 +587,3 @@ int ftpd_mkstemp(char *templ) {
     return -1;
 }
 
-int ftpd_is_match(const char *str1, const char *match1) {
-    if (str1 == nullptr || match1 == nullptr) return 0;
-    char str[kMatchLen];
-    char pat[kMatchLen];
-    (void)ftpd_strlcpy(str, str1, sizeof str);
-    (void)ftpd_strlcpy(pat, match1, sizeof pat);
-    size_t sl = strlen(str);
-    size_t pl = strlen(pat);
-    if (sl == 0 || pl == 0) return 0;
-
-    // Tail phase: everything after the last star is matched from the end.
-    while (pat[pl - 1] != '*') {
-        if (pat[pl - 1] != '?' && pat[pl - 1] != str[sl - 1]) return 0;
-        pl--;
-        sl--;
-        if (pl == 0 && sl == 0) return 1;
-        if (pl == 0 || sl == 0) return 0;
-    }
-    str[sl] = '\0';
-    pat[pl] = '\0';
-
-    // Front phase: each literal segment takes its first occurrence; there is no backtracking.
-    size_t si = 0;
-    size_t pi = 0;
-    bool after_star = false;
-    char seg[kMatchLen];
-    for (;;) {
-        size_t k = 0;
-        while (pat[pi] != '\0' && pat[pi] != '*' && pat[pi] != '?') seg[k++] = pat[pi++];
-        seg[k] = '\0';
-        const char *found = strstr(str + si, seg);
-        if (found == nullptr) return 0;
-        if (found != str + si && !after_star) return 0;
-        si = static_cast<size_t>(found - str) + k;
-        if (pat[pi] == '?') {
-            if (str[si] == '\0') return 0;
-            si++;
-            pi++;
-            after_star = false;
-        } else if (pat[pi] == '*') {
-            pi++;
-            after_star = true;
-        } else {
-            break;
-        }
-    }
-    if (str[si] == '\0') return 1;
-    return after_star ? 1 : 0;
-}

@@ -9,6 +9,8 @@
 
 #include "base/ftpd.h"
 
+struct ftp_session;
+
 // Listing writer buffer: one line / sending block, a directory, then room for an entry path.
 #define FTP_LIST_BUF_SIZE 3072
 #define FTP_LIST_LINE_SIZE 1024
@@ -56,7 +58,8 @@ class ftpd_listtemp {
 // batches, then flushed once (written out and synced) before the file is sent.
 class ftpd_list_batch {
   public:
-    ftpd_list_batch(int fd, char *area, size_t size) : fd_(fd), area_(area), size_(size) {}
+    // sync: the file is synced once written (the device's staged listings).
+    ftpd_list_batch(int fd, char *area, size_t size, bool sync) : fd_(fd), area_(area), size_(size), sync_(sync) {}
     ftpd_list_batch(const ftpd_list_batch &) = delete;
     ftpd_list_batch &operator=(const ftpd_list_batch &) = delete;
 
@@ -72,6 +75,7 @@ class ftpd_list_batch {
     char *area_;
     size_t size_;
     size_t used_ = 0;
+    bool sync_;
     bool failed_ = false;
 };
 
@@ -96,12 +100,6 @@ int nlst_reg(const char *path, ftpd_list_batch &out, const char *nlsttemp, char 
 int nlst_wildcard(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff, char *temppath,
                   const char *current_dir);
 
-// The listing line of one entry of an open directory (dfd), as get_file_info formats it, with the
-// current calendar year given: 0, or -1 when the entry cannot be queried or is neither a directory
-// nor a regular file.
-int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int this_year);
-// The current calendar year (local time), as tm_year counts it.
-int ftpd_this_year(void);
 
 // What distinguishes LIST from NLST in the shared skeletons.
 struct ftpd_listing_kind {
@@ -114,15 +112,9 @@ struct ftpd_listing_kind {
     int (*wildcard)(const char *, ftpd_list_batch &, const char *, char *, char *, const char *);
 };
 
-// Stages the listing of a real path in a temporary file and sends it: 0, -1 after a reply, or -2
-// when the stop message aborted the sending.
-int ftpd_write_listing(int control_fd, int data_sock, const char *current_dir, const char *path,
-                       struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind);
-// The LIST / NLST command: resolves the argument, opens the data connection and runs the writer.
-// -2 when the stop message aborted it (the session ends), else 0.
-int ftpd_run_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-                     struct credentials *pcred, int domain_fd, const ftpd_listing_kind &kind,
-                     int (*writer)(int, int, char *, char *, struct credentials *, int));
+// The device's LIST / NLST: resolves the argument, opens the data connection, then stages the
+// listing and sends it. -2 when the session must end, else 0.
+int ftpd_run_listing(ftp_session &s, const ftpd_listing_kind &kind);
 
 // ---------------------------------------------------------------------------------------------
 // Standard profile. The listing is staged completely before the data connection is opened, so
@@ -154,6 +146,10 @@ struct ftpd_std_kind {
 };
 
 // The standard-profile LIST, NLST and MLSD command: resolves the argument, stages the listing,
-// then opens the data connection and sends it. -2 when the stop message aborted it, else 0.
-int ftpd_run_std_listing(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-                         struct credentials *pcred, int domain_fd, const ftpd_std_kind &kind);
+// then opens the data connection and sends it. -2 when the session must end, else 0.
+int ftpd_run_std_listing(ftp_session &s, const ftpd_std_kind &kind);
+
+// A listing command of either profile (device: nullptr where it is not the device's), with the
+// admission the listings share. False when the session must end.
+bool ftpd_list_command(ftp_session &s, const ftpd_listing_kind *device, const ftpd_std_kind *standard);
+int ftpd_mkstemp(char *templ);

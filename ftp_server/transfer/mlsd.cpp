@@ -9,11 +9,10 @@
 #include <ctime>
 
 #include "base/ftpd.h"
-#include "transfer/list.h"
-#include "transfer/list_internal.h"
 #include "files/path.h"
-#include "net/reply.h"
-#include "control/session.h"
+#include "session/session.h"
+#include "transfer/list_internal.h"
+#include "transfer/transfer.h"
 
 namespace {
 
@@ -150,17 +149,17 @@ const ftpd_std_kind kMlsdKind = {
     .raw_lines = true,
 };
 
-int send_reply(int control_fd, const char *text) {
-    return ftpd_reply_text(control_fd, text) == 0 ? 0 : -1;
+bool send_reply(ftp_session &s, const char *text) {
+    return reply(s, text) == 0;
 }
 
 // Whether the object at the real path may be renamed or deleted: its directory is writable by its
 // owner, and it is not the top directory itself. scratch holds FTP_PATH_HALF bytes.
-bool may_rename(const struct credentials *pcred, const char *real, char *scratch) {
+bool may_rename(const char *root, const char *real, char *scratch) {
     if (!ftpd_strlcpy(scratch, real, FTP_PATH_HALF)) return false;
     size_t len = strlen(scratch);
     while (len > 1 && scratch[len - 1] == '/') scratch[--len] = '\0';
-    if (pcred->rootdir != nullptr && strcmp(scratch, pcred->rootdir) == 0) return false;
+    if (strcmp(scratch, root) == 0) return false;
     char *slash = strrchr(scratch, '/');
     if (slash == nullptr) return false;
     slash[slash == scratch ? 1 : 0] = '\0';
@@ -170,28 +169,24 @@ bool may_rename(const struct credentials *pcred, const char *real, char *scratch
 
 }  // namespace
 
-int mlsd_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-             struct credentials *pcred, int domain_fd) {
-    return ftpd_run_std_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kMlsdKind);
+bool command_mlsd(ftp_session &s) {
+    return ftpd_list_command(s, nullptr, &kMlsdKind);
 }
 
-int command_mlst(int control_fd, char *data_buff, char *current_dir, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return send_reply(control_fd, FTP_REPLY_530);
-    if (!is_access(pcred)) return send_reply(control_fd, FTP_REPLY_550);
+bool command_mlst(ftp_session &s) {
+    if (!is_access(s)) return send_reply(s, FTP_REPLY_550);
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
-    if (!work) return send_reply(control_fd, FTP_REPLY_451);
+    if (!work) return send_reply(s, FTP_REPLY_451);
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
     // The path is shown as the client named it; without one, as the current directory's view.
-    char *shown = data_buff;
-    if (shown[0] == '\0') (void)ftpd_absolute_to_relative_path(pcred, current_dir, shown, FTP_BUF_SIZE);
-    auto missing = [&]() {
-        return ftpd_reply(control_fd, nullptr, FTP_REPLY_NO_SUCH_FILE, shown, nullptr) == 0 ? 0 : -1;
-    };
-    switch (ftpd_resolve_path(pcred, current_dir, shown, inpath, outpath)) {
+    char *shown = s.arg;
+    if (shown[0] == '\0') (void)ftpd_client_view(s, shown, FTP_BUF_SIZE);
+    auto missing = [&]() { return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, shown) == 0; };
+    switch (ftpd_resolve_path(s, shown, inpath, outpath)) {
         case ftpd_resolve_result::trim_failed:
-            return send_reply(control_fd, FTP_REPLY_451);
+            return send_reply(s, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
         case ftpd_resolve_result::too_long:
             return missing();
@@ -200,7 +195,7 @@ int command_mlst(int control_fd, char *data_buff, char *current_dir, struct cred
     }
     struct stat st;
     char facts[kFactsLen];
-    if (stat(inpath, &st) != 0 || mlsx_facts(st, may_rename(pcred, inpath, outpath), facts, sizeof facts) == 0)
+    if (stat(inpath, &st) != 0 || mlsx_facts(st, may_rename(session_root(s), inpath, outpath), facts, sizeof facts) == 0)
         return missing();
 
     // One send when the reply fits its bound (with room for the line ends the reply function
@@ -209,9 +204,9 @@ int command_mlst(int control_fd, char *data_buff, char *current_dir, struct cred
     char *text = outpath;
     if (ftpd_snprintf(text, FTP_PATH_HALF, "250-Listing %s\r\n %s %s\r\n250 End\r\n", shown, facts, shown) &&
         strlen(text) + 4 < FTP_BUF_SIZE)
-        return send_reply(control_fd, text);
+        return send_reply(s, text);
     if (!ftpd_snprintf(text, FTP_PATH_HALF, " %s %s\r\n250 End\r\n", facts, shown) || strlen(text) + 4 >= FTP_BUF_SIZE)
-        return send_reply(control_fd, "501 Path too long for a facts line.\r\n");
-    if (ftpd_reply(control_fd, nullptr, "250-Listing %s\r\n", shown, nullptr) != 0) return -1;
-    return send_reply(control_fd, text);
+        return send_reply(s, "501 Path too long for a facts line.\r\n");
+    if (reply_code(s, nullptr, "250-Listing %s\r\n", shown) != 0) return false;
+    return send_reply(s, text);
 }

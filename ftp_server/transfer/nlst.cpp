@@ -12,9 +12,10 @@
 #include <cstring>
 
 #include "base/ftpd.h"
-#include "transfer/list.h"
+#include "files/entries.h"
+#include "files/path.h"
 #include "transfer/list_internal.h"
-#include "data/transfer.h"
+#include "transfer/transfer.h"
 
 namespace {
 
@@ -78,17 +79,8 @@ const ftpd_std_kind kStdNlstKind = {
 
 }  // namespace
 
-int nlst_fun(int control_fd, char *current_dir, char *path, int client_port, char *client_addr,
-             struct credentials *pcred, int domain_fd) {
-    if (ftpd_standard())
-        return ftpd_run_std_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd,
-                                    kStdNlstKind);
-    return ftpd_run_listing(control_fd, current_dir, path, client_port, client_addr, pcred, domain_fd, kNlstKind,
-                            write_nlst);
-}
-
-int write_nlst(int control_fd, int data_sock, char *current_dir, char *path, struct credentials *pcred, int domain_fd) {
-    return ftpd_write_listing(control_fd, data_sock, current_dir, path, pcred, domain_fd, kNlstKind);
+bool nlst_fun(ftp_session &s) {
+    return ftpd_list_command(s, &kNlstKind, &kStdNlstKind);
 }
 
 int nlst_dir(const char *path, ftpd_list_batch &out, const char *nlsttemp, char *databuff) {

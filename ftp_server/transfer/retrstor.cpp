@@ -1,33 +1,32 @@
-// RETR and STOR: resolve the client's file name inside the top directory, make sure the storage is
-// mounted, open the file and the data connection, run the transfer engine and tidy up. A failed or
-// aborted upload leaves no partial file. Also the unique-name rule for uploads.
+// RETR, STOR and APPE, with TYPE and REST: resolve the client's file name inside the top
+// directory, make sure the storage is mounted, open the file, then let the data connection move
+// the bytes. A failed or aborted upload leaves no partial file under the target's name.
 //
+// The device empties the target and writes it in place, and removes it when the upload fails.
 // The standard profile adds REST STREAM offsets for binary RETR and STOR, APPE, and atomic
 // uploads: a plain STOR is received into a hidden file beside the target and renamed over it only
-// once complete, so the target name never holds a partial file. APPE and a resumed STOR write the
-// file in place, and a failure keeps what arrived so that the client can resume again.
+// once complete. APPE and a resumed STOR write the file in place, and a failure keeps what arrived
+// so that the client can resume again.
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/ftpd.h"
-#include "data/dataconn.h"
 #include "files/path.h"
-#include "net/reply.h"
-#include "control/session.h"
-#include "data/transfer.h"
-#include "base/users.h"
+#include "login/security.h"
+#include "session/session.h"
+#include "transfer/transfer.h"
 
 namespace {
 
 constexpr int kPathLen = FTP_WHOLE_BUF_SIZE / 2;
-constexpr int kSendBlock = 512;
+constexpr size_t kSendBlock = 512;
 
 const char kLocalError[] = "451 Requested action aborted. Local error in processing.\r\n";
 const char kRestInAscii[] = "504 Restart is not supported in ASCII type.\r\n";
@@ -36,81 +35,34 @@ const char kRestBeyondEnd[] = "554 Requested action not taken: invalid REST para
 const char kTempPrefix[] = ".ftps-upload.";
 constexpr int kTempTries = 8;
 
-int reply_text(int control_fd, const char *text) {
-    return ftpd_reply(control_fd, nullptr, "%s", text, nullptr);
+// The checks every transfer makes before anything else: a data address was given (a client port
+// above 1024 marks PORT/EPRT or PASV/EPSV), a name, and (standard profile) no offset in ASCII
+// type, which counts file bytes, not the bytes on the wire. False once the refusal is sent.
+bool transfer_precheck(ftp_session &s, bool uses_offset) {
+    if (!is_access(s) || s.client_port <= kReservedPort) return reply(s, kLocalError) != 0 && false;
+    if (is_data_empty(s.arg)) return reply(s, FTP_REPLY_501) != 0 && false;
+    if (uses_offset && s.rest_offset != 0 && s.type == ftp_type::ascii) return reply(s, kRestInAscii) != 0 && false;
+    return true;
 }
 
-// Runs the resolution sequence for the client's name: on success inpath holds the real path.
-// Otherwise the refusal has been sent and false is returned.
-bool resolve_client_name(int control_fd, const char *func, const char *name, const char *client_name, char *current_dir,
-                         struct credentials *pcred, char *inpath, char *outpath) {
-    ftpd_resolve_result r = ftpd_resolve_path(pcred, current_dir, name, inpath, outpath);
-    if (r == ftpd_resolve_result::trim_failed) {
-        reply_text(control_fd, kLocalError);
-        return false;
-    }
-    if (r == ftpd_resolve_result::ok && ftpd_top_dir_mounted(pcred, func)) return true;
-    ftpd_reply(control_fd, nullptr, "550 \"%s\": No such file or directory.\r\n", client_name, nullptr);
-    return false;
-}
-
-
-// The end of an upload: 226 when it succeeded (naming the name the client asked for, not a
-// generated one), the data connection closed and the slot refreshed. The transfer's result.
-int finish_upload(int control_fd, int result, const char *name, int unique, int dfd, struct credentials *pcred) {
-    if (result == 0) {
-        if (unique != 0)
-            ftpd_reply(control_fd, "226", "Transfer complete (unique file name:%s).", name, nullptr);
-        else
-            ftpd_reply(control_fd, "226", "Transfer complete.", nullptr, nullptr);
-    }
-    ftpd_data_finish(pcred, dfd);
-    ftp_set_userinfo_update(pcred);
-    return result;
-}
-
-// The work block of a transfer with the client's name resolved into its first half: the real
-// path, or nullptr once the refusal has been sent.
-char *resolve_in_block(int control_fd, const char *func, const char *name, const char *client_name, char *current_dir,
-                       struct credentials *pcred, ftpd_block *whole) {
+// Resolves the client's name into the first half of a work block, the real path, or nullptr once
+// the refusal has been sent.
+char *resolve_in_block(ftp_session &s, const char *func, const char *name, ftpd_block *whole) {
     *whole = ftpd_block(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!*whole) {
         FTPD_LOG_ERR("%s: malloc fail\n", FTPD_MODULE);
-        reply_text(control_fd, kLocalError);
+        reply(s, kLocalError);
         return nullptr;
     }
     char *inpath = whole->get();
-    if (!resolve_client_name(control_fd, func, name, client_name, current_dir, pcred, inpath, inpath + kPathLen))
+    ftpd_resolve_result r = ftpd_resolve_path(s, name, inpath, inpath + kPathLen);
+    if (r == ftpd_resolve_result::trim_failed) {
+        reply(s, kLocalError);
         return nullptr;
-    return inpath;
-}
-
-int open_flags(const char *mode) {
-    // Every mode creates and empties the file; "a" is read-write, not append, by design.
-    if (strcmp(mode, "w") == 0) return O_WRONLY | O_CREAT | O_TRUNC;
-    if (strcmp(mode, "a") == 0) return O_RDWR | O_CREAT | O_TRUNC;
-    return O_RDONLY | O_CREAT | O_TRUNC;
-}
-
-// The checks RETR and STOR share before their worker runs. 1: go on; otherwise the reply result.
-int transfer_precheck(int control_fd, const char *data_buff, const int *client_port, struct credentials *pcred) {
-    if (!is_logged_in(pcred)) return reply_text(control_fd, "530 Not logged in.\r\n");
-    // A client port above 1024 marks that PORT/EPRT or PASV/EPSV gave a data address.
-    if (!is_access(pcred) || *client_port <= 1024) return reply_text(control_fd, kLocalError);
-    if (is_data_empty(data_buff)) return reply_text(control_fd, "501 Syntax error in parameters or arguments.\r\n");
-    return 1;
-}
-
-// The REST offset the next RETR or STOR starts at; the device has none.
-off_t rest_offset(const struct credentials *pcred) {
-    return ftpd_standard() ? pcred->rest_offset : 0;
-}
-
-// An offset counts file bytes, which in ASCII type are not the bytes on the wire: refused before
-// any data connection. 1: go on; otherwise the reply result.
-int rest_precheck(int control_fd, const struct credentials *pcred) {
-    if (rest_offset(pcred) != 0 && pcred->cnt.tran_type == 1) return reply_text(control_fd, kRestInAscii);
-    return 1;
+    }
+    if (r == ftpd_resolve_result::ok && ftpd_top_dir_mounted(session_root(s), func)) return inpath;
+    reply_code(s, nullptr, "550 \"%s\": No such file or directory.\r\n", name);
+    return nullptr;
 }
 
 // Owner of a standard-profile upload's hidden temporary file, created beside the target. It is
@@ -166,22 +118,27 @@ class upload_temp {
     const char *path_ = nullptr;
 };
 
-// How a standard-profile upload meets the target: replaced whole through a temporary file,
-// written in place from the REST offset, or appended to.
-enum class upload_kind { replace, resume, append };
+// How an upload meets the target: emptied and written in place (the device), replaced whole
+// through a temporary file, written in place from the REST offset, or appended to.
+enum class upload_kind { overwrite, replace, resume, append };
 
-// Opens what a standard-profile upload writes, before any data connection. The descriptor, or -1
-// after the refusal was sent. For a replacement, temp holds the new file.
-int open_upload(int control_fd, const char *name, const char *path, upload_kind kind, off_t offset, upload_temp &temp,
+// Opens what an upload writes, before any data connection. The descriptor, or -1 after the
+// refusal was sent. For a replacement, temp holds the new file.
+int open_upload(ftp_session &s, const char *name, const char *path, upload_kind kind, upload_temp &temp,
                 char *temp_buf, size_t temp_size) {
     struct stat st;
+    if (kind == upload_kind::overwrite) {
+        int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) reply_code(s, "553", "%s open fail.", name);
+        return fd;
+    }
     if (kind == upload_kind::replace) {
         // The checks that opening the target in place would make, without touching it.
         bool exists = stat(path, &st) == 0;
         int fd =
             !exists || (S_ISREG(st.st_mode) && access(path, W_OK) == 0) ? temp.create(path, temp_buf, temp_size) : -1;
         if (fd < 0) {
-            ftpd_reply(control_fd, "553", "%s open fail.", name, nullptr);
+            reply_code(s, "553", "%s open fail.", name);
             return -1;
         }
         // The new file keeps the owner (where the daemon may give it) and permission bits of the
@@ -198,181 +155,148 @@ int open_upload(int control_fd, const char *name, const char *path, upload_kind 
     int flags = kind == upload_kind::append ? O_WRONLY | O_CREAT | O_APPEND : O_WRONLY;
     unique_fd fd(open(path, flags | O_NONBLOCK | O_CLOEXEC, 0644));
     if (!fd && kind == upload_kind::resume && errno == ENOENT) {
-        reply_text(control_fd, kRestBeyondEnd);
+        reply(s, kRestBeyondEnd);
         return -1;
     }
     if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        ftpd_reply(control_fd, "553", "%s open fail.", name, nullptr);
+        reply_code(s, "553", "%s open fail.", name);
         return -1;
     }
     fcntl(fd.get(), F_SETFL, flags & O_APPEND);  // blocking again
     // Bytes beyond the end would leave a hole the client never sent: the client starts over.
-    if (kind == upload_kind::resume && (offset > st.st_size || lseek(fd.get(), offset, SEEK_SET) != offset)) {
-        reply_text(control_fd, kRestBeyondEnd);
+    if (kind == upload_kind::resume && (s.rest_offset > st.st_size || lseek(fd.get(), s.rest_offset, SEEK_SET) != s.rest_offset)) {
+        reply(s, kRestBeyondEnd);
         return -1;
     }
     return fd.release();
 }
 
-// The standard profile's upload after name resolution: as the device's, except where the bytes go
-// (see upload_kind). The client hears of a failure only once the temporary file is gone, but for
-// a data connection that cannot be made: dataconn answers that itself, just before.
-int store_standard(int control_fd, const char *name, const char *path, upload_kind kind, int unique, int client_port,
-                   const char *client_addr, struct credentials *pcred, int domain_fd, char *temp_buf,
-                   size_t temp_size) {
-    upload_temp temp;
-    unique_fd file(open_upload(control_fd, name, path, kind, pcred->rest_offset, temp, temp_buf, temp_size));
-    if (!file) return 0;
-    pcred->byte_count = -1;
-    int dfd = dataconn(control_fd, -1, "r", client_port, client_addr, pcred);
-    if (dfd < 0) return 0;
-    ftp_set_userinfo_update(pcred);
-    // In place, a failure keeps what arrived: the client resumes from there.
-    int result = receive_data(control_fd, dfd, file.get(), pcred, domain_fd, temp.path());
-    if (result != 0) {
-        temp.forget();
-    } else if (kind == upload_kind::replace && !temp.commit(path)) {
-        temp.discard();
-        reply_text(control_fd, kLocalError);
-        result = -1;
-    } else if (kind == upload_kind::resume && ftruncate(file.get(), lseek(file.get(), 0, SEEK_CUR)) != 0) {
-        // A resumed upload ends the file where the client's data ended.
-        ftpd_reply(control_fd, "452", "Error writing file.", nullptr, nullptr);
-        result = -1;
+struct upload_run {
+    int file;
+    upload_kind kind;
+    upload_temp *temp;
+    const char *path;
+};
+
+// Receives the upload and puts it in place. A failure's file is gone before the client hears of
+// it (the device's emptied target, a replacement's temporary); in place, what arrived stays.
+ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
+    auto *run = static_cast<upload_run *>(ctx);
+    ftp_move m = dc.receive_file(run->file);
+    if (m != ftp_move::done) {
+        if (run->kind == upload_kind::overwrite) unlink(run->path);
+        if (run->kind == upload_kind::replace) run->temp->discard();
+        return m;
     }
-    return finish_upload(control_fd, result, name, unique, dfd, pcred);
+    if (run->kind == upload_kind::replace && !run->temp->commit(run->path)) {
+        run->temp->discard();
+        return ftp_move::local_error;
+    }
+    // A resumed upload ends the file where the client's data ended.
+    if (run->kind == upload_kind::resume && ftruncate(run->file, lseek(run->file, 0, SEEK_CUR)) != 0)
+        return ftp_move::write_error;
+    return ftp_move::done;
+}
+
+// STOR and APPE once admitted. False when the session must end.
+bool store(ftp_session &s, bool append) {
+    const char *name = s.arg;
+    ftpd_block whole;
+    char *path = resolve_in_block(s, "store", name, &whole);
+    if (path == nullptr) return true;
+    upload_kind kind = !s.policy.atomic_uploads ? upload_kind::overwrite
+                       : append                ? upload_kind::append
+                       : s.rest_offset != 0    ? upload_kind::resume
+                                               : upload_kind::replace;
+    upload_temp temp;
+    // The second half of the work block is free once the name is resolved.
+    unique_fd file(open_upload(s, name, path, kind, temp, path + kPathLen, kPathLen));
+    if (!file) return true;
+    upload_run run{file.get(), kind, &temp, path};
+    ftp_data_env env = data_env(s);
+    // A data connection that cannot be made leaves the device's emptied file behind.
+    return s.data.transfer(env, kUploadReplies, receive_upload, &run) != -1;
+}
+
+ftp_move send_download(ftp_dataconn &dc, void *ctx) {
+    return dc.send_file(*static_cast<int *>(ctx), kSendBlock);
+}
+
+bool retrieve(ftp_session &s) {
+    const char *name = s.arg;
+    ftpd_block whole;
+    const char *inpath = resolve_in_block(s, "retrieve", name, &whole);
+    if (inpath == nullptr) return true;
+    unique_fd file(open(inpath, O_RDONLY | O_CLOEXEC));
+    if (!file) return reply_code(s, "550", "%s Can not be open.", name) >= 0 || true;
+    struct stat st;
+    if (fstat(file.get(), &st) < 0 || !S_ISREG(st.st_mode)) return reply_code(s, "550", "%s: is an illegal file.", name) >= 0 || true;
+    // The data connection sends from the file's offset, spliced or copied alike.
+    off_t offset = s.policy.rest_offsets ? s.rest_offset : 0;
+    if (offset != 0 && (offset > st.st_size || lseek(file.get(), offset, SEEK_SET) != offset)) {
+        reply(s, kRestBeyondEnd);
+        return true;
+    }
+    int fd = file.get();
+    ftp_data_env env = data_env(s);
+    return s.data.transfer(env, kDownloadReplies, send_download, &fd) != -1;
+}
+
+// A REST offset serves only the transfer that follows it; the data family only the transfer.
+bool after_transfer(ftp_session &s, bool keep) {
+    s.rest_offset = 0;
+    if (keep) s.data.set_family(0);
+    return keep;
 }
 
 }  // namespace
 
-int command_retr(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
-                 struct credentials *pcred, int domain_fd) {
-    int r = transfer_precheck(control_fd, data_buff, client_port, pcred);
-    if (r == 1) r = rest_precheck(control_fd, pcred);
-    if (r != 1) return r < 0 ? -1 : 0;
-    // A stop message during the transfer ends the session.
-    return retrieve(control_fd, data_buff, *client_port, client_addr, current_dir, pcred, domain_fd) == -2 ? -1 : 0;
+bool command_retr(ftp_session &s) {
+    if (ftpd_data_needs_tls(s)) return after_transfer(s, true);
+    if (!transfer_precheck(s, true)) return after_transfer(s, true);
+    return after_transfer(s, retrieve(s));
 }
 
-int command_stor(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
-                 struct credentials *pcred, int domain_fd) {
-    int r = transfer_precheck(control_fd, data_buff, client_port, pcred);
-    if (r == 1) r = rest_precheck(control_fd, pcred);
-    if (r != 1) return r < 0 ? -1 : 0;
-    return store(control_fd, data_buff, "w", 0, *client_port, client_addr, current_dir, pcred, domain_fd) == -2 ? -1
-                                                                                                                : 0;
+bool command_stor(ftp_session &s) {
+    if (ftpd_data_needs_tls(s)) return after_transfer(s, true);
+    if (!transfer_precheck(s, true)) return after_transfer(s, true);
+    return after_transfer(s, store(s, false));
 }
 
 // APPE writes at the file's end whatever REST said.
-int command_appe(int control_fd, char *data_buff, char *client_addr, int *client_port, char *current_dir,
-                 struct credentials *pcred, int domain_fd) {
-    int r = transfer_precheck(control_fd, data_buff, client_port, pcred);
-    if (r != 1) return r < 0 ? -1 : 0;
-    return store(control_fd, data_buff, "a", 0, *client_port, client_addr, current_dir, pcred, domain_fd) == -2 ? -1
-                                                                                                                : 0;
+bool command_appe(ftp_session &s) {
+    if (ftpd_data_needs_tls(s)) return after_transfer(s, true);
+    if (!transfer_precheck(s, false)) return after_transfer(s, true);
+    return after_transfer(s, store(s, true));
 }
 
-int retrieve(int control_fd, const char *name, int client_port, const char *client_addr, char *current_dir,
-             struct credentials *pcred, int domain_fd) {
-    ftpd_block whole;
-    const char *inpath = resolve_in_block(control_fd, "retrieve", name, name, current_dir, pcred, &whole);
-    if (inpath == nullptr) return 0;
-
-    unique_fd file(open(inpath, O_RDONLY));
-    if (!file) {
-        ftpd_reply(control_fd, "550", "%s Can not be open.", name, nullptr);
-        return 0;
+bool type_fun(ftp_session &s) {
+    ftp_type type;
+    const char *text;
+    if (strcmp(s.arg, "A") == 0) {
+        type = ftp_type::ascii;
+        text = "Type set to A.";
+    } else if (strcmp(s.arg, "I") == 0) {
+        type = ftp_type::binary;
+        text = "Type set to I.";
+    } else {
+        reply_code(s, "504", "Type not implemented.");
+        return true;
     }
-    pcred->byte_count = -1;
-    struct stat st;
-    if (fstat(file.get(), &st) < 0 || !S_ISREG(st.st_mode)) {
-        ftpd_reply(control_fd, "550", "%s: is an illegal file.", name, nullptr);
-        return 0;
-    }
-    // The engine sends from the file's offset, spliced or copied alike.
-    off_t offset = rest_offset(pcred);
-    if (offset != 0 && (offset > st.st_size || lseek(file.get(), offset, SEEK_SET) != offset)) {
-        reply_text(control_fd, kRestBeyondEnd);
-        return 0;
-    }
-    int dfd = dataconn(control_fd, st.st_size, "w", client_port, client_addr, pcred);
-    if (dfd < 0) return 0;
-    ftp_set_userinfo_update(pcred);
-    int result = send_data(control_fd, file.get(), dfd, kSendBlock, pcred, domain_fd);
-    ftpd_data_finish(pcred, dfd);
-    ftp_set_userinfo_update(pcred);
-    return result;
+    // The type changes only once the client has been told.
+    if (reply_code(s, "200", text) == 0) s.type = type;
+    return true;
 }
 
-int store(int control_fd, const char *name, const char *mode, int unique, int client_port, const char *client_addr,
-          char *current_dir, struct credentials *pcred, int domain_fd) {
-    char tmp_name[kPathLen];
-    (void)ftpd_strlcpy(tmp_name, name, sizeof tmp_name);  // the command line's argument fits
-    ftpd_block whole;
-    char *inpath = resolve_in_block(control_fd, "store", tmp_name, name, current_dir, pcred, &whole);
-    if (inpath == nullptr) return 0;
-
-    // The generated name belongs to this call and is given back on every way out.
-    struct unique_name {
-        char *p = nullptr;
-        ~unique_name() {
-            if (p != nullptr) ftpd_free(FTPD_M_STRING, p);
-        }
-    } generated;
-    const char *path = inpath;
-    struct stat st;
-    if (unique != 0 && stat(inpath, &st) == 0) {
-        generated.p = gunique(control_fd, inpath);
-        if (generated.p == nullptr) return 0;
-        path = generated.p;
-    }
-    if (ftpd_standard()) {
-        upload_kind kind = strcmp(mode, "a") == 0    ? upload_kind::append
-                           : pcred->rest_offset != 0 ? upload_kind::resume
-                                                     : upload_kind::replace;
-        // The second half of the scratch block is free once the name is resolved.
-        return store_standard(control_fd, name, path, kind, unique, client_port, client_addr, pcred, domain_fd, inpath + kPathLen,
-                              kPathLen);
-    }
-
-    unique_fd file(open(path, open_flags(mode), 0644));
-    if (!file) {
-        ftpd_reply(control_fd, "553", "%s open fail.", name, nullptr);
-        return 0;
-    }
-    pcred->byte_count = -1;
-    // A data connection that cannot be made leaves the created (or emptied) file behind.
-    int dfd = dataconn(control_fd, -1, "r", client_port, client_addr, pcred);
-    if (dfd < 0) return 0;
-    ftp_set_userinfo_update(pcred);
-    int result = receive_data(control_fd, dfd, file.get(), pcred, domain_fd, path);
-    return finish_upload(control_fd, result, name, unique, dfd, pcred);
-}
-
-char *gunique(int control_fd, char *local) {
-    char *slash = strrchr(local, '/');
-    const char *dir = ".";
-    if (slash != nullptr) {
-        *slash = '\0';
-        dir = local[0] != '\0' ? local : "/";
-    }
-    struct stat st;
-    int rc = stat(dir, &st);
-    if (slash != nullptr) *slash = '/';
-    if (rc < 0) {
-        reply_text(control_fd, "553 Requested action not taken.\r\n");
-        return nullptr;
-    }
-    // The result is the caller's own block (FTPD_M_STRING): no buffer outlives the call shared.
-    size_t n = strlen(local) + 5;
-    char *s = static_cast<char *>(ftpd_malloc(FTPD_M_STRING, n));
-    if (s != nullptr) {
-        for (int i = 1; i <= 99; i++) {
-            (void)ftpd_snprintf(s, n, "%s.%d", local, i);
-            if (stat(s, &st) < 0) return s;
-        }
-        ftpd_free(FTPD_M_STRING, s);
-    }
-    ftpd_reply(control_fd, "452", "Unique file name cannot be created.", nullptr, nullptr);
-    return nullptr;
+// REST STREAM: the offset of the next RETR or STOR.
+bool command_rest(ftp_session &s) {
+    const char *p = s.arg;
+    char *end = nullptr;
+    errno = 0;
+    long long v = *p >= '0' && *p <= '9' ? strtoll(p, &end, 10) : -1;
+    if (v < 0 || errno != 0 || end == nullptr || *end != '\0') return reply(s, FTP_REPLY_501) >= 0;
+    s.rest_offset = static_cast<off_t>(v);
+    char text[96];
+    (void)ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n", v);
+    return reply(s, text) >= 0;
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "base/ftpd.h"
-#include "transfer/list.h"
+#include "files/entries.h"
 
 namespace {
 char *copy_of(const uint8_t *p, size_t n) {

@@ -5,9 +5,16 @@
 #include <cstring>
 
 #include "base/ftpd.h"
-#include "control/parser.h"
+#include "control/commands.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const ftp_policy kPolicies[2] = {ftp_policy_of(ftp_profile::device, false),
+                                            ftp_policy_of(ftp_profile::standard, true)};
+    if (size < 1) return 0;
+    // The first byte picks the profile.
+    const ftp_policy &policy = kPolicies[data[0] & 1];
+    data++;
+    size--;
     // The control loop receives at most FTP_BUF_SIZE - 1 bytes and terminates them.
     if (size > FTP_BUF_SIZE - 1) size = FTP_BUF_SIZE - 1;
     char *line = static_cast<char *>(malloc(size + 1));
@@ -15,9 +22,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     line[size] = '\0';
     char *arg = static_cast<char *>(malloc(FTP_BUF_SIZE));
     memset(arg, 0x5a, FTP_BUF_SIZE);
-    int code = ftpd_parse_cmd(line, arg);
+    const ftp_command *c = ftpd_parse_cmd(line, arg, policy);
     // A recognised command always leaves a terminated argument within the buffer.
-    if (code != 0 && code != FTP_CMD_BADLINE && memchr(arg, '\0', FTP_BUF_SIZE) == nullptr) __builtin_trap();
+    if (c != nullptr && memchr(arg, '\0', FTP_BUF_SIZE) == nullptr) __builtin_trap();
     free(arg);
     free(line);
     return 0;

@@ -70,9 +70,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     char rootdir[FTP_ROOTDIR_LEN];
     if (!ftpd_strlcpy(rootdir, top, sizeof rootdir)) return 0;
-    struct credentials cred;
-    memset(&cred, 0, sizeof cred);
-    cred.rootdir = rootdir;
 
     // The session's current directory is its top directory or a trimmed path below it.
     char current[FTP_CURRENTDIR_LEN];
@@ -91,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ftpd_mem_t before = ftpd_mem_get(FTPD_M_TMP);
     std::vector<char> inpath(static_cast<size_t>(bufsize)), outpath(static_cast<size_t>(bufsize));
     // A result that does not fit is refused; whatever is in the buffer is still terminated.
-    bool rel_fit = ftpd_rootdir_relative_path(&cred, current, client.c_str(), inpath.data(), bufsize) != nullptr;
+    bool rel_fit = ftpd_rootdir_relative_path(rootdir, current, client.c_str(), inpath.data(), bufsize) != nullptr;
     if (memchr(inpath.data(), '\0', inpath.size()) == nullptr) __builtin_trap();
     if (!rel_fit) return 0;
     bool ok = ftpd_path_trim(inpath.data(), outpath.data(), bufsize);
@@ -100,12 +97,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!ok) return 0;
     if (memchr(outpath.data(), '\0', outpath.size()) == nullptr) __builtin_trap();
 
-    if (ftpd_relative_to_absolute_path(&cred, outpath.data(), inpath.data(), bufsize) == nullptr) return 0;
+    if (ftpd_relative_to_absolute_path(rootdir, outpath.data(), inpath.data(), bufsize) == nullptr) return 0;
     // Confinement: a real path that fit never leaves the top directory.
     if (outpath[0] == '/' && !below(resolve(inpath.data()), top)) __builtin_trap();
     (void)is_access_path(inpath.data());
 
     char back[FTP_CURRENTDIR_LEN];
-    (void)ftpd_absolute_to_relative_path(&cred, current, back, sizeof back);
+    (void)ftpd_absolute_to_relative_path(rootdir, current, back, sizeof back);
     return 0;
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "base/ftpd.h"
-#include "data/dataconn.h"
+#include "transfer/transfer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;

@@ -119,7 +119,7 @@ class StandardProfileTest(ProfileCase):
         cases = [
             ("SYST", b"215 UNIX Type: L8.\r\n"),
             ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
-                     b" REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n"),
+                     b" REST STREAM\r\n SIZE\r\n TVFS\r\n UTF8\r\n211 End\r\n"),
             ("OPTS UTF8 ON", b"200 Always in UTF8 mode.\r\n"),
             ("ABOR", b"225 No transfer to abort.\r\n"),
             ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),

@@ -62,10 +62,3 @@ int ftpd_capture(const char *fmt, ...) {
     return n;
 }
 
-ftpd_named_session::ftpd_named_session() {
-    cred.name = name;
-    cred.passwd = passwd;
-    cred.cnt_index = -1;
-    cred.data = cred.pdata = cred.listen_pdata = -1;
-    cred.cnt.tran_type = 1;
-}

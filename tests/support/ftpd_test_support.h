@@ -46,10 +46,3 @@ class ftpd_socket_pair {
 std::string &ftpd_captured();
 int ftpd_capture(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// A session record before login: its own name and password buffers, no slot, no data connection.
-struct ftpd_named_session {
-    ftpd_named_session();
-    char name[FTP_NAME_LEN] = {0};
-    char passwd[FTP_PASSWD_LEN] = {0};
-    struct credentials cred {};
-};

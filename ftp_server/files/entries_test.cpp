@@ -1,6 +1,6 @@
 // Wildcard matching of listing patterns: "*" and "?" only, tail first, then a greedy front pass
 // that never backtracks.
-#include "transfer/list.h"
+#include "files/entries.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,49 @@
+// The wire profile as a policy: what differs between the device's behaviour, byte for byte, and
+// the standard profile that stock clients on plain Linux need, as named answers. Built once at
+// start-up from the platform file; every session holds it, and the places that differ ask it.
+#pragma once
+
+#include <sys/types.h>
+
+enum class ftp_profile { device, standard };
+
+struct ftp_policy {
+    ftp_profile profile = ftp_profile::device;
+    // Command lines: lines up to LF, joined across receives and several per receive (else one
+    // receive is one command).
+    bool line_input = false;
+    // A wake-up by the local control channel while the service stays enabled dispatches the
+    // previous command again.
+    bool stop_wakeup_repeats = true;
+    // Replies: every line ends in CR LF; a reply over the bound is sent with its echoed name
+    // shortened (else it is not sent).
+    bool reply_crlf = false;
+    bool reply_shortens_echo = false;
+    // Login: a PASS out of sequence changes no count; a refused password gets one 530 (else
+    // two); a user at its connection limit with the right password gets 421 and the session ends.
+    bool pass_sequence_strict = false;
+    bool single_530 = false;
+    bool user_limit_421 = false;
+    // Data addresses: PORT and EPRT must name the client itself; EPRT with "::" means it.
+    bool data_peer_only = false;
+    // Listings are staged before the data connection opens, with the standard options and
+    // names (else the device's listing, opened first).
+    bool standard_listings = false;
+    // Uploads: REST offsets, and a plain STOR through a hidden temporary file renamed over the
+    // target (else the target is emptied and written in place).
+    bool rest_offsets = false;
+    bool atomic_uploads = false;
+    // ASCII uploads: a CR LF split between two received blocks is still one line end (else each
+    // block is converted by itself).
+    bool ascii_joins_blocks = false;
+    // Mode of a new directory.
+    mode_t mkdir_mode = 0777;
+    // AUTH TLS, PBSZ and PROT are served (a [tls] certificate is configured).
+    bool tls = false;
+};
+
+// The policy of a profile; tls only where the profile may serve it.
+ftp_policy ftp_policy_of(ftp_profile profile, bool tls);
+// The daemon's policy, from the platform file: set once at start-up, read by every session.
+void ftp_policy_init(void);
+const ftp_policy &ftp_policy_get(void);

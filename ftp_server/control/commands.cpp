@@ -1,0 +1,156 @@
+// The command table and what is derived from it: the two recognisers, FEAT, and which profile
+// serves what. The rows are in the order HELP lists them.
+#include "control/commands.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/ftpd.h"
+#include "control/help.h"
+#include "control/loop.h"
+#include "files/cmds.h"
+#include "login/login.h"
+#include "login/security.h"
+#include "transfer/transfer.h"
+
+namespace {
+constexpr ftp_needs kFree = ftp_needs::nothing;
+constexpr ftp_needs kLogin = ftp_needs::login;
+}  // namespace
+
+// clang-format off
+const ftp_command kCommands[] = {
+    // word    handler          needs   known      served     listed     marked     tls    help                                               feat
+    {"USER", user,              kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> username", nullptr},
+    {"PASS", pass,              kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> password", nullptr},
+    {"ACCT", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(specify account)", nullptr},
+    {"SMNT", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(structure mount)", nullptr},
+    {"REIN", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(reinitialize server state)", nullptr},
+    {"QUIT", command_quit,      kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "(terminate service)", nullptr},
+    {"PORT", command_port,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> b0, b1, b2, b3, b4", nullptr},
+    {"PASV", passive,           kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "(set server in passive mode)", nullptr},
+    {"TYPE", type_fun,          kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> [ A | E | I | L ]", nullptr},
+    {"STRU", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(specify file structure)", nullptr},
+    {"MODE", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(specify transfer mode)", nullptr},
+    {"RETR", command_retr,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
+    {"STOR", command_stor,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
+    {"APPE", command_appe,      kLogin, kBoth,     kStandard, kBoth,     kStandard, false, "<sp> file-name", nullptr},
+    {"MLFL", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail file)", nullptr},
+    {"MAIL", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail to user)", nullptr},
+    {"MSND", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail send to terminal)", nullptr},
+    {"MSOM", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail send to terminal or mailbox)", nullptr},
+    {"MSAM", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail send to terminal and mailbox)", nullptr},
+    {"MRSQ", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail recipient scheme question)", nullptr},
+    {"MRCP", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail recipient)", nullptr},
+    {"ALLO", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "allocate storage (vacuously)", nullptr},
+    // The device's HELP shows REST as served, though the device answers it 502.
+    {"REST", command_rest,      kLogin, kBoth,     kStandard, kBoth,     kBoth,     false, "<sp> offset (restart command)", "REST STREAM"},
+    {"RNFR", command_rnfr,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
+    {"RNTO", command_rnto,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
+    {"ABOR", command_abor,      kFree,  kBoth,     kStandard, kBoth,     kStandard, false, "(abort operation)", nullptr},
+    {"DELE", command_dele,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
+    {"CWD",  command_cwd,       kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> directory-name ]", "TVFS"},
+    {"XCWD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "[ <sp> directory-name ]", nullptr},
+    {"LIST", list_fun,          kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> path-name ]", nullptr},
+    {"NLST", nlst_fun,          kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> path-name ]", nullptr},
+    {"SITE", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "site-cmd [ <sp> arguments ]", nullptr},
+    {"SYST", command_syst,      kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "(get type of operating system)", nullptr},
+    {"STAT", command_stat,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> path-name ]", nullptr},
+    {"HELP", command_help,      kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> <string> ]", nullptr},
+    {"NOOP", command_noop,      kFree,  kBoth,     kStandard, kBoth,     kStandard, false, "", nullptr},
+    {"MKD",  command_mkd,       kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", nullptr},
+    {"XMKD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> path-name", nullptr},
+    {"RMD",  command_rmd,       kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", nullptr},
+    {"XRMD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> path-name", nullptr},
+    {"PWD",  pwd_fun,           ftp_needs::login_pwd_quirk,
+                                        kBoth,     kBoth,     kBoth,     kBoth,     false, "(return current directory)", nullptr},
+    {"XPWD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(return current directory)", nullptr},
+    {"CDUP", command_cdup,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "(change to parent directory)", nullptr},
+    {"XCUP", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(change to parent directory)", nullptr},
+    {"STOU", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> file-name", nullptr},
+    {"SIZE", command_size,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", "SIZE"},
+    {"MDTM", command_mdtm,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", "MDTM"},
+    {"FEAT", command_feat,      kFree,  kBoth,     kStandard, kBoth,     kStandard, false, "extensions supported", nullptr},
+    {"OPTS", command_opts,      kFree,  kBoth,     kStandard, kBoth,     kStandard, false, "<sp> command-name ", "UTF8"},
+    {"AUTH", command_auth,      kFree,  kBoth,     kStandard, kBoth,     kStandard, true,  "<sp> authentication/security mechanism", "AUTH TLS"},
+    {"PBSZ", command_pbsz,      kFree,  kBoth,     kStandard, kBoth,     kStandard, true,  "<sp> protection buffer size", "PBSZ"},
+    {"PROT", command_prot,      kFree,  kBoth,     kStandard, kBoth,     kStandard, true,  "<sp> data channel protection level", "PROT"},
+    {"EPRT", command_eprt,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> <d><net-prt><d><net-addr><d><tcp-port><d>", "EPRT"},
+    {"EPSV", command_epsv,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> <net-prt> or ALL ]", "EPSV"},
+    {"MLSD", command_mlsd,      kLogin, kStandard, kStandard, kStandard, kStandard, false, "[ <sp> path-name ]", nullptr},
+    {"MLST", command_mlst,      kLogin, kStandard, kStandard, kStandard, kStandard, false, "[ <sp> path-name ]", "MLST type*;size*;modify*;perm*;unique*;"},
+};
+const size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
+
+const ftp_command kSiteCommands[] = {
+    {"UMASK", nullptr,          kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "[ <sp> umask ]", nullptr},
+    {"IDLE",  nullptr,          kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "[ <sp> maximum-idle-time ]", nullptr},
+    {"CHMOD", nullptr,          kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> mode <sp> file-name", nullptr},
+    {"HELP",  nullptr,          kFree,  kBoth,     kNone,     kBoth,     kBoth,     false, "[ <sp> <string> ]", nullptr},
+};
+const size_t kSiteCommandCount = sizeof kSiteCommands / sizeof kSiteCommands[0];
+// clang-format on
+
+bool ftp_command_served(const ftp_command &c, const ftp_policy &p) {
+    return c.handler != nullptr && in_profile(c.served, p) && (!c.tls || p.tls);
+}
+
+namespace {
+
+// Argument: from the first character that is not a blank, tab, CR or LF up to the first zero,
+// CR or LF, at most FTP_BUF_SIZE - 1 characters; the rest is dropped silently.
+void set_data(const char *src, char *arg) {
+    while (*src == ' ' || *src == '\t' || *src == '\r' || *src == '\n') src++;
+    int n = 0;
+    while (n < FTP_BUF_SIZE - 1 && src[n] != '\0' && src[n] != '\r' && src[n] != '\n') {
+        arg[n] = src[n];
+        n++;
+    }
+    arg[n] = '\0';
+}
+
+// Only the letters of the word are compared, case-sensitively: the character after it may be
+// anything (LISTX is LIST with the argument X). No word is the beginning of another.
+const ftp_command *recognise_letters(const char *line, char *arg) {
+    for (const ftp_command &c : kCommands) {
+        if ((c.known & kDevice) == 0) continue;
+        size_t n = strlen(c.word);
+        if (strncmp(line, c.word, n) != 0) continue;
+        set_data(line + n, arg);
+        return &c;
+    }
+    return nullptr;
+}
+
+// The word up to the first blank, in any case; the argument after it.
+const ftp_command *recognise_word(const char *line, char *arg) {
+    size_t n = strcspn(line, " ");
+    for (const ftp_command &c : kCommands) {
+        if ((c.known & kStandard) == 0 || strlen(c.word) != n || strncasecmp(line, c.word, n) != 0) continue;
+        set_data(line + n, arg);
+        return &c;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+const ftp_command *ftpd_parse_cmd(const char *line, char *arg, const ftp_policy &p) {
+    if (line == nullptr) return nullptr;
+    return p.line_input ? recognise_word(line, arg) : recognise_letters(line, arg);
+}
+
+bool ftp_feat_reply(const ftp_policy &p, char *out, size_t cap) {
+    const char *lines[kCommandCount];
+    size_t n = 0;
+    for (const ftp_command &c : kCommands)
+        if (c.feat != nullptr && ftp_command_served(c, p)) lines[n++] = c.feat;
+    std::sort(lines, lines + n, [](const char *a, const char *b) { return strcmp(a, b) < 0; });
+    if (!ftpd_strlcpy(out, "211-Features:\r\n", cap)) return false;
+    for (size_t i = 0; i < n; i++)
+        if (!ftpd_strlcat(out, " ", cap) || !ftpd_strlcat(out, lines[i], cap) || !ftpd_strlcat(out, "\r\n", cap))
+            return false;
+    return ftpd_strlcat(out, "211 End\r\n", cap);
+}

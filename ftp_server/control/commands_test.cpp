@@ -1,0 +1,106 @@
+// The command table and what is derived from it: both recognisers, the rows each profile serves,
+// and FEAT.
+#include "control/commands.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "base/ftpd.h"
+
+namespace {
+
+const ftp_policy kDevice = ftp_policy_of(ftp_profile::device, false);
+const ftp_policy kStandard = ftp_policy_of(ftp_profile::standard, false);
+const ftp_policy kStandardTls = ftp_policy_of(ftp_profile::standard, true);
+
+// The recognised word of a line ("" when none) and its argument.
+std::string parse(const std::string &line, std::string *arg, const ftp_policy &p = kDevice) {
+    char buf[FTP_BUF_SIZE];
+    memset(buf, 'Z', sizeof buf);
+    buf[sizeof buf - 1] = '\0';
+    const ftp_command *c = ftpd_parse_cmd(line.c_str(), buf, p);
+    *arg = buf;
+    return c != nullptr ? c->word : "";
+}
+
+TEST(CommandTable, EveryKnownWordIsRecognisedWithAndWithoutArgument) {
+    std::string arg;
+    for (size_t i = 0; i < kCommandCount; i++) {
+        const ftp_command &c = kCommands[i];
+        for (const ftp_policy *p : {&kDevice, &kStandard}) {
+            if (!in_profile(c.known, *p)) continue;
+            EXPECT_EQ(parse(std::string(c.word) + " some arg\r\n", &arg, *p), c.word);
+            EXPECT_EQ(arg, "some arg") << c.word;
+            EXPECT_EQ(parse(c.word, &arg, *p), c.word);
+            EXPECT_EQ(arg, "") << c.word;
+        }
+    }
+}
+
+// What the device serves is fixed; the standard profile serves more, never less.
+TEST(CommandTable, ServedSetsOfBothProfiles) {
+    std::set<std::string> device, standard;
+    for (size_t i = 0; i < kCommandCount; i++) {
+        const ftp_command &c = kCommands[i];
+        if (ftp_command_served(c, kDevice)) device.insert(c.word);
+        if (ftp_command_served(c, kStandardTls)) standard.insert(c.word);
+        EXPECT_FALSE(ftp_command_served(c, kStandard) && c.tls) << c.word;
+    }
+    EXPECT_EQ(device, (std::set<std::string>{"USER", "PASS", "CWD", "CDUP", "QUIT", "PORT", "PASV", "TYPE", "RETR",
+                                             "STOR", "RNFR", "RNTO", "DELE", "RMD", "MKD", "PWD", "LIST", "NLST", "SYST",
+                                             "STAT", "HELP", "MDTM", "EPRT", "EPSV", "SIZE"}));
+    for (const std::string &w : device) EXPECT_TRUE(standard.count(w)) << w;
+    for (const char *w : {"NOOP", "FEAT", "OPTS", "ABOR", "REST", "APPE", "MLSD", "MLST", "AUTH", "PBSZ", "PROT"})
+        EXPECT_TRUE(standard.count(w)) << w;
+}
+
+// The device compares only the letters of a word, case-sensitively; the standard profile takes
+// the word up to the first blank in any case.
+TEST(CommandTable, RecognitionOfEachProfile) {
+    const struct {
+        const ftp_policy *p;
+        std::string line, word, arg;
+    } rows[] = {
+        {&kDevice, "LISTX", "LIST", "X"},
+        {&kDevice, "PASSWORD", "PASS", "WORD"},
+        {&kDevice, "CWDIR", "CWD", "IR"},
+        {&kDevice, "RETR   my file.txt \r\n", "RETR", "my file.txt "},
+        {&kDevice, "STOR \t\r\n a\tb\n", "STOR", "a\tb"},
+        {&kDevice, "CWD x\ry", "CWD", "x"},
+        {&kDevice, "MKD " + std::string(511, 'a') + "bcdef\r\n", "MKD", std::string(511, 'a')},
+        {&kDevice, "user bob", "", ""},
+        {&kDevice, "MLSD", "", ""},
+        {&kStandard, "uSeR bob", "USER", "bob"},
+        {&kStandard, "pwd", "PWD", ""},
+        {&kStandard, "MLSD dir", "MLSD", "dir"},
+        {&kStandard, "NOOPX", "", ""},
+        {&kStandard, "STORE.txt", "", ""},
+        {&kStandard, "TYPEI", "", ""},
+    };
+    std::string arg;
+    for (const auto &r : rows) {
+        EXPECT_EQ(parse(r.line, &arg, *r.p), r.word) << r.line;
+        if (!r.word.empty()) {
+            EXPECT_EQ(arg, r.arg) << r.line;
+        }
+    }
+    for (const char *line : {"", "QU", "PAS", "PAX", "EXRT", "Retr x", "YES", "1USER", " USER x", "VERB"})
+        EXPECT_EQ(parse(line, &arg), "") << line;
+}
+
+TEST(CommandTable, FeatListsWhatIsServedAndTlsOnlyWithTls) {
+    char text[FTP_BUF_SIZE];
+    ASSERT_TRUE(ftp_feat_reply(kStandard, text, sizeof text));
+    EXPECT_STREQ(text,
+                 "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+                 " REST STREAM\r\n SIZE\r\n TVFS\r\n UTF8\r\n211 End\r\n");
+    ASSERT_TRUE(ftp_feat_reply(kStandardTls, text, sizeof text));
+    EXPECT_NE(strstr(text, " AUTH TLS\r\n EPRT\r\n"), nullptr);
+    EXPECT_NE(strstr(text, " PBSZ\r\n PROT\r\n REST STREAM\r\n"), nullptr);
+    EXPECT_FALSE(ftp_feat_reply(kStandardTls, text, 40));
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+// The session record: what a session takes at its start and gives back at its end, its replies,
+// and the views of it that the data connection and the status report need.
+#include "session/session.h"
+
+#include <cstring>
+
+#include "base/settings.h"
+
+ftp_session::ftp_session(int control_fd, int stop, int fam, const ftp_connect_addr &a, const ftp_policy &p)
+    : stop_fd(stop),
+      family(fam),
+      addr(a),
+      policy(p),
+      buffers(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE),
+      timeout_min(static_cast<int>(get_ftp_timeout())) {
+    ctl.stream.reset(control_fd);
+    ctl.crlf = p.reply_crlf;
+    ctl.shorten_echo = p.reply_shortens_echo;
+    if (buffers) {
+        arg = buffers.get();
+        line = buffers.get() + FTP_BUF_SIZE;
+        // In the order the device takes them: the top directory, the name, the password.
+        rootdir = ftpd_block(FTPD_M_PCRED_DIR, FTP_ROOTDIR_LEN);
+        if (rootdir) login.name = ftpd_block(FTPD_M_PCRED_NAME, FTP_NAME_LEN);
+        if (login.name) login.passwd = ftpd_block(FTPD_M_PCRED_PWD, FTP_PASSWD_LEN);
+        if (!login.passwd) {
+            FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
+            login.name.reset();
+            rootdir.reset();
+        }
+    } else {
+        FTPD_LOG_ERR("%s: malloc fail.\n", FTPD_MODULE);
+    }
+}
+
+ftp_session::~ftp_session() {
+    FTPD_LOG_PRO("%s.\n", "clear_cred");
+    ftp_set_userinfo_disconnect(&slot);
+    data.release();
+}
+
+bool ftp_session::ready() const {
+    return static_cast<bool>(buffers) && static_cast<bool>(login.passwd);
+}
+
+const char *session_root(const ftp_session &s) {
+    return s.rootdir ? s.rootdir.get() : "";
+}
+
+const char *session_name(const ftp_session &s) {
+    return s.login.name ? s.login.name.get() : "";
+}
+
+int reply(ftp_session &s, const char *text) {
+    return ftpd_reply_text(s.ctl, text);
+}
+
+int reply_code(ftp_session &s, const char *code, const char *fmt, const char *arg1, const char *arg2) {
+    return ftpd_reply(s.ctl, code, fmt, arg1, arg2);
+}
+
+int admit_path_cmd(ftp_session &s, const char *arg) {
+    const char *refusal = nullptr;
+    if (!is_logged_in(s))
+        refusal = FTP_REPLY_530;
+    else if (!is_access(s))
+        refusal = FTP_REPLY_550;
+    else if (is_data_empty(arg))
+        refusal = FTP_REPLY_501;
+    if (refusal == nullptr) return 0;
+    return reply(s, refusal) == 0 ? 1 : -1;
+}
+
+namespace {
+
+struct ftp_user_cnt_info_s snapshot_of(const ftp_session &s) {
+    struct ftp_user_cnt_info_s c {};
+    c.use_flag = 1;
+    c.tran_type = s.type;
+    c.data_mode = s.data.mode();
+    c.def_addr = s.addr;
+    c.contrl_type = s.family;
+    const ftp_data_addrs &a = s.data.addrs();
+    c.data_type = a.family;
+    c.data_dest = a.data_dest;
+    c.data_destv6 = a.data_destv6;
+    c.data_source = a.data_source;
+    c.data_sourcev6 = a.data_sourcev6;
+    c.pasv_dest = a.pasv_dest;
+    c.pasv_destv6 = a.pasv_destv6;
+    c.pasv_addr = a.pasv_addr;
+    c.pasv_addrv6 = a.pasv_addrv6;
+    return c;
+}
+
+}  // namespace
+
+struct ftp_user_cnt_info_s slot_snapshot(const ftp_session &s) {
+    return snapshot_of(s);
+}
+
+void slot_update(ftp_session &s) {
+    FTPD_LOG_PRO("Update userinfo %s: data mode[%d]\n", session_name(s), static_cast<int>(s.data.mode()));
+    ftp_set_userinfo_update(s.slot, snapshot_of(s));
+}
+
+ftp_data_env data_env(ftp_session &s) {
+    ftp_data_env env;
+    env.control = &s.ctl;
+    env.stop_fd = s.stop_fd;
+    env.idle_ms = s.timeout_min * 60 * 1000;
+    env.family = s.family;
+    env.addr = &s.addr;
+    env.type = s.type;
+    env.watch = s.watch;
+    env.protect = s.prot_private;
+    env.control_tls = s.ctl.stream.tls();
+    env.ascii_carry = s.policy.ascii_joins_blocks;
+    env.slot_update = [](void *ctx) { slot_update(*static_cast<ftp_session *>(ctx)); };
+    env.ctx = &s;
+    return env;
+}
