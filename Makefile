@@ -23,13 +23,13 @@ build: setup
 	cmake -S . -B $(BUILD) $(TEST_FLAGS) $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 
-# Only what it runs, the daemon and the terminal, and quietly.
+# What ships, as make install builds it (no test switches), and quietly.
 run: setup
-	@cmake -S . -B $(BUILD) $(TEST_FLAGS) $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(RELEASE_BUILD) -DFTPS_TEST_HOOKS=OFF $(CMAKE_FLAGS) >/dev/null
 	@echo "building the daemon and ftps-cli ..."
-	@cmake --build $(BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli >$(BUILD)/run-build.log 2>&1 \
-	  || { cat $(BUILD)/run-build.log; exit 1; }
-	@bash scripts/run-dev.sh $(BUILD)
+	@cmake --build $(RELEASE_BUILD) -j $(JOBS) --target ftp_server.elf ftps-cli >$(RELEASE_BUILD)/run-build.log 2>&1 \
+	  || { cat $(RELEASE_BUILD)/run-build.log; exit 1; }
+	@bash scripts/run-dev.sh $(RELEASE_BUILD)
 
 test: build
 	cd $(BUILD) && ctest $(CTEST_FLAGS) -j $(JOBS) -LE long

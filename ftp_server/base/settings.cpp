@@ -18,7 +18,7 @@
 #include "cli.h"
 #include "fs_info.h"
 #include "base/ftpd.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "zqsys.h"
 
 namespace {

@@ -22,7 +22,7 @@
 #include "app_init.h"
 #include "ftp_platform.h"
 #include "base/ftpd.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "control/loop.h"
 #include "base/testhooks.h"
 #include "base/users.h"

@@ -12,7 +12,7 @@
 #include "base/ftpd.h"
 #include "base/settings.h"
 #include "control/listener.h"
-#include "files/path.h"
+#include "base/path.h"
 
 // The longest the disabling side keeps retrying sends that find the receiving queue full.
 #define FTP_STOP_SEND_MS 2000

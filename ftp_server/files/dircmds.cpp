@@ -7,7 +7,7 @@
 
 #include "base/ftpd.h"
 #include "files/cmds.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "session/session.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include "base/settings.h"
 #include "files/cmds.h"
 #include "files/entries.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "session/session.h"
 
 namespace {

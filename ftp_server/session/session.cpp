@@ -120,3 +120,11 @@ ftp_data_env data_env(ftp_session &s) {
     env.ctx = &s;
     return env;
 }
+
+ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath, char *outpath) {
+    return ftpd_resolve_path(session_root(s), s.currentdir, arg, inpath, outpath);
+}
+
+char *ftpd_client_view(const ftp_session &s, char *outpath, int size) {
+    return ftpd_absolute_to_relative_path(session_root(s), s.currentdir, outpath, size);
+}

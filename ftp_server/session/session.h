@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include "base/ftpd.h"
+#include "base/path.h"
 #include "base/policy.h"
 #include "base/users.h"
 #include "data/dataconn.h"
@@ -116,6 +117,12 @@ int reply_code(ftp_session &s, const char *code, const char *fmt, const char *ar
 // Admission of a command that names a path: not logged in (530), no top directory (550), no
 // argument (501). 0 to go on, 1 refused and replied, -1 the refusal could not be sent.
 int admit_path_cmd(ftp_session &s, const char *arg);
+
+// The resolution sequence for the session's argument, from its current directory inside its top
+// directory; and its current directory as the client sees it (the buffer holds size bytes).
+[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath,
+                                                    char *outpath);
+[[nodiscard]] char *ftpd_client_view(const ftp_session &s, char *outpath, int size);
 
 // What the data connection needs of this session for one transfer.
 ftp_data_env data_env(ftp_session &s);

@@ -20,7 +20,7 @@
 #include "base/ftpd.h"
 #include "data/dataconn.h"
 #include "files/entries.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "login/security.h"
 #include "session/session.h"
 #include "transfer/list_internal.h"

@@ -9,7 +9,7 @@
 #include <ctime>
 
 #include "base/ftpd.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "session/session.h"
 #include "transfer/list_internal.h"
 #include "transfer/transfer.h"

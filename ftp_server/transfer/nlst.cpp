@@ -13,7 +13,7 @@
 
 #include "base/ftpd.h"
 #include "files/entries.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "transfer/list_internal.h"
 #include "transfer/transfer.h"
 

@@ -18,7 +18,7 @@
 #include <cstring>
 
 #include "base/ftpd.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "login/security.h"
 #include "session/session.h"
 #include "transfer/transfer.h"

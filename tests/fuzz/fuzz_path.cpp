@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/ftpd.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "platform_conf.h"
 
 namespace {

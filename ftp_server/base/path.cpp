@@ -13,8 +13,7 @@
 #include "app_dbg.h"
 #include "fs_info.h"
 #include "base/ftpd.h"
-#include "files/path.h"
-#include "session/session.h"
+#include "base/path.h"
 
 namespace {
 
@@ -203,10 +202,3 @@ bool ftpd_top_dir_mounted(const char *root_dir, const char *func) {
     return true;
 }
 
-ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath, char *outpath) {
-    return ftpd_resolve_path(session_root(s), s.currentdir, arg, inpath, outpath);
-}
-
-char *ftpd_client_view(const ftp_session &s, char *outpath, int size) {
-    return ftpd_absolute_to_relative_path(session_root(s), s.currentdir, outpath, size);
-}

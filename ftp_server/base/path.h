@@ -17,13 +17,6 @@ enum class ftpd_resolve_result {
 // work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
 [[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const char *root_dir, const char *current_dir,
                                                     const char *arg, char *inpath, char *outpath);
-struct ftp_session;
-// The resolution sequence for a session's argument, from its current directory inside its top
-// directory.
-[[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath,
-                                                    char *outpath);
-// The session's current directory as the client sees it (the buffer holds size bytes).
-[[nodiscard]] char *ftpd_client_view(const ftp_session &s, char *outpath, int size);
 // Whether the session's top directory, when it lies below /mnt/, is still mounted.
 bool ftpd_top_dir_mounted(const char *root_dir, const char *func);
 // The steps of resolution; each returns nullptr (or false) when its result does not fit.

@@ -8,7 +8,7 @@
 
 #include "fs_info.h"
 #include "base/ftpd.h"
-#include "files/path.h"
+#include "base/path.h"
 #include "ftpd_test_support.h"
 
 namespace {
