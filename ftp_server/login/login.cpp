@@ -4,6 +4,7 @@
 // end a session.
 #include "login/login.h"
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -27,6 +28,24 @@ void give_back_slot(ftp_session &s) {
     if (s.slot.index == -1 && s.slot.generation == 0) return;
     ftp_set_userinfo_disconnect(&s.slot);
     FTPD_LOG_PRO("%s, ftp_set_userinfo_disconnect\n", __func__);
+}
+
+// One fixed line per failed USER or PASS, always written, with the client's address: what
+// log tools and fail2ban read.
+void log_failed_login(const ftp_session &s) {
+    char addr[INET6_ADDRSTRLEN] = "-";
+    if (s.family == AF_INET6)
+        inet_ntop(AF_INET6, &s.addr.his_addrv6.sin6_addr, addr, sizeof addr);
+    else
+        inet_ntop(AF_INET, &s.addr.his_addr.sin_addr, addr, sizeof addr);
+    // The name is the client's text: kept to printable characters, so that no line can be forged.
+    char name[FTP_NAME_LEN];
+    size_t n = 0;
+    for (const char *p = s.login.client_name; *p != '\0' && n < sizeof name - 1; p++)
+        name[n++] = *p >= 0x20 && *p < 0x7f && *p != '"' ? *p : '?';
+    name[n] = '\0';
+    printk_syslog_ext(5, FTPD_MODULE, "LOGIN_FAIL", LOG_CLASS_ALWAYS, "Failed login for user \"%s\" from %s.\n", name,
+                      addr);
 }
 
 }  // namespace
@@ -193,6 +212,7 @@ int auth_pass(const char *arg, const ftp_session &s) {
 bool user(ftp_session &s) {
     if (ftpd_login_needs_tls(s)) return true;
     if (take_user(s) == -1) {
+        log_failed_login(s);
         ftp_authen_trap_send();
         s.login.failed_users++;
     }
@@ -216,6 +236,7 @@ bool pass(ftp_session &s) {
         l.passed_once = true;
         return true;
     }
+    log_failed_login(s);
     ftp_authen_trap_send();
     l.failed_passwords++;
     return get_ftp_logintimes() > static_cast<unsigned>(l.failed_passwords);
