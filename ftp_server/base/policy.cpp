@@ -25,6 +25,7 @@ ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
     p.rest_offsets = true;
     p.atomic_uploads = true;
     p.ascii_joins_blocks = true;
+    p.log_failed_logins = true;
     // On plain Linux a new directory is not world-writable; the device's process has no umask.
     p.mkdir_mode = 0755;
     p.tls = tls;

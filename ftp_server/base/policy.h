@@ -36,6 +36,8 @@ struct ftp_policy {
     // ASCII uploads: a CR LF split between two received blocks is still one line end (else each
     // block is converted by itself).
     bool ascii_joins_blocks = false;
+    // Every failed USER or PASS is logged in one fixed line with the client's address.
+    bool log_failed_logins = false;
     // Mode of a new directory.
     mode_t mkdir_mode = 0777;
     // AUTH TLS, PBSZ and PROT are served (a [tls] certificate is configured).

@@ -33,6 +33,7 @@ void give_back_slot(ftp_session &s) {
 // One fixed line per failed USER or PASS, always written, with the client's address: what
 // log tools and fail2ban read.
 void log_failed_login(const ftp_session &s) {
+    if (!s.policy.log_failed_logins) return;
     char addr[INET6_ADDRSTRLEN] = "-";
     if (s.family == AF_INET6)
         inet_ntop(AF_INET6, &s.addr.his_addrv6.sin6_addr, addr, sizeof addr);
