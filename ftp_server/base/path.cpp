@@ -4,7 +4,11 @@
 // temporary files go below TMPDIR. Confinement is purely textual; nothing here touches the
 // process root.
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -175,6 +179,70 @@ char *ftp_make_path(char *path, int path_len, const char *path_suffix) {
 
 bool is_special_file(const char *dir) {
     return dir != nullptr && dir[0] == '.';
+}
+
+bool ftpd_is_upload_temp(const char *name) {
+    return strncmp(name, FTP_UPLOAD_TEMP_PREFIX, sizeof FTP_UPLOAD_TEMP_PREFIX - 1) == 0;
+}
+
+bool ftpd_names_upload_temp(const char *path) {
+    for (const char *p = path; p != nullptr && *p != '\0'; p = strchr(p, '/')) {
+        while (*p == '/') p++;
+        if (ftpd_is_upload_temp(p)) return true;
+    }
+    return false;
+}
+
+namespace {
+
+// The kernel's own confinement: every step of the walk, links included, stays below dirfd.
+int open_beneath(int dirfd, const char *rel, bool follow, bool directory) {
+    struct open_how how {};
+    how.flags = O_PATH | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW) | (directory ? O_DIRECTORY : 0);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(syscall(SYS_openat2, dirfd, rel[0] != '\0' ? rel : ".", &how, sizeof how));
+}
+
+}  // namespace
+
+bool ftpd_resolves_beneath(const char *root, const char *real, bool follow) {
+    size_t n = strlen(root);
+    while (n > 1 && root[n - 1] == '/') n--;
+    if (strncmp(real, root, n) != 0 || (real[n] != '\0' && real[n] != '/' && n > 1)) return false;
+    const char *rel = real + n;
+    while (*rel == '/') rel++;
+    unique_fd top(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!top) return false;
+    unique_fd fd(open_beneath(top.get(), rel, follow, false));
+    if (fd) return true;
+    if (errno != ENOENT) return false;
+    // Not there (yet): its directory must be.
+    const char *slash = strrchr(rel, '/');
+    char parent[FTP_PATH_HALF];
+    size_t len = slash != nullptr ? static_cast<size_t>(slash - rel) : 0;
+    if (len >= sizeof parent) return false;
+    memcpy(parent, rel, len);
+    parent[len] = '\0';
+    unique_fd dir(open_beneath(top.get(), parent, true, true));
+    return static_cast<bool>(dir);
+}
+
+namespace {
+// The two texts name one directory, whatever trailing slashes they carry.
+bool same_dir(const char *a, const char *b) {
+    size_t la = strlen(a), lb = strlen(b);
+    while (la > 1 && a[la - 1] == '/') la--;
+    while (lb > 1 && b[lb - 1] == '/') lb--;
+    return la == lb && strncmp(a, b, la) == 0;
+}
+}  // namespace
+
+bool ftpd_is_protected_dir(const char *root, const char *real) {
+    if (root != nullptr && same_dir(root, real)) return true;
+    char dir[FTP_ROOTDIR_LEN];
+    for (int i = 0; i < FS_STORAGE_SLOTS; i++)
+        if (get_final_path(i, "/", dir, sizeof dir) >= 0 && same_dir(dir, real)) return true;
+    return false;
 }
 
 ftpd_resolve_result ftpd_resolve_path(const char *root_dir, const char *current_dir, const char *arg,

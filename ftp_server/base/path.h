@@ -12,6 +12,7 @@ enum class ftpd_resolve_result {
     trim_failed,  // normalisation refused the client path
     refused,      // top directory "/" and the path lies in a system tree
     too_long,     // the real path does not fit: no file may be touched under a cut name
+    missing,      // answered like a missing name: a daemon's temporary, or a link leading out
 };
 // Runs the resolution sequence on a client argument: inpath and outpath are the two halves of a
 // work buffer of 2 * FTP_PATH_HALF bytes; on ok, inpath holds the real path.
@@ -34,6 +35,17 @@ bool ftpd_top_dir_mounted(const char *root_dir, const char *func);
                                                    char *outpath, int size);
 // Names the listings never show: those beginning with ".".
 bool is_special_file(const char *name);
+// The hidden temporary files of uploads being received: never listed, never addressable.
+#define FTP_UPLOAD_TEMP_PREFIX ".ftps-upload."
+bool ftpd_is_upload_temp(const char *name);
+// Whether any component of the path names one.
+bool ftpd_names_upload_temp(const char *path);
+// Whether the real path, below root, resolves without leaving root, symbolic links followed by the
+// kernel (the last one too when follow). A last component that does not exist yet is fine once its
+// directory resolves beneath.
+bool ftpd_resolves_beneath(const char *root, const char *real, bool follow);
+// The top directory and every storage's directory: never removed nor renamed.
+bool ftpd_is_protected_dir(const char *root, const char *real);
 // False for the system trees (proc, dev, ram) below the device root.
 bool is_access_path(const char *inpath);
 // TMPDIR followed by path_suffix, its directory made; nullptr when it cannot be formed.

@@ -26,6 +26,9 @@ ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
     p.atomic_uploads = true;
     p.ascii_joins_blocks = true;
     p.log_failed_logins = true;
+    p.confine_links = true;
+    p.links_as_entries = true;
+    p.rename_once = true;
     // On plain Linux a new directory is not world-writable; the device's process has no umask.
     p.mkdir_mode = 0755;
     p.tls = tls;

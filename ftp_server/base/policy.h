@@ -38,6 +38,13 @@ struct ftp_policy {
     bool ascii_joins_blocks = false;
     // Every failed USER or PASS is logged in one fixed line with the client's address.
     bool log_failed_logins = false;
+    // Paths are resolved beneath the top directory by the kernel: a symbolic link that leads out
+    // is answered like a missing name (else the confinement is textual).
+    bool confine_links = false;
+    // A symbolic link is an entry of its own: listed as a link, deleted and renamed itself.
+    bool links_as_entries = false;
+    // A failed RNTO ends the pending rename as a done one does (else the source stays pending).
+    bool rename_once = false;
     // Mode of a new directory.
     mode_t mkdir_mode = 0777;
     // AUTH TLS, PBSZ and PROT are served (a [tls] certificate is configured).

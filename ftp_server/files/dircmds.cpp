@@ -28,7 +28,8 @@ int makedir(ftp_session &s, const char *name) {
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
-    if (ftpd_resolve_path(s, name, inpath, outpath) != ftpd_resolve_result::ok || mkdir(inpath, s.policy.mkdir_mode) != 0) {
+    if (ftpd_resolve_path(s, name, inpath, outpath, false) != ftpd_resolve_result::ok ||
+        mkdir(inpath, s.policy.mkdir_mode) != 0) {
         (void)ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
         return reply(s, outpath);
     }
@@ -50,10 +51,11 @@ int removedir(ftp_session &s, const char *name) {
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
-    if (ftpd_resolve_path(s, name, inpath, outpath) != ftpd_resolve_result::ok)
+    if (ftpd_resolve_path(s, name, inpath, outpath, false) != ftpd_resolve_result::ok)
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
-    // No rule protects the top directory itself: RMD / removes it when it is empty.
-    if (rmdir(inpath) != 0) return reply_code(s, "550", "Remove %s fail.", name);
+    // SECURITY: the served directory itself, and a storage's, are never removed.
+    if (ftpd_is_protected_dir(session_root(s), inpath) || rmdir(inpath) != 0)
+        return reply_code(s, "550", "Remove %s fail.", name);
     return reply_code(s, "250", "%s", "RMD command successful.");
 }
 

@@ -35,10 +35,13 @@ struct path_work {
 int delete_file(ftp_session &s, const char *name) {
     path_work work;
     if (!work.buf) return reply(s, FTP_REPLY_550);
-    if (ftpd_resolve_path(s, name, work.inpath(), work.outpath()) != ftpd_resolve_result::ok)
+    if (ftpd_resolve_path(s, name, work.inpath(), work.outpath(), false) != ftpd_resolve_result::ok)
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
+    // The device deletes regular files only, following a link to one; the standard profile
+    // deletes a link itself, wherever it points.
     struct stat st;
-    if (stat(work.inpath(), &st) != 0 || !S_ISREG(st.st_mode))
+    bool link = s.policy.links_as_entries && lstat(work.inpath(), &st) == 0 && S_ISLNK(st.st_mode);
+    if (!link && (stat(work.inpath(), &st) != 0 || !S_ISREG(st.st_mode)))
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
     if (unlink(work.inpath()) != 0) return reply(s, FTP_REPLY_450);
     return reply(s, FTP_REPLY_250);
@@ -47,10 +50,13 @@ int delete_file(ftp_session &s, const char *name) {
 int renamefrom(ftp_session &s, const char *name, char *oldname) {
     path_work work;
     if (!work.buf) return reply(s, FTP_REPLY_502);
-    if (ftpd_resolve_path(s, name, work.inpath(), work.outpath()) != ftpd_resolve_result::ok)
+    if (ftpd_resolve_path(s, name, work.inpath(), work.outpath(), false) != ftpd_resolve_result::ok)
         return reply(s, FTP_REPLY_501);
     struct stat st;
-    if (stat(work.inpath(), &st) != 0) return reply(s, FTP_REPLY_501);
+    if ((s.policy.links_as_entries ? lstat(work.inpath(), &st) : stat(work.inpath(), &st)) != 0)
+        return reply(s, FTP_REPLY_501);
+    // SECURITY: the served directory itself, and a storage's, stay where they are.
+    if (ftpd_is_protected_dir(session_root(s), work.inpath())) return reply(s, FTP_REPLY_550);
     // A source that does not fit the pending-rename field is refused here: cutting it would
     // rename a different file.
     if (strlen(work.inpath()) >= kRenameFromLen) return reply(s, FTP_REPLY_501);
@@ -62,9 +68,14 @@ int renamefrom(ftp_session &s, const char *name, char *oldname) {
 int renamecmd(ftp_session &s, const char *from, const char *to) {
     path_work work;
     if (!work.buf) return reply(s, FTP_REPLY_502);
-    if (ftpd_resolve_path(s, to, work.inpath(), work.outpath()) != ftpd_resolve_result::ok ||
-        rename(from, work.inpath()) != 0)
+    if (ftpd_resolve_path(s, to, work.inpath(), work.outpath(), false) != ftpd_resolve_result::ok)
         return reply(s, FTP_REPLY_553);
+    if (ftpd_is_protected_dir(session_root(s), work.inpath())) return reply(s, FTP_REPLY_550);
+    if (rename(from, work.inpath()) != 0) {
+        // The standard profile ends the pending rename with a failed RNTO, as with a done one.
+        if (s.policy.rename_once) s.rename_from[0] = '\0';
+        return reply(s, FTP_REPLY_553);
+    }
     return reply(s, FTP_REPLY_250);
 }
 
@@ -77,6 +88,7 @@ int sizecmd(ftp_session &s, const char *filename) {
         case ftpd_resolve_result::refused:
             return reply(s, FTP_REPLY_450);
         case ftpd_resolve_result::too_long:
+        case ftpd_resolve_result::missing:
             return reply_code(s, "550", kIllegalFile, filename);
         case ftpd_resolve_result::ok:
             break;
@@ -130,6 +142,7 @@ int statfilecmd(ftp_session &s, const char *path, char *sendbuff) {
             return reply(s, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
         case ftpd_resolve_result::too_long:
+        case ftpd_resolve_result::missing:
             return reply(s, FTP_REPLY_450);
         case ftpd_resolve_result::ok:
             break;
@@ -209,6 +222,7 @@ bool command_mdtm(ftp_session &s) {
         case ftpd_resolve_result::refused:
             return reply(s, FTP_REPLY_450) == 0;
         case ftpd_resolve_result::too_long:
+        case ftpd_resolve_result::missing:
             return reply(s, FTP_REPLY_550) == 0;
         case ftpd_resolve_result::ok:
             break;

@@ -92,10 +92,22 @@ int auth_user(const char *name, ftp_session &s) {
 
 namespace {
 
+// A USER after a login ends that login first: its slot and counts go back, and the commands that
+// follow need the new PASS. No two sessions ever act on one slot.
+void end_login(ftp_session &s) {
+    ftp_login &l = s.login;
+    if (l.local_aaa) ftp_update_online_count(l.online_name, 0);
+    l.local_aaa = false;
+    l.online_name[0] = '\0';
+    ftp_aaa_del_user(s);
+    l.logged_in = false;
+}
+
 // USER's own step: 0, or -1 when the name was refused (a failed attempt).
 int take_user(ftp_session &s) {
     const char *arg = s.arg;
     ftp_login &l = s.login;
+    if (l.logged_in) end_login(s);
     memset(l.client_name, 0, sizeof l.client_name);
     // SECURITY: a name cut short could be another account's; one that does not fit names none.
     if (!ftpd_snprintf(l.client_name, FTP_USERNAME_MAX, "%s", arg)) l.client_name[0] = '\0';

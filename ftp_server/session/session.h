@@ -120,8 +120,9 @@ int admit_path_cmd(ftp_session &s, const char *arg);
 
 // The resolution sequence for the session's argument, from its current directory inside its top
 // directory; and its current directory as the client sees it (the buffer holds size bytes).
+// follow: the command acts on what a last symbolic link names (else on the name itself).
 [[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath,
-                                                    char *outpath);
+                                                    char *outpath, bool follow = true);
 [[nodiscard]] char *ftpd_client_view(const ftp_session &s, char *outpath, int size);
 
 // What the data connection needs of this session for one transfer.

@@ -244,6 +244,7 @@ int ftpd_run_listing(ftp_session &s, const ftpd_listing_kind &kind) {
             reply451(s);
             return 0;
         case ftpd_resolve_result::refused:
+        case ftpd_resolve_result::missing:
             reply501(s);
             return 0;
         case ftpd_resolve_result::ok:
@@ -485,6 +486,7 @@ int ftpd_run_std_listing(ftp_session &s, const ftpd_std_kind &kind) {
             return 0;
         case ftpd_resolve_result::refused:
         case ftpd_resolve_result::too_long:
+        case ftpd_resolve_result::missing:
             return missing();
         case ftpd_resolve_result::ok:
             break;

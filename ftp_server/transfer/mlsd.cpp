@@ -189,6 +189,7 @@ bool command_mlst(ftp_session &s) {
             return send_reply(s, FTP_REPLY_451);
         case ftpd_resolve_result::refused:
         case ftpd_resolve_result::too_long:
+        case ftpd_resolve_result::missing:
             return missing();
         case ftpd_resolve_result::ok:
             break;

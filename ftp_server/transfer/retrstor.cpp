@@ -32,7 +32,7 @@ const char kLocalError[] = "451 Requested action aborted. Local error in process
 const char kRestInAscii[] = "504 Restart is not supported in ASCII type.\r\n";
 const char kRestBeyondEnd[] = "554 Requested action not taken: invalid REST parameter.\r\n";
 // Hidden, so listings leave it out; the random part keeps simultaneous uploads apart.
-const char kTempPrefix[] = ".ftps-upload.";
+const char kTempPrefix[] = FTP_UPLOAD_TEMP_PREFIX;
 constexpr int kTempTries = 8;
 
 // The checks every transfer makes before anything else: a data address was given (a client port
@@ -192,9 +192,6 @@ ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
         run->temp->discard();
         return ftp_move::local_error;
     }
-    // A resumed upload ends the file where the client's data ended.
-    if (run->kind == upload_kind::resume && ftruncate(run->file, lseek(run->file, 0, SEEK_CUR)) != 0)
-        return ftp_move::write_error;
     return ftp_move::done;
 }
 

@@ -263,8 +263,8 @@ class StandardProfileTest(ProfileCase):
             ("I", len(DATA) + 1, "RETR", DATA, None, BEYOND_END, b"", DATA),
             ("A", N, "RETR", DATA, None, REST_IN_ASCII, b"", DATA),
             ("I", N, "STOR", DATA[:N], DATA[N:], STORED, b"", DATA),
-            # Restarted below the end, the file ends where the client's bytes end.
-            ("I", N, "STOR", DATA, DATA[N:N + 10], STORED, b"", DATA[:N + 10]),
+            # Restarted below the end, the client's bytes overwrite from the offset and the rest stays.
+            ("I", N, "STOR", DATA, b"x" * 10, STORED, b"", DATA[:N] + b"x" * 10 + DATA[N + 10:]),
             # A gap the client never sent is refused; the client starts over.
             ("I", N + 1, "STOR", DATA[:N], DATA[N:], BEYOND_END, b"", DATA[:N]),
             ("I", N, "STOR", None, DATA[N:], BEYOND_END, b"", None),
