@@ -29,6 +29,8 @@ ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
     p.confine_links = true;
     p.links_as_entries = true;
     p.rename_once = true;
+    p.rfc_replies = true;
+    p.telnet_lines = true;
     // On plain Linux a new directory is not world-writable; the device's process has no umask.
     p.mkdir_mode = 0755;
     p.tls = tls;

@@ -45,6 +45,13 @@ struct ftp_policy {
     bool links_as_entries = false;
     // A failed RNTO ends the pending rename as a done one does (else the source stays pending).
     bool rename_once = false;
+    // RFC 959's forms of the replies clients parse: PWD and MKD give the path first, quotes
+    // doubled; an unknown command word is answered 500 (else 502); MODE S, STRU F, the TYPE
+    // forms, ALLO and the X aliases are served; SIZE in ASCII type is refused.
+    bool rfc_replies = false;
+    // Control lines carry Telnet escapes (IAC IAC, CR NUL) that are taken out, and an argument is
+    // never cut at a CR.
+    bool telnet_lines = false;
     // Mode of a new directory.
     mode_t mkdir_mode = 0777;
     // AUTH TLS, PBSZ and PROT are served (a [tls] certificate is configured).

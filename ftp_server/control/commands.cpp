@@ -32,8 +32,8 @@ const ftp_command kCommands[] = {
     {"PORT", command_port,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> b0, b1, b2, b3, b4", nullptr},
     {"PASV", passive,           kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "(set server in passive mode)", nullptr},
     {"TYPE", type_fun,          kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> [ A | E | I | L ]", nullptr},
-    {"STRU", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(specify file structure)", nullptr},
-    {"MODE", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(specify transfer mode)", nullptr},
+    {"STRU", command_stru,      kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "(specify file structure)", nullptr},
+    {"MODE", command_mode,      kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "(specify transfer mode)", nullptr},
     {"RETR", command_retr,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
     {"STOR", command_stor,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
     {"APPE", command_appe,      kLogin, kBoth,     kStandard, kBoth,     kStandard, false, "<sp> file-name", nullptr},
@@ -44,7 +44,7 @@ const ftp_command kCommands[] = {
     {"MSAM", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail send to terminal and mailbox)", nullptr},
     {"MRSQ", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail recipient scheme question)", nullptr},
     {"MRCP", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(mail recipient)", nullptr},
-    {"ALLO", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "allocate storage (vacuously)", nullptr},
+    {"ALLO", command_allo,      kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "allocate storage (vacuously)", nullptr},
     // The device's HELP shows REST as served, though the device answers it 502.
     {"REST", command_rest,      kLogin, kBoth,     kStandard, kBoth,     kBoth,     false, "<sp> offset (restart command)", "REST STREAM"},
     {"RNFR", command_rnfr,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
@@ -52,23 +52,24 @@ const ftp_command kCommands[] = {
     {"ABOR", command_abor,      kFree,  kBoth,     kStandard, kBoth,     kStandard, false, "(abort operation)", nullptr},
     {"DELE", command_dele,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> file-name", nullptr},
     {"CWD",  command_cwd,       kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> directory-name ]", "TVFS"},
-    {"XCWD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "[ <sp> directory-name ]", nullptr},
+    {"XCWD", command_cwd,       kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "[ <sp> directory-name ]", nullptr},
     {"LIST", list_fun,          kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> path-name ]", nullptr},
     {"NLST", nlst_fun,          kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> path-name ]", nullptr},
-    {"SITE", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "site-cmd [ <sp> arguments ]", nullptr},
+    {"SITE", command_site,      kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "site-cmd [ <sp> arguments ]", nullptr},
     {"SYST", command_syst,      kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "(get type of operating system)", nullptr},
     {"STAT", command_stat,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> path-name ]", nullptr},
     {"HELP", command_help,      kFree,  kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> <string> ]", nullptr},
     {"NOOP", command_noop,      kFree,  kBoth,     kStandard, kBoth,     kStandard, false, "", nullptr},
     {"MKD",  command_mkd,       kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", nullptr},
-    {"XMKD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> path-name", nullptr},
+    {"XMKD", command_mkd,       kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "<sp> path-name", nullptr},
     {"RMD",  command_rmd,       kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", nullptr},
-    {"XRMD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> path-name", nullptr},
+    {"XRMD", command_rmd,       kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "<sp> path-name", nullptr},
     {"PWD",  pwd_fun,           ftp_needs::login_pwd_quirk,
                                         kBoth,     kBoth,     kBoth,     kBoth,     false, "(return current directory)", nullptr},
-    {"XPWD", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(return current directory)", nullptr},
+    {"XPWD", pwd_fun,           ftp_needs::login_pwd_quirk,
+                                        kBoth,     kStandard, kBoth,     kStandard, false, "(return current directory)", nullptr},
     {"CDUP", command_cdup,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "(change to parent directory)", nullptr},
-    {"XCUP", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "(change to parent directory)", nullptr},
+    {"XCUP", command_cdup,      kLogin, kBoth,     kStandard, kBoth,     kStandard,     false, "(change to parent directory)", nullptr},
     {"STOU", nullptr,           kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> file-name", nullptr},
     {"SIZE", command_size,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", "SIZE"},
     {"MDTM", command_mdtm,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> path-name", "MDTM"},
@@ -80,6 +81,7 @@ const ftp_command kCommands[] = {
     {"EPRT", command_eprt,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "<sp> <d><net-prt><d><net-addr><d><tcp-port><d>", "EPRT"},
     {"EPSV", command_epsv,      kLogin, kBoth,     kBoth,     kBoth,     kBoth,     false, "[ <sp> <net-prt> or ALL ]", "EPSV"},
     {"MLSD", command_mlsd,      kLogin, kStandard, kStandard, kStandard, kStandard, false, "[ <sp> path-name ]", nullptr},
+    {"MFMT", command_mfmt,      kLogin, kStandard, kStandard, kStandard, kStandard, false, "<sp> YYYYMMDDHHMMSS <sp> path-name", "MFMT"},
     {"MLST", command_mlst,      kLogin, kStandard, kStandard, kStandard, kStandard, false, "[ <sp> path-name ]", "MLST type*;size*;modify*;perm*;unique*;"},
 };
 const size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
@@ -87,14 +89,21 @@ const size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
 const ftp_command kSiteCommands[] = {
     {"UMASK", nullptr,          kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "[ <sp> umask ]", nullptr},
     {"IDLE",  nullptr,          kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "[ <sp> maximum-idle-time ]", nullptr},
-    {"CHMOD", nullptr,          kLogin, kBoth,     kNone,     kBoth,     kNone,     false, "<sp> mode <sp> file-name", nullptr},
-    {"HELP",  nullptr,          kFree,  kBoth,     kNone,     kBoth,     kBoth,     false, "[ <sp> <string> ]", nullptr},
+    {"CHMOD", site_chmod,       kLogin, kBoth,     kStandard, kBoth,     kStandard, false, "<sp> mode <sp> file-name", nullptr},
+    {"HELP",  site_help,        kFree,  kBoth,     kStandard, kBoth,     kBoth,     false, "[ <sp> <string> ]", nullptr},
+    {"UTIME", site_utime,       kLogin, kStandard, kStandard, kStandard, kStandard, false, "<sp> YYYYMMDDHHMMSS <sp> file-name", nullptr},
 };
 const size_t kSiteCommandCount = sizeof kSiteCommands / sizeof kSiteCommands[0];
 // clang-format on
 
 bool ftp_command_served(const ftp_command &c, const ftp_policy &p) {
     return c.handler != nullptr && in_profile(c.served, p) && (!c.tls || p.tls);
+}
+
+const ftp_command *ftp_find_site_command(const char *word, size_t len, const ftp_policy &p) {
+    for (const ftp_command &c : kSiteCommands)
+        if (strlen(c.word) == len && strncasecmp(word, c.word, len) == 0 && ftp_command_served(c, p)) return &c;
+    return nullptr;
 }
 
 namespace {
@@ -124,12 +133,15 @@ const ftp_command *recognise_letters(const char *line, char *arg) {
     return nullptr;
 }
 
-// The word up to the first blank, in any case; the argument after it.
+// The word up to the first blank, in any case; the argument is the rest of the line after the
+// blanks that follow the word, never cut at a CR (a line's own end is gone already).
 const ftp_command *recognise_word(const char *line, char *arg) {
     size_t n = strcspn(line, " ");
     for (const ftp_command &c : kCommands) {
         if ((c.known & kStandard) == 0 || strlen(c.word) != n || strncasecmp(line, c.word, n) != 0) continue;
-        set_data(line + n, arg);
+        const char *p = line + n;
+        while (*p == ' ') p++;
+        (void)ftpd_strlcpy(arg, p, FTP_BUF_SIZE);
         return &c;
     }
     return nullptr;

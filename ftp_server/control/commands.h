@@ -39,7 +39,7 @@ struct ftp_command {
 
 extern const ftp_command kCommands[];
 extern const size_t kCommandCount;
-// The SITE commands HELP SITE shows (none is carried out by SITE itself).
+// The SITE commands: HELP SITE lists them, SITE carries out those the profile serves.
 extern const ftp_command kSiteCommands[];
 extern const size_t kSiteCommandCount;
 
@@ -54,6 +54,9 @@ bool ftp_command_served(const ftp_command &c, const ftp_policy &p);
 // each word, so that LISTX is LIST with the argument X; the standard profile's takes the word up
 // to the first blank, without regard to case.
 const ftp_command *ftpd_parse_cmd(const char *line, char *arg, const ftp_policy &p);
+
+// The row of a SITE command's word (any case), or nullptr.
+const ftp_command *ftp_find_site_command(const char *word, size_t len, const ftp_policy &p);
 
 // The FEAT reply of the policy's profile: every served command's line, in order of the lines.
 // False when it does not fit out (cap bytes).

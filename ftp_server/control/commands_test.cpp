@@ -32,7 +32,9 @@ TEST(CommandTable, EveryKnownWordIsRecognisedWithAndWithoutArgument) {
         const ftp_command &c = kCommands[i];
         for (const ftp_policy *p : {&kDevice, &kStandard}) {
             if (!in_profile(c.known, *p)) continue;
-            EXPECT_EQ(parse(std::string(c.word) + " some arg\r\n", &arg, *p), c.word);
+            // The device gets the line with its end; the standard profile's reader has taken it off.
+            std::string end = p == &kDevice ? "\r\n" : "";
+            EXPECT_EQ(parse(std::string(c.word) + " some arg" + end, &arg, *p), c.word);
             EXPECT_EQ(arg, "some arg") << c.word;
             EXPECT_EQ(parse(c.word, &arg, *p), c.word);
             EXPECT_EQ(arg, "") << c.word;
@@ -79,6 +81,8 @@ TEST(CommandTable, RecognitionOfEachProfile) {
         {&kStandard, "NOOPX", "", ""},
         {&kStandard, "STORE.txt", "", ""},
         {&kStandard, "TYPEI", "", ""},
+        {&kStandard, "STOR cr\rx.txt", "STOR", "cr\rx.txt"},
+        {&kStandard, "xmkd  new dir ", "XMKD", "new dir "},
     };
     std::string arg;
     for (const auto &r : rows) {
@@ -95,7 +99,7 @@ TEST(CommandTable, FeatListsWhatIsServedAndTlsOnlyWithTls) {
     char text[FTP_BUF_SIZE];
     ASSERT_TRUE(ftp_feat_reply(kStandard, text, sizeof text));
     EXPECT_STREQ(text,
-                 "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+                 "211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MFMT\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
                  " REST STREAM\r\n SIZE\r\n TVFS\r\n UTF8\r\n211 End\r\n");
     ASSERT_TRUE(ftp_feat_reply(kStandardTls, text, sizeof text));
     EXPECT_NE(strstr(text, " AUTH TLS\r\n EPRT\r\n"), nullptr);

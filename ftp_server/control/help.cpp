@@ -181,6 +181,23 @@ bool command_help(ftp_session &s) {
     return true;
 }
 
+bool site_help(ftp_session &s) {
+    ftpd_help(s, help_table{kSiteCommands, kSiteCommandCount, "SITE "}, s.arg[0] == '\0' ? nullptr : s.arg);
+    return true;
+}
+
+bool command_site(ftp_session &s) {
+    char *arg = s.arg;
+    size_t len = strcspn(arg, " ");
+    const ftp_command *c = ftp_find_site_command(arg, len, s.policy);
+    if (c == nullptr) return reply(s, "500 Unknown SITE command.\r\n") == 0;
+    // The SITE command's own argument follows its word.
+    char *rest = arg + len;
+    while (*rest == ' ') rest++;
+    memmove(arg, rest, strlen(rest) + 1);
+    return c->handler(s);
+}
+
 bool command_syst(ftp_session &s) {
     char *name = zqsys_get_os_name();
     if (name == nullptr) return false;

@@ -9,3 +9,6 @@ bool command_stat(ftp_session &s);
 bool command_noop(ftp_session &s);
 bool command_feat(ftp_session &s);
 bool command_opts(ftp_session &s);
+// SITE: carries out the SITE command its argument names; SITE HELP.
+bool command_site(ftp_session &s);
+bool site_help(ftp_session &s);

@@ -40,6 +40,29 @@ int receive_one(ftp_session &s) {
     return 0;
 }
 
+// RFC 854's escapes of a control line into out: IAC IAC is one 0xFF, other IAC commands (with
+// their option byte for WILL, WONT, DO and DONT) are dropped, CR NUL is a CR. The length.
+size_t telnet_decode(const char *in, size_t len, char *out) {
+    constexpr unsigned char kIac = 0xff, kWill = 251, kDont = 254;
+    size_t o = 0;
+    for (size_t i = 0; i < len; i++) {
+        auto c = static_cast<unsigned char>(in[i]);
+        if (c == kIac && i + 1 < len) {
+            auto cmd = static_cast<unsigned char>(in[i + 1]);
+            if (cmd == kIac) {
+                out[o++] = static_cast<char>(kIac);
+                i++;
+            } else {
+                i += cmd >= kWill && cmd <= kDont ? 2 : 1;
+            }
+            continue;
+        }
+        out[o++] = static_cast<char>(c);
+        if (c == '\r' && i + 1 < len && in[i + 1] == '\0') i++;
+    }
+    return o;
+}
+
 // Standard profile: takes the next whole line out of the session's input, CR LF or LF ended,
 // into s.line. 0 a line, 1 a line too long (answered once and dropped up to its LF), -1 none yet.
 int take_line(ftp_session &s) {
@@ -63,7 +86,8 @@ int take_line(ftp_session &s) {
         bool skip = in.discarding || len == 0;
         in.discarding = false;
         if (!skip) {
-            memcpy(s.line, in.buf, len);
+            len = s.policy.telnet_lines ? telnet_decode(in.buf, len, s.line) : len;
+            if (!s.policy.telnet_lines) memcpy(s.line, in.buf, len);
             s.line[len] = '\0';
         }
         memmove(in.buf, in.buf + n, in.len - n);
@@ -180,8 +204,10 @@ bool wait_command(ftp_session &s, bool *have) {
 bool ftp_dispatch(ftp_session &s) {
     const ftp_command *c = s.cmd;
     if (c == &kBadLine) return reply(s, FTP_REPLY_500) >= 0;
-    // Unrecognised words and every recognised command that is not served.
-    if (c == nullptr || !ftp_command_served(*c, s.policy)) return reply(s, FTP_REPLY_502) >= 0;
+    // An unknown word is a syntax error where the profile follows RFC 959's replies; commands it
+    // knows but does not serve are not implemented.
+    if (c == nullptr) return reply(s, s.policy.rfc_replies ? FTP_REPLY_500 : FTP_REPLY_502) >= 0;
+    if (!ftp_command_served(*c, s.policy)) return reply(s, FTP_REPLY_502) >= 0;
     if (c->needs != ftp_needs::nothing && !is_logged_in(s)) {
         bool quirk = c->needs == ftp_needs::login_pwd_quirk && s.policy.profile == ftp_profile::device;
         return reply(s, quirk ? FTP_REPLY_550 : FTP_REPLY_530) >= 0;

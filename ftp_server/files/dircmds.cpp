@@ -22,6 +22,18 @@ bool can_enter(const char *real_path) {
     return strlen(real_path) <= FTP_CURRENTDIR_LEN - 1;
 }
 
+// RFC 959's 257 reply: the path first, in quotes, each quote inside it doubled.
+int reply_quoted_path(ftp_session &s, const char *path, const char *what) {
+    char quoted[2 * FTP_PATH_HALF];
+    size_t n = 0;
+    for (const char *p = path; *p != '\0' && n + 2 < sizeof quoted; p++) {
+        if (*p == '"') quoted[n++] = '"';
+        quoted[n++] = *p;
+    }
+    quoted[n] = '\0';
+    return reply_code(s, "257", "\"%s\" %s", quoted, what);
+}
+
 int makedir(ftp_session &s, const char *name) {
     ftpd_block work(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!work) return reply(s, FTP_REPLY_550);
@@ -32,6 +44,11 @@ int makedir(ftp_session &s, const char *name) {
         mkdir(inpath, s.policy.mkdir_mode) != 0) {
         (void)ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
         return reply(s, outpath);
+    }
+    if (s.policy.rfc_replies) {
+        // The client's view of the new directory, first in the reply, its quotes doubled.
+        (void)ftpd_absolute_to_relative_path(session_root(s), inpath, outpath, FTP_PATH_HALF);
+        return reply_quoted_path(s, outpath, "created");
     }
     // The argument is echoed as sent; resolved paths always take the first branch, the others
     // stay as the fallback chain.
@@ -106,7 +123,10 @@ bool pwd_fun(ftp_session &s) {
     ftpd_block view(FTPD_M_OUTPATH, FTP_BUF_SIZE);
     if (!view) return reply(s, FTP_REPLY_550) >= 0;
     (void)ftpd_client_view(s, view.get(), FTP_BUF_SIZE);
-    reply_code(s, nullptr, "257 Current working directory is \"%s\".\r\n", view.get());
+    if (s.policy.rfc_replies)
+        reply_quoted_path(s, view.get(), "is the current directory");
+    else
+        reply_code(s, nullptr, "257 Current working directory is \"%s\".\r\n", view.get());
     return true;
 }
 

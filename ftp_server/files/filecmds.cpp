@@ -93,7 +93,9 @@ int sizecmd(ftp_session &s, const char *filename) {
         case ftpd_resolve_result::ok:
             break;
     }
-    // The size as stored, whatever the transfer type.
+    // The size as stored, whatever the transfer type; where the profile follows RFC 3659, ASCII
+    // type has no size that RETR would not contradict.
+    if (s.policy.rfc_replies && s.type == ftp_type::ascii) return reply(s, "550 SIZE not allowed in ASCII mode.\r\n");
     struct stat st;
     if (stat(work.inpath(), &st) == 0 && S_ISREG(st.st_mode))
         return ftpd_reply_size(s.ctl, "213", "%lu", static_cast<unsigned long>(st.st_size), nullptr);

@@ -67,6 +67,18 @@ struct sockaddr_storage v4_target(struct in_addr addr, int port) {
     return t;
 }
 
+// RFC 959's h1,h2,h3,h4,p1,p2: six decimal numbers of 0 to 255.
+bool six_bytes(const char *arg) {
+    unsigned v[6];
+    int used = 0;
+    if (sscanf(arg, "%3u,%3u,%3u,%3u,%3u,%3u%n", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &used) != 6 ||
+        arg[used] != '\0' || strspn(arg, "0123456789,") != strlen(arg))
+        return false;
+    for (unsigned x : v)
+        if (x > 255) return false;
+    return true;
+}
+
 // What PORT or EPRT parsed, taken over only once the command is accepted.
 void take_target(ftp_session &s, const struct sockaddr_storage &t, int port) {
     s.data.set_target(t);
@@ -92,7 +104,8 @@ int eprt_v4(ftp_session &s, const char *p, char delim) {
     struct in_addr addr;
     addr.s_addr = htonl(a[0] << 24 | a[1] << 16 | a[2] << 8 | a[3]);
     struct sockaddr_storage t = v4_target(addr, port);
-    if (s.policy.data_peer_only && !is_control_peer(s, t)) return reply_code(s, "500", "Illegal EPRT Command.");
+    if (s.policy.data_peer_only && (!is_control_peer(s, t) || port <= kReservedPort))
+        return reply_code(s, "500", "Illegal EPRT Command.");
     take_target(s, t, port);
     return reply(s, "200 EPRT Command okay.\r\n");
 }
@@ -120,7 +133,7 @@ int eprt_v6(ftp_session &s, char *p, char delim) {
     if (s.policy.data_peer_only) {
         // A client that names the unspecified address (lftp in active mode) means its own.
         if (IN6_IS_ADDR_UNSPECIFIED(&a->sin6_addr) && s.family == AF_INET6) a->sin6_addr = s.addr.his_addrv6.sin6_addr;
-        if (!is_control_peer(s, t)) return reply_code(s, "500", "Illegal EPRT Command.");
+        if (!is_control_peer(s, t) || port <= kReservedPort) return reply_code(s, "500", "Illegal EPRT Command.");
     }
     take_target(s, t, port);
     return reply(s, "200 EPRT Command okay.\r\n");
@@ -181,6 +194,7 @@ bool command_port(ftp_session &s) {
     char copy[FTP_BUF_SIZE];
     char text[FTP_CLIENT_ADDR_LEN];
     (void)ftpd_strlcpy(copy, s.arg, sizeof copy);
+    if (s.policy.rfc_replies && !six_bytes(s.arg)) return reply_code(s, "501", "Illegal PORT Command.") == 0;
     int port = parse_port_data(copy, text);
     if (port < kPassiveMark) return reply_code(s, "500", "Illegal PORT Command.") == 0;
     struct in_addr addr {};
@@ -224,6 +238,9 @@ bool command_epsv(ftp_session &s) {
         return reply_code(s, "220", kActiveDisabled) == 0;
     }
     int want = strcmp(arg, "1") == 0 ? AF_INET : strcmp(arg, "2") == 0 ? AF_INET6 : arg[0] == '\0' ? s.family : 0;
+    // RFC 2428: a protocol number not served is 522, other text 501.
+    if (want == 0 && s.policy.rfc_replies && strspn(arg, "0123456789") == strlen(arg))
+        return reply_code(s, "522", "Network protocol not supported, use (%s).", s.family == AF_INET6 ? "2" : "1") == 0;
     if (want == 0) return reply(s, "501 Syntax error in parameters or arguments.\r\n") == 0;
     // A listener of another family than the control connection's could only be reached by
     // another address than the client's.

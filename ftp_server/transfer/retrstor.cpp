@@ -267,33 +267,3 @@ bool command_appe(ftp_session &s) {
     return after_transfer(s, store(s, true));
 }
 
-bool type_fun(ftp_session &s) {
-    ftp_type type;
-    const char *text;
-    if (strcmp(s.arg, "A") == 0) {
-        type = ftp_type::ascii;
-        text = "Type set to A.";
-    } else if (strcmp(s.arg, "I") == 0) {
-        type = ftp_type::binary;
-        text = "Type set to I.";
-    } else {
-        reply_code(s, "504", "Type not implemented.");
-        return true;
-    }
-    // The type changes only once the client has been told.
-    if (reply_code(s, "200", text) == 0) s.type = type;
-    return true;
-}
-
-// REST STREAM: the offset of the next RETR or STOR.
-bool command_rest(ftp_session &s) {
-    const char *p = s.arg;
-    char *end = nullptr;
-    errno = 0;
-    long long v = *p >= '0' && *p <= '9' ? strtoll(p, &end, 10) : -1;
-    if (v < 0 || errno != 0 || end == nullptr || *end != '\0') return reply(s, FTP_REPLY_501) >= 0;
-    s.rest_offset = static_cast<off_t>(v);
-    char text[96];
-    (void)ftpd_snprintf(text, sizeof text, "350 Restarting at %lld. Send STORE or RETRIEVE to initiate transfer.\r\n", v);
-    return reply(s, text) >= 0;
-}
