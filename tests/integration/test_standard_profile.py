@@ -1,9 +1,11 @@
 """The standard profile against raw sockets, with the device profile's answers to the same bytes
-beside it: command lines however the bytes arrive, CR LF on every reply line, long names echoed
-shortened, no PORT bounce, out-of-sequence PASS counted as nothing; LIST and NLST options, MLSD and
-MLST facts, unlistable paths refused before any data connection without the real path; REST and
-APPE, and uploads that replace their target only once complete (the device writes in place).
-curl's resumed transfers and ranges: test_real_clients.py."""
+beside it: one table of commands and their exact replies per profile (the device's HELP, SYST and
+STAT texts, AUTH refused although a certificate is configured); command lines however the bytes
+arrive, CR LF on every reply line, long names echoed shortened, no PORT bounce, out-of-sequence
+PASS counted as nothing; LIST and NLST options, MLSD and MLST facts, unlistable paths refused
+before any data connection without the real path; REST and APPE, and uploads that replace their
+target only once complete (the device writes in place). curl's resumed transfers and ranges:
+test_real_clients.py."""
 
 import ftplib
 import os
@@ -16,6 +18,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import (DaemonTestCase, RawClient, ftp_session, logged_in, memory_idle, read_file,  # noqa: E402
                           has_ipv6, reset, start_upload, transfer, wait_until)
 
+GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
 BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
 NOOP_OK = b"200 NOOP ok.\r\n"
 NOT_IMPLEMENTED = b"502 Command not implemented.\r\n"
@@ -36,6 +39,54 @@ TREE = {"a.txt": b"alpha\n", "b.bin": b"\x00\x01", ".hidden": b"h\n", "ro.txt": 
         "sub/x.txt": b"x\n", "sub/.dot": b"d\n", "my dir/in.txt": b"i\n",
         "crlf/n0": b"", "crlf/n1": b"", "crlf/n2": b""}
 TOP = {"a.txt", "b.bin", "ro.txt", "sub", "my dir", "locked", "crlf", "up"}
+
+# Commands and their replies, in order on one session after login: the exact reply, a test of it,
+# or None (any reply, still in CR LF).
+SHORTENED = lambda r: r.startswith(b"550") and b"..." in r and len(r) <= 511  # noqa: E731
+STANDARD_REPLIES = [
+    ("SYST", b"215 UNIX Type: L8.\r\n"),
+    ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
+             b" REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n"),
+    ("OPTS UTF8 ON", b"200 Always in UTF8 mode.\r\n"),
+    # Accepted (ftplib's mlsd(facts=...) needs a 200), every fact is sent all the same.
+    ("OPTS MLST type;size;", b"200 MLST OPTS type;size;modify;perm;unique;\r\n"),
+    ("ABOR", b"225 No transfer to abort.\r\n"),
+    ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
+    ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
+    # Active data connections go to the client itself only.
+    ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"),
+    ("EPRT |1|10.1.2.3|51201|", b"500 Illegal EPRT Command.\r\n"),
+    ("PORT 127,0,0,1,200,1", b"200 PORT Command okay.\r\n"),
+    ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
+] + [("%s %s" % (verb, "n" * 490), SHORTENED) for verb in ("CWD", "SIZE", "DELE", "RMD")] \
+  + [(cmd, None) for cmd in ("MDTM a.txt", "MLST a.txt", "HELP", "STAT", "HELP SITE")]
+
+# The device from its greeting on: its texts to the byte, bare LF where it sends them.
+HELP_HEAD = (b"214- The following commands are recognized (* =>is unimplemented).\r\n"
+             b"214-    USER    PORT    STOR    MSAM*   RNTO    NLST    MKD     CDUP    OPTS*\n")
+DEVICE_REPLIES = [
+    ("HELP", lambda r: r.startswith(HELP_HEAD) and r.split(b"\n")[7].startswith(b"214 ")),
+    ("HELP retr", b"214 Syntax: RETR <sp> file-name\r\n"),
+    ("HELP abor", b"214 ABOR    \t(abort operation); unimplemented.\r\n"),
+    ("HELP xyz", b"502 Unknown command XYZ.\r\n"),
+    ("HELP SITE CHMOD", b"214 SITE CHMOD   \t<sp> mode <sp> file-name; unimplemented.\r\n"),
+    ("HELP SITE", lambda r: r.startswith(b"214- The following SITE commands are recognized")),
+    ("SYST", b"215 UNIX Type: L8.\r\n"),
+    ("STAT", b"530 Not logged in.\r\n"),
+    ("PWD", b"550 Requested action not taken.\r\n"),
+    ("CDUP", b"530 Not logged in.\r\n"),
+    ("AUTH TLS", NOT_IMPLEMENTED),
+    ("USER alice", b"331 User name okay, need password.\r\n"),
+    ("PASS secret1", b"230 User logged in, proceed.\r\n"),
+    ("STAT", b"211- TESTSW FTP server status:\r\n     Logged in as alice.\r\n     TYPE: ASCII.\r\n"
+             b"     No data connection.\r\n211 End of status.\r\n"),
+] + [(cmd, NOT_IMPLEMENTED) for cmd in ("NOOP", "FEAT", "MLSD", "MLST a.txt", "REST 100", "noop")] + [
+    ("MDTM a.txt", lambda r: r.startswith(b"213 ") and not r.endswith(b"\r\n")),
+    ("PORT 10,1,2,3,200,1", b"200 PORT Command okay.\r\n"),
+    # One receive is one command: a line that fills the 512-byte buffer is a bad line.
+    ("X" * 510, BAD_LINE),
+    ("QUIT", b"221 Service closing control connection(Goodbye).\r\n"),
+]
 
 
 def listed(c, verb):
@@ -87,6 +138,17 @@ class ProfileCase(DaemonTestCase):
     def hidden(self):
         return [n for n in os.listdir(self.path("")) if n.startswith(".")]
 
+    def check_replies(self, c, table, crlf):
+        for cmd, expected in table:
+            with self.subTest(cmd=cmd[:24]):
+                r = c.cmd(cmd)
+                if crlf:
+                    self.assertEqual(r.count(b"\n"), r.count(b"\r\n"), r)
+                if callable(expected):
+                    self.assertTrue(expected(r), r)
+                elif expected:
+                    self.assertEqual(r, expected)
+
 
 class StandardProfileTest(ProfileCase):
     daemon_kwargs = {"extra_platform": {"ftp.profile": "standard", "ftp.login_fail_delay": "0"}}
@@ -113,32 +175,8 @@ class StandardProfileTest(ProfileCase):
         c.close()
 
     def test_replies_to_stock_clients(self):
-        """Exact replies; long names echoed shortened; active data connections only to the client
-        itself; every line of every reply in CR LF."""
-        shortened = lambda r: r.startswith(b"550") and b"..." in r and len(r) <= 511  # noqa: E731
-        cases = [
-            ("SYST", b"215 UNIX Type: L8.\r\n"),
-            ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
-                     b" REST STREAM\r\n SIZE\r\n UTF8\r\n TVFS\r\n211 End\r\n"),
-            ("OPTS UTF8 ON", b"200 Always in UTF8 mode.\r\n"),
-            ("ABOR", b"225 No transfer to abort.\r\n"),
-            ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
-            ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
-            ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"),
-            ("EPRT |1|10.1.2.3|51201|", b"500 Illegal EPRT Command.\r\n"),
-            ("PORT 127,0,0,1,200,1", b"200 PORT Command okay.\r\n"),
-            ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
-        ] + [("%s %s" % (verb, "n" * 490), shortened) for verb in ("CWD", "SIZE", "DELE", "RMD")] \
-          + [(cmd, None) for cmd in ("MDTM a.txt", "MLST a.txt", "HELP", "STAT", "HELP SITE")]
         c = logged_in(self.d.port)
-        for cmd, expected in cases:
-            with self.subTest(cmd=cmd[:24]):
-                r = c.cmd(cmd)
-                self.assertEqual(r.count(b"\n"), r.count(b"\r\n"), r)
-                if callable(expected):
-                    self.assertTrue(expected(r), r)
-                elif expected:
-                    self.assertEqual(r, expected)
+        self.check_replies(c, STANDARD_REPLIES, crlf=True)
         c.close()
         if has_ipv6():
             # The unspecified address (lftp's active mode) stands for the client's own.
@@ -352,16 +390,17 @@ class StandardProfileTest(ProfileCase):
 class DeviceProfileTest(ProfileCase):
     """The same bytes in the device profile: its replies, listings whose options erase the argument,
     NLST naming regular files only, a missing path answered after the 150 with the real path, no
-    MLSD or MLST, and uploads written in place."""
+    MLSD or MLST, no TLS although the platform file names a certificate, and uploads written in
+    place."""
+
+    daemon_kwargs = {"tls": True}
 
     def test_same_bytes_get_the_device_answers(self):
+        c = RawClient(self.d.port)
+        self.assertEqual(c.reply(), GREETING)
+        self.check_replies(c, DEVICE_REPLIES, crlf=False)
+        self.assertNotIn("TLS", self.d.memory_in_use())
         c = logged_in(self.d.port)
-        for cmd in ("NOOP", "FEAT", "MLSD", "MLST a.txt", "REST 100", "noop"):
-            with self.subTest(cmd=cmd):
-                self.assertEqual(c.cmd(cmd), NOT_IMPLEMENTED)
-        self.assertEqual(c.cmd("SYST"), b"215 UNIX Type: L8.\r\n")
-        self.assertFalse(c.cmd("MDTM a.txt").endswith(b"\r\n"))
-        self.assertEqual(c.cmd("PORT 10,1,2,3,200,1"), b"200 PORT Command okay.\r\n")
         for verb, names in (("LIST -a", TOP), ("LIST -la sub", TOP), ("LIST *.txt", TOP),
                             ("NLST", {"a.txt", "b.bin", "ro.txt"}), ("NLST sub", {"x.txt"})):
             with self.subTest(verb=verb):
