@@ -4,40 +4,18 @@ while a twenty-first connection is refused without a reply; every transfer arriv
 and the server serves again and gives back its memory once they end. (The device's HELP, SYST and
 STAT texts: test_standard_profile.py.)"""
 
-import hashlib
-import io
 import os
 import sys
 import threading
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, ftp_session, logged_in, read_file,  # noqa: E402
-                          wait_until)
+from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, logged_in, pasv_connect, read_file,  # noqa: E402
+                          start_upload, wait_until)
 
 SESSIONS = 20
 SIZE = (1 << 20) if SANITIZED else (4 << 20)
 BLOCK = 64 * 1024
-
-
-class GatedReader(io.RawIOBase):
-    """An upload source that stops after its first block until every transfer has begun."""
-
-    def __init__(self, data, gate):
-        self.data = data
-        self.pos = 0
-        self.gate = gate
-
-    def readable(self):
-        return True
-
-    def readinto(self, b):
-        if self.pos == BLOCK:
-            self.gate.wait()
-        chunk = self.data[self.pos:self.pos + min(len(b), BLOCK)]
-        b[:len(chunk)] = chunk
-        self.pos += len(chunk)
-        return len(chunk)
 
 
 class SessionTest(DaemonTestCase):
@@ -125,73 +103,52 @@ class SessionTest(DaemonTestCase):
         self.d.put("down.bin", payload)
         baseline = self.d.memory_in_use()
 
-        sessions = [ftp_session(self.d.port, user="alice" if i % 2 == 0 else "bob",
-                                password="secret1" if i % 2 == 0 else "secret2") for i in range(SESSIONS)]
-
-        gate = threading.Barrier(SESSIONS + 1, timeout=120)
-        results = [None] * SESSIONS
-        errors = []
-
-        def download(i, ftp):
-            h = hashlib.sha256()
-            first = [True]
-
-            def block(b):
-                if first[0]:
-                    first[0] = False
-                    gate.wait()
-                h.update(b)
-            ftp.retrbinary("RETR down.bin", block, blocksize=BLOCK)
-            results[i] = h.digest()
-
-        def upload(i, ftp):
-            source = text if i % 4 == 1 else payload
-            name = "up%02d.bin" % i
-            if i % 4 == 1:
-                ftp.storlines("STOR " + name, io.BufferedReader(GatedReader(source, gate)))
+        # Downloads, ASCII uploads and binary uploads by two users; each holds after its first block
+        # until all twenty are inside their transfers.
+        sessions, got = [], {}
+        for i in range(SESSIONS):
+            c = RawClient(self.d.port, timeout=120)
+            c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
+            if i % 2 == 0:
+                c.cmd("TYPE I")
+                data = pasv_connect(c)
+                c.send("RETR down.bin\r\n")
+                self.assertTrue(c.reply().startswith(b"150 "))
+                got[i] = data.recv(BLOCK)
             else:
-                ftp.storbinary("STOR " + name, GatedReader(source, gate), blocksize=BLOCK)
-            results[i] = name
-
-        def run(i, ftp):
-            try:
-                (download if i % 2 == 0 else upload)(i, ftp)
-            except Exception as e:  # reported by the main thread
-                errors.append((i, repr(e)))
-                gate.abort()
-
-        threads = [threading.Thread(target=run, args=(i, ftp)) for i, ftp in enumerate(sessions)]
-        for t in threads:
-            t.start()
-        # Every session is now inside its transfer.
-        try:
-            gate.wait()
-        except threading.BrokenBarrierError:
-            for t in threads:
-                t.join(timeout=60)
-            self.fail("a transfer failed to start: %s" % errors)
+                data = start_upload(c, "up%02d.bin" % i, (text if i % 4 == 1 else payload)[:BLOCK],
+                                    "TYPE A" if i % 4 == 1 else "TYPE I")
+            sessions.append((c, data))
         extra = RawClient(self.d.port, timeout=30)
         self.assertTrue(extra.closed(timeout=30), "the 21st connection was served")
         extra.close()
+
+        def finish(i, data):
+            if i % 2 == 0:
+                while chunk := data.recv(BLOCK):
+                    got[i] += chunk
+            else:
+                data.sendall((text if i % 4 == 1 else payload)[BLOCK:])
+            data.close()
+
+        threads = [threading.Thread(target=finish, args=(i, data)) for i, (_, data) in enumerate(sessions)]
+        for t in threads:
+            t.start()
         for t in threads:
             t.join(timeout=300)
-        self.assertEqual(errors, [])
-
-        digest = hashlib.sha256(payload).digest()
-        for i in range(SESSIONS):
+        for i, (c, _) in enumerate(sessions):
+            self.assertTrue(c.reply().startswith(b"226 "), i)
+            c.close()
             if i % 2 == 0:
-                self.assertEqual(results[i], digest, "download %d" % i)
-                continue
-            got = read_file(os.path.join(self.d.flash, results[i]))
-            if i % 4 == 1:
+                self.assertTrue(got[i] == payload, "download %d" % i)
+            elif i % 4 == 1:
+                up = read_file(os.path.join(self.d.flash, "up%02d.bin" % i))
                 # Each received block is converted by itself, so a CR LF split between two blocks
                 # (where TCP happened to cut the stream) stays a pair; the others became LF.
-                self.assertLess(got.count(b"\r\n"), text.count(b"\n") // 2, "upload %d" % i)
-                self.assertTrue(got.replace(b"\r\n", b"\n") == text.replace(b"\r\n", b"\n"), "upload %d" % i)
+                self.assertLess(up.count(b"\r\n"), text.count(b"\n") // 2, "upload %d" % i)
+                self.assertTrue(up.replace(b"\r\n", b"\n") == text.replace(b"\r\n", b"\n"), "upload %d" % i)
             else:
-                self.assertTrue(got == payload, "upload %d" % i)
-        for ftp in sessions:
-            ftp.quit()
+                self.assertTrue(read_file(os.path.join(self.d.flash, "up%02d.bin" % i)) == payload, "upload %d" % i)
 
         # With the sessions gone a new one is served and the memory rows are back where they were.
         self.assertTrue(wait_until(lambda: self.d.memory_in_use() == baseline, timeout=30),
