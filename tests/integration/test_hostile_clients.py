@@ -1,7 +1,9 @@
 """Clients that misbehave, on purpose or by bad luck, against one daemon: none of them may pin a
-session, leak a descriptor, take another client's data, or leave the daemon's own counts wrong;
-well-behaved clients around them are served as before. (A half-closed control connection and a
-third party on the passive port are soak kinds: test_soak.py.)"""
+session, leak a descriptor, take another client's data, or touch a file that a name too long for
+its real path would name cut short; well-behaved clients around them are served as before. (A
+half-closed control connection and a third party on the passive port are soak kinds:
+test_soak.py; sessions that give back another's count or slot: test_local_database.py,
+test_sessions.py.)"""
 
 import os
 import socket
@@ -15,7 +17,6 @@ from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, logged_i
                           pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
-LOGGED_IN = b"230 User logged in, proceed.\r\n"
 # Deep enough that a name fitting one command line can be too long for its real path.
 TOP = "t" * 60
 
@@ -129,36 +130,6 @@ class HostileClientsTest(DaemonTestCase):
                 self.assertEqual(os.listdir(real), [])
         self.assertTrue(os.path.exists(os.path.join(self.d.flash, TOP, "f.bin")))
         c.close()
-
-
-class AccountStateTest(DaemonTestCase):
-    """Each session gives back the count or slot it took, and no other."""
-
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server max-user-connect 1"],
-                     "user_database": "[user loc]\npassword = l0cpass1\nonline_amount = 1\n",
-                     "extra_platform": {"aaa.list.default": "local"}}
-
-    def test_online_count_goes_back_to_the_account_that_took_it(self):
-        c = RawClient(self.d.port)
-        c.login("loc", "l0cpass1")
-        c.cmd("USER other")
-        c.cmd("QUIT")
-        c.close()
-        # The first session's end runs after its QUIT was answered.
-        self.assertTrue(wait_until(lambda: self.d.attempt("loc", "l0cpass1")[1] == [LOGGED_IN], 10, 0.2))
-
-    def test_a_session_gives_back_only_the_slot_it_took(self):
-        a = logged_in(self.d.port)
-        self.assertEqual(self.d.cli("no ftp-server username alice")[0], 0)
-        self.assertEqual(self.d.cli("ftp-server username alice password secret1")[0], 0)
-        b = logged_in(self.d.port)
-        a.cmd("QUIT")
-        a.close()
-        time.sleep(0.5)
-        # b still holds the only slot: a third session cannot log in as alice.
-        self.assertTrue(self.d.attempt("alice", "secret1")[1][-1].startswith(b"530"))
-        b.cmd("QUIT")
-        b.close()
 
 
 if __name__ == "__main__":

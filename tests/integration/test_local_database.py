@@ -72,7 +72,9 @@ class LocalDatabaseBase:
         self.assertTrue(lines, "no LIMIT line in the log")
         self.assertRegex(lines[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %LOGIN-5-LIMIT: "
                          + re.escape("The number of online users 2 has reached the upper limit 2.") + "$")
-        # Given back as a session ends, on either path to the database.
+        # Given back as a session ends, on either path to the database, to the account that took it
+        # whatever USER said last.
+        first.cmd("USER other")
         first.cmd("QUIT")
         self.assertTrue(wait_until(lambda: self.d.attempt("limited", "lim1ted")[1] == [OK], 10, 0.2))
         for user, password, expected in (

@@ -7,6 +7,7 @@ STAT texts: test_standard_profile.py.)"""
 import os
 import sys
 import threading
+import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -49,6 +50,24 @@ class SessionTest(DaemonTestCase):
             self.assertEqual(out.count("                               client IP:127.0.0.1["), 2)
             self.check_tech_support(a.sock.getsockname()[1])
             for x in (a, b, c):
+                x.close()
+        finally:
+            self.d.cli("ftp-server max-user-connect 10")
+
+    def test_a_session_gives_back_only_the_slot_it_took(self):
+        self.assertEqual(self.d.cli("ftp-server max-user-connect 1")[0], 0)
+        try:
+            a = logged_in(self.d.port)
+            self.assertEqual(self.d.cli("no ftp-server username alice")[0], 0)
+            self.assertEqual(self.d.cli("ftp-server username alice password secret1")[0], 0)
+            b = logged_in(self.d.port)
+            a.cmd("QUIT")
+            a.close()
+            time.sleep(0.5)
+            # b still holds the only slot: a third session cannot log in as alice.
+            c = RawClient(self.d.port)
+            self.assertTrue(c.pass_replies("alice", "secret1")[-1].startswith(b"530"))
+            for x in (b, c):
                 x.close()
         finally:
             self.d.cli("ftp-server max-user-connect 10")
