@@ -394,6 +394,13 @@ class RawClient:
         return replies[:-1]
 
 
+def greeted(port, **kw):
+    """A control connection (RawClient arguments) whose greeting has been read."""
+    c = RawClient(port, **kw)
+    c.reply()
+    return c
+
+
 def logged_in(port, host="127.0.0.1"):
     c = RawClient(port, host)
     c.login()
@@ -544,8 +551,7 @@ class ResumingFTP(ftplib.FTP_TLS):
 def tls_handshake(port):
     """AUTH TLS and a whole handshake, then the connection is closed; the served certificate's
     sha256."""
-    c = RawClient(port)
-    c.reply()
+    c = greeted(port)
     expect(c.cmd("AUTH TLS"), b"234 ")
     with client_context().wrap_socket(c.sock) as s:
         return hashlib.sha256(s.getpeercert(binary_form=True)).hexdigest()
@@ -553,8 +559,7 @@ def tls_handshake(port):
 
 def half_handshake(port):
     """AUTH TLS and the first half of a ClientHello, then nothing more: the RawClient."""
-    c = RawClient(port, timeout=150)
-    c.reply()
+    c = greeted(port, timeout=150)
     expect(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
     bios = ssl.MemoryBIO(), ssl.MemoryBIO()
     try:

@@ -9,8 +9,8 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (MEMORY_ROWS as ROW, Daemon, RawClient, logged_in, memory_idle, start_upload,  # noqa: E402
-                          transfer, whole_session)
+from ftps_harness import (MEMORY_ROWS as ROW, Daemon, RawClient, greeted, logged_in, memory_idle,  # noqa: E402
+                          start_upload, transfer, whole_session)
 
 INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \
     DATA_BUF, OUTPATH, USER_CNT, INFO, EPOLL = range(15)
@@ -70,8 +70,7 @@ class MemoryFaultTest(unittest.TestCase):
     def test_login_allocation_failures_refuse_that_login_only(self):
         def refused(user, password, replies, again=True):
             def scenario(d):
-                c = RawClient(d.port)
-                c.reply()
+                c = greeted(d.port)
                 self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
                 c.send("PASS %s\r\n" % password)
                 self.assertEqual(c.reply() + c.reply(), replies)

@@ -24,7 +24,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import clients  # noqa: E402
-from ftps_harness import (Daemon, RawClient, ResumingFTP, client_context, ends, ftp_session,  # noqa: E402
+from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted,  # noqa: E402
                           half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
 
 TLS_PROFILE = {"ftp.profile": "standard"}
@@ -77,8 +77,7 @@ class RequiredLogin(TlsDaemonCase):
         return self.d.descriptors(), self.tls_in_use()
 
     def test_clear_text_login_is_refused_before_the_password(self):
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         feat = c.cmd("FEAT").decode()
         for line in (" AUTH TLS\r\n", " PBSZ\r\n", " PROT\r\n"):
             self.assertIn(line, feat)
@@ -97,8 +96,7 @@ class RequiredLogin(TlsDaemonCase):
     def test_hostile_input_leaves_the_daemon_as_it_was(self):
         fds, tls = self.baseline()
         with self.subTest(case="garbage instead of a ClientHello"):
-            c = RawClient(self.d.port)
-            c.reply()
+            c = greeted(self.d.port)
             self.assertEqual(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
             c.send(b"GET / HTTP/1.1\r\n\r\n" + os.urandom(300))
             self.assertTrue(ends(c.sock))

@@ -13,7 +13,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, logged_in, pasv_connect,  # noqa: E402
+from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, logged_in, pasv_connect,  # noqa: E402
                           pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
@@ -86,8 +86,7 @@ class HostileClientsTest(DaemonTestCase):
         self.assertEqual(self.d.listing_temporaries(), [])
 
     def test_failed_password_is_answered_after_the_delay(self):
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("USER alice")
         start = time.time()
         self.assertTrue(c.cmd("PASS wrong").startswith(b"530"))

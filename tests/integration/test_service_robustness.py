@@ -18,7 +18,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ends, ftp_session, has_ipv6,  # noqa: E402
+from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ends, ftp_session, greeted, has_ipv6,  # noqa: E402
                           logged_in, memory_idle, pasv_connect, start_upload, wait_until)
 
 # Management socket framing: 4-byte length, 1-byte kind, payload.
@@ -109,8 +109,7 @@ class ServiceTest(DaemonTestCase):
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
         started, ended = (lambda: self.d.logtext().count("ftp user connected."),
                           lambda: self.d.logtext().count("FTP_SERVER_END"))
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("QUIT")
         c.close()
         self.assertTrue(wait_until(lambda: ended() == started()), (started(), ended()))
@@ -132,8 +131,7 @@ class ServiceTest(DaemonTestCase):
         # A whole session writes process lines, so the log file exists whatever the tests before
         # did; it has ended before the file is moved away.
         ends = self.d.logtext().count("FTP_SERVER_END")
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("QUIT")
         c.close()
         self.assertTrue(wait_until(lambda: self.d.logtext().count("FTP_SERVER_END") > ends, timeout=START_WAIT))

@@ -11,8 +11,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, logged_in, pasv_connect, read_file,  # noqa: E402
-                          start_upload, wait_until)
+from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, greeted, logged_in, pasv_connect,  # noqa: E402
+                          read_file, start_upload, wait_until)
 
 SESSIONS = 20
 SIZE = (1 << 20) if SANITIZED else (4 << 20)
@@ -36,8 +36,7 @@ class SessionTest(DaemonTestCase):
             # The slot is a snapshot taken at USER (and refreshed around data connections).
             self.assertTrue(a.cmd("TYPE I").startswith(b"200"))
             b = logged_in(self.d.port)
-            c = RawClient(self.d.port)
-            c.reply()
+            c = greeted(self.d.port)
             self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
             # No slot left: the table password is not even compared; AAA refuses with two 530s.
             self.assertEqual(c.cmd("PASS secret1"), b"530 Password access denied.\r\n")
@@ -96,8 +95,7 @@ class SessionTest(DaemonTestCase):
         self.assertEqual(c.reply(), b"530 Password access denied.\r\n")
 
     def test_failed_logins_end_the_session_at_the_limit(self):
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         self.fail_pass(c)
         self.fail_pass(c)
         # Any PASS that is not refused resets the counts, the 503 of one out of sequence too.
@@ -107,8 +105,7 @@ class SessionTest(DaemonTestCase):
         c.cmd("USER alice")
         self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
         c.close()
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         for _ in range(3):
             self.fail_pass(c)
         self.assertTrue(c.closed(), "third failed PASS must end the session")

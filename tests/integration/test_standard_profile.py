@@ -15,8 +15,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DaemonTestCase, RawClient, ftp_session, logged_in, memory_idle, read_file,  # noqa: E402
-                          has_ipv6, reset, start_upload, transfer, wait_until)
+from ftps_harness import (DaemonTestCase, RawClient, ftp_session, greeted, has_ipv6, logged_in,  # noqa: E402
+                          memory_idle, read_file, reset, start_upload, transfer, wait_until)
 
 GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
 BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
@@ -154,8 +154,7 @@ class StandardProfileTest(ProfileCase):
     daemon_kwargs = {"extra_platform": {"ftp.profile": "standard", "ftp.login_fail_delay": "0"}}
 
     def test_lines_however_the_bytes_arrive(self):
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         # Several lines in one segment, lower-case words, a bare LF.
         c.send("user alice\r\npass secret1\nNOOP\r\n")
         self.assertEqual([c.reply()[:3] for _ in range(3)], [b"331", b"230", b"200"])
@@ -194,8 +193,7 @@ class StandardProfileTest(ProfileCase):
             c.cmd("USER alice")
             self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
 
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         for _ in range(2):
             refuse(c)
             self.assertEqual(c.cmd("PASS again"), OUT_OF_SEQUENCE)
@@ -203,8 +201,7 @@ class StandardProfileTest(ProfileCase):
         self.assertTrue(c.closed())
         c.close()
         held = [logged_in(self.d.port) for _ in range(10)]
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         refuse(c)
         self.assertEqual(c.cmd("PASS again"), OUT_OF_SEQUENCE)
         c.cmd("USER alice")
