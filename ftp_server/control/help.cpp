@@ -17,6 +17,7 @@
 #include "control/listener.h"
 #include "files/cmds.h"
 #include "session/session.h"
+#include "transfer/list_internal.h"
 #include "zqsys.h"
 
 #define FTP_HELP_TEXT_LEN 128
@@ -226,8 +227,11 @@ bool command_opts(ftp_session &s) {
     const char *arg = s.arg;
     if (strcasecmp(arg, "UTF8 ON") == 0 || strcasecmp(arg, "UTF8") == 0)
         return reply(s, "200 Always in UTF8 mode.\r\n") >= 0;
-    // Every fact is always sent; clients pick the ones they asked for.
-    if (strncasecmp(arg, "MLST", 4) == 0 && (arg[4] == '\0' || arg[4] == ' '))
-        return reply(s, "200 MLST OPTS type;size;modify;perm;unique;\r\n") >= 0;
+    // The facts MLST and MLSD send from now on: those of the list that the daemon knows.
+    if (strncasecmp(arg, "MLST", 4) == 0 && (arg[4] == '\0' || arg[4] == ' ')) {
+        char text[FTP_BUF_SIZE];
+        s.mlst_facts = ftpd_mlst_select(arg[4] == ' ' ? arg + 5 : "", text, sizeof text);
+        return reply(s, text) >= 0;
+    }
     return reply(s, "501 Option not understood.\r\n") >= 0;
 }

@@ -3,7 +3,9 @@
 // listings' last path component.
 #include "files/entries.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <sys/time.h>
 
 #include <cstring>
@@ -17,12 +19,16 @@ const char *const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul"
 
 // Both matcher inputs are worked on as copies cut at 255 characters.
 constexpr size_t kMatchLen = 256;
+// A name or a link's target as a listing shows it.
+#define FTP_LIST_NAME_MAX 512
 
 // The listing line from the entry's status, "today" being the current calendar year.
 int format_line(const struct stat &st, const char *name, char *stat_buff, int length, int this_year) {
     char mode[11] = "----------";
     if (S_ISDIR(st.st_mode))
         mode[0] = 'd';
+    else if (S_ISLNK(st.st_mode))
+        mode[0] = 'l';
     else if (!S_ISREG(st.st_mode))
         return -1;
     static constexpr mode_t kBits[9] = {S_IRUSR, S_IWUSR, S_IXUSR, S_IRGRP, S_IWGRP,
@@ -63,6 +69,19 @@ int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int 
     struct stat st;
     if (length <= 0 || fstatat(dfd, name, &st, 0) != 0) return -1;
     return format_line(st, name, stat_buff, length, this_year);
+}
+
+int ftpd_entry_info_link(int dfd, const char *name, char *stat_buff, int length, int this_year) {
+    struct stat st;
+    if (length <= 0 || fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+    if (!S_ISLNK(st.st_mode)) return format_line(st, name, stat_buff, length, this_year);
+    char target[FTP_LIST_NAME_MAX];
+    ssize_t n = readlinkat(dfd, name, target, sizeof target - 1);
+    if (n < 0) return -1;
+    target[n] = '\0';
+    char shown[2 * FTP_LIST_NAME_MAX];
+    if (!ftpd_snprintf(shown, sizeof shown, "%s -> %s", name, target)) return -1;
+    return format_line(st, shown, stat_buff, length, this_year);
 }
 
 int get_file_info(const char *path, char *stat_buff, int length, const char *name) {

@@ -7,6 +7,8 @@
 int get_file_info(const char *path, char *stat_buff, int length, const char *name);
 // The same for an entry of an open directory (dfd), with the current calendar year given.
 int ftpd_entry_info(int dfd, const char *name, char *stat_buff, int length, int this_year);
+// The same, a symbolic link shown as one ("l", "name -> target") rather than what it names.
+int ftpd_entry_info_link(int dfd, const char *name, char *stat_buff, int length, int this_year);
 // The current calendar year (local time), as tm_year counts it.
 int ftpd_this_year(void);
 // The last component of an existing path that does not begin with ".": 0, else -1.

@@ -87,6 +87,7 @@ struct ftp_session {
     // The data port PORT or EPRT named, or kPassiveMark after PASV or EPSV; -1 before either. A
     // transfer needs one of them above 1024 first.
     int client_port = -1;
+    unsigned mlst_facts = 0x1f;  // the MLST and MLSD facts OPTS MLST selected: all at first
     ftp_data_watch *watch = nullptr;  // what the control connection's input means during a transfer
 
     // Protection of the data connections (the control connection's is in ctl)

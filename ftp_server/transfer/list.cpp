@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <strings.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -272,7 +273,7 @@ const ftpd_listing_kind kListKind = {
 size_t std_list_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line,
                      size_t cap) {
     (void)d_type;
-    if (ftpd_entry_info(dfd, name, line, static_cast<int>(cap), view.this_year) != 0) return 0;
+    if (ftpd_entry_info_link(dfd, name, line, static_cast<int>(cap), view.this_year) != 0) return 0;
     return strlen(line);
 }
 
@@ -349,12 +350,46 @@ namespace {
 
 bool std_entry_hidden(const char *name, const ftpd_std_view &view) {
     if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return true;
+    // SECURITY: uploads still being received are nobody's to see.
+    if (ftpd_is_upload_temp(name)) return true;
     // A line end inside a name would read as two names on the client's side.
     if (strpbrk(name, "\r\n") != nullptr) return true;
     if (view.temp_name != nullptr && strcmp(name, view.temp_name) == 0) return true;
     if (name[0] == '.' && !view.dot_names) return true;
     return view.root && !is_access_path(name);
 }
+
+}  // namespace
+
+bool ftpd_link_stays_inside(const ftpd_std_view &view, const char *name) {
+    char path[FTP_LIST_TEMPPATH_SIZE + FTP_NAME_LEN];
+    if (!ftpd_snprintf(path, sizeof path, "%s/%s", view.dir, name)) return false;
+    struct stat st;
+    return ftpd_resolves_beneath(view.top, path, true) && stat(path, &st) == 0;
+}
+
+unsigned ftpd_mlst_select(const char *arg, char *reply_text, size_t cap) {
+    static const struct {
+        const char *name;
+        unsigned bit;
+    } kFacts[] = {{"type", kFactType}, {"size", kFactSize}, {"modify", kFactModify}, {"perm", kFactPerm},
+                  {"unique", kFactUnique}};
+    unsigned facts = 0;
+    for (const char *p = arg; *p != '\0';) {
+        size_t n = strcspn(p, ";");
+        for (const auto &f : kFacts)
+            if (strlen(f.name) == n && strncasecmp(p, f.name, n) == 0) facts |= f.bit;
+        p += n;
+        if (*p == ';') p++;
+    }
+    (void)ftpd_strlcpy(reply_text, "200 MLST OPTS ", cap);
+    for (const auto &f : kFacts)
+        if ((facts & f.bit) != 0) (void)(ftpd_strlcat(reply_text, f.name, cap) && ftpd_strlcat(reply_text, ";", cap));
+    (void)ftpd_strlcat(reply_text, "\r\n", cap);
+    return facts;
+}
+
+namespace {
 
 // The temporary file's own name when it lies in the directory dir, else nullptr.
 const char *temp_name_in(const char *listtemp, const char *dir) {
@@ -404,8 +439,9 @@ enum class std_stage { ok, missing, not_dir, failed };
 // Writes the listing of the real path into the batch. area holds the line, then the directory
 // scanned, then the name prefix. named: the client gave a path (an empty argument lists the
 // current directory with bare names).
-std_stage stage_std(const char *real, const char *client, bool named, bool dot_names, const ftpd_std_kind &kind,
-                    const char *current_dir, const char *listtemp, ftpd_list_batch &out, char *area) {
+std_stage stage_std(const ftp_session &s, const char *real, const char *client, bool named, bool dot_names,
+                    const ftpd_std_kind &kind, const char *listtemp, ftpd_list_batch &out, char *area) {
+    const char *current_dir = s.currentdir;
     char *line = area;
     char *dir = line + FTP_LIST_LINE_SIZE;
     char *prefix = dir + FTP_LIST_TEMPPATH_SIZE;
@@ -414,6 +450,9 @@ std_stage stage_std(const char *real, const char *client, bool named, bool dot_n
     view.dot_names = dot_names;
     view.prefix = prefix;
     view.this_year = ftpd_this_year();
+    view.dir = dir;
+    view.top = session_root(s);
+    view.facts = s.mlst_facts;
 
     struct stat st;
     const char *pattern = nullptr;
@@ -507,7 +546,7 @@ int ftpd_run_std_listing(ftp_session &s, const ftpd_std_kind &kind) {
         return 0;
     }
     ftpd_list_batch out(temp.fd(), whole.get() + FTP_LIST_BUF_SIZE, FTP_LIST_BATCH_SIZE, false);
-    switch (stage_std(inpath, path, named, dot_names, kind, s.currentdir, temp.path(), out, whole.get())) {
+    switch (stage_std(s, inpath, path, named, dot_names, kind, temp.path(), out, whole.get())) {
         case std_stage::missing:
             return missing();
         case std_stage::not_dir:

@@ -128,7 +128,16 @@ struct ftpd_std_view {
     bool dir_writable;      // the directory's owner may write it (MLSD perm facts)
     const char *prefix;     // put before every name: the directory part the client named (NLST)
     int this_year;          // for the listing line's time or year
+    const char *dir;        // the real directory listed, and the top directory: whether a link
+    const char *top;        // leads out of it
+    unsigned facts;         // the MLSD facts the client selected
 };
+
+// The MLST and MLSD facts a client may select (OPTS MLST).
+enum : unsigned { kFactType = 1, kFactSize = 2, kFactModify = 4, kFactPerm = 8, kFactUnique = 16, kFactAll = 31 };
+
+// Whether the link name in the listed directory leads to something beneath the top directory.
+bool ftpd_link_stays_inside(const ftpd_std_view &view, const char *name);
 
 // One entry's line of a standard-profile listing, written into line (cap bytes) with its line end:
 // the length, or 0 when the entry is not shown (type, vanished, or text that does not fit).
@@ -148,6 +157,8 @@ struct ftpd_std_kind {
 // The standard-profile LIST, NLST and MLSD command: resolves the argument, stages the listing,
 // then opens the data connection and sends it. -2 when the session must end, else 0.
 int ftpd_run_std_listing(ftp_session &s, const ftpd_std_kind &kind);
+// OPTS MLST's argument into the facts it selects; the reply text lists them.
+unsigned ftpd_mlst_select(const char *arg, char *reply_text, size_t cap);
 
 // A listing command of either profile (device: nullptr where it is not the device's), with the
 // admission the listings share. False when the session must end.

@@ -3,6 +3,7 @@
 // one facts line per entry; MLST answers the facts of one path on the control connection. Both
 // show every name, dot files included, but never "." and ".." (the facts of the directory itself
 // are what MLST is for; clients drop cdir and pdir entries anyway).
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -66,12 +67,28 @@ class line_writer {
     bool ok_ = true;
 };
 
-// The RFC 3659 facts of a file or directory, "type=...;size=...;modify=...;perm=...;unique=...;",
+// The modification time in UTC, "modify=YYYYMMDDHHMMSS;".
+void put_modify(const struct stat &st, line_writer &w) {
+    struct tm utc;
+    gmtime_r(&st.st_mtime, &utc);
+    w.str("modify=");
+    w.dec(static_cast<unsigned long long>(utc.tm_year + 1900), 4);
+    w.dec(static_cast<unsigned long long>(utc.tm_mon + 1), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_mday), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_hour), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_min), 2);
+    w.dec(static_cast<unsigned long long>(utc.tm_sec), 2);
+    w.put(";", 1);
+}
+
+// The RFC 3659 facts of a file, a directory or (the standard profile's links that lead nowhere
+// served) a link, "type=...;size=...;modify=...;perm=...;unique=...;" as far as facts selects them,
 // onto w; parent_writable tells whether the entry may be renamed or deleted. False for other file
 // types.
-bool put_facts(const struct stat &st, bool parent_writable, line_writer &w) {
+bool put_facts(const struct stat &st, bool parent_writable, unsigned facts, line_writer &w) {
     bool dir = S_ISDIR(st.st_mode);
-    if (!dir && !S_ISREG(st.st_mode)) return false;
+    bool link = S_ISLNK(st.st_mode);
+    if (!dir && !link && !S_ISREG(st.st_mode)) return false;
     bool r = (st.st_mode & S_IRUSR) != 0;
     bool wr = (st.st_mode & S_IWUSR) != 0;
     bool x = (st.st_mode & S_IXUSR) != 0;
@@ -95,45 +112,48 @@ bool put_facts(const struct stat &st, bool parent_writable, line_writer &w) {
         if (wr) perm[k++] = 'w';
     }
 
-    if (dir) {
-        w.str("type=dir;");
-    } else {
-        w.str("type=file;size=");
+    if (link) k = 0;
+    if ((facts & kFactType) != 0) w.str(dir ? "type=dir;" : link ? "type=OS.unix=symlink;" : "type=file;");
+    if ((facts & kFactSize) != 0 && !dir && !link) {
+        w.str("size=");
         w.dec(static_cast<unsigned long long>(st.st_size));
         w.put(";", 1);
     }
-    struct tm utc;
-    gmtime_r(&st.st_mtime, &utc);
-    w.str("modify=");
-    w.dec(static_cast<unsigned long long>(utc.tm_year + 1900), 4);
-    w.dec(static_cast<unsigned long long>(utc.tm_mon + 1), 2);
-    w.dec(static_cast<unsigned long long>(utc.tm_mday), 2);
-    w.dec(static_cast<unsigned long long>(utc.tm_hour), 2);
-    w.dec(static_cast<unsigned long long>(utc.tm_min), 2);
-    w.dec(static_cast<unsigned long long>(utc.tm_sec), 2);
-    w.str(";perm=");
-    w.put(perm, k);
-    w.str(";unique=");
-    w.hex(static_cast<unsigned long long>(st.st_dev));
-    w.put("U", 1);
-    w.hex(static_cast<unsigned long long>(st.st_ino));
-    w.put(";", 1);
+    if ((facts & kFactModify) != 0) put_modify(st, w);
+    if ((facts & kFactPerm) != 0) {
+        w.str("perm=");
+        w.put(perm, k);
+        w.put(";", 1);
+    }
+    if ((facts & kFactUnique) != 0) {
+        w.str("unique=");
+        w.hex(static_cast<unsigned long long>(st.st_dev));
+        w.put("U", 1);
+        w.hex(static_cast<unsigned long long>(st.st_ino));
+        w.put(";", 1);
+    }
     return true;
 }
 
+
 // The facts alone into out (cap bytes): the length, or 0.
-size_t mlsx_facts(const struct stat &st, bool parent_writable, char *out, size_t cap) {
+size_t mlsx_facts(const struct stat &st, bool parent_writable, unsigned facts, char *out, size_t cap) {
     line_writer w(out, cap);
-    if (!put_facts(st, parent_writable, w)) return 0;
+    if (!put_facts(st, parent_writable, facts, w)) return 0;
     return w.finish();
 }
 
 size_t mlsd_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line, size_t cap) {
     (void)d_type;
+    // A link is shown as what it names where that lies beneath the top directory, else as a link.
     struct stat st;
-    if (fstatat(dfd, name, &st, 0) != 0) return 0;
+    if (fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+    if (S_ISLNK(st.st_mode)) {
+        struct stat target;
+        if (ftpd_link_stays_inside(view, name) && fstatat(dfd, name, &target, 0) == 0) st = target;
+    }
     line_writer w(line, cap);
-    if (!put_facts(st, view.dir_writable, w)) return 0;
+    if (!put_facts(st, view.dir_writable, view.facts, w)) return 0;
     w.put(" ", 1);
     w.str(name);
     w.put("\r\n", 2);
@@ -196,7 +216,7 @@ bool command_mlst(ftp_session &s) {
     }
     struct stat st;
     char facts[kFactsLen];
-    if (stat(inpath, &st) != 0 || mlsx_facts(st, may_rename(session_root(s), inpath, outpath), facts, sizeof facts) == 0)
+    if (stat(inpath, &st) != 0 || mlsx_facts(st, may_rename(session_root(s), inpath, outpath), s.mlst_facts, facts, sizeof facts) == 0)
         return missing();
 
     // One send when the reply fits its bound (with room for the line ends the reply function

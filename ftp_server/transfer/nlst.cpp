@@ -7,6 +7,7 @@
 // name the directory part the client named ("NLST sub" and "NLST sub/*.c" answer sub/a.c), so
 // that each line can be handed back to RETR or DELE as it is, as multiple-file gets do.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -59,10 +60,13 @@ bool nlst_line(int dfd, const struct dirent *ent, char *databuff, int year) {
 // Standard profile: directories and regular files (links followed), after the prefix.
 size_t std_nlst_line(int dfd, const char *name, unsigned char d_type, const ftpd_std_view &view, char *line,
                      size_t cap) {
-    if (d_type != DT_REG && d_type != DT_DIR) {
-        if (d_type != DT_LNK && d_type != DT_UNKNOWN) return 0;
+    // Files, directories and links (whatever they lead to) are names a client can use.
+    if (d_type != DT_REG && d_type != DT_DIR && d_type != DT_LNK) {
+        if (d_type != DT_UNKNOWN) return 0;
         struct stat st;
-        if (fstatat(dfd, name, &st, 0) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) return 0;
+        if (fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode)))
+            return 0;
     }
     if (!ftpd_snprintf(line, cap, "%s%s\n", view.prefix, name)) return 0;
     return strlen(line);

@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <climits>
 #include <cstring>
 
 #include "base/ftpd.h"
@@ -133,8 +134,14 @@ int open_upload(ftp_session &s, const char *name, const char *path, upload_kind 
         return fd;
     }
     if (kind == upload_kind::replace) {
-        // The checks that opening the target in place would make, without touching it.
+        // The checks that opening the target in place would make, without touching it; a name
+        // the file system cannot hold is refused before any data moves.
+        const char *base = strrchr(path, '/');
         bool exists = stat(path, &st) == 0;
+        if (strlen(base != nullptr ? base + 1 : path) > NAME_MAX) {
+            reply_code(s, "553", "%s open fail.", name);
+            return -1;
+        }
         int fd =
             !exists || (S_ISREG(st.st_mode) && access(path, W_OK) == 0) ? temp.create(path, temp_buf, temp_size) : -1;
         if (fd < 0) {
@@ -195,6 +202,24 @@ ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
     return ftp_move::done;
 }
 
+// Where a link that the upload replaces leads (it stays beneath the top directory: the name was
+// resolved so): the target's path into out. False when path is no link.
+bool link_target(const char *path, char *out, size_t cap) {
+    struct stat st;
+    if (lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+    char resolved[PATH_MAX];
+    if (realpath(path, resolved) != nullptr) return ftpd_strlcpy(out, resolved, cap);
+    // A link to a name not there yet: the name, beside the link when relative.
+    char target[PATH_MAX];
+    ssize_t n = readlink(path, target, sizeof target - 1);
+    if (n <= 0) return false;
+    target[n] = '\0';
+    if (target[0] == '/') return ftpd_strlcpy(out, target, cap);
+    const char *slash = strrchr(path, '/');
+    int dir_len = slash != nullptr ? static_cast<int>(slash - path) : 0;
+    return ftpd_snprintf(out, cap, "%.*s/%s", dir_len, path, target);
+}
+
 // STOR and APPE once admitted. False when the session must end.
 bool store(ftp_session &s, bool append) {
     const char *name = s.arg;
@@ -205,6 +230,10 @@ bool store(ftp_session &s, bool append) {
                        : append                ? upload_kind::append
                        : s.rest_offset != 0    ? upload_kind::resume
                                                : upload_kind::replace;
+    // The standard profile writes through a link to what it names, as writing in place would.
+    char through[FTP_PATH_HALF];
+    if (kind == upload_kind::replace && s.policy.links_as_entries && link_target(path, through, sizeof through))
+        path = through;
     upload_temp temp;
     // The second half of the work block is free once the name is resolved.
     unique_fd file(open_upload(s, name, path, kind, temp, path + kPathLen, kPathLen));

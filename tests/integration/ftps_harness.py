@@ -2,10 +2,12 @@
 configuration and free control port, and drives it over sockets and ftps-cli."""
 
 import ftplib
+import hashlib
 import os
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import tempfile
@@ -39,6 +41,13 @@ def free_port():
     raise RuntimeError("no free port")
 
 
+def listening(port):
+    """True when something listens on the TCP port over IPv4, seen without connecting to it."""
+    with open("/proc/net/tcp") as f:
+        return any(int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == "0A"
+                   for fields in map(str.split, f.readlines()[1:]))
+
+
 def free_udp_port():
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
         s.bind(("127.0.0.1", 0))
@@ -58,9 +67,11 @@ class Daemon:
     """One daemon process in a private directory.
 
     startup: lines of the startup configuration (default: one user); enable: whether it enables the
-    server; extra_platform: extra "section.key": value pairs of the platform file."""
+    server; extra_platform: extra "section.key": value pairs of the platform file; tls: a
+    self-signed certificate of its own (cert, key) named in the [tls] section."""
 
-    def __init__(self, startup=None, enable=True, extra_platform=None, user_database=None, topdir="flash:/"):
+    def __init__(self, startup=None, enable=True, extra_platform=None, user_database=None, topdir="flash:/",
+                 tls=False):
         # A short TMPDIR: the daemon's socket paths must fit 64 bytes.
         self.dir = tempfile.mkdtemp(prefix="ftps", dir="/tmp")
         self.tmpdir = os.path.join(self.dir, "t")
@@ -72,6 +83,7 @@ class Daemon:
         self.platform = os.path.join(self.dir, "platform.conf")
         self.startup = os.path.join(self.dir, "startup.conf")
         self.proc = None
+        self.sessions = []
         lines = []
         if topdir:
             lines.append("ftp-server topdir %s" % topdir)
@@ -95,6 +107,9 @@ class Daemon:
             with open(db, "w") as f:
                 f.write(user_database)
             sections["aaa"]["user_database"] = db
+        if tls:
+            self.cert, self.key = make_certificate(self.dir, "server")
+            sections["tls"] = {"certificate": self.cert, "key": self.key}
         for key, value in (extra_platform or {}).items():
             section, name = key.split(".", 1)
             sections.setdefault(section, {})[name] = value
@@ -135,9 +150,10 @@ class Daemon:
             if self.proc.poll() is not None:
                 out, err = self.proc.communicate()
                 raise AssertionError("daemon exited early: %d %s" % (self.proc.returncode, err.decode()))
-            if self.cli_ok():
-                if not self.enabled or self.port_open():
-                    return
+            # Seen without connecting: a probe session would take allocations of its own (and move
+            # an injected failure).
+            if self.cli_ok() and (not self.enabled or listening(self.port)):
+                return
             time.sleep(0.1)
         raise AssertionError("daemon not ready")
 
@@ -201,7 +217,17 @@ class Daemon:
     def memory_in_use(self):
         return {name: row[3] for name, row in self.memory_rows().items()}
 
+    def attempt(self, user, password):
+        """A new session and its replies to USER and PASS (RawClient.pass_replies); the session
+        stays open until the daemon is stopped."""
+        c = RawClient(self.port)
+        self.sessions.append(c)
+        return c, c.pass_replies(user, password)
+
     def stop(self, sig=signal.SIGTERM):
+        for c in self.sessions:
+            c.close()
+        self.sessions = []
         if self.proc is None:
             return None
         if self.proc.poll() is None:
@@ -368,6 +394,13 @@ class RawClient:
         return replies[:-1]
 
 
+def greeted(port, **kw):
+    """A control connection (RawClient arguments) whose greeting has been read."""
+    c = RawClient(port, **kw)
+    c.reply()
+    return c
+
+
 def logged_in(port, host="127.0.0.1"):
     c = RawClient(port, host)
     c.login()
@@ -375,10 +408,14 @@ def logged_in(port, host="127.0.0.1"):
 
 
 def ftp_session(port, host="127.0.0.1", cls=ftplib.FTP, user="alice", password="secret1"):
-    """An ftplib client logged in (as the default user unless told)."""
-    ftp = cls()
+    """An ftplib client logged in (as the default user unless told); an FTP_TLS class logs in over
+    TLS and protects its data connections."""
+    tls = issubclass(cls, ftplib.FTP_TLS)
+    ftp = cls(context=client_context()) if tls else cls()
     ftp.connect(host, port, timeout=60)
     ftp.login(user, password)
+    if tls:
+        ftp.prot_p()
     return ftp
 
 
@@ -462,5 +499,73 @@ def whole_session(c, name, content, tag=""):
     c.close()
 
 
-def memory_idle(d, timeout=20):
-    return wait_until(lambda: all(v == 0 for v in d.memory_in_use().values()), timeout=timeout)
+def memory_idle(d, timeout=20, ignore=()):
+    """Every memory category (but those in ignore) back at zero In Use within the time-out."""
+    return wait_until(lambda: all(v == 0 for k, v in d.memory_in_use().items() if k not in ignore),
+                      timeout=timeout)
+
+
+def ends(sock, timeout=10):
+    """True when the peer closes the connection (after what it still sent, perhaps) within the
+    time-out; a reset counts as closed."""
+    sock.settimeout(timeout)
+    try:
+        while sock.recv(4096):
+            pass
+        return True
+    except ConnectionResetError:
+        return True
+    except socket.timeout:
+        return False
+
+
+# --- TLS
+
+def make_certificate(directory, name, cn="localhost"):
+    """A self-signed certificate and its key in directory: (certificate path, key path)."""
+    cert, key = os.path.join(directory, name + ".pem"), os.path.join(directory, name + ".key")
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
+                    "-out", cert, "-days", "2", "-subj", "/CN=" + cn], check=True, capture_output=True)
+    return cert, key
+
+
+def client_context():
+    """A client context that takes the tests' self-signed certificates."""
+    ctx = ssl.create_default_context()
+    ctx.check_hostname = False
+    ctx.verify_mode = ssl.CERT_NONE
+    return ctx
+
+
+class ResumingFTP(ftplib.FTP_TLS):
+    """ftplib whose protected data connections resume the control connection's TLS session, as
+    lftp, curl and rclone do by themselves."""
+
+    def ntransfercmd(self, cmd, rest=None):
+        conn, size = ftplib.FTP.ntransfercmd(self, cmd, rest)
+        if self._prot_p:
+            conn = self.context.wrap_socket(conn, server_hostname=self.host, session=self.sock.session)
+        return conn, size
+
+
+def tls_handshake(port):
+    """AUTH TLS and a whole handshake, then the connection is closed; the served certificate's
+    sha256."""
+    c = greeted(port)
+    expect(c.cmd("AUTH TLS"), b"234 ")
+    with client_context().wrap_socket(c.sock) as s:
+        return hashlib.sha256(s.getpeercert(binary_form=True)).hexdigest()
+
+
+def half_handshake(port):
+    """AUTH TLS and the first half of a ClientHello, then nothing more: the RawClient."""
+    c = greeted(port, timeout=150)
+    expect(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
+    bios = ssl.MemoryBIO(), ssl.MemoryBIO()
+    try:
+        client_context().wrap_bio(*bios).do_handshake()
+    except ssl.SSLWantReadError:
+        pass
+    hello = bios[1].read()
+    c.send(hello[:len(hello) // 2])
+    return c

@@ -10,7 +10,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient  # noqa: E402
+from ftps_harness import Daemon  # noqa: E402
 
 PAM_DIR = "/etc/pam.d"
 OK = b"230 User logged in, proceed.\r\n"
@@ -38,17 +38,12 @@ class PamTest(unittest.TestCase):
             self.addCleanup(os.unlink, path)
             f.write(UNIX_SERVICE)
 
-    def attempt(self, d, user, password):
-        c = RawClient(d.port)
-        self.addCleanup(c.close)
-        return c.pass_replies(user, password)
-
     def test_account_logs_in_and_wrong_password_is_refused(self):
         d = Daemon(extra_platform={"pam.service": self.service, "aaa.list.default": "pam"}).start()
         self.addCleanup(d.stop_checked)
-        self.assertEqual(self.attempt(d, self.user, self.password), [OK])
-        self.assertEqual(self.attempt(d, self.user, self.password + "x"), REJECTED)
-        self.assertEqual(self.attempt(d, "ftpst-no-such-user", self.password), REJECTED)
+        self.assertEqual(d.attempt(self.user, self.password)[1], [OK])
+        self.assertEqual(d.attempt(self.user, self.password + "x")[1], REJECTED)
+        self.assertEqual(d.attempt("ftpst-no-such-user", self.password)[1], REJECTED)
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BackEnd, Daemon, RawClient, free_udp_port  # noqa: E402
+from ftps_harness import BackEnd, Daemon, free_udp_port  # noqa: E402
 
 RADIUSD = shutil.which("freeradius") or shutil.which("radiusd")
 SECRET = "t3stsecret"
@@ -113,44 +113,39 @@ class RadiusTest(unittest.TestCase):
         self.addCleanup(d.stop_checked)
         return d
 
-    def attempt(self, d, user, password):
-        c = RawClient(d.port)
-        self.addCleanup(c.close)
-        return c, c.pass_replies(user, password)
-
     def use_list(self, d, name):
         self.assertEqual(d.cli("ftp-server authentication " + name)[0], 0)
 
     def test_answering_server(self):
         d = self.daemon({"default": "radius", "open": "none radius"}, "127.0.0.1:%d" % self.radius.port)
-        c, replies = self.attempt(d, "raduser", "radpass1")
+        c, replies = d.attempt("raduser", "radpass1")
         self.assertEqual(replies, [OK])
         self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
         for user, password in (("raduser", "wrong"), ("nosuchuser", "radpass1")):
-            self.assertEqual(self.attempt(d, user, password)[1], REJECTED)
+            self.assertEqual(d.attempt(user, password)[1], REJECTED)
         # One challenge is answered with its State, a second one refuses; the challenge of a
         # refused session does not leak into a fresh attempt of the same user.
-        self.assertEqual(self.attempt(d, "chalonce", "chalpass")[1], [OK])
-        self.assertEqual(self.attempt(d, "chaluser", "chalpass")[1], NOT_LOGGED_IN)
-        self.assertEqual(self.attempt(d, "chalonce", "chalpass")[1], [OK])
+        self.assertEqual(d.attempt("chalonce", "chalpass")[1], [OK])
+        self.assertEqual(d.attempt("chaluser", "chalpass")[1], NOT_LOGGED_IN)
+        self.assertEqual(d.attempt("chalonce", "chalpass")[1], [OK])
         # A list that starts with none accepts without asking the server.
         self.use_list(d, "open")
         before = self.radius.output().count("Received Access-Request")
-        self.assertEqual(self.attempt(d, "anybody", "anything")[1], [OK])
+        self.assertEqual(d.attempt("anybody", "anything")[1], [OK])
         self.assertEqual(self.radius.output().count("Received Access-Request"), before,
                          "a list starting with none asked the server")
         # A list the platform file does not define refuses every login.
         self.use_list(d, "nolist")
-        self.assertEqual(self.attempt(d, "raduser", "radpass1")[1], NOT_LOGGED_IN)
+        self.assertEqual(d.attempt("raduser", "radpass1")[1], NOT_LOGGED_IN)
 
     def test_silent_server(self):
         d = self.daemon({"default": "radius local", "strict": "radius"}, "127.0.0.1:%d" % free_udp_port())
         # Falls through to the local database when the list goes on.
-        self.assertEqual(self.attempt(d, "localbob", "localpass1")[1], [OK])
-        self.assertEqual(self.attempt(d, "localbob", "wrong")[1], REJECTED)
+        self.assertEqual(d.attempt("localbob", "localpass1")[1], [OK])
+        self.assertEqual(d.attempt("localbob", "wrong")[1], REJECTED)
         # Only silent servers and nothing after them: not logged in.
         self.use_list(d, "strict")
-        self.assertEqual(self.attempt(d, "raduser", "radpass1")[1], NOT_LOGGED_IN)
+        self.assertEqual(d.attempt("raduser", "radpass1")[1], NOT_LOGGED_IN)
 
 
 if __name__ == "__main__":

@@ -9,8 +9,8 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DAEMON, MEMORY_ROWS as ROW, START_WAIT, Daemon, RawClient, logged_in,  # noqa: E402
-                          memory_idle, start_upload, transfer, wait_until, whole_session)
+from ftps_harness import (MEMORY_ROWS as ROW, Daemon, RawClient, greeted, logged_in, memory_idle,  # noqa: E402
+                          start_upload, transfer, whole_session)
 
 INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \
     DATA_BUF, OUTPATH, USER_CNT, INFO, EPOLL = range(15)
@@ -21,25 +21,6 @@ EPOLL_451 = b"451 Local resource failure: epoll.\r\n"
 LOCAL_451 = b"451 Requested action aborted. Local error in processing.\r\n"
 DENIED = b"530 Password access denied.\r\n"
 CONTENT = b"first line\r\nsecond line\r\n" * 4000
-
-
-def listening(port):
-    """True when something listens on the TCP port, seen without connecting to it."""
-    for table in filter(os.path.exists, ("/proc/net/tcp", "/proc/net/tcp6")):
-        with open(table) as f:
-            for fields in map(str.split, f.readlines()[1:]):
-                if int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == "0A":
-                    return True
-    return False
-
-
-def quiet_start(d, extra_env=None):
-    """Starts the daemon and waits for it without opening a session, which would take
-    allocations of its own and move the injected failure."""
-    d.proc = subprocess.Popen([DAEMON], env=dict(d.env(), **(extra_env or {})),
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    if not wait_until(lambda: d.proc.poll() is None and d.cli_ok() and listening(d.port), timeout=START_WAIT):
-        raise AssertionError("daemon not ready")
 
 
 def new_daemon():
@@ -54,12 +35,9 @@ class MemoryFaultTest(unittest.TestCase):
     def setUpClass(cls):
         # Allocations the start-up itself makes (the top directory is trimmed once): the injected
         # count starts from the daemon's start, the cases count from the first client.
-        d = new_daemon()
-        quiet_start(d)
+        d = new_daemon().start()
         cls.startup = {name: row[1] for name, row in d.memory_rows().items()}
-        rc = d.stop()
-        d.cleanup()
-        assert rc == 0, rc
+        d.stop_checked()
 
     def inject(self, category, nth, scenario):
         """Runs scenario(daemon) with the nth allocation of category after start-up failing;
@@ -68,16 +46,13 @@ class MemoryFaultTest(unittest.TestCase):
         d = new_daemon()
         try:
             n = self.startup[ROW[category]] + nth
-            quiet_start(d, {"FTPS_TEST_MEMFAIL": "%d:%d" % (category, n)})
+            d.start(env=dict(d.env(), FTPS_TEST_MEMFAIL="%d:%d" % (category, n)))
             scenario(d)
             whole_session(logged_in(d.port), "f.txt", CONTENT)
             self.assertTrue(memory_idle(d), d.memory_rows())
             self.assertEqual(d.memory_rows()[ROW[category]][0], 1, "failures counted")
         finally:
-            rc = d.stop()
-            stderr = getattr(d, "stderr", "")
-            d.cleanup()
-        self.assertEqual(rc, 0, stderr[-4000:])
+            d.stop_checked()
 
     def test_session_start_failures_close_the_connection(self):
         # The hand-off record, the session's line buffer and each string of its record: closed
@@ -95,8 +70,7 @@ class MemoryFaultTest(unittest.TestCase):
     def test_login_allocation_failures_refuse_that_login_only(self):
         def refused(user, password, replies, again=True):
             def scenario(d):
-                c = RawClient(d.port)
-                c.reply()
+                c = greeted(d.port)
                 self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
                 c.send("PASS %s\r\n" % password)
                 self.assertEqual(c.reply() + c.reply(), replies)

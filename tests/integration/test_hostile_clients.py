@@ -1,7 +1,9 @@
 """Clients that misbehave, on purpose or by bad luck, against one daemon: none of them may pin a
-session, leak a descriptor, take another client's data, or leave the daemon's own counts wrong;
-well-behaved clients around them are served as before. (A half-closed control connection and a
-third party on the passive port are soak kinds: test_soak.py.)"""
+session, leak a descriptor, take another client's data, or touch a file that a name too long for
+its real path would name cut short; well-behaved clients around them are served as before. (A
+half-closed control connection and a third party on the passive port are soak kinds:
+test_soak.py; sessions that give back another's count or slot: test_local_database.py,
+test_sessions.py.)"""
 
 import os
 import socket
@@ -11,8 +13,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, logged_in,  # noqa: E402
-                          memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
+from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, logged_in, pasv_connect,  # noqa: E402
+                          pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
 # Deep enough that a name fitting one command line can be too long for its real path.
@@ -84,36 +86,12 @@ class HostileClientsTest(DaemonTestCase):
         self.assertEqual(self.d.listing_temporaries(), [])
 
     def test_failed_password_is_answered_after_the_delay(self):
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("USER alice")
         start = time.time()
         self.assertTrue(c.cmd("PASS wrong").startswith(b"530"))
         self.assertGreaterEqual(time.time() - start, 0.9)
         c.close()
-
-    def test_stalled_listing_ends_when_the_service_is_disabled(self):
-        self.d.many(TOP + "/big")
-        c = logged_in(self.d.port)
-        c.cmd("CWD big")
-        data = pasv_connect(c, rcvbuf=4096)
-        c.send("LIST\r\n")
-        self.assertTrue(c.reply().startswith(b"150 "))
-        data.recv(100)  # the listing is under way; then the client stops reading
-        time.sleep(1)
-        try:
-            self.assertEqual(self.d.cli("no ftp-server enable")[0], 0)
-            c.sock.settimeout(15)
-            rest = c.sock.recv(4096)
-            # The listing is aborted and the session ends.
-            self.assertIn(rest, (b"", b"426 Connection closed; transfer aborted.\r\n"))
-            self.assertTrue(c.closed(timeout=15))
-        finally:
-            data.close()
-            c.close()
-            self.assertEqual(self.d.cli("ftp-server enable")[0], 0)
-            self.assertTrue(wait_until(self.d.port_open))
-        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
     def test_names_whose_real_path_does_not_fit_touch_nothing(self):
         """The real path of each name is longer than the path buffer; cut short it would name an
@@ -151,45 +129,6 @@ class HostileClientsTest(DaemonTestCase):
                 self.assertEqual(os.listdir(real), [])
         self.assertTrue(os.path.exists(os.path.join(self.d.flash, TOP, "f.bin")))
         c.close()
-
-
-class AccountStateTest(DaemonTestCase):
-    """Each session gives back the count or slot it took, and no other."""
-
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server max-user-connect 1"],
-                     "user_database": "[user loc]\npassword = l0cpass1\nonline_amount = 1\n",
-                     "extra_platform": {"aaa.list.default": "local"}}
-
-    def test_online_count_goes_back_to_the_account_that_took_it(self):
-        c = RawClient(self.d.port)
-        c.login("loc", "l0cpass1")
-        c.cmd("USER other")
-        c.cmd("QUIT")
-        c.close()
-        replies = []
-        for _ in range(20):  # the first session's end runs after its QUIT was answered
-            again = RawClient(self.d.port)
-            replies = again.pass_replies("loc", "l0cpass1")
-            again.close()
-            if replies == [b"230 User logged in, proceed.\r\n"]:
-                break
-            time.sleep(0.2)
-        self.assertEqual(replies, [b"230 User logged in, proceed.\r\n"])
-
-    def test_a_session_gives_back_only_the_slot_it_took(self):
-        a = logged_in(self.d.port)
-        self.assertEqual(self.d.cli("no ftp-server username alice")[0], 0)
-        self.assertEqual(self.d.cli("ftp-server username alice password secret1")[0], 0)
-        b = logged_in(self.d.port)
-        a.cmd("QUIT")
-        a.close()
-        time.sleep(0.5)
-        # b still holds the only slot: a third session cannot log in as alice.
-        c = RawClient(self.d.port)
-        self.assertTrue(c.pass_replies("alice", "secret1")[-1].startswith(b"530"))
-        c.close()
-        b.cmd("QUIT")
-        b.close()
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient, wait_until  # noqa: E402
+from ftps_harness import Daemon, wait_until  # noqa: E402
 
 OK = b"230 User logged in, proceed.\r\n"
 # The account checks refuse after the password was accepted: one reply only.
@@ -63,23 +63,20 @@ class LocalDatabaseBase:
         self.d.start()
         self.addCleanup(self.d.stop_checked)
 
-    def attempt(self, user, password):
-        c = RawClient(self.d.port)
-        self.addCleanup(c.close)
-        return c, c.pass_replies(user, password)
-
     def test_online_limit_and_account_checks(self):
-        first, replies = self.attempt("limited", "lim1ted")
+        first, replies = self.d.attempt("limited", "lim1ted")
         self.assertEqual(replies, [OK])
-        self.assertEqual(self.attempt("limited", "lim1ted")[1], [OK])
-        self.assertEqual(self.attempt("limited", "lim1ted")[1], REFUSED_BY_ACCOUNT)
+        self.assertEqual(self.d.attempt("limited", "lim1ted")[1], [OK])
+        self.assertEqual(self.d.attempt("limited", "lim1ted")[1], REFUSED_BY_ACCOUNT)
         lines = [l for l in self.d.logtext().splitlines() if "%LOGIN-" in l]
         self.assertTrue(lines, "no LIMIT line in the log")
         self.assertRegex(lines[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %LOGIN-5-LIMIT: "
                          + re.escape("The number of online users 2 has reached the upper limit 2.") + "$")
-        # Given back as a session ends, on either path to the database.
+        # Given back as a session ends, on either path to the database, to the account that took it
+        # whatever USER said last.
+        first.cmd("USER other")
         first.cmd("QUIT")
-        self.assertTrue(wait_until(lambda: self.attempt("limited", "lim1ted")[1] == [OK], timeout=10, step=0.2))
+        self.assertTrue(wait_until(lambda: self.d.attempt("limited", "lim1ted")[1] == [OK], 10, 0.2))
         for user, password, expected in (
                 ("zero", "zer0pass", REFUSED_BY_ACCOUNT),  # online amount 0
                 ("telnetonly", "teln3t", REFUSED_BY_ACCOUNT),  # login mode without FTP
@@ -91,7 +88,7 @@ class LocalDatabaseBase:
                 ("a" * 50, "pass50", [OK]),
                 ("a" * 63, "pass63", [OK])):
             with self.subTest(user=user, password=password):
-                self.assertEqual(self.attempt(user, password)[1], expected)
+                self.assertEqual(self.d.attempt(user, password)[1], expected)
         # Reported when the file was loaded (at the first login), with its file, line and section.
         os.set_blocking(self.d.proc.stderr.fileno(), False)
         reported = (self.d.proc.stderr.read() or b"").decode(errors="replace")

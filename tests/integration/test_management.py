@@ -22,7 +22,7 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import (CLI, DAEMON, MEMORY_ROWS, SANITIZED, START_WAIT, Daemon, DaemonTestCase,  # noqa: E402
-                          RawClient, read_file, wait_until)
+                          RawClient, greeted, read_file, wait_until)
 
 TYPE_WORD_REFUSED = ("% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
                      "password type\n")
@@ -154,8 +154,7 @@ class ManagementTest(Configuration, DaemonTestCase):
         self.assertEqual(rc, 0)
         self.assertIn("FTP Server:\n  ftp-server pro debugging is on\n", out)
         # With the process switch on, a session's lines reach the log file.
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("QUIT")
         c.close()
         self.assertTrue(wait_until(lambda: "%FTPSRV-7-DEBUG: (RECV)   QUIT" in self.d.logtext()))

@@ -1,6 +1,7 @@
 """The service under administrative stress and transfers that do not end well, against one daemon:
-disabling the service aborts a download (426), an upload (426, no file left) and every session at
-once and closes both ports until it is enabled again; disabling and enabling at once with sessions
+disabling the service aborts a download (426), an upload (426, no file left), a listing whose
+client stopped reading, and every session at once, and closes both ports until it is enabled
+again; disabling and enabling at once with sessions
 open reopens both ports every time; stop messages that nobody asked for start no session; SIGHUP
 from log rotation reopens the log; management connections that never send or never finish a
 request lock nobody out; no path leaves the top directory, and with the top directory at "/" the
@@ -17,8 +18,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ftp_session, has_ipv6, logged_in,  # noqa: E402
-                          pasv_connect, start_upload, wait_until)
+from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ends, ftp_session, greeted, has_ipv6,  # noqa: E402
+                          logged_in, memory_idle, pasv_connect, start_upload, wait_until)
 
 # Management socket framing: 4-byte length, 1-byte kind, payload.
 REQ_EXEC, REQ_PROMPT, RSP_OUTPUT, RSP_END = 1, 4, 0x81, 0x82
@@ -37,20 +38,10 @@ def cli_request(sock, kind, payload=b""):
         out += body
 
 
-def closed_by_daemon(sock, timeout):
-    """True when the daemon closes the connection within timeout."""
-    sock.settimeout(timeout)
-    try:
-        return sock.recv(1) == b""
-    except socket.timeout:
-        return False
-    except ConnectionResetError:
-        return True
-
-
 class ServiceTest(DaemonTestCase):
-    def test_disable_during_upload_and_download(self):
+    def test_disable_during_upload_download_and_listing(self):
         self.d.put("big.bin", b"z" * (16 << 20))
+        self.d.many("many")
         idle = [logged_in(self.d.port) for _ in range(3)]
         up = logged_in(self.d.port)
         updata = start_upload(up, "partial.bin", b"y" * 50_000)
@@ -59,11 +50,19 @@ class ServiceTest(DaemonTestCase):
         ddata = pasv_connect(down, rcvbuf=4096)  # and never read: the download is under way
         down.send("RETR big.bin\r\n")
         self.assertTrue(down.reply().startswith(b"150 "))
-        time.sleep(0.5)
+        lister = logged_in(self.d.port)
+        lister.cmd("CWD many")
+        ldata = pasv_connect(lister, rcvbuf=4096)
+        lister.send("LIST\r\n")
+        self.assertTrue(lister.reply().startswith(b"150 "))
+        ldata.recv(100)  # the listing is under way; then the client stops reading
+        time.sleep(1)
         self.assertEqual(self.d.cli("no ftp-server enable"), (0, ""))
         self.assertEqual(up.reply(), b"426 Data Connection.\r\n")
         self.assertEqual(down.reply(), b"426 Connection closed; transfer aborted.\r\n")
-        for c in [up, down] + idle:
+        lister.sock.settimeout(15)
+        self.assertIn(lister.sock.recv(4096), (b"", b"426 Connection closed; transfer aborted.\r\n"))
+        for c in [up, down, lister] + idle:
             self.assertTrue(c.closed(timeout=5))
             c.close()
         self.assertTrue(wait_until(lambda: not self.d.port_open(), timeout=5))
@@ -71,11 +70,12 @@ class ServiceTest(DaemonTestCase):
             self.assertFalse(self.d.port_open(socket.AF_INET6))
         # Removed after the reply went out.
         self.assertTrue(wait_until(lambda: not os.path.exists(os.path.join(self.d.flash, "partial.bin"))))
-        updata.close()
-        ddata.close()
+        for s in (updata, ddata, ldata):
+            s.close()
         self.assertEqual(self.d.cli("ftp-server enable"), (0, ""))
         self.assertTrue(wait_until(self.d.port_open, timeout=5))
         logged_in(self.d.port).close()
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
     def test_no_path_leaves_the_top_directory(self):
         os.makedirs(os.path.join(self.d.flash, "sub"), exist_ok=True)
@@ -109,8 +109,7 @@ class ServiceTest(DaemonTestCase):
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
         started, ended = (lambda: self.d.logtext().count("ftp user connected."),
                           lambda: self.d.logtext().count("FTP_SERVER_END"))
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("QUIT")
         c.close()
         self.assertTrue(wait_until(lambda: ended() == started()), (started(), ended()))
@@ -132,8 +131,7 @@ class ServiceTest(DaemonTestCase):
         # A whole session writes process lines, so the log file exists whatever the tests before
         # did; it has ended before the file is moved away.
         ends = self.d.logtext().count("FTP_SERVER_END")
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         c.cmd("QUIT")
         c.close()
         self.assertTrue(wait_until(lambda: self.d.logtext().count("FTP_SERVER_END") > ends, timeout=START_WAIT))
@@ -168,12 +166,12 @@ class ServiceTest(DaemonTestCase):
         silent = [connect() for _ in range(15)]
         # A newcomer is served; the place it takes is the oldest silent connection's.
         self.assertEqual(self.d.cli("show ftp-server memory")[0], 0)
-        self.assertTrue(closed_by_daemon(silent[0], timeout=5))
+        self.assertTrue(ends(silent[0], timeout=5))
         self.assertEqual(self.d.cli("show ftp-server memory")[0], 0)
         # A request begun and never finished loses its connection.
         partial = silent[1]
         partial.sendall(struct.pack("!IB", 20, REQ_EXEC) + b"show")
-        self.assertTrue(closed_by_daemon(partial, timeout=START_WAIT))
+        self.assertTrue(ends(partial, timeout=START_WAIT))
         # The terminal, quiet all along, is still served.
         self.assertEqual(cli_request(terminal, REQ_EXEC, b"ftp-server timeout 7"), (0, ""))
         self.assertIn("ftp-server timeout 7\n", self.d.cli("show running-config")[1])

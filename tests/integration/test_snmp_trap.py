@@ -10,7 +10,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BackEnd, Daemon, RawClient, free_udp_port, wait_until  # noqa: E402
+from ftps_harness import BackEnd, Daemon, RawClient, free_udp_port, greeted, wait_until  # noqa: E402
 
 SNMPTRAPD = shutil.which("snmptrapd")
 # SNMPv2-MIB::authenticationFailure, printed by number (-On) whether or not the MIB files are
@@ -47,8 +47,7 @@ class SnmpTrapTest(unittest.TestCase):
         """n traps since before: one more failure (the sentinel's commands, in a session of their
         own) must bring exactly n + 1, so that a duplicate of an earlier trap cannot hide behind a
         slow receiver."""
-        s = RawClient(d.port)
-        s.reply()
+        s = greeted(d.port)
         for line in sentinel:
             s.cmd(line)
         s.close()

@@ -19,8 +19,8 @@ import traceback
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, expect, pasv_connect, pasv_port, reset,  # noqa: E402
-                          wait_until, whole_session)
+from ftps_harness import (Daemon, RawClient, expect, pasv_connect, pasv_port, reset, wait_until,  # noqa: E402
+                          whole_session)
 
 SMALL = os.urandom(48 * 1024)
 BIG_SIZE = 8 << 20

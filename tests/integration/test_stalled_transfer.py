@@ -7,18 +7,14 @@ through a TLS handshake is dropped at the login time-out. Other clients are serv
 logged-in sessions go on, and descriptors and memory come back to where they were."""
 
 import os
-import shutil
 import socket
-import ssl
 import sys
-import tempfile
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, DaemonTestCase, RawClient, logged_in, memory_idle, pasv_connect,  # noqa: E402
-                          wait_until, whole_session)
-from test_ftps import client_context, ends, make_certificate  # noqa: E402
+from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, half_handshake, logged_in,  # noqa: E402
+                          memory_idle, pasv_connect, wait_until, whole_session)
 
 SMALL = b"x" * 100000
 
@@ -26,29 +22,12 @@ SMALL = b"x" * 100000
 class TimeoutTest(DaemonTestCase):
     daemon_kwargs = {"startup": ["ftp-server username alice password secret1", "ftp-server login timeout 1"]}
 
-    def half_handshake(self):
-        """A standard daemon with TLS and a client that stops in the middle of its handshake."""
-        work = tempfile.mkdtemp(prefix="ftps-tls")
-        self.addCleanup(shutil.rmtree, work, True)
-        cert, key = make_certificate(work, "server")
-        d = Daemon(extra_platform={"ftp.profile": "standard", "tls.certificate": cert, "tls.key": key},
-                   startup=["ftp-server username alice password secret1", "ftp-server login timeout 1"]).start()
-        self.addCleanup(d.stop_checked)
-        baseline = d.descriptors()
-        c = RawClient(d.port, timeout=150)
-        c.reply()
-        self.assertEqual(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
-        hello = ssl.MemoryBIO(), ssl.MemoryBIO()
-        try:
-            client_context().wrap_bio(*hello).do_handshake()
-        except ssl.SSLWantReadError:
-            pass
-        first = hello[1].read()
-        c.send(first[:len(first) // 2])
-        return d, baseline, c
-
     def test_login_and_data_timeouts(self):
-        tls_daemon, tls_baseline, half = self.half_handshake()
+        # A standard daemon with TLS and a client that stops in the middle of its handshake.
+        tls_daemon = Daemon(extra_platform={"ftp.profile": "standard"}, tls=True, **self.daemon_kwargs).start()
+        self.addCleanup(tls_daemon.stop_checked)
+        tls_baseline = tls_daemon.descriptors()
+        half = half_handshake(tls_daemon.port)
         self.d.put("big.bin", b"z" * (64 << 20))
         self.d.put("f.txt", SMALL)
         self.d.many("many")

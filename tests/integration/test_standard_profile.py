@@ -1,9 +1,11 @@
 """The standard profile against raw sockets, with the device profile's answers to the same bytes
-beside it: command lines however the bytes arrive, CR LF on every reply line, long names echoed
-shortened, no PORT bounce, out-of-sequence PASS counted as nothing; LIST and NLST options, MLSD and
-MLST facts, unlistable paths refused before any data connection without the real path; REST and
-APPE, and uploads that replace their target only once complete (the device writes in place).
-curl's resumed transfers and ranges: test_real_clients.py."""
+beside it: one table of commands and their exact replies per profile (the device's HELP, SYST and
+STAT texts, AUTH refused although a certificate is configured); command lines however the bytes
+arrive, CR LF on every reply line, long names echoed shortened, no PORT bounce, out-of-sequence
+PASS counted as nothing; LIST and NLST options, MLSD and MLST facts, unlistable paths refused
+before any data connection without the real path; REST and APPE, and uploads that replace their
+target only once complete (the device writes in place). curl's resumed transfers and ranges:
+test_real_clients.py."""
 
 import ftplib
 import os
@@ -13,9 +15,10 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DaemonTestCase, RawClient, ftp_session, logged_in, memory_idle, read_file,  # noqa: E402
-                          has_ipv6, reset, start_upload, transfer, wait_until)
+from ftps_harness import (DaemonTestCase, RawClient, ftp_session, greeted, has_ipv6, logged_in,  # noqa: E402
+                          memory_idle, read_file, reset, start_upload, transfer, wait_until)
 
+GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
 BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
 NOOP_OK = b"200 NOOP ok.\r\n"
 NOT_IMPLEMENTED = b"502 Command not implemented.\r\n"
@@ -36,6 +39,83 @@ TREE = {"a.txt": b"alpha\n", "b.bin": b"\x00\x01", ".hidden": b"h\n", "ro.txt": 
         "sub/x.txt": b"x\n", "sub/.dot": b"d\n", "my dir/in.txt": b"i\n",
         "crlf/n0": b"", "crlf/n1": b"", "crlf/n2": b""}
 TOP = {"a.txt", "b.bin", "ro.txt", "sub", "my dir", "locked", "crlf", "up"}
+
+# Commands and their replies, in order on one session after login: the exact reply, a test of it,
+# or None (any reply, still in CR LF).
+SHORTENED = lambda r: r.startswith(b"550") and b"..." in r and len(r) <= 511  # noqa: E731
+STANDARD_REPLIES = [
+    ("SYST", b"215 UNIX Type: L8.\r\n"),
+    ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MFMT\r\n"
+             b" MLST type*;size*;modify*;perm*;unique*;\r\n REST STREAM\r\n SIZE\r\n TVFS\r\n UTF8\r\n211 End\r\n"),
+    ("OPTS UTF8 ON", b"200 Always in UTF8 mode.\r\n"),
+    # The facts MLST and MLSD send from now on, and back to all of them.
+    ("OPTS MLST type;size;bogus;", b"200 MLST OPTS type;size;\r\n"),
+    ("MLST a.txt", b"250-Listing a.txt\r\n type=file;size=6; a.txt\r\n250 End\r\n"),
+    ("OPTS MLST type;size;modify;perm;unique;", b"200 MLST OPTS type;size;modify;perm;unique;\r\n"),
+    # RFC 959's forms: the path first with quotes doubled, the minimum of MODE, STRU, TYPE, ALLO,
+    # the X aliases, unknown words 500 and known ones not served 502.
+    ("PWD", b'257 "/" is the current directory\r\n'),
+    ('MKD q"dir', b'257 "/q""dir" created\r\n'),
+    ('xcwd q"dir', b'250 Directory change to "/q"dir".\r\n'),
+    ("XPWD", b'257 "/q""dir" is the current directory\r\n'),
+    ("XCUP", b'250 Directory change to "/".\r\n'),
+    ('XRMD q"dir', b"250 RMD command successful.\r\n"),
+    ("MODE S", b"200 Mode set to S.\r\n"), ("MODE Z", b"504 Only mode S is served.\r\n"),
+    ("STRU F", b"200 Structure set to F.\r\n"), ("STRU R", b"504 Only structure F is served.\r\n"),
+    ("TYPE L 8", b"200 Type set to I.\r\n"), ("TYPE E", b"504 Type not implemented.\r\n"),
+    ("TYPE A N", b"200 Type set to A.\r\n"), ("ALLO 100", b"202 ALLO command ignored.\r\n"),
+    ("SIZE a.txt", b"550 SIZE not allowed in ASCII mode.\r\n"),
+    ("NOOPX", BAD_LINE), ("SYSTEM", BAD_LINE), ("TYPEI", BAD_LINE), ("nOoP", NOOP_OK),
+    ("STOU x", NOT_IMPLEMENTED), ("SITE EXEC ls", b"500 Unknown SITE command.\r\n"),
+    ("SITE CHMOD 600 ro.txt", b"200 SITE CHMOD command successful.\r\n"),
+    ("SITE CHMOD 444 ro.txt", b"200 SITE CHMOD command successful.\r\n"),
+    ("SITE CHMOD 644 nope", b'550 "nope": No such file or directory.\r\n'),
+    ("MFMT 20200102030405 a.txt", b"213 Modify=20200102030405; a.txt\r\n"),
+    ("MDTM a.txt", b"213 20200102030405\r\n"),
+    ("MFMT 2020 a.txt", b"501 Syntax error in parameters or arguments.\r\n"),
+    ("SITE UTIME a.txt 20210102030405 20210102030405 20210102030405 UTC",
+     b"200 SITE UTIME command successful.\r\n"),
+    ("HELP MLSD", b"214 Syntax: MLSD [ <sp> path-name ]\r\n"),
+    ("EPSV 3", b"522 Network protocol not supported, use (1).\r\n"),
+    ("PORT 127,0,0,1,259,232", b"501 Illegal PORT Command.\r\n"),
+    ("EPRT |1|127.0.0.1|1000|", b"500 Illegal EPRT Command.\r\n"),
+    ("ABOR", b"225 No transfer to abort.\r\n"),
+    ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
+    ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
+    # Active data connections go to the client itself only.
+    ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"),
+    ("EPRT |1|10.1.2.3|51201|", b"500 Illegal EPRT Command.\r\n"),
+    ("PORT 127,0,0,1,200,1", b"200 PORT Command okay.\r\n"),
+    ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
+] + [("%s %s" % (verb, "n" * 490), SHORTENED) for verb in ("CWD", "SIZE", "DELE", "RMD")] \
+  + [(cmd, None) for cmd in ("MDTM a.txt", "MLST a.txt", "HELP", "STAT", "HELP SITE")]
+
+# The device from its greeting on: its texts to the byte, bare LF where it sends them.
+HELP_HEAD = (b"214- The following commands are recognized (* =>is unimplemented).\r\n"
+             b"214-    USER    PORT    STOR    MSAM*   RNTO    NLST    MKD     CDUP    OPTS*\n")
+DEVICE_REPLIES = [
+    ("HELP", lambda r: r.startswith(HELP_HEAD) and r.split(b"\n")[7].startswith(b"214 ")),
+    ("HELP retr", b"214 Syntax: RETR <sp> file-name\r\n"),
+    ("HELP abor", b"214 ABOR    \t(abort operation); unimplemented.\r\n"),
+    ("HELP xyz", b"502 Unknown command XYZ.\r\n"),
+    ("HELP SITE CHMOD", b"214 SITE CHMOD   \t<sp> mode <sp> file-name; unimplemented.\r\n"),
+    ("HELP SITE", lambda r: r.startswith(b"214- The following SITE commands are recognized")),
+    ("SYST", b"215 UNIX Type: L8.\r\n"),
+    ("STAT", b"530 Not logged in.\r\n"),
+    ("PWD", b"550 Requested action not taken.\r\n"),
+    ("CDUP", b"530 Not logged in.\r\n"),
+    ("AUTH TLS", NOT_IMPLEMENTED),
+    ("USER alice", b"331 User name okay, need password.\r\n"),
+    ("PASS secret1", b"230 User logged in, proceed.\r\n"),
+    ("STAT", b"211- TESTSW FTP server status:\r\n     Logged in as alice.\r\n     TYPE: ASCII.\r\n"
+             b"     No data connection.\r\n211 End of status.\r\n"),
+] + [(cmd, NOT_IMPLEMENTED) for cmd in ("NOOP", "FEAT", "MLSD", "MLST a.txt", "REST 100", "noop")] + [
+    ("MDTM a.txt", lambda r: r.startswith(b"213 ") and not r.endswith(b"\r\n")),
+    ("PORT 10,1,2,3,200,1", b"200 PORT Command okay.\r\n"),
+    # One receive is one command: a line that fills the 512-byte buffer is a bad line.
+    ("X" * 510, BAD_LINE),
+    ("QUIT", b"221 Service closing control connection(Goodbye).\r\n"),
+]
 
 
 def listed(c, verb):
@@ -87,13 +167,23 @@ class ProfileCase(DaemonTestCase):
     def hidden(self):
         return [n for n in os.listdir(self.path("")) if n.startswith(".")]
 
+    def check_replies(self, c, table, crlf):
+        for cmd, expected in table:
+            with self.subTest(cmd=cmd[:24]):
+                r = c.cmd(cmd)
+                if crlf:
+                    self.assertEqual(r.count(b"\n"), r.count(b"\r\n"), r)
+                if callable(expected):
+                    self.assertTrue(expected(r), r)
+                elif expected:
+                    self.assertEqual(r, expected)
+
 
 class StandardProfileTest(ProfileCase):
     daemon_kwargs = {"extra_platform": {"ftp.profile": "standard", "ftp.login_fail_delay": "0"}}
 
     def test_lines_however_the_bytes_arrive(self):
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         # Several lines in one segment, lower-case words, a bare LF.
         c.send("user alice\r\npass secret1\nNOOP\r\n")
         self.assertEqual([c.reply()[:3] for _ in range(3)], [b"331", b"230", b"200"])
@@ -108,37 +198,13 @@ class StandardProfileTest(ProfileCase):
         self.assertEqual(c.reply(), NOOP_OK)
         # Bad bytes do not desynchronise the session.
         c.send(b"\x00\xff\x80garbage\r\n\r\nNOOP\r\n")
-        self.assertEqual(c.reply(), NOT_IMPLEMENTED)
+        self.assertEqual(c.reply(), BAD_LINE)
         self.assertEqual(c.reply(), NOOP_OK)
         c.close()
 
     def test_replies_to_stock_clients(self):
-        """Exact replies; long names echoed shortened; active data connections only to the client
-        itself; every line of every reply in CR LF."""
-        shortened = lambda r: r.startswith(b"550") and b"..." in r and len(r) <= 511  # noqa: E731
-        cases = [
-            ("SYST", b"215 UNIX Type: L8.\r\n"),
-            ("FEAT", b"211-Features:\r\n EPRT\r\n EPSV\r\n MDTM\r\n MLST type*;size*;modify*;perm*;unique*;\r\n"
-                     b" REST STREAM\r\n SIZE\r\n TVFS\r\n UTF8\r\n211 End\r\n"),
-            ("OPTS UTF8 ON", b"200 Always in UTF8 mode.\r\n"),
-            ("ABOR", b"225 No transfer to abort.\r\n"),
-            ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
-            ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
-            ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"),
-            ("EPRT |1|10.1.2.3|51201|", b"500 Illegal EPRT Command.\r\n"),
-            ("PORT 127,0,0,1,200,1", b"200 PORT Command okay.\r\n"),
-            ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
-        ] + [("%s %s" % (verb, "n" * 490), shortened) for verb in ("CWD", "SIZE", "DELE", "RMD")] \
-          + [(cmd, None) for cmd in ("MDTM a.txt", "MLST a.txt", "HELP", "STAT", "HELP SITE")]
         c = logged_in(self.d.port)
-        for cmd, expected in cases:
-            with self.subTest(cmd=cmd[:24]):
-                r = c.cmd(cmd)
-                self.assertEqual(r.count(b"\n"), r.count(b"\r\n"), r)
-                if callable(expected):
-                    self.assertTrue(expected(r), r)
-                elif expected:
-                    self.assertEqual(r, expected)
+        self.check_replies(c, STANDARD_REPLIES, crlf=True)
         c.close()
         if has_ipv6():
             # The unspecified address (lftp's active mode) stands for the client's own.
@@ -156,8 +222,7 @@ class StandardProfileTest(ProfileCase):
             c.cmd("USER alice")
             self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
 
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         for _ in range(2):
             refuse(c)
             self.assertEqual(c.cmd("PASS again"), OUT_OF_SEQUENCE)
@@ -165,8 +230,7 @@ class StandardProfileTest(ProfileCase):
         self.assertTrue(c.closed())
         c.close()
         held = [logged_in(self.d.port) for _ in range(10)]
-        c = RawClient(self.d.port)
-        c.reply()
+        c = greeted(self.d.port)
         refuse(c)
         self.assertEqual(c.cmd("PASS again"), OUT_OF_SEQUENCE)
         c.cmd("USER alice")
@@ -352,16 +416,17 @@ class StandardProfileTest(ProfileCase):
 class DeviceProfileTest(ProfileCase):
     """The same bytes in the device profile: its replies, listings whose options erase the argument,
     NLST naming regular files only, a missing path answered after the 150 with the real path, no
-    MLSD or MLST, and uploads written in place."""
+    MLSD or MLST, no TLS although the platform file names a certificate, and uploads written in
+    place."""
+
+    daemon_kwargs = {"tls": True}
 
     def test_same_bytes_get_the_device_answers(self):
+        c = RawClient(self.d.port)
+        self.assertEqual(c.reply(), GREETING)
+        self.check_replies(c, DEVICE_REPLIES, crlf=False)
+        self.assertNotIn("TLS", self.d.memory_in_use())
         c = logged_in(self.d.port)
-        for cmd in ("NOOP", "FEAT", "MLSD", "MLST a.txt", "REST 100", "noop"):
-            with self.subTest(cmd=cmd):
-                self.assertEqual(c.cmd(cmd), NOT_IMPLEMENTED)
-        self.assertEqual(c.cmd("SYST"), b"215 UNIX Type: L8.\r\n")
-        self.assertFalse(c.cmd("MDTM a.txt").endswith(b"\r\n"))
-        self.assertEqual(c.cmd("PORT 10,1,2,3,200,1"), b"200 PORT Command okay.\r\n")
         for verb, names in (("LIST -a", TOP), ("LIST -la sub", TOP), ("LIST *.txt", TOP),
                             ("NLST", {"a.txt", "b.bin", "ro.txt"}), ("NLST sub", {"x.txt"})):
             with self.subTest(verb=verb):
