@@ -43,7 +43,7 @@ int receive_one(ftp_session &s) {
 // RFC 854's escapes of a control line into out: IAC IAC is one 0xFF, other IAC commands (with
 // their option byte for WILL, WONT, DO and DONT) are dropped, CR NUL is a CR. The length.
 size_t telnet_decode(const char *in, size_t len, char *out) {
-    constexpr unsigned char kIac = 0xff, kWill = 251, kDont = 254;
+    constexpr unsigned char kIac = 0xff, kWill = 251, kDont = 254, kFirstCommand = 240;
     size_t o = 0;
     for (size_t i = 0; i < len; i++) {
         auto c = static_cast<unsigned char>(in[i]);
@@ -52,9 +52,10 @@ size_t telnet_decode(const char *in, size_t len, char *out) {
             if (cmd == kIac) {
                 out[o++] = static_cast<char>(kIac);
                 i++;
-            } else {
+            } else if (cmd >= kFirstCommand) {
                 i += cmd >= kWill && cmd <= kDont ? 2 : 1;
             }
+            // A lone IAC (its data mark sent urgent, and so taken out of the stream) is dropped.
             continue;
         }
         out[o++] = static_cast<char>(c);
@@ -251,8 +252,10 @@ class control_watch final : public ftp_data_watch {
             if (lf == nullptr) return false;
             size_t end = static_cast<size_t>(lf - in.buf) + 1;
             size_t p = start;
-            // Telnet IAC IP and IAC DM (the synch's data mark) go before the word.
-            while (p + 1 < end && static_cast<unsigned char>(in.buf[p]) == 0xff) p += 2;
+            // Telnet IAC IP and IAC DM (the synch's data mark, sent urgent and so perhaps taken
+            // out of the stream) go before the word.
+            while (p + 1 < end && static_cast<unsigned char>(in.buf[p]) == 0xff)
+                p += static_cast<unsigned char>(in.buf[p + 1]) >= 240 ? 2 : 1;
             size_t word = end - p;
             if (word >= 5 && strncasecmp(in.buf + p, "ABOR", 4) == 0 &&
                 (in.buf[p + 4] == '\r' || in.buf[p + 4] == '\n')) {

@@ -226,6 +226,8 @@ bool store(ftp_session &s, bool append) {
     ftpd_block whole;
     char *path = resolve_in_block(s, "store", name, &whole);
     if (path == nullptr) return true;
+    // The second half of the work block is free once the name is resolved.
+    char *temp_buf = whole.get() + kPathLen;
     upload_kind kind = !s.policy.atomic_uploads ? upload_kind::overwrite
                        : append                ? upload_kind::append
                        : s.rest_offset != 0    ? upload_kind::resume
@@ -235,8 +237,7 @@ bool store(ftp_session &s, bool append) {
     if (kind == upload_kind::replace && s.policy.links_as_entries && link_target(path, through, sizeof through))
         path = through;
     upload_temp temp;
-    // The second half of the work block is free once the name is resolved.
-    unique_fd file(open_upload(s, name, path, kind, temp, path + kPathLen, kPathLen));
+    unique_fd file(open_upload(s, name, path, kind, temp, temp_buf, kPathLen));
     if (!file) return true;
     upload_run run{file.get(), kind, &temp, path};
     ftp_data_env env = data_env(s);

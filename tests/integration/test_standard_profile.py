@@ -16,7 +16,7 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import (DaemonTestCase, RawClient, ftp_session, greeted, has_ipv6, logged_in,  # noqa: E402
-                          memory_idle, read_file, reset, start_upload, transfer, wait_until)
+                          memory_idle, pasv_connect, read_file, reset, start_upload, transfer, wait_until)
 
 GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
 BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
@@ -79,6 +79,8 @@ STANDARD_REPLIES = [
     ("EPSV 3", b"522 Network protocol not supported, use (1).\r\n"),
     ("PORT 127,0,0,1,259,232", b"501 Illegal PORT Command.\r\n"),
     ("EPRT |1|127.0.0.1|1000|", b"500 Illegal EPRT Command.\r\n"),
+    # A USER after the login starts a new one.
+    ("USER alice", b"331 User name okay, need password.\r\n"), ("PASS secret1", b"230 User logged in, proceed.\r\n"),
     ("ABOR", b"225 No transfer to abort.\r\n"),
     ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
     ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
@@ -212,6 +214,98 @@ class StandardProfileTest(ProfileCase):
             self.assertEqual(c.cmd("EPRT |2|::|51201|"), b"200 EPRT Command okay.\r\n")
             self.assertEqual(c.cmd("EPRT |2|::2|51201|"), b"500 Illegal EPRT Command.\r\n")
             c.close()
+
+    def test_links_stay_inside_and_behave_as_entries(self):
+        """A link leading out of the top directory is as good as missing (no reply names a real
+        path); one that stays inside works; listings show links as links; DELE removes a link."""
+        outside = os.path.join(self.d.dir, "outside")
+        os.makedirs(outside, exist_ok=True)
+        with open(os.path.join(outside, "secret"), "wb") as f:
+            f.write(b"secret")
+        self.d.put("ln/file", b"inside\n")
+        links = {"out": outside, "rel_out": "../../../outside", "in": "../sub", "dangling": "nothing", "to_f": "file"}
+        for name, target in links.items():
+            os.symlink(target, os.path.join(self.d.flash, "ln", name))
+        c = logged_in(self.d.port)
+        c.cmd("TYPE I")
+        c.cmd("CWD ln")
+        for verb in ("CWD out", "CWD rel_out", "SIZE out/secret", "MLST out", "RETR out/secret", "LIST out",
+                     "NLST rel_out", "MLSD out", "STOR out/new"):
+            with self.subTest(verb=verb):
+                r = transfer(c, verb, b"x")[0] if verb.split()[0] in ("RETR", "LIST", "NLST", "MLSD", "STOR") \
+                    else c.cmd(verb)
+                self.assertTrue(r.startswith(b"550 "), r)
+                self.assertNotIn(self.d.dir.encode(), r)
+        self.assertFalse(os.path.exists(os.path.join(outside, "new")))
+        self.assertEqual(transfer(c, "RETR in/x.txt")[1], b"x\n")
+        listing = transfer(c, "LIST")[1].split(b"\n")
+        for name, target in links.items():
+            self.assertTrue(any(line.startswith(b"l") and line.endswith(("%s -> %s" % (name, target)).encode())
+                                for line in listing), (name, listing))
+        # An upload onto a link that stays inside is written through to what it names.
+        self.assertEqual(transfer(c, "STOR to_f", b"through\n")[0], STORED)
+        self.assertEqual(read_file(os.path.join(self.d.flash, "ln", "file")), b"through\n")
+        self.assertTrue(os.path.islink(os.path.join(self.d.flash, "ln", "to_f")))
+        for name in ("dangling", "out", "in", "rel_out", "to_f", "file"):
+            self.assertEqual(c.cmd("DELE " + name), b"250 Requested file action okay, completed.\r\n")
+        self.assertEqual(c.cmd("CDUP")[:3], b"250")
+        self.assertEqual(c.cmd("RMD ln"), b"250 RMD command successful.\r\n")
+        c.close()
+
+    def test_abor_during_a_transfer_and_telnet_escapes(self):
+        """ABOR ends a running download at once (426, then 226), after the Telnet interrupt and
+        synch BSD clients send before it; IAC IAC and CR NUL are one 0xFF and a CR in names."""
+        self.d.put("big.bin", os.urandom(64 << 20))
+        for synch in (False, True):
+            c = logged_in(self.d.port)
+            c.cmd("TYPE I")
+            data = pasv_connect(c, rcvbuf=4096)
+            c.send("RETR big.bin\r\n")
+            self.assertTrue(c.reply().startswith(b"150 "))
+            data.recv(4096)
+            if synch:
+                c.send(b"\xff\xf4\xff")
+                c.sock.send(b"\xf2", socket.MSG_OOB)
+            c.send("ABOR\r\n")
+            self.assertEqual(c.reply() + c.reply(), b"426 Connection closed; transfer aborted.\r\n"
+                                                    b"226 Abort successful.\r\n")
+            self.assertEqual(c.cmd("NOOP"), NOOP_OK)
+            data.close()
+            c.close()
+        os.unlink(os.path.join(self.d.flash, "big.bin"))
+        c = self.session()
+        for line, created in ((b"MKD cr\r\x00x", b"cr\rx"), (b"MKD \xff\xffname", b"\xffname")):
+            c.send(line + b"\r\n")
+            self.assertEqual(c.reply(), b'257 "/up/' + created + b'" created\r\n')
+            self.assertTrue(os.path.isdir(os.path.join(self.path("").encode(), created)))
+            os.rmdir(os.path.join(self.path("").encode(), created))
+        c.close()
+
+    def test_upload_temporaries_are_nobodys_and_split_line_ends_join(self):
+        """While an upload is received its hidden temporary is neither listed nor addressable;
+        an ASCII upload whose CR LF is split between two receives stores one LF."""
+        c = self.session()
+        data = start_upload(c, "growing.bin", b"x" * 1000)
+        temp = wait_until(lambda: [n for n in os.listdir(self.path("")) if n.startswith(".ftps-upload.")])
+        self.assertTrue(temp)
+        temp = [n for n in os.listdir(self.path("")) if n.startswith(".ftps-upload.")][0]
+        other = self.session()
+        for verb in ("LIST -a", "NLST -a", "MLSD"):
+            self.assertNotIn(b".ftps-upload.", transfer(other, verb)[1], verb)
+        for verb, code in (("RETR", b"550"), ("DELE", b"550"), ("RNFR", b"501"), ("SIZE", b"550"), ("MDTM", b"550")):
+            r = transfer(other, "%s %s" % (verb, temp))[0] if verb == "RETR" else other.cmd("%s %s" % (verb, temp))
+            self.assertTrue(r.startswith(code), (verb, r))
+        data.sendall(b"y")
+        data.close()
+        self.assertEqual(c.reply(), b"226 Transfer complete.\r\n")
+        data = start_upload(other, "split.txt", b"a\r", type_cmd="TYPE A")
+        time.sleep(0.2)
+        data.sendall(b"\nb\r\n")
+        data.close()
+        other.reply()
+        self.assertEqual(self.content("split.txt"), b"a\nb\n")
+        for cl in (c, other):
+            cl.close()
 
     def test_refused_passwords(self):
         """A refused password gets a single 530 (the 503 after it shows no second one), at the
