@@ -13,7 +13,7 @@ packages=(
   libradcli-dev libsnmp-dev libpwquality-dev libssl-dev openssl cracklib-runtime
   clang clang-format clang-tidy
   python3 curl wget lftp strace procps iproute2
-  rclone ncftp inetutils-ftp
+  rclone ncftp inetutils-ftp tnftp
   freeradius freeradius-utils snmptrapd snmp pamtester passwd
   systemd groff-base dpkg-dev
 )

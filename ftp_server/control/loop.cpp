@@ -45,7 +45,11 @@ int receive_one(ftp_session &s) {
 size_t telnet_decode(const char *in, size_t len, char *out) {
     constexpr unsigned char kIac = 0xff, kWill = 251, kDont = 254, kFirstCommand = 240;
     size_t o = 0;
-    for (size_t i = 0; i < len; i++) {
+    // What is left of an interrupt and synch before the word (its urgent byte out of the stream).
+    size_t i = 0;
+    while (i < len && static_cast<unsigned char>(in[i]) >= kFirstCommand && static_cast<unsigned char>(in[i]) != kIac)
+        i++;
+    for (; i < len; i++) {
         auto c = static_cast<unsigned char>(in[i]);
         if (c == kIac && i + 1 < len) {
             auto cmd = static_cast<unsigned char>(in[i + 1]);
@@ -252,10 +256,9 @@ class control_watch final : public ftp_data_watch {
             if (lf == nullptr) return false;
             size_t end = static_cast<size_t>(lf - in.buf) + 1;
             size_t p = start;
-            // Telnet IAC IP and IAC DM (the synch's data mark, sent urgent and so perhaps taken
-            // out of the stream) go before the word.
-            while (p + 1 < end && static_cast<unsigned char>(in.buf[p]) == 0xff)
-                p += static_cast<unsigned char>(in.buf[p + 1]) >= 240 ? 2 : 1;
+            // Telnet's interrupt and synch go before the word: what is left of them once the urgent
+            // byte is out of the stream is bytes of 240 and above, never a command's letters.
+            while (p < end && static_cast<unsigned char>(in.buf[p]) >= 240) p++;
             size_t word = end - p;
             if (word >= 5 && strncasecmp(in.buf + p, "ABOR", 4) == 0 &&
                 (in.buf[p + 4] == '\r' || in.buf[p + 4] == '\n')) {

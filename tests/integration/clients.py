@@ -12,7 +12,7 @@ NODE_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "node")
 # Client name: the commands that provide it, in order of preference. GNU inetutils' ftp is asked for
 # by its own name: /usr/bin/ftp may be another client chosen through the alternatives system.
 BINARIES = {"curl": ("curl",), "wget": ("wget",), "lftp": ("lftp",), "rclone": ("rclone",),
-            "ncftpget": ("ncftpget",), "ncftpput": ("ncftpput",), "inetutils-ftp": ("inetutils-ftp",),
+            "ncftpget": ("ncftpget",), "ncftpput": ("ncftpput",), "inetutils-ftp": ("inetutils-ftp",), "tnftp": ("tnftp",),
             "node": ("node", "nodejs")}
 
 

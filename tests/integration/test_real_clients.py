@@ -22,6 +22,8 @@ import hashlib
 import io
 import json
 import os
+import pty
+import select
 import shutil
 import subprocess
 import sys
@@ -111,6 +113,38 @@ def tail(text, lines=60):
     parts = text.splitlines()
     return "\n".join((["[... %d lines before]" % (len(parts) - lines)] if len(parts) > lines else [])
                      + parts[-lines:])
+
+
+def on_terminal(argv, before, after, pause=1.5):
+    """Runs a client on a terminal of its own: types the lines of before, waits, types Ctrl-C, then
+    the lines of after; its whole output."""
+    pid, fd = pty.fork()
+    if pid == 0:
+        os.execvp(argv[0], argv)
+    out = bytearray()
+
+    def pump(seconds):
+        end = time.time() + seconds
+        while time.time() < end:
+            if select.select([fd], [], [], 0.1)[0]:
+                try:
+                    out.extend(os.read(fd, 65536))
+                except OSError:
+                    return
+
+    for line in before:
+        os.write(fd, line.encode() + b"\r")
+        pump(0.3)
+    pump(pause)
+    os.write(fd, b"\x03")
+    pump(2)
+    for line in after:
+        os.write(fd, line.encode() + b"\r")
+        pump(0.5)
+    pump(CLIENT_TIMEOUT / 10)
+    os.waitpid(pid, 0)
+    os.close(fd)
+    return out.decode(errors="replace")
 
 
 class RealClientCase:
@@ -402,6 +436,66 @@ class StandardProfileClients(ClearTextClientCase, unittest.TestCase):
         self.rclone("purge", top)
         self.assertFalse(os.path.exists(self.served("rclone-" + family)),
                          "rclone purge left the directory\n" + self.conversation())
+
+    def test_what_stock_clients_parse_and_keep(self):
+        """ftplib's pwd, X forms and selected MLSD facts; lftp keeping times (MFMT) and modes (SITE
+        CHMOD) in a mirror; rclone keeping times and listing a link; curl creating directories and
+        sending SITE CHMOD."""
+        ftp = ftp_session(self.d.port)
+        self.assertEqual(ftp.pwd(), "/")
+        self.assertEqual(ftp.mkd('q"dir'), '/q"dir')
+        for cmd in ('XCWD q"dir', "XPWD", "XCUP", 'XRMD q"dir', 'XMKD q"dir', 'XRMD q"dir'):
+            self.assertIn(ftp.voidcmd(cmd)[:3], ("200", "250", "257"), cmd)
+        facts = {name: f for name, f in ftp.mlsd("tree", facts=["type", "size"])}
+        self.assertEqual(facts["one MiB.bin"], {"type": "file", "size": str(1 << 20)})
+        ftp.quit()
+
+        for family, host in FAMILIES:
+            with self.step(family=family, client="lftp"):
+                remote = "kept-" + family
+                self.lftp(host, 'chmod 600 "tree/one MiB.bin"; mirror -R tree "%s"' % remote)
+                self.assertEqual(os.stat(self.served("tree", "one MiB.bin")).st_mode & 0o777, 0o600)
+                wrong = [p for p, v in snapshot(self.tree).items() if v != "dir" and
+                         (utc_stamp(self.served(remote, p)) != utc_stamp(os.path.join(self.tree, p))
+                          or os.stat(self.served(remote, p)).st_mode & 0o777 != os.stat(os.path.join(self.tree, p)).st_mode & 0o777)]
+                self.assertEqual(wrong, [], "lftp mirror -R kept neither times nor modes\n" + self.conversation())
+                os.chmod(self.served("tree", "one MiB.bin"), 0o644)
+            with self.step(family=family, client="rclone"):
+                self.rclone("copy", self.tree, "%s:rclone-times-%s" % (family, family))
+                wrong = [p for p, v in snapshot(self.tree).items() if v != "dir" and utc_stamp(
+                    self.served("rclone-times-" + family, p)) != utc_stamp(os.path.join(self.tree, p))]
+                self.assertEqual(wrong, [], "rclone copy kept no times\n" + self.conversation())
+                os.symlink("block 512.bin", self.served("rclone-times-" + family, "link.bin"))
+                listed = {e["Path"]: e["Size"] for e in json.loads(self.rclone(
+                    "lsjson", "%s:rclone-times-%s" % (family, family)).out)}
+                self.assertEqual(listed.get("link.bin"), 512, listed)
+            with self.step(family=family, client="curl"):
+                curl = [clients.binary("curl"), "-sS"]
+                self.run_client(curl + ["--ftp-create-dirs", "-T", os.path.join(self.tree, "block 512.bin"),
+                                        self.url(host, "made-%s/by/curl/f.bin" % family)])
+                made = self.served("made-%s/by/curl/f.bin" % family)
+                self.assertEqual(os.path.getsize(made), 512)
+                self.run_client(curl + ["-Q", "SITE CHMOD 600 made-%s/by/curl/f.bin" % family, self.url(host)])
+                self.assertEqual(os.stat(made).st_mode & 0o777, 0o600)
+
+    def test_bsd_clients_navigate_and_interrupt_a_download(self):
+        """GNU inetutils ftp and tnftp on a terminal: pwd, mkdir, cd and Ctrl-C during a get, which
+        sends Telnet's interrupt and synch and ABOR; the session goes on."""
+        big = self.served("sparse.bin")
+        with open(big, "wb") as f:
+            f.truncate(20 << 30)
+        try:
+            for client in ("inetutils-ftp", "tnftp"):
+                with self.step(client=client):
+                    out = on_terminal([clients.binary(client), "-n", "-v", "127.0.0.1", str(self.d.port)],
+                                      ["user %s %s" % (USER, PASSWORD), "binary", "mkdir bsd", "cd bsd", "pwd", "cd ..",
+                                       "get sparse.bin /dev/null"], ["pwd", "rmdir bsd", "quit"])
+                    for text in ('"/bsd"', "426 Connection closed; transfer aborted.", "226 Abort successful.",
+                                 "221 Service closing"):
+                        self.assertIn(text, out, "%s\n%s" % (out, self.conversation()))
+                    self.assertFalse(os.path.exists(self.served("bsd")))
+        finally:
+            os.unlink(big)
 
     def test_rclone_downloads_300_mib_single_stream(self):
         # Sparse apart from a few random blocks (one across a MiB boundary): quick to make.
