@@ -1,4 +1,4 @@
-// The tech-support hook and the authentication-failure trap.
+// The tech-support hook.
 #pragma once
 
 #include "base/ftpd.h"

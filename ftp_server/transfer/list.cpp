@@ -1,10 +1,8 @@
-// LIST: the long-form listing staged in a private temporary file and then sent over the data
-// connection. Also owns what LIST shares with NLST, MLSD and the file commands: the listing line,
-// the wildcard matcher, the unique temporary file and the batched writing of its lines, the
-// sending of a staged listing, the path resolution sequence over a work buffer and the common
-// command and writer skeletons, the device's and the standard profile's. The standard profile
-// skips option words, shows dot files on request and stages the listing before it opens the data
-// connection, so that a path that cannot be listed is refused before any preliminary reply.
+// LIST, and the listing pipeline LIST, NLST and MLSD share: a listing is staged in a private
+// temporary file (batched writes) and sent over the data connection as a file is. The device's
+// listing stages once the data connection is open; the standard profile skips option words,
+// shows dot files on request and stages the listing first, so that a path that cannot be listed
+// is refused before any preliminary reply.
 #include "transfer/transfer.h"
 
 #include <fcntl.h>

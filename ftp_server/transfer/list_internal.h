@@ -1,7 +1,6 @@
-// Internals shared by the listing commands (LIST, NLST, MLSD, MLST) and the directory and file
-// commands: the path resolution sequence over a work buffer, the temporary listing file owner, the
-// batched writer of listing lines, the per-entry listers and the common command and writer
-// skeletons that the listing commands fill with their own rows.
+// Internals shared by the listing commands (LIST, NLST, MLSD, MLST): the temporary listing file
+// owner, the batched writer of listing lines, the per-entry listers and the rows with which each
+// command fills the listing pipeline of either profile.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// RETR, STOR and APPE, with TYPE and REST: resolve the client's file name inside the top
+// RETR, STOR and APPE: resolve the client's file name inside the top
 // directory, make sure the storage is mounted, open the file, then let the data connection move
 // the bytes. A failed or aborted upload leaves no partial file under the target's name.
 //
