@@ -26,6 +26,7 @@ ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
     p.atomic_uploads = true;
     p.ascii_joins_blocks = true;
     p.log_failed_logins = true;
+    p.lean_transfers = true;
     p.confine_links = true;
     p.links_as_entries = true;
     p.rename_once = true;

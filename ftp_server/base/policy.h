@@ -36,6 +36,9 @@ struct ftp_policy {
     // ASCII uploads: a CR LF split between two received blocks is still one line end (else each
     // block is converted by itself).
     bool ascii_joins_blocks = false;
+    // Transfers take their buffers only where the bytes pass through the daemon and wait by poll
+    // (else, as the device, both buffers and an event waiter are taken up front per transfer).
+    bool lean_transfers = false;
     // Every failed USER or PASS is logged in one fixed line with the client's address.
     bool log_failed_logins = false;
     // Paths are resolved beneath the top directory by the kernel: a symbolic link that leads out

@@ -228,7 +228,7 @@ ssize_t read_file(int fd, char *p, size_t len) {
 // and changed only when what is waited for changes, not once per wait.
 class ftp_xfer_waiter {
   public:
-    ftp_xfer_waiter() : ep_(ftpd_epoll_create()) {}
+    explicit ftp_xfer_waiter(bool made = true) : ep_(made ? ftpd_epoll_create() : nullptr) {}
     ~ftp_xfer_waiter() { ftpd_epoll_destroy(ep_); }
     ftp_xfer_waiter(const ftp_xfer_waiter &) = delete;
     ftp_xfer_waiter &operator=(const ftp_xfer_waiter &) = delete;
@@ -698,17 +698,25 @@ ftp_move ftp_dataconn::send_copied(int file, size_t blk, bool ascii, char *buf, 
     }
 }
 
+namespace {
+bool take_send_buffers(ftpd_block *buf, ftpd_block *converted, size_t chunk) {
+    *buf = ftpd_block(FTPD_M_BUF, chunk);
+    *converted = ftpd_block(FTPD_M_CHANG_BUF, 2 * chunk);
+    return *buf && *converted;
+}
+}  // namespace
+
 ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
     if (blk == 0) blk = FTP_BUF_SIZE;
     // A whole number of conversion blocks per read, so blocks fall where one read per block would.
     size_t chunk = blk >= kSendChunk ? blk : kSendChunk / blk * blk;
-    // The buffers and the waiter are taken up front, whichever way the bytes then go.
-    ftpd_block buf(FTPD_M_BUF, chunk);
-    ftpd_block converted(FTPD_M_CHANG_BUF, 2 * chunk);
-    if (!buf || !converted) return ftp_move::no_buffer;
-    ftp_xfer_waiter waiter;
-    if (!waiter) return ftp_move::no_waiter;
-    waiter_ = &waiter;
+    // The device takes the buffers and the waiter up front, whichever way the bytes then go; a lean
+    // transfer takes buffers only where the bytes pass through the daemon, and waits by poll.
+    ftpd_block buf, converted;
+    if (!env_->lean && !take_send_buffers(&buf, &converted, chunk)) return ftp_move::no_buffer;
+    ftp_xfer_waiter waiter(!env_->lean);
+    if (!env_->lean && !waiter) return ftp_move::no_waiter;
+    waiter_ = env_->lean ? nullptr : &waiter;
     bool ascii = !raw && env_->type == ftp_type::ascii;
     struct stat st;
     bool regular = fstat(file, &st) == 0 && S_ISREG(st.st_mode);
@@ -718,6 +726,7 @@ ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
         r = send_spliced(file);
     else if (!ascii && regular && ftp_tls_kernel_send(stream_.tls()))
         r = send_kernel_tls(file);
+    if (r == ftp_move::replied && !buf && !take_send_buffers(&buf, &converted, chunk)) r = ftp_move::no_buffer;
     if (r == ftp_move::replied) r = send_copied(file, blk, ascii, buf.get(), converted.get(), chunk);
     waiter_ = nullptr;
     return r;
@@ -727,19 +736,26 @@ ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
 // Receiving
 
 ftp_move ftp_dataconn::receive_file(int file) {
-    // The buffers and the waiter are taken up front, whichever way the bytes then go.
-    ftpd_block buf(FTPD_M_DATA_BUF, kRecvChunk);
-    ftpd_block converted(FTPD_M_BUF, kRecvChunk + 1);
-    if (!buf || !converted) return ftp_move::no_buffer;
-    ftp_xfer_waiter waiter;
-    if (!waiter) return ftp_move::no_waiter;
-    waiter_ = &waiter;
-    ftp_move r = receive_loop(file, buf.get(), converted.get());
+    // As for sending: up front on the device, only where the bytes pass through the daemon when
+    // lean (a binary upload into a regular file is spliced).
+    struct stat st;
+    bool spliced = env_->type != ftp_type::ascii && !stream_.is_protected() && fstat(file, &st) == 0 &&
+                   S_ISREG(st.st_mode) && (fcntl(file, F_GETFL) & O_APPEND) == 0;
+    ftpd_block buf, converted;
+    if (!env_->lean || !spliced) {
+        buf = ftpd_block(FTPD_M_DATA_BUF, kRecvChunk);
+        converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
+        if (!buf || !converted) return ftp_move::no_buffer;
+    }
+    ftp_xfer_waiter waiter(!env_->lean);
+    if (!env_->lean && !waiter) return ftp_move::no_waiter;
+    waiter_ = env_->lean ? nullptr : &waiter;
+    ftp_move r = receive_loop(file, buf, converted);
     waiter_ = nullptr;
     return r;
 }
 
-ftp_move ftp_dataconn::receive_loop(int file, char *buf, char *converted) {
+ftp_move ftp_dataconn::receive_loop(int file, ftpd_block &buf, ftpd_block &converted) {
     bool ascii = env_->type == ftp_type::ascii;
     // Binary type into a regular file is spliced; the kernel does not splice into a file opened
     // for appending, and protected bytes are decrypted in the daemon.
@@ -747,6 +763,12 @@ ftp_move ftp_dataconn::receive_loop(int file, char *buf, char *converted) {
     kernel_pipe pipe(kReceivePipe);
     bool splicing = !ascii && !stream_.is_protected() && fstat(file, &st) == 0 && S_ISREG(st.st_mode) && pipe.ok() &&
                     (fcntl(file, F_GETFL) & O_APPEND) == 0;
+    auto buffers = [&]() {
+        if (!buf) buf = ftpd_block(FTPD_M_DATA_BUF, kRecvChunk);
+        if (!converted) converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
+        return buf && converted;
+    };
+    if (!splicing && !buffers()) return ftp_move::no_buffer;
     nonblocking_guard nb(stream_.fd());
     ftp_ascii_in carry;
     for (;;) {
@@ -757,10 +779,11 @@ ftp_move ftp_dataconn::receive_loop(int file, char *buf, char *converted) {
             n = splice(stream_.fd(), nullptr, pipe.in(), nullptr, pipe.size(), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
             if (n < 0 && (errno == EINVAL || errno == ENOSYS)) {
                 splicing = false;  // receive into the buffer from now on
+                if (!buffers()) return ftp_move::no_buffer;
                 continue;
             }
         } else {
-            n = stream_.read_some(buf, kRecvChunk);
+            n = stream_.read_some(buf.get(), kRecvChunk);
         }
         if (n == 0) {
             if (ascii && env_->ascii_carry && carry.cr_pending && !write_file(file, "\r", 1))
@@ -785,14 +808,14 @@ ftp_move ftp_dataconn::receive_loop(int file, char *buf, char *converted) {
             bytes_ += n;
             continue;
         }
-        const char *out = buf;
+        const char *out = buf.get();
         size_t len = static_cast<size_t>(n);
         if (ascii) {
             // Cut where one receive of at most one block at a time would have cut, unless a CR LF
             // split between two blocks is still to be one line end.
-            len = env_->ascii_carry ? ftp_stream_to_unix(buf, len, &carry, converted)
-                                    : ftp_chunk_to_unix(buf, len, kRecvBlock, converted);
-            out = converted;
+            len = env_->ascii_carry ? ftp_stream_to_unix(buf.get(), len, &carry, converted.get())
+                                    : ftp_chunk_to_unix(buf.get(), len, kRecvBlock, converted.get());
+            out = converted.get();
         }
         if (!write_file(file, out, len)) return ftp_move::write_error;
         bytes_ += static_cast<off_t>(len);

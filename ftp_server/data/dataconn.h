@@ -40,6 +40,7 @@ struct ftp_data_env {
     bool protect = false;                 // PROT P: the connection is taken over by TLS
     const ftp_tls *control_tls = nullptr;  // whose login a protected data connection must resume
     bool ascii_carry = false;             // a CR LF split between two received blocks is still one line end
+    bool lean = false;                    // buffers only where bytes pass through the daemon; waits by poll
     // Refreshes the session's connection slot (after the opening reply, after the end).
     void (*slot_update)(void *ctx) = nullptr;
     void *ctx = nullptr;
@@ -145,7 +146,7 @@ class ftp_dataconn {
     ftp_move send_all(const char *p, size_t len);
     ftp_move send_spliced(int file);
     ftp_move send_kernel_tls(int file);
-    ftp_move receive_loop(int file, char *buf, char *converted);
+    ftp_move receive_loop(int file, ftpd_block &buf, ftpd_block &converted);
     ftp_move send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk);
 
     const ftp_data_env *env_ = nullptr;    // during a transfer

@@ -116,6 +116,7 @@ ftp_data_env data_env(ftp_session &s) {
     env.protect = s.prot_private;
     env.control_tls = s.ctl.stream.tls();
     env.ascii_carry = s.policy.ascii_joins_blocks;
+    env.lean = s.policy.lean_transfers;
     env.slot_update = [](void *ctx) { slot_update(*static_cast<ftp_session *>(ctx)); };
     env.ctx = &s;
     return env;
