@@ -62,10 +62,10 @@ const valid_row kValid[] = {
     {v2(0x21, 0x11, kV4Body), "192.0.2.1 54321", "10.0.0.1 21"},
     {v2(0x21, 0x21, kV6Body), "2001:db8::7 80", "::1 21"},
     {v2(0x21, 0x11, kV4Body + std::string("\x04\x00\x03xyz\x02\x00\x00", 9)), "192.0.2.1 54321", "10.0.0.1 21"},
-    {v2(0x20, 0x00, ""), "unspec", "unspec"},        // LOCAL: a health check
-    {v2(0x20, 0xff, kV4Body), "unspec", "unspec"},   // LOCAL ignores the family and skips the block
-    {v2(0x21, 0x00, "abc"), "unspec", "unspec"},     // PROXY, unspecified
-    {v2(0x21, 0x12, kV4Body), "unspec", "unspec"},   // UDP: the connection's own endpoints
+    {v2(0x20, 0x00, ""), "unspec", "unspec"},                     // LOCAL: a health check
+    {v2(0x20, 0xff, kV4Body), "unspec", "unspec"},                // LOCAL ignores the family and skips the block
+    {v2(0x21, 0x00, "abc"), "unspec", "unspec"},                  // PROXY, unspecified
+    {v2(0x21, 0x12, kV4Body), "unspec", "unspec"},                // UDP: the connection's own endpoints
     {v2(0x21, 0x31, std::string(216, 'u')), "unspec", "unspec"},  // AF_UNIX
 };
 
@@ -90,13 +90,13 @@ const std::string kInvalid[] = {
     "PROXY TCP5 192.0.2.1 10.0.0.1 1 2\r\n",
     "PROXY UNKNOWNX\r\n",
     "PROXY UNKNOWN " + std::string(92, 'x') + "\r\n",  // CR LF past the 107th byte
-    "PROXY " + std::string(101, 'x'),                 // 107 bytes and no CR LF
-    v2(0x11, 0x11, kV4Body),                          // version 1 in a version 2 header
-    v2(0x22, 0x11, kV4Body),                          // command 2
-    v2(0x21, 0x41, kV4Body),                          // family 4
-    v2(0x21, 0x13, kV4Body),                          // transport 3
-    v2(0x21, 0x11, kV4Body.substr(0, 11)),            // block shorter than two IPv4 addresses
-    v2(0x21, 0x21, kV4Body),                          // and than two IPv6 ones
+    "PROXY " + std::string(101, 'x'),                  // 107 bytes and no CR LF
+    v2(0x11, 0x11, kV4Body),                           // version 1 in a version 2 header
+    v2(0x22, 0x11, kV4Body),                           // command 2
+    v2(0x21, 0x41, kV4Body),                           // family 4
+    v2(0x21, 0x13, kV4Body),                           // transport 3
+    v2(0x21, 0x11, kV4Body.substr(0, 11)),             // block shorter than two IPv4 addresses
+    v2(0x21, 0x21, kV4Body),                           // and than two IPv6 ones
     std::string("\r\n\r\n\0\r\nQUIX\n", 12),
 };
 
