@@ -35,7 +35,7 @@ int need(ftp_proxy_header *out, size_t at_least) {
     return FTP_PROXY_NEED_MORE;
 }
 
-int complete_unspec(ftp_proxy_header *out, size_t length) {
+int complete_own_endpoints(ftp_proxy_header *out, size_t length) {
     memset(&out->src, 0, sizeof out->src);
     memset(&out->dst, 0, sizeof out->dst);
     out->src.ss_family = AF_UNSPEC;
@@ -133,7 +133,7 @@ int parse_v1(const unsigned char *p, size_t len, ftp_proxy_header *out) {
     size_t rest_len = end - kV1PrefixLen;
     // UNKNOWN: whatever follows it up to the CR LF is ignored.
     if (rest_len >= 7 && memcmp(rest, "UNKNOWN", 7) == 0 && (rest_len == 7 || rest[7] == ' '))
-        return complete_unspec(out, end + 2);
+        return complete_own_endpoints(out, end + 2);
     if (!v1_tcp(rest, rest_len, out)) return FTP_PROXY_MALFORMED;
     out->length = end + 2;
     return FTP_PROXY_COMPLETE;
@@ -160,7 +160,7 @@ int parse_v2(const unsigned char *p, size_t len, ftp_proxy_header *out) {
     if (len < total) return need(out, total);
     // Everything else falls back to the connection's own endpoints; TLVs after the addresses are
     // skipped.
-    if (!tcp) return complete_unspec(out, total);
+    if (!tcp) return complete_own_endpoints(out, total);
     const unsigned char *a = p + FTP_PROXY_V2_HEAD;
     size_t n = family == kFamilyInet ? 4 : 16;
     int af = family == kFamilyInet ? AF_INET : AF_INET6;

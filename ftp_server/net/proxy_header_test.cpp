@@ -28,7 +28,7 @@ const std::string kV4Body("\xC0\x00\x02\x01\x0A\x00\x00\x01\xD4\x31\x00\x15", 12
 const std::string kV6Body = std::string("\x20\x01\x0d\xb8", 4) + std::string(11, '\0') + "\x07" +
                             std::string(15, '\0') + "\x01" + std::string("\x00\x50\x00\x15", 4);  // 2001:db8::7 port 80
 
-// "ADDRESS PORT" of an address, or "unspec".
+// "ADDRESS PORT" of an address, or "own".
 std::string text_of(const sockaddr_storage &ss) {
     char buf[INET6_ADDRSTRLEN] = "";
     if (ss.ss_family == AF_INET) {
@@ -41,7 +41,7 @@ std::string text_of(const sockaddr_storage &ss) {
         inet_ntop(AF_INET6, &s6.sin6_addr, buf, sizeof buf);
         return std::string(buf) + " " + std::to_string(ntohs(s6.sin6_port));
     }
-    return ss.ss_family == AF_UNSPEC ? "unspec" : "family " + std::to_string(ss.ss_family);
+    return ss.ss_family == AF_UNSPEC ? "own" : "family " + std::to_string(ss.ss_family);
 }
 
 struct valid_row {
@@ -56,17 +56,17 @@ const valid_row kValid[] = {
     {"PROXY TCP6 2001:db8::7 2001:DB8::1 80 21\r\n", "2001:db8::7 80", "2001:db8::1 21"},
     {"PROXY TCP6 ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535 65535\r\n",
      "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535"},
-    {"PROXY UNKNOWN\r\n", "unspec", "unspec"},
+    {"PROXY UNKNOWN\r\n", "own", "own"},
     {"PROXY UNKNOWN ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535 65535\r\n",
-     "unspec", "unspec"},  // 107 bytes, the longest
+     "own", "own"},  // 107 bytes, the longest
     {v2(0x21, 0x11, kV4Body), "192.0.2.1 54321", "10.0.0.1 21"},
     {v2(0x21, 0x21, kV6Body), "2001:db8::7 80", "::1 21"},
     {v2(0x21, 0x11, kV4Body + std::string("\x04\x00\x03xyz\x02\x00\x00", 9)), "192.0.2.1 54321", "10.0.0.1 21"},
-    {v2(0x20, 0x00, ""), "unspec", "unspec"},                     // LOCAL: a health check
-    {v2(0x20, 0xff, kV4Body), "unspec", "unspec"},                // LOCAL ignores the family and skips the block
-    {v2(0x21, 0x00, "abc"), "unspec", "unspec"},                  // PROXY, unspecified
-    {v2(0x21, 0x12, kV4Body), "unspec", "unspec"},                // UDP: the connection's own endpoints
-    {v2(0x21, 0x31, std::string(216, 'u')), "unspec", "unspec"},  // AF_UNIX
+    {v2(0x20, 0x00, ""), "own", "own"},                     // LOCAL: a health check
+    {v2(0x20, 0xff, kV4Body), "own", "own"},                // LOCAL ignores the family and skips the block
+    {v2(0x21, 0x00, "abc"), "own", "own"},                  // PROXY, unspecified
+    {v2(0x21, 0x12, kV4Body), "own", "own"},                // UDP: the connection's own endpoints
+    {v2(0x21, 0x31, std::string(216, 'u')), "own", "own"},  // AF_UNIX
 };
 
 const std::string kInvalid[] = {
@@ -171,7 +171,7 @@ TEST_F(ProxyReadTest, TakesExactlyTheHeaderAndLeavesTheCommandsThatFollow) {
         SetUp();
         send_all(header + "USER alice\r\nPASS x\r\n");
         ASSERT_EQ(ftp_proxy_read(server_.get(), 5000, &src_, &dst_), 0);
-        EXPECT_EQ(text_of(src_), header[0] == 'P' && header[6] == 'U' ? "unspec" : "192.0.2.1 54321");
+        EXPECT_EQ(text_of(src_), header[0] == 'P' && header[6] == 'U' ? "own" : "192.0.2.1 54321");
         EXPECT_EQ(rest(), "USER alice\r\nPASS x\r\n");
     }
 }
