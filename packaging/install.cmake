@@ -19,7 +19,10 @@ install(FILES ${CMAKE_SOURCE_DIR}/packaging/examples/platform.conf ${CMAKE_SOURC
 # - the unit goes where systemd looks for the prefix (/lib/systemd/system for /usr, else
 #   PREFIX/lib/systemd/system) and starts the daemon from PREFIX/sbin;
 # - /etc/ftps/platform.conf, the path the daemon reads by default, is installed from the example
-#   unless the administrator's own file is already there.
+#   unless the administrator's own file is already there;
+# - the fail2ban filter and jail go where fail2ban reads them, /etc/fail2ban, whatever the prefix;
+#   they are replaced on every install, since fail2ban takes local changes from the .local files
+#   beside them (the jail is off until enabled there).
 install(CODE "set(FTPS_SOURCE_DIR \"${CMAKE_SOURCE_DIR}\")")
 install(CODE [[
   set(_prefix "${CMAKE_INSTALL_PREFIX}")
@@ -43,10 +46,15 @@ install(CODE [[
     file(INSTALL "${FTPS_SOURCE_DIR}/packaging/examples/platform.conf" DESTINATION "/etc/ftps"
          FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
   endif()
+  foreach(_f2b filter.d jail.d)
+    file(INSTALL "${FTPS_SOURCE_DIR}/packaging/fail2ban/${_f2b}/ftps.conf" DESTINATION "/etc/fail2ban/${_f2b}"
+         FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+  endforeach()
 ]])
 
 # The Debian package (make deb). Dependencies on the runtime libraries come from dpkg-shlibdeps;
-# /etc/ftps/platform.conf is a conffile, so dpkg keeps the administrator's changes on upgrade.
+# Everything below /etc is a conffile (the platform file, the fail2ban filter and jail), so dpkg
+# keeps the administrator's changes on upgrade.
 set(CPACK_GENERATOR "DEB")
 set(CPACK_PACKAGE_NAME "ftps")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
@@ -58,11 +66,13 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION "net")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "systemd")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "fail2ban")
 # The package always installs below /usr, whatever prefix the build directory was configured with.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX "/usr")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
-file(WRITE ${CMAKE_BINARY_DIR}/debian/conffiles "/etc/ftps/platform.conf\n")
+file(WRITE ${CMAKE_BINARY_DIR}/debian/conffiles
+     "/etc/ftps/platform.conf\n/etc/fail2ban/filter.d/ftps.conf\n/etc/fail2ban/jail.d/ftps.conf\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_STRIP_FILES ON)

@@ -97,3 +97,14 @@ int username_lib_copy_user(const char *name, username_lib_user_s *out);
 void username_lib_release_user(username_lib_user_s *user);
 // Writes the online count of the copy back. 0, or negative.
 int username_lib_update_user(const username_lib_user_s *user);
+
+// What an account of the local user database may do ([user NAME] keys home, write, max_rate).
+struct username_lib_rights_s {
+    int home_storage;     // 0-based storage index (get_fs_prefix_index); -1: no home of its own
+    char home_path[256];  // the home inside that storage, from "/"; empty without a home
+    bool write;           // may change files (upload, append, delete, rename, make directories)
+    int max_rate;         // KiB/s per transfer; 0: the server's [ftp] max_rate
+};
+// Copies the account's rights into *out. 0; -2 when there is no such account; -3 when one of its
+// rights was refused at load (the account cannot log in either).
+int username_lib_user_rights(const char *name, username_lib_rights_s *out);

@@ -12,6 +12,15 @@ enum platform_tls_require_e {
     PLATFORM_TLS_REQUIRE_ALL = 2,    // and every data connection protected
 };
 
+// How a protected upload's data connection may end.
+enum platform_tls_upload_eof_e {
+    // Only the client's TLS closing alert completes the upload; a bare TCP close leaves it
+    // incomplete, so a connection cut by a third party never passes for the whole file.
+    PLATFORM_TLS_UPLOAD_EOF_STRICT = 0,
+    // A bare TCP close also ends the file, for clients that never send the alert.
+    PLATFORM_TLS_UPLOAD_EOF_LENIENT = 1,
+};
+
 // Before the library's first use: counts OpenSSL's allocations, and keeps the library from
 // tearing down its global state at process exit, which session threads may still be using.
 void ftp_tls_process_start(void);
@@ -27,6 +36,7 @@ int ftp_tls_reload(char *err, size_t err_len);
 bool ftp_tls_enabled(void);
 int ftp_tls_require(void);  // one of PLATFORM_TLS_REQUIRE_*
 bool ftp_tls_require_reuse(void);
+int ftp_tls_upload_eof(void);  // one of PLATFORM_TLS_UPLOAD_EOF_*
 
 struct ftp_tls;
 

@@ -3,6 +3,7 @@
 // answers the daemon's questions about its FTP settings (ftp_platform.h).
 #include "platform_conf.h"
 
+#include <arpa/inet.h>
 #include <ini.h>
 #include <pwquality.h>
 #include <unistd.h>
@@ -34,9 +35,14 @@ static_assert(PLATFORM_FTP_PROFILE_DEVICE == 0 && PLATFORM_FTP_PROFILE_STANDARD 
 const char *const kTlsRequire[] = {"no", "login", "all", nullptr};
 static_assert(PLATFORM_TLS_REQUIRE_NO == 0 && PLATFORM_TLS_REQUIRE_LOGIN == 1 && PLATFORM_TLS_REQUIRE_ALL == 2);
 const char *const kTlsVersions[] = {"1.2", "1.3", nullptr};
+const char *const kUploadEof[] = {"strict", "lenient", nullptr};
+static_assert(PLATFORM_TLS_UPLOAD_EOF_STRICT == 0 && PLATFORM_TLS_UPLOAD_EOF_LENIENT == 1);
 
 // Longest wait the daemon may put before a failed-login reply: more would only hold sessions.
 const int kMaxLoginFailDelay = 60;
+// Bounds of the session limits, and of a transfer's rate in KiB/s (10 GiB/s: beyond any link).
+const int kMaxSessions = 4096;
+const int kMaxRate = 10485760;
 
 struct parse_state {
     platform_conf *conf;
@@ -208,6 +214,51 @@ bool unquote(const char *value, std::string *out, std::string *reason) {
     return true;
 }
 
+// A dotted IPv4 address (inet_pton's strict form), or empty.
+bool parse_ipv4(const char *value, std::string *out, std::string *reason) {
+    unsigned char a[4];
+    if (*value != '\0' && inet_pton(AF_INET, value, a) != 1) {
+        *reason = "not an IPv4 address";
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+// LOW-HIGH within the unprivileged ports, LOW <= HIGH; empty for any port.
+bool parse_port_range(const char *value, int *low, int *high, std::string *reason) {
+    if (*value == '\0') {
+        *low = *high = 0;
+        return true;
+    }
+    const char *dash = strchr(value, '-');
+    std::string lo_text(value, dash != nullptr ? static_cast<size_t>(dash - value) : strlen(value));
+    int lo = 0;
+    int hi = 0;
+    if (dash == nullptr || !parse_int(lo_text.c_str(), 1024, 65535, &lo, reason) ||
+        !parse_int(dash + 1, 1024, 65535, &hi, reason)) {
+        *reason = "expected LOW-HIGH within 1024-65535";
+        return false;
+    }
+    if (lo > hi) {
+        *reason = "LOW above HIGH";
+        return false;
+    }
+    *low = lo;
+    *high = hi;
+    return true;
+}
+
+bool parse_prefixes(const char *value, std::vector<platform_net_prefix> *out, std::string *reason) {
+    out->clear();
+    for (const std::string &item : split_blanks(value)) {
+        platform_net_prefix p;
+        if (!platform_net_prefix_parse(item, &p, reason)) return false;
+        out->push_back(p);
+    }
+    return true;
+}
+
 bool set_methods(platform_conf &c, const std::string &name, const char *value, std::string *reason) {
     std::vector<std::string> methods = split_blanks(value);
     if (methods.empty()) {
@@ -243,6 +294,9 @@ enum class value_kind {
     endpoints,  // host[:port] list, port defaulting to lo
     pwquality,  // libpwquality name=value settings
     choice,     // one of choices, stored as its index
+    ipv4,       // a dotted IPv4 address or empty
+    ports,      // LOW-HIGH into number and number_high, or empty
+    prefixes,   // addresses and CIDR prefixes separated by blanks
 };
 
 // One row per key of the platform file.
@@ -253,6 +307,8 @@ struct key_row {
     std::string platform_conf::*text = nullptr;
     bool platform_conf::*flag = nullptr;
     int platform_conf::*number = nullptr;
+    int platform_conf::*number_high = nullptr;
+    std::vector<platform_net_prefix> platform_conf::*prefix_list = nullptr;
     std::vector<std::string> platform_conf::*list = nullptr;
     std::string platform_conf::*at = nullptr;  // receives "FILE:LINE" of the key
     const char *const *choices = nullptr;      // nullptr-terminated
@@ -278,6 +334,26 @@ const key_row kKeys[] = {
      .number = &pc::login_fail_delay,
      .lo = 0,
      .hi = kMaxLoginFailDelay},
+    {.section = "ftp", .key = "passive_address", .kind = value_kind::ipv4, .text = &pc::passive_address},
+    {.section = "ftp",
+     .key = "passive_ports",
+     .kind = value_kind::ports,
+     .number = &pc::passive_port_low,
+     .number_high = &pc::passive_port_high},
+    {.section = "ftp", .key = "proxy_from", .kind = value_kind::prefixes, .prefix_list = &pc::proxy_from},
+    {.section = "ftp",
+     .key = "max_sessions",
+     .kind = value_kind::number,
+     .number = &pc::max_sessions,
+     .lo = 1,
+     .hi = kMaxSessions},
+    {.section = "ftp",
+     .key = "max_per_address",
+     .kind = value_kind::number,
+     .number = &pc::max_per_address,
+     .lo = 0,
+     .hi = kMaxSessions},
+    {.section = "ftp", .key = "max_rate", .kind = value_kind::number, .number = &pc::max_rate, .lo = 0, .hi = kMaxRate},
     {.section = "storage", .key = "flash2", .kind = value_kind::storage, .slot = 0},
     {.section = "storage", .key = "flash", .kind = value_kind::storage, .slot = 1},
     {.section = "storage", .key = "sata0", .kind = value_kind::storage, .slot = 2},
@@ -290,6 +366,7 @@ const key_row kKeys[] = {
     {.section = "log", .key = "syslog", .kind = value_kind::yes_no, .flag = &pc::log_syslog},
     {.section = "log", .key = "file", .kind = value_kind::path, .text = &pc::log_file},
     {.section = "log", .key = "stderr", .kind = value_kind::yes_no, .flag = &pc::log_stderr},
+    {.section = "log", .key = "transfer_log", .kind = value_kind::path, .text = &pc::transfer_log},
     {.section = "aaa", .key = "registered", .kind = value_kind::yes_no, .flag = &pc::aaa_registered},
     {.section = "aaa", .key = "new_model", .kind = value_kind::yes_no, .flag = &pc::aaa_new_model},
     {.section = "aaa", .key = "user_database", .kind = value_kind::path, .text = &pc::user_database},
@@ -334,6 +411,11 @@ const key_row kKeys[] = {
      .kind = value_kind::choice,
      .number = &pc::tls_min_version,
      .choices = kTlsVersions},
+    {.section = "tls",
+     .key = "upload_eof",
+     .kind = value_kind::choice,
+     .number = &pc::tls_upload_eof,
+     .choices = kUploadEof},
 };
 
 bool set_value(parse_state &st, const key_row &row, const char *value, std::string *reason) {
@@ -368,6 +450,12 @@ bool set_value(parse_state &st, const key_row &row, const char *value, std::stri
             return true;
         case value_kind::choice:
             return parse_choice(value, row.choices, &(c.*row.number), reason);
+        case value_kind::ipv4:
+            return parse_ipv4(value, &(c.*row.text), reason);
+        case value_kind::ports:
+            return parse_port_range(value, &(c.*row.number), &(c.*row.number_high), reason);
+        case value_kind::prefixes:
+            return parse_prefixes(value, &(c.*row.prefix_list), reason);
     }
     return false;
 }
@@ -535,6 +623,39 @@ int platform_ftp_profile(void) {
 
 int platform_ftp_login_fail_delay(void) {
     return platform_get().login_fail_delay;
+}
+
+int platform_ftp_passive_address(unsigned char out[4]) {
+    const std::string &a = platform_get().passive_address;
+    if (a.empty() || inet_pton(AF_INET, a.c_str(), out) != 1) return 0;
+    return 1;
+}
+
+int platform_ftp_passive_ports(int *low, int *high) {
+    const platform_conf &c = platform_get();
+    if (low != nullptr) *low = c.passive_port_low;
+    if (high != nullptr) *high = c.passive_port_high;
+    return c.passive_port_low != 0 ? 1 : 0;
+}
+
+int platform_ftp_proxy_required(const struct sockaddr *peer) {
+    return platform_address_in_list(peer, platform_get().proxy_from) ? 1 : 0;
+}
+
+int platform_ftp_max_sessions(void) {
+    return platform_get().max_sessions;
+}
+
+int platform_ftp_max_per_address(void) {
+    return platform_get().max_per_address;
+}
+
+int platform_ftp_max_rate(void) {
+    return platform_get().max_rate;
+}
+
+const char *platform_log_transfer_log(void) {
+    return platform_get().transfer_log.c_str();
 }
 
 void platform_set_for_test(const platform_conf &conf) {

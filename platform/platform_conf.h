@@ -7,6 +7,7 @@
 
 #include "ftp_platform.h"
 #include "ftp_tls.h"
+#include "net_prefix.h"
 
 struct platform_storage {
     std::string keyword;  // "flash", "flash2", "sata0", "usb0", "tmp", "install", "nfs"
@@ -21,7 +22,14 @@ struct platform_conf {
     // [ftp]
     int control_port = 21;
     int ftp_profile = PLATFORM_FTP_PROFILE_DEVICE;
-    int login_fail_delay = 1;  // seconds before a failed PASS is answered
+    int login_fail_delay = 1;     // seconds before a failed PASS is answered
+    std::string passive_address;  // dotted IPv4 address PASV announces; empty: the control connection's own
+    int passive_port_low = 0;     // passive port range; both 0: any unprivileged port
+    int passive_port_high = 0;
+    std::vector<platform_net_prefix> proxy_from;  // peers that must send a PROXY header first
+    int max_sessions = -1;                        // -1: the profile's default
+    int max_per_address = -1;                     // -1: the profile's default; 0: no limit
+    int max_rate = 0;                             // KiB/s per transfer; 0: unlimited
     // [storage], in the platform's storage order (index 0 = flash2, 1 = flash, ...; see fs_info.h)
     std::vector<platform_storage> storages;
     // [cli]
@@ -31,6 +39,7 @@ struct platform_conf {
     bool log_syslog = true;
     std::string log_file;
     bool log_stderr = false;
+    std::string transfer_log;  // transfer log (one line per transfer); empty: none
     // [aaa]
     bool aaa_registered = true;
     bool aaa_new_model = true;
@@ -61,6 +70,7 @@ struct platform_conf {
     bool tls_require_reuse = true;
     std::string tls_ciphers;  // TLS 1.2 cipher list; empty: the library's default
     int tls_min_version = 0;  // index into "1.2", "1.3"
+    int tls_upload_eof = PLATFORM_TLS_UPLOAD_EOF_STRICT;
 };
 
 // The built-in defaults: every storage slot present with its keyword, flash at its default

@@ -2,14 +2,18 @@
 // file, line and key, paths relative to the file's own directory, and what the daemon reads back.
 #include "platform_conf.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 
 #include "ftp_platform.h"
+#include "ftp_tls.h"
 #include "ftpd_test_support.h"
 #include "zqsys.h"
 
@@ -66,6 +70,25 @@ TEST_F(PlatformConfTest, ErrorsNameTheLineAndTheKeyOrSection) {
     EXPECT_EQ(load_error("[ftp]\ncontrol_port = 65536\n"), ":2: key 'control_port': out of range (1-65535)");
     EXPECT_EQ(load_error("[ftp]\nlogin_fail_delay = 61\n"), ":2: key 'login_fail_delay': out of range (0-60)");
     EXPECT_EQ(load_error("[ftp]\nprofile = vendor\n"), ":2: key 'profile': expected device or standard");
+    EXPECT_EQ(load_error("[ftp]\npassive_address = ftp.example.net\n"),
+              ":2: key 'passive_address': not an IPv4 address");
+    EXPECT_EQ(load_error("[ftp]\npassive_address = ::1\n"), ":2: key 'passive_address': not an IPv4 address");
+    for (const char *range : {"1023-2000", "2000", "3000-2000x", "2000-65536", "-", "5000-"}) {
+        SCOPED_TRACE(range);
+        EXPECT_EQ(load_error(std::string("[ftp]\npassive_ports = ") + range + "\n"),
+                  ":2: key 'passive_ports': expected LOW-HIGH within 1024-65535");
+    }
+    EXPECT_EQ(load_error("[ftp]\npassive_ports = 3000-2999\n"), ":2: key 'passive_ports': LOW above HIGH");
+    EXPECT_EQ(load_error("[ftp]\nproxy_from = 10.0.0.0/8 lb.example\n"),
+              ":2: key 'proxy_from': not an IPv4 or IPv6 address 'lb.example'");
+    EXPECT_EQ(load_error("[ftp]\nproxy_from = 10.0.0.1/8\n"),
+              ":2: key 'proxy_from': address '10.0.0.1/8' has bits set beyond its prefix length");
+    EXPECT_EQ(load_error("[ftp]\nproxy_from = fd00::/129\n"),
+              ":2: key 'proxy_from': bad prefix length in 'fd00::/129'");
+    EXPECT_EQ(load_error("[ftp]\nmax_sessions = 0\n"), ":2: key 'max_sessions': out of range (1-4096)");
+    EXPECT_EQ(load_error("[ftp]\nmax_per_address = 4097\n"), ":2: key 'max_per_address': out of range (0-4096)");
+    EXPECT_EQ(load_error("[ftp]\nmax_rate = -1\n"), ":2: key 'max_rate': out of range (0-10485760)");
+    EXPECT_EQ(load_error("[tls]\nupload_eof = loose\n"), ":2: key 'upload_eof': expected strict or lenient");
     // A blank and ';' inside the quotes start a comment, which leaves the quote open.
     EXPECT_EQ(load_error("[device]\nos_name = \"UNIX ; V\"\n"), ":2: key 'os_name': unterminated double quote");
     EXPECT_EQ(load_error("[log]\nsyslog = maybe\n"), ":2: key 'syslog': expected yes or no");
@@ -97,6 +120,95 @@ TEST_F(PlatformConfTest, RelativePathsAreTakenFromTheFilesDirectory) {
     EXPECT_EQ(c.storages[3].dir, "");  // an empty value leaves the storage absent
     EXPECT_EQ(c.cli_socket, dir_ + "/etc/run/cli");
     EXPECT_EQ(c.log_file, dir_ + "/etc/../ftps.log");
+}
+
+// The operations keys: defaults when absent (limits unset, no range, no proxies) and the values
+// the daemon reads back when given.
+TEST_F(PlatformConfTest, OperationsKeysReachTheDaemonsCalls) {
+    struct row {
+        const char *text;
+        const char *passive;  // dotted, or "" for the control connection's own
+        int low, high, sessions, per_address, rate, upload_eof;
+        const char *xferlog;  // below the file's directory, or "" for none
+    };
+    const row rows[] = {
+        {"", "", 0, 0, -1, -1, 0, PLATFORM_TLS_UPLOAD_EOF_STRICT, ""},
+        {"[ftp]\npassive_address = 192.0.2.7\npassive_ports = 50000-50099\nmax_sessions = 4096\n"
+         "max_per_address = 0\nmax_rate = 10485760\n[log]\ntransfer_log = xfer.log\n[tls]\nupload_eof = Lenient\n",
+         "192.0.2.7", 50000, 50099, 4096, 0, 10485760, PLATFORM_TLS_UPLOAD_EOF_LENIENT, "/etc/xfer.log"},
+        {"[ftp]\npassive_ports = 1024-1024\nmax_sessions = 1\nmax_per_address = 3\npassive_address =\n", "", 1024, 1024,
+         1, 3, 0, PLATFORM_TLS_UPLOAD_EOF_STRICT, ""},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.text);
+        std::string path = write_file(r.text);
+        platform_conf c;
+        std::string err;
+        ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
+        platform_set_for_test(c);
+        unsigned char a[4] = {};
+        char dotted[16] = "";
+        if (platform_ftp_passive_address(a) == 1)
+            snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
+        EXPECT_STREQ(dotted, r.passive);
+        int low = -1;
+        int high = -1;
+        EXPECT_EQ(platform_ftp_passive_ports(&low, &high), r.low != 0 ? 1 : 0);
+        EXPECT_EQ(std::make_pair(low, high), std::make_pair(r.low, r.high));
+        EXPECT_EQ(platform_ftp_max_sessions(), r.sessions);
+        EXPECT_EQ(platform_ftp_max_per_address(), r.per_address);
+        EXPECT_EQ(platform_ftp_max_rate(), r.rate);
+        EXPECT_EQ(ftp_tls_upload_eof(), r.upload_eof);
+        EXPECT_EQ(std::string(platform_log_transfer_log()), *r.xferlog ? dir_ + r.xferlog : "");
+    }
+}
+
+// Which peers must send a PROXY header: IPv4, IPv6 and IPv4-mapped peers against IPv4, IPv6 and
+// mapped prefixes, at the edges of each prefix.
+TEST_F(PlatformConfTest, ProxyFromMatchesAddressesOfEitherFamilyAgainstPrefixes) {
+    std::string path =
+        write_file("[ftp]\nproxy_from = 192.0.2.0/25  2001:db8:a::/48\t::ffff:198.51.100.0/120 203.0.113.9 fe80::1\n");
+    platform_conf c;
+    std::string err;
+    ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
+    platform_set_for_test(c);
+    const std::pair<const char *, int> peers[] = {
+        {"192.0.2.0", 1},
+        {"192.0.2.127", 1},
+        {"192.0.2.128", 0},
+        {"::ffff:192.0.2.5", 1},
+        {"::ffff:192.0.2.200", 0},
+        {"198.51.100.255", 1},
+        {"198.51.101.0", 0},
+        {"203.0.113.9", 1},
+        {"203.0.113.8", 0},
+        {"2001:db8:a:ffff::1", 1},
+        {"2001:db8:b::1", 0},
+        {"fe80::1", 1},
+        {"fe80::2", 0},
+        {"::c000:205", 0},  // IPv4-compatible is not mapped
+    };
+    for (const auto &[text, want] : peers) {
+        SCOPED_TRACE(text);
+        sockaddr_storage ss = {};
+        if (strchr(text, ':') != nullptr) {
+            auto *s6 = reinterpret_cast<sockaddr_in6 *>(&ss);
+            s6->sin6_family = AF_INET6;
+            ASSERT_EQ(inet_pton(AF_INET6, text, &s6->sin6_addr), 1);
+        } else {
+            auto *s4 = reinterpret_cast<sockaddr_in *>(&ss);
+            s4->sin_family = AF_INET;
+            ASSERT_EQ(inet_pton(AF_INET, text, &s4->sin_addr), 1);
+        }
+        EXPECT_EQ(platform_ftp_proxy_required(reinterpret_cast<sockaddr *>(&ss)), want);
+    }
+    platform_conf none;
+    platform_conf_set_defaults(&none);
+    platform_set_for_test(none);
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    EXPECT_EQ(platform_ftp_proxy_required(reinterpret_cast<sockaddr *>(&any)), 0);
+    EXPECT_EQ(platform_ftp_proxy_required(nullptr), 0);
 }
 
 // The defaults (device profile, one second, "UNIX ") and the standard profile without delay: the

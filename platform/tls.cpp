@@ -236,6 +236,10 @@ bool ftp_tls_require_reuse(void) {
     return platform_get().tls_require_reuse;
 }
 
+int ftp_tls_upload_eof(void) {
+    return platform_get().tls_upload_eof;
+}
+
 ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len) {
     SSL_CTX *ctx = control != nullptr ? SSL_get_SSL_CTX(control->ssl) : context_ref();
     if (ctx == nullptr) {

@@ -1,12 +1,14 @@
 // The device's local user database on plain Linux: an INI file with one "[user NAME]" section per
-// account (crypt(3) secret or plain password, online limit, login modes, remote-login switch),
-// reloaded whenever its modification time changes, and the accounts' online counts, which live
-// in memory for the life of the process.
+// account (crypt(3) secret or plain password, online limit, login modes, remote-login switch, and
+// the account's rights: home directory, write permission, transfer rate), reloaded whenever its
+// modification time changes, and the accounts' online counts, which live in memory for the life
+// of the process.
 #include <crypt.h>
 #include <ini.h>
 #include <sys/stat.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,7 +32,17 @@ struct account {
     int online_amount = DEFAULT_ONLINE_AMOUNT;
     uint32_t login_mode = 0;
     bool reject_remote_login = false;
+    int home_storage = -1;  // 0-based storage index; -1: no home of its own
+    std::string home_path;
+    bool write = true;
+    int max_rate = 0;
+    // SECURITY: a right that could not be read would otherwise fall back to a wider one (the
+    // whole top directory, writing allowed); such an account cannot log in at all.
+    bool rights_bad = false;
 };
+
+// A transfer rate beyond any link, as for the platform file's max_rate.
+constexpr long kMaxRate = 10485760;
 
 // Never destroyed: a session may still be authenticating while the process exits.
 std::mutex &db_mutex = *new std::mutex;
@@ -41,9 +53,48 @@ struct timespec loaded_mtime = {0, 0};
 bool loaded = false;
 
 bool parse_bool(const char *v, bool *out) {
-    if (strcasecmp(v, "yes") == 0 || strcasecmp(v, "true") == 0 || strcmp(v, "1") == 0) return *out = true, true;
-    if (strcasecmp(v, "no") == 0 || strcasecmp(v, "false") == 0 || strcmp(v, "0") == 0) return *out = false, true;
+    if (strcasecmp(v, "yes") == 0 || strcasecmp(v, "true") == 0 || strcasecmp(v, "on") == 0 || strcmp(v, "1") == 0)
+        return *out = true, true;
+    if (strcasecmp(v, "no") == 0 || strcasecmp(v, "false") == 0 || strcasecmp(v, "off") == 0 || strcmp(v, "0") == 0)
+        return *out = false, true;
     return false;
+}
+
+// "STORAGE:/path" with a storage the platform file names; the path from "/" (empty: "/"),
+// without "." or ".." components or control characters. false with *reason set otherwise.
+bool parse_home(const char *value, account *a, std::string *reason) {
+    const char *colon = strchr(value, ':');
+    std::string keyword(value, colon != nullptr ? static_cast<size_t>(colon - value) : 0);
+    const std::vector<platform_storage> &storages = platform_get().storages;
+    int index = -1;
+    for (size_t i = 0; i < storages.size() && !keyword.empty(); i++)
+        if (storages[i].keyword == keyword && !storages[i].dir.empty()) index = static_cast<int>(i);
+    if (index < 0) {
+        *reason = "expected STORAGE:/path with a storage of the platform file";
+        return false;
+    }
+    std::string path = colon[1] == '\0' ? "/" : colon + 1;
+    if (path[0] != '/' || path.size() >= sizeof(username_lib_rights_s{}.home_path)) {
+        *reason = "the path must begin with '/' and have at most " +
+                  std::to_string(sizeof(username_lib_rights_s{}.home_path) - 1) + " characters";
+        return false;
+    }
+    bool bad = false;
+    for (unsigned char c : path) bad = bad || c < 0x20 || c == 0x7f;
+    for (size_t start = 1; start <= path.size() && !bad;) {
+        size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        std::string component = path.substr(start, end - start);
+        bad = component == "." || component == "..";
+        start = end + 1;
+    }
+    if (bad) {
+        *reason = "the path may not hold control characters or '.' and '..' components";
+        return false;
+    }
+    a->home_storage = index;
+    a->home_path = path;
+    return true;
 }
 
 // The longest account name a copy of the account can carry.
@@ -134,6 +185,34 @@ char *read_line(char *buf, int size, void *stream) {
     return buf;
 }
 
+// The rights keys (home, write, max_rate): true when key is one of them. A refused value is
+// reported and leaves the account unable to log in.
+bool apply_right(const load_state &st, account &a, const char *key, const char *value) {
+    std::string reason;
+    bool ok;
+    if (strcmp(key, "home") == 0) {
+        ok = parse_home(value, &a, &reason);
+    } else if (strcmp(key, "write") == 0) {
+        ok = parse_bool(value, &a.write);
+        if (!ok) reason = "expected yes or no";
+    } else if (strcmp(key, "max_rate") == 0) {
+        char *end = nullptr;
+        errno = 0;
+        long n = strtol(value, &end, 10);
+        ok = *value != '\0' && *end == '\0' && errno == 0 && n >= 0 && n <= kMaxRate;
+        if (ok) a.max_rate = static_cast<int>(n);
+        if (!ok) reason = "expected KiB/s from 0 to " + std::to_string(kMaxRate);
+    } else {
+        return false;
+    }
+    if (!ok) {
+        report(st,
+               std::string("key '") + key + "': bad value '" + value + "': " + reason + "; the account cannot log in");
+        a.rights_bad = true;
+    }
+    return true;
+}
+
 int on_entry(void *user, const char * /*inih's, possibly cut*/, const char *key, const char *value) {
     auto *st = static_cast<load_state *>(user);
     st->key_seen = true;
@@ -168,7 +247,7 @@ int on_entry(void *user, const char * /*inih's, possibly cut*/, const char *key,
     } else if (strcmp(key, "reject_remote_login") == 0) {
         if (!parse_bool(value, &a.reject_remote_login))
             report(*st, std::string("key '") + key + "': bad value '" + value + "'");
-    } else {
+    } else if (!apply_right(*st, a, key, value)) {
         report(*st, std::string("key '") + key + "': unknown key");
     }
     return 1;
@@ -221,6 +300,7 @@ bool secret_matches(const std::string &hash, const std::string &password) {
 }
 
 bool password_matches(const account &a, const std::string &password) {
+    if (a.rights_bad) return false;
     if (a.has_secret) return secret_matches(a.secret, password);
     if (a.has_password) return a.password == password;
     return false;  // an account without any password cannot log in
@@ -263,6 +343,22 @@ int username_lib_copy_user(const char *name, username_lib_user_s *out) {
     out->login_mode = it->second.login_mode;
     auto c = online_counts.find(name);
     out->online_count = c == online_counts.end() ? 0 : c->second;
+    return 0;
+}
+
+int username_lib_user_rights(const char *name, username_lib_rights_s *out) {
+    if (name == nullptr || out == nullptr) return -1;
+    std::lock_guard<std::mutex> lock(db_mutex);
+    refresh_locked();
+    auto it = accounts.find(name);
+    if (it == accounts.end()) return -2;
+    const account &a = it->second;
+    if (a.rights_bad) return -3;
+    memset(out, 0, sizeof *out);
+    out->home_storage = a.home_storage;
+    snprintf(out->home_path, sizeof out->home_path, "%s", a.home_path.c_str());
+    out->write = a.write;
+    out->max_rate = a.max_rate;
     return 0;
 }
 

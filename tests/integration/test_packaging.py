@@ -23,6 +23,8 @@ INSTALLED = {
     "usr/share/doc/ftps/examples/platform.conf": 0o644,
     "usr/share/doc/ftps/examples/startup.conf": 0o644,
     "etc/ftps/platform.conf": 0o644,
+    "etc/fail2ban/filter.d/ftps.conf": 0o644,
+    "etc/fail2ban/jail.d/ftps.conf": 0o644,
 }
 
 
@@ -134,7 +136,9 @@ class DebTest(unittest.TestCase):
         depends = self.dpkg_deb("-f", self.deb, "Depends")
         for lib in ("libc6", "libedit2", "libinih1", "libsystemd0", "libpam0g", "libpwquality1"):
             self.assertRegex(depends, r"\b%s\b" % lib)
-        self.assertEqual(self.dpkg_deb("-I", self.deb, "conffiles").split(), ["/etc/ftps/platform.conf"])
+        self.assertEqual(self.dpkg_deb("-I", self.deb, "conffiles").split(),
+                         ["/etc/ftps/platform.conf", "/etc/fail2ban/filter.d/ftps.conf",
+                          "/etc/fail2ban/jail.d/ftps.conf"])
 
 
 if __name__ == "__main__":

@@ -1,0 +1,103 @@
+// Tests of the transfer log: the exact line of sample records, client text that would break the
+// fields, and the writer across a rotation that moved its file away.
+#include "base/xferlog.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "ftpd_test_support.h"
+
+namespace {
+
+// 2026-01-05 13:45:02 UTC, a Monday.
+const time_t kEnd = 1767620702;
+
+class XferlogTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+    void TearDown() override { ftp_xferlog_close(); }
+
+    static std::string line(const ftp_xferlog_record &r) {
+        char buf[512];
+        int n = ftp_xferlog_format(&r, buf, sizeof buf);
+        return n < 0 ? "(refused)" : std::string(buf, static_cast<size_t>(n));
+    }
+    static std::string contents(const std::string &path) {
+        std::ifstream in(path);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+
+    ftpd_temp_tree tree_;
+};
+
+TEST_F(XferlogTest, RecordsBecomeTheirExactLine) {
+    struct row {
+        ftp_xferlog_record rec;
+        const char *line;
+    };
+    const row rows[] = {
+        {{kEnd, 2600, "192.0.2.1", 1048576, "/pub/a.iso", true, false, "alice", true},
+         "Mon Jan 05 13:45:02 2026 3 192.0.2.1 1048576 /pub/a.iso b _ o r alice ftp 0 * c\n"},
+        {{kEnd + 86400 * 40, 0, "2001:db8::7", 0, "/in/notes.txt", false, true, "bob", false},
+         "Sat Feb 14 13:45:02 2026 1 2001:db8::7 0 /in/notes.txt a _ i r bob ftp 0 * i\n"},
+        // Client text with blanks and control characters stays one field each.
+        {{kEnd, 1499, "192.0.2.1", 5, "/my file\t\r\n\x7f.txt", true, true, "x y", true},
+         "Mon Jan 05 13:45:02 2026 1 192.0.2.1 5 /my_file____.txt b _ i r x_y ftp 0 * c\n"},
+        {{kEnd, 1500, "192.0.2.1", 5, "/caf\xc3\xa9", true, false, "", true},
+         "Mon Jan 05 13:45:02 2026 2 192.0.2.1 5 /caf\xc3\xa9 b _ o r _ ftp 0 * c\n"},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.line);
+        EXPECT_EQ(line(r.rec), r.line);
+    }
+    ftp_xferlog_record long_name = rows[0].rec;
+    std::string name(600, 'n');
+    long_name.filename = name.c_str();
+    EXPECT_EQ(line(long_name), "(refused)");  // never a cut line
+}
+
+TEST_F(XferlogTest, TheWriterAppendsWholeLinesAndStartsAnewAfterRotation) {
+    ftp_xferlog_record rec = {kEnd, 1000, "192.0.2.1", 10, "/a", true, false, "alice", true};
+    EXPECT_EQ(ftp_xferlog_write(&rec), 1);  // no log open
+    EXPECT_EQ(ftp_xferlog_open(tree_.full("none/xferlog").c_str()), -1);
+    tree_.make_dir("logs");
+    std::string path = tree_.full("logs/xferlog");
+    mode_t old = umask(022);
+    ASSERT_EQ(ftp_xferlog_open(path.c_str()), 0);
+    umask(old);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    ASSERT_EQ(ftp_xferlog_write(&rec), 0);
+    ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
+    rec.filename = "/b";
+    ASSERT_EQ(ftp_xferlog_write(&rec), 0);  // still into the moved file until reopened
+    ASSERT_EQ(ftp_xferlog_reopen(), 0);
+    rec.filename = "/c";
+    ASSERT_EQ(ftp_xferlog_write(&rec), 0);
+    const std::string head = "Mon Jan 05 13:45:02 2026 1 192.0.2.1 10 ";
+    const std::string tail = " b _ o r alice ftp 0 * c\n";
+    EXPECT_EQ(contents(path + ".1"), head + "/a" + tail + head + "/b" + tail);
+    EXPECT_EQ(contents(path), head + "/c" + tail);
+    // A reopen that cannot open the file keeps the log in use.
+    ASSERT_EQ(rename(tree_.full("logs").c_str(), tree_.full("old").c_str()), 0);
+    EXPECT_EQ(ftp_xferlog_reopen(), -1);
+    rec.filename = "/d";
+    ASSERT_EQ(ftp_xferlog_write(&rec), 0);
+    EXPECT_EQ(contents(tree_.full("old/xferlog")), head + "/c" + tail + head + "/d" + tail);
+    ftp_xferlog_close();
+    EXPECT_EQ(ftp_xferlog_write(&rec), 1);
+    EXPECT_EQ(ftp_xferlog_reopen(), 0);  // nothing open: nothing to do
+}
+
+}  // namespace
