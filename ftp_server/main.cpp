@@ -22,6 +22,7 @@
 #include "login/security.h"
 #include "login/trap.h"
 #include "base/policy.h"
+#include "base/xferlog.h"
 #include "ftp_platform.h"
 #include "control/loop.h"
 #include "base/settings.h"
@@ -144,6 +145,13 @@ int init_process(void) {
     bool standard = platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD;
     if (ftpd_security_init(standard) != 0) return -1;
     ftp_policy_init();
+    const ftp_policy &policy = ftp_policy_get();
+    ftp_set_max_user_connect(policy.user_connect_default);
+    // The transfer log is opened again with the log targets on SIGHUP (log rotation).
+    if (policy.transfer_log && ftp_xferlog_open(platform_log_transfer_log()) != 0)
+        printk_syslog_ext(3, FTPD_MODULE, "XFERLOG", LOG_CLASS_ALWAYS, "Transfer log %s not opened.\n",
+                          platform_log_transfer_log());
+    zq_thread_set_hangup_hook([] { (void)ftp_xferlog_reopen(); });
 
     if (ftp_aaa_init() != 0)
         FTPD_KEYMSG("ftp aaa init OK.\n");

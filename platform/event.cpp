@@ -77,8 +77,12 @@ void on_hangup_signal(int) {
     mark_and_wake(g_signal_hangup);
 }
 
+std::atomic<void (*)(void)> g_hangup_hook{nullptr};
+
 int reopen_logs(zq_thread *) {
     syslog_reopen();
+    void (*hook)(void) = g_hangup_hook.load();
+    if (hook != nullptr) hook();
     // Renewed certificates are taken up the same way; sessions already protected keep theirs.
     char err[512] = {0};
     if (ftp_tls_reload(err, sizeof err) != 0)
@@ -317,6 +321,10 @@ void zq_thread_cancel(struct zq_thread *task) {
             return;
         }
     }
+}
+
+void zq_thread_set_hangup_hook(void (*hook)(void)) {
+    g_hangup_hook.store(hook);
 }
 
 void zq_thread_master_stop(struct zq_thread_master *m) {

@@ -45,5 +45,8 @@ struct zq_thread *zq_thread_add_read(struct zq_thread_master *m, zq_thread_func 
 struct zq_thread *zq_thread_add_event(struct zq_thread_master *m, zq_thread_func func, void *arg, const char *name);
 // Cancels a pending timer or read event; the handle is invalid afterwards.
 void zq_thread_cancel(struct zq_thread *task);
+// What else SIGHUP reopens or reloads (after the log service's targets), run on the main thread;
+// one hook, a later call replacing it.
+void zq_thread_set_hangup_hook(void (*hook)(void));
 // Makes the next (or the blocked) fetch return nullptr. Async-signal-safe.
 void zq_thread_master_stop(struct zq_thread_master *m);

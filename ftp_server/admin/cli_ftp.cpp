@@ -8,6 +8,7 @@
 #include "cli.h"
 #include "fs_info.h"
 #include "base/ftpd.h"
+#include "base/policy.h"
 #include "admin/admin.h"
 #include "control/listener.h"
 #include "base/settings.h"
@@ -187,7 +188,7 @@ void ftp_max_connect_cmd(struct cli_cmd *cmd) {
     // The limit is live only: it writes no configuration line and is never saved.
     if (cli_is_config(cmd)) return;
     if (cli_is_no(cmd)) {
-        ftp_set_max_user_connect(FTP_DEF_USER_CONNECT);
+        ftp_set_max_user_connect(ftp_policy_get().user_connect_default);
         return;
     }
     ftp_set_max_user_connect(static_cast<unsigned int>(cli_arg_int(cmd, "<1-20>", FTP_DEF_USER_CONNECT)));

@@ -97,7 +97,7 @@ void dump_ftp_server_information(ftpd_print_fn print) {
         if (row.connect_num == 0) continue;
         int shown = 0;
         unsigned int limit =
-            ftpd_user_max_connect > FTP_MAX_USER_CONNECT ? FTP_MAX_USER_CONNECT : ftpd_user_max_connect;
+            ftpd_user_max_connect > FTP_MAX_SLOTS ? FTP_MAX_SLOTS : ftpd_user_max_connect;
         for (unsigned int i = 0; i < limit; i++) {
             const struct ftp_user_cnt_info_s *slot = row.cnt[i];
             if (slot == nullptr || slot->use_flag == 0) continue;

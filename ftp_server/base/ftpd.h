@@ -25,7 +25,8 @@ struct cli_cmd;
 // Limits
 #define FTP_MAX_CONNECT 20       // sessions (the listener counts itself in the same counter)
 #define FTP_MAX_USERS 10         // rows of the user table
-#define FTP_MAX_USER_CONNECT 20  // slots per user, upper bound of ftpd_user_max_connect
+#define FTP_MAX_USER_CONNECT 20  // the management command's upper bound of the slots per user
+#define FTP_MAX_SLOTS 4096       // slots per user, upper bound of any profile's limit
 #define FTP_DEF_USER_CONNECT 10
 #define FTP_USERNAME_MAX 64
 #define FTP_PASSWORD_MAX 52

@@ -9,6 +9,25 @@ namespace {
 ftp_policy g_policy;
 }  // namespace
 
+namespace {
+unsigned char g_passive_address[4];
+
+// The standard profile's limits and operations keys of the platform file.
+void standard_operations(ftp_policy *p) {
+    int n = platform_ftp_max_sessions();
+    p->max_sessions = n > 0 ? n : 200;
+    n = platform_ftp_max_per_address();
+    p->max_per_address = n >= 0 ? n : 32;
+    p->user_connect_default = static_cast<unsigned>(p->max_sessions);
+    p->max_rate = static_cast<unsigned>(platform_ftp_max_rate());
+    if (platform_ftp_passive_address(g_passive_address) == 1) p->passive_address = g_passive_address;
+    if (platform_ftp_passive_ports(&p->passive_low, &p->passive_high) != 1) p->passive_low = p->passive_high = 0;
+    p->proxy_protocol = true;
+    p->user_rights = true;
+    p->transfer_log = platform_log_transfer_log()[0] != '\0';
+}
+}  // namespace
+
 ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
     ftp_policy p;
     p.profile = profile;
@@ -42,6 +61,7 @@ void ftp_policy_init(void) {
     ftp_profile profile =
         platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD ? ftp_profile::standard : ftp_profile::device;
     g_policy = ftp_policy_of(profile, ftp_tls_enabled());
+    if (profile == ftp_profile::standard) standard_operations(&g_policy);
 }
 
 const ftp_policy &ftp_policy_get(void) {

@@ -59,6 +59,23 @@ struct ftp_policy {
     mode_t mkdir_mode = 0777;
     // AUTH TLS, PBSZ and PROT are served (a [tls] certificate is configured).
     bool tls = false;
+
+    // Limits: sessions at once, from one client address (0: no limit), a user's sessions until
+    // an administrator says otherwise, and KiB/s per transfer (0: no limit).
+    int max_sessions = 20;
+    int max_per_address = 0;
+    unsigned user_connect_default = 10;
+    unsigned max_rate = 0;
+    // Behind NAT and load balancers: the address PASV announces (nullptr: the control connection's
+    // own), the range passive ports are drawn from (0: any unprivileged port), and whether
+    // connections from the platform file's proxy_from addresses begin with a PROXY header.
+    const unsigned char *passive_address = nullptr;
+    int passive_low = 0, passive_high = 0;
+    bool proxy_protocol = false;
+    // Accounts of the local user database may have a home, be read-only and have a rate.
+    bool user_rights = false;
+    // Each finished or aborted transfer is logged in the transfer log ([log] transfer_log).
+    bool transfer_log = false;
 };
 
 // The policy of a profile; tls only where the profile may serve it.

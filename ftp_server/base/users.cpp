@@ -30,7 +30,7 @@ uint32_t last_generation;
 
 // The live limit, never above the slot array.
 unsigned int slot_limit() {
-    return ftpd_user_max_connect > FTP_MAX_USER_CONNECT ? FTP_MAX_USER_CONNECT : ftpd_user_max_connect;
+    return ftpd_user_max_connect > FTP_MAX_SLOTS ? FTP_MAX_SLOTS : ftpd_user_max_connect;
 }
 
 // Caller holds the lock. Free rows are zero and an empty name never matches.
@@ -203,7 +203,7 @@ int ftp_set_userinfo_disconnect(ftp_slot *slot) {
         if (row != nullptr && row->connect_num > 0) {
             row->connect_num--;
             int idx = slot->index;
-            if (idx >= 0 && idx < FTP_MAX_USER_CONNECT && row->cnt[idx] != nullptr) row->cnt[idx]->use_flag = 0;
+            if (idx >= 0 && idx < FTP_MAX_SLOTS && row->cnt[idx] != nullptr) row->cnt[idx]->use_flag = 0;
             if (row->connect_num == 0) ftp_free_userinfo_cnt(row);
             ret = 0;
         }

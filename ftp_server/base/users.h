@@ -45,7 +45,7 @@ struct ftp_user_info_s {
     uint32_t pass_type;  // 0 plain, 7 encrypted
     int32_t use_flag;
     int32_t connect_num;
-    struct ftp_user_cnt_info_s *cnt[FTP_MAX_USER_CONNECT];
+    struct ftp_user_cnt_info_s *cnt[FTP_MAX_SLOTS];
     uint32_t generation;  // new for every row made; sessions give slots back only to their own row
 };
 extern struct ftp_user_info_s gb_usinfo[FTP_MAX_USERS];

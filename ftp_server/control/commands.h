@@ -35,6 +35,7 @@ struct ftp_command {
     bool tls;        // served only while TLS is configured
     const char *help;
     const char *feat;  // its FEAT line, without the leading blank; nullptr for none
+    bool modifies;     // it changes the name space: refused to a read-only user
 };
 
 extern const ftp_command kCommands[];

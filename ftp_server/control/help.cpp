@@ -192,6 +192,7 @@ bool command_site(ftp_session &s) {
     size_t len = strcspn(arg, " ");
     const ftp_command *c = ftp_find_site_command(arg, len, s.policy);
     if (c == nullptr) return reply(s, "500 Unknown SITE command.\r\n") == 0;
+    if (c->modifies && !s.may_write) return reply(s, "550 Permission denied.\r\n") == 0;
     // The SITE command's own argument follows its word.
     char *rest = arg + len;
     while (*rest == ' ') rest++;

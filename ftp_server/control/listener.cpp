@@ -22,6 +22,7 @@
 #include "app_init.h"
 #include "ftp_platform.h"
 #include "base/ftpd.h"
+#include "base/policy.h"
 #include "base/path.h"
 #include "control/loop.h"
 #include "base/testhooks.h"
@@ -44,10 +45,8 @@ static bool ftp_pthread_pause = false;
 static pthread_mutex_t ftp_mutex_pause = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t ftp_cond_pause;
 
+constexpr size_t kSessionStack = 256 * 1024;
 #define FTP_SELECT_TIMEOUT 120
-// Room for a burst of clients up to the session limit: with a shorter queue the kernel drops
-// their SYNs and each dropped client waits a second or more for its retry.
-#define FTP_LISTEN_BACKLOG FTP_MAX_CONNECT
 #define FTP_PAUSE_WAKEUP 60
 #define FTP_RETRY_SLEEP 100
 // Stale stop messages taken at most when listening starts; the kernel's queue is far shorter.
@@ -169,7 +168,9 @@ int open_listener(int family, int port, const char *kind) {
                      kind);  // the text ends in a bare "%"
         return -1;
     }
-    if (listen(fd.get(), FTP_LISTEN_BACKLOG) < 0) {
+    // Room for a burst of clients up to the session limit: with a shorter queue the kernel drops
+    // their SYNs and each dropped client waits a second or more for its retry.
+    if (listen(fd.get(), ftp_policy_get().max_sessions) < 0) {
         FTPD_LOG_ERR("%s: %scontrol connection listen fail. errno=%d\n", FTPD_MODULE, kind, errno);
         return -1;
     }
@@ -206,6 +207,8 @@ void start_session(int domain_fd, int fd, int family, const struct ftp_connect_a
     info->contrl_type = family;
     info->def_addr = *addr;
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    // A session's own data lives on the heap: a small stack keeps a thousand sessions light.
+    pthread_attr_setstacksize(&attr, kSessionStack);
     pthread_t tid;
     int rc = pthread_create(&tid, &attr, ftp_connect_thread, info);
     pthread_attr_destroy(&attr);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <utility>
 #include <cerrno>
 #include <cstring>
 
@@ -17,11 +18,18 @@
 #include "control/commands.h"
 #include "control/listener.h"
 #include "files/cmds.h"
+#include "ftp_platform.h"
 #include "ftp_tls.h"
+#include "net/proxy_header.h"
 #include "login/login.h"
 #include "session/session.h"
 
 namespace {
+
+const char kReadOnly[] = "550 Permission denied.\r\n";
+
+// How long a balancer has for the PROXY header that opens its connection.
+constexpr int kProxyWaitMs = 10 * 1000;
 
 // Device: one receive is one command. A closed peer or a line that fills the whole buffer is a
 // bad line; a peer that closed its side is answered once, not once per wake-up.
@@ -122,7 +130,7 @@ bool receive_more(ftp_session &s) {
 
 // The row of the line in s.line (nullptr: unknown), its argument in s.arg; bad lines get the
 // row-less code kBadLine.
-const ftp_command kBadLine = {"", nullptr, ftp_needs::nothing, 0, 0, 0, 0, false, "", nullptr};
+const ftp_command kBadLine = {"", nullptr, ftp_needs::nothing, 0, 0, 0, 0, false, "", nullptr, false};
 
 void recognise(ftp_session &s, int taken) {
     memset(s.arg, 0, FTP_BUF_SIZE);
@@ -132,8 +140,25 @@ void recognise(ftp_session &s, int taken) {
 
 // Standard profile: the next command from what has arrived, reading more while TLS holds
 // protected bytes that no wait announces. False when no whole line is there.
+// SECURITY: a PROXY header from anyone but a balancer of the platform file would let a client
+// choose its address: its connection is closed without a word. True as well while the first
+// bytes could still be the start of one (no line is taken from them yet).
+bool stray_proxy_header(ftp_session &s) {
+    static const char kV1[] = "PROXY ";
+    static const char kV2[] = "\r\n\r\n\0\r\nQUIT\n";
+    const ftp_line_input &in = s.input;
+    if (s.recognised_any || !s.policy.proxy_protocol || in.len == 0) return false;
+    for (const auto &sig : {std::pair<const char *, size_t>{kV1, 6}, {kV2, 12}}) {
+        if (memcmp(in.buf, sig.first, in.len < sig.second ? in.len : sig.second) != 0) continue;
+        if (in.len >= sig.second) s.peer_closed = true;
+        return true;
+    }
+    return false;
+}
+
 bool next_line(ftp_session &s) {
     for (;;) {
+        if (stray_proxy_header(s)) return false;
         int taken = take_line(s);
         if (taken >= 0) {
             recognise(s, taken);
@@ -187,7 +212,7 @@ bool wait_command(ftp_session &s, bool *have) {
         if (!ready) return true;
         receive_more(s);
         *have = next_line(s);
-        if (!*have && s.peer_closed && s.input.len > 0) {
+        if (!*have && s.peer_closed && s.input.len > 0 && !stray_proxy_header(s)) {
             s.cmd = &kBadLine;
             *have = true;
         }
@@ -217,6 +242,7 @@ bool ftp_dispatch(ftp_session &s) {
         bool quirk = c->needs == ftp_needs::login_pwd_quirk && s.policy.profile == ftp_profile::device;
         return reply(s, quirk ? FTP_REPLY_550 : FTP_REPLY_530) >= 0;
     }
+    if (c->modifies && !s.may_write) return reply(s, kReadOnly) >= 0;
     return c->handler(s);
 }
 
@@ -296,11 +322,31 @@ void set_top_directory(ftp_session &s) {
     }
 }
 
+// Behind a load balancer the client's own address comes first on the connection, in a PROXY
+// header; from a balancer's address nothing else is taken, from anyone else no header. Then the
+// limit of sessions per client address. False when the session must end (a refused one with 421,
+// a broken header without a word).
+bool admit_client(ftp_session &s) {
+    if (s.policy.proxy_protocol &&
+        platform_ftp_proxy_required(reinterpret_cast<const struct sockaddr *>(&s.client)) == 1) {
+        struct sockaddr_storage src {}, dst {};
+        if (ftp_proxy_read(s.ctl.stream.fd(), kProxyWaitMs, &src, &dst) != 0) {
+            FTPD_LOG_ERR("%s: no PROXY header from the balancer at %s.\n", FTPD_MODULE, s.client_text);
+            return false;
+        }
+        if (src.ss_family != AF_UNSPEC) set_client(s, src);
+    }
+    if (s.address_hold.enter(s.client, s.policy.max_per_address)) return true;
+    reply(s, "421 There are too many connections from your internet address.\r\n");
+    return false;
+}
+
 void run_session(ftp_session &s) {
     // Every reply is one whole send: without this, a reply that follows another with no command in
     // between (150 then 226) waits for the client's delayed acknowledgement.
     int nodelay = 1;
     setsockopt(s.ctl.stream.fd(), IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
+    if (!admit_client(s)) return;
     if (ftp_get_product_name() == nullptr) FTPD_LOG_ERR("sys get product name fail\n");
     // The name is copied: the shared text is released at shutdown while sessions still run.
     char product[FTP_BUF_SIZE];
@@ -377,7 +423,7 @@ void *ftp_connect_thread(void *arg) {
     prctl(PR_SET_NAME, "ftps_connect", 0, 0, 0);
     FTPD_LOG_PRO("%s \n", __func__);
 
-    if (ftp_connect_num_get() <= FTP_MAX_CONNECT) {
+    if (ftp_connect_num_get() <= ftp_policy_get().max_sessions) {
         ftp_connect_num_add();
         // The session owns the control connection from here and closes it at its end.
         ftp_server(info->fd, info->domain_fd, info->contrl_type, &info->def_addr);

@@ -25,9 +25,12 @@
 #include <random>
 
 #include "base/settings.h"
+#include "base/xferlog.h"
 #include "data/ascii.h"
 #include "net/waiter.h"
+#include "ftp_platform.h"
 #include "ftp_tls.h"
+#include "net/proxy_header.h"
 #include "vrf.h"
 
 const ftp_data_replies kDownloadReplies = {"226 Closing data connection.\r\n",
@@ -75,11 +78,7 @@ bool as_v4(const struct sockaddr_storage &a, struct in_addr *out) {
 // another host, or another address of this one, that reaches the passive port first would
 // otherwise receive or supply the file.
 bool same_host(const struct sockaddr_storage &peer, const ftp_data_env &env) {
-    struct sockaddr_storage ctl {};
-    if (env.family == AF_INET6)
-        memcpy(&ctl, &env.addr->his_addrv6, sizeof env.addr->his_addrv6);
-    else
-        memcpy(&ctl, &env.addr->his_addr, sizeof env.addr->his_addr);
+    const struct sockaddr_storage &ctl = *env.client;
     struct in_addr a, b;
     bool pv4 = as_v4(peer, &a);
     bool cv4 = as_v4(ctl, &b);
@@ -274,21 +273,27 @@ class ftp_xfer_waiter {
 // ---------------------------------------------------------------------------------------------
 // Listener and target
 
-int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd) {
+int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int low, int high) {
     // A listener of an earlier PASV/EPSV that was never used is replaced, not leaked.
     listener_.reset(socket(local.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
     if (!listener_) return -1;
     set_int(listener_.get(), SOL_SOCKET, SO_REUSEADDR, 1);
     copy_vrf(ctl_fd, listener_.get(), local.ss_family);
     struct sockaddr_storage addr = local;
+    // Any unprivileged port is drawn at random; within a configured range (a firewall's or a
+    // balancer's), every port of it is tried from a random one on.
+    bool range = low > 0 && high >= low;
+    int span = range ? high - low + 1 : 64512;
+    int first = static_cast<int>(draw_port_number() % static_cast<uint32_t>(span));
+    int max_tries = range ? span : kMaxBindTries;
     for (int tries = 1;; tries++) {
-        int port = static_cast<int>(draw_port_number() % 64512) + 1024;
+        int port = range ? low + (first + tries - 1) % span : static_cast<int>(draw_port_number() % 64512) + 1024;
         *port_of(addr) = htons(static_cast<uint16_t>(port));
         if (bind(listener_.get(), reinterpret_cast<struct sockaddr *>(&addr), length_of(addr)) == 0) {
             if (::listen(listener_.get(), kPassiveBacklog) != 0) break;
             return port;
         }
-        if (errno != EADDRINUSE || tries >= kMaxBindTries) {
+        if (errno != EADDRINUSE || tries >= max_tries) {
             FTPD_LOG_ERR("%s:data connection, bind fail(errno=%d).\n", __func__, errno);
             break;
         }
@@ -310,12 +315,12 @@ void ftp_dataconn::release() {
 // ---------------------------------------------------------------------------------------------
 // Waits
 
-ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring) {
+ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring, int pause_ms) {
     const ftp_data_env &env = *env_;
     int fds[3] = {fd, env.control->stream.fd(), env.stop_fd};
     short want[3] = {events, env.watch != nullptr ? env.watch->events(transferring) : static_cast<short>(0),
                      static_cast<short>(env.stop_fd >= 0 ? POLLIN : 0)};
-    int timeout = fd == -1 ? 0 : env.idle_ms;
+    int timeout = fd == -1 ? 0 : fd == -2 ? pause_ms : env.idle_ms;
     bool ready[3] = {false, false, false};
     int r;
     if (waiter_ != nullptr) {
@@ -356,6 +361,18 @@ ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring) {
     return ftp_move::done;
 }
 
+ftp_move ftp_dataconn::between_chunks() {
+    return wait_fd(-1, 0, true);
+}
+
+// With a rate limit: the pause the bytes just moved call for, the control connection and the stop
+// channel watched meanwhile. Nothing when there is none.
+ftp_move ftp_dataconn::keep_rate(size_t bytes) {
+    long long ms = rate_.wait_ms(bytes);
+    if (ms <= 0) return ftp_move::done;
+    return wait_fd(-2, 0, true, static_cast<int>(ms));
+}
+
 ftp_move ftp_dataconn::wait_stream(bool transferring) {
     return wait_fd(stream_.fd(), stream_.wait_events(), transferring);
 }
@@ -394,6 +411,16 @@ int ftp_dataconn::accept_passive() {
             break;
         }
         fd.reset(got);
+        // A connection the balancer relays names the client in its PROXY header.
+        if (env.proxy && platform_ftp_proxy_required(reinterpret_cast<const struct sockaddr *>(&peer)) == 1) {
+            struct sockaddr_storage src {}, dst {};
+            long long rest = deadline - ftp_now_ms();
+            if (ftp_proxy_read(fd.get(), rest > 0 ? static_cast<int>(rest) : 0, &src, &dst) != 0) {
+                fd.reset();
+                continue;
+            }
+            if (src.ss_family != AF_UNSPEC) peer = src;
+        }
         if (!same_host(peer, env)) {
             FTPD_LOG_ERR("%s: passive connection from another address refused.\n", FTPD_MODULE);
             fd.reset();
@@ -473,11 +500,7 @@ int ftp_dataconn::connect_active() {
         }
         // Only a local address still in use is worth waiting for.
         if (err == EADDRINUSE && ftp_now_ms() - start < kConnectRetryMs) {
-            ftp_data_env pause = env;
-            pause.idle_ms = kConnectRetrySleepMs;
-            env_ = &pause;
-            ftp_move w = wait_fd(-2, 0, false);
-            env_ = &env;
+            ftp_move w = wait_fd(-2, 0, false, kConnectRetrySleepMs);
             if (w == ftp_move::stopped || w == ftp_move::control_gone) return -1;
             continue;
         }
@@ -522,6 +545,8 @@ int ftp_dataconn::protect() {
 int ftp_dataconn::open(const ftp_data_env &env) {
     env_ = &env;
     bytes_ = 0;
+    rate_ = ftp_rate_limit(env.max_rate);
+    opened_ms_ = ftp_now_ms();
     open_mode_ = listening() ? ftp_data_mode::passive : ftp_data_mode::active;
     int r = listening() ? accept_passive() : connect_active();
     if (r == 0 && ftpd_reply(*env.control, "150", "Opening %s mode data connection.",
@@ -575,6 +600,11 @@ int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
             break;
     }
     if (env.slot_update != nullptr) env.slot_update(env.ctx);
+    if (env.log_name != nullptr) {
+        ftp_xferlog_record rec{time(nullptr), ftp_now_ms() - opened_ms_, env.client_text, bytes_, env.log_name,
+                               env.type != ftp_type::ascii, env.upload, env.user, how == ftp_move::done};
+        (void)ftp_xferlog_write(&rec);
+    }
     env_ = nullptr;
     return how == ftp_move::stopped || how == ftp_move::control_gone ? -1 : 0;
 }
@@ -623,10 +653,10 @@ ftp_move ftp_dataconn::send_spliced(int file) {
             // at, as a block read would. A file that grew (or reports no size) just goes on.
             bool at_end = off >= size_hint;
             if (!at_end) {
-                ftp_move w = wait_fd(-1, 0, true);
+                ftp_move w = between_chunks();
                 if (w != ftp_move::done) return w;
             }
-            ssize_t n = splice(file, &off, pipe.in(), nullptr, pipe.size(), SPLICE_F_MOVE);
+            ssize_t n = splice(file, &off, pipe.in(), nullptr, rate_.chunk(pipe.size()), SPLICE_F_MOVE);
             if (n == 0) return ftp_move::done;
             if (n < 0) {
                 if (errno == EINTR) continue;
@@ -635,6 +665,8 @@ ftp_move ftp_dataconn::send_spliced(int file) {
             }
             in_pipe = static_cast<size_t>(n);
             if (at_end && fstat(file, &st) == 0) size_hint = st.st_size;
+            ftp_move w = keep_rate(in_pipe);
+            if (w != ftp_move::done) return w;
         }
         ssize_t m = splice(pipe.out(), nullptr, stream_.fd(), nullptr, in_pipe, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
         if (m > 0) {
@@ -660,14 +692,16 @@ ftp_move ftp_dataconn::send_kernel_tls(int file) {
     if (off < 0 || fstat(file, &st) != 0) return ftp_move::replied;
     for (;;) {
         if (off >= st.st_size && (fstat(file, &st) != 0 || off >= st.st_size)) return ftp_move::done;
-        ftp_move w = wait_fd(-1, 0, true);
+        ftp_move w = between_chunks();
         if (w != ftp_move::done) return w;
         size_t want = static_cast<size_t>(st.st_size - off);
-        size_t chunk = static_cast<size_t>(kSendPipe);
+        size_t chunk = rate_.chunk(static_cast<size_t>(kSendPipe));
         ssize_t n = ftp_tls_sendfile(stream_.tls(), file, off, want < chunk ? want : chunk);
         if (n > 0) {
             off += n;
             bytes_ += n;
+            w = keep_rate(static_cast<size_t>(n));
+            if (w != ftp_move::done) return w;
             continue;
         }
         if (n < 0 && errno == EAGAIN) {
@@ -682,10 +716,11 @@ ftp_move ftp_dataconn::send_kernel_tls(int file) {
 // Reads the file a chunk at a time, converts it block by block in ASCII type and sends it.
 ftp_move ftp_dataconn::send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk) {
     for (;;) {
-        ssize_t n = read_file(file, buf, chunk);
+        ssize_t n = read_file(file, buf, rate_.chunk(chunk));
         if (n < 0) return ftp_move::input_error;
         if (n == 0) return ftp_move::done;
-        ftp_move w = wait_fd(-1, 0, true);
+        ftp_move w = between_chunks();
+        if (w == ftp_move::done) w = keep_rate(static_cast<size_t>(n));
         if (w != ftp_move::done) return w;
         const char *out = buf;
         size_t len = static_cast<size_t>(n);
@@ -772,18 +807,18 @@ ftp_move ftp_dataconn::receive_loop(int file, ftpd_block &buf, ftpd_block &conve
     nonblocking_guard nb(stream_.fd());
     ftp_ascii_in carry;
     for (;;) {
-        ftp_move look = wait_fd(-1, 0, true);
+        ftp_move look = between_chunks();
         if (look != ftp_move::done) return look;
         ssize_t n;
         if (splicing) {
-            n = splice(stream_.fd(), nullptr, pipe.in(), nullptr, pipe.size(), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+            n = splice(stream_.fd(), nullptr, pipe.in(), nullptr, rate_.chunk(pipe.size()), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
             if (n < 0 && (errno == EINVAL || errno == ENOSYS)) {
                 splicing = false;  // receive into the buffer from now on
                 if (!buffers()) return ftp_move::no_buffer;
                 continue;
             }
         } else {
-            n = stream_.read_some(buf.get(), kRecvChunk);
+            n = stream_.read_some(buf.get(), rate_.chunk(kRecvChunk));
         }
         if (n == 0) {
             if (ascii && env_->ascii_carry && carry.cr_pending && !write_file(file, "\r", 1))
@@ -806,6 +841,8 @@ ftp_move ftp_dataconn::receive_loop(int file, ftpd_block &buf, ftpd_block &conve
                 left -= m;
             }
             bytes_ += n;
+            ftp_move w = keep_rate(static_cast<size_t>(n));
+            if (w != ftp_move::done) return w;
             continue;
         }
         const char *out = buf.get();
@@ -819,5 +856,7 @@ ftp_move ftp_dataconn::receive_loop(int file, ftpd_block &buf, ftpd_block &conve
         }
         if (!write_file(file, out, len)) return ftp_move::write_error;
         bytes_ += static_cast<off_t>(len);
+        ftp_move w = keep_rate(static_cast<size_t>(n));
+        if (w != ftp_move::done) return w;
     }
 }

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include "base/ftpd.h"
+#include "data/ratelimit.h"
 #include "net/reply.h"
 #include "net/stream.h"
 
@@ -35,12 +36,21 @@ struct ftp_data_env {
     int idle_ms = 0;                      // each wait's deadline
     int family = AF_INET;                 // of the control connection
     const ftp_connect_addr *addr = nullptr;  // the control connection's peer and local addresses
+    const struct sockaddr_storage *client = nullptr;  // the client, as a data connection must come from it
     ftp_type type = ftp_type::ascii;
     ftp_data_watch *watch = nullptr;
     bool protect = false;                 // PROT P: the connection is taken over by TLS
     const ftp_tls *control_tls = nullptr;  // whose login a protected data connection must resume
     bool ascii_carry = false;             // a CR LF split between two received blocks is still one line end
-    bool lean = false;                    // buffers only where bytes pass through the daemon; waits by poll
+    bool lean = false;
+    bool proxy = false;
+    unsigned max_rate = 0;                // KiB/s of this transfer; 0: no limit
+    // The transfer log's record of this transfer: the name as the client sees it (nullptr: no
+    // record), its direction, the user and the client's address.
+    const char *log_name = nullptr;
+    bool upload = false;
+    const char *user = nullptr;
+    const char *client_text = nullptr;                   // connections from the platform's balancers carry a PROXY header                    // buffers only where bytes pass through the daemon; waits by poll
     // Refreshes the session's connection slot (after the opening reply, after the end).
     void (*slot_update)(void *ctx) = nullptr;
     void *ctx = nullptr;
@@ -94,9 +104,9 @@ class ftp_dataconn {
     ftp_dataconn &operator=(const ftp_dataconn &) = delete;
 
     // --- What the address commands leave.
-    // A new passive listener on local (its port drawn at random), in the VRF of ctl_fd; an
-    // earlier one is replaced. The port, or -1.
-    int listen(const struct sockaddr_storage &local, int ctl_fd);
+    // A new passive listener on local (its port drawn at random, from low to high when low is
+    // not 0), in the VRF of ctl_fd; an earlier one is replaced. The port, or -1.
+    int listen(const struct sockaddr_storage &local, int ctl_fd, int low = 0, int high = 0);
     bool listening() const { return static_cast<bool>(listener_); }
     void drop_listener() { listener_.reset(); }
     // The next active connection goes to dest (once); without one, to the client's control port
@@ -142,7 +152,10 @@ class ftp_dataconn {
     // Waits until the stream can go on (its own wait events); the control connection and the
     // stop channel are watched meanwhile. ftp_move::done when it can go on.
     ftp_move wait_stream(bool transferring);
-    ftp_move wait_fd(int fd, short events, bool transferring);
+    // fd -1: a look without waiting; -2: a pause of pause_ms.
+    ftp_move wait_fd(int fd, short events, bool transferring, int pause_ms = 0);
+    ftp_move between_chunks();
+    ftp_move keep_rate(size_t bytes);
     ftp_move send_all(const char *p, size_t len);
     ftp_move send_spliced(int file);
     ftp_move send_kernel_tls(int file);
@@ -157,5 +170,7 @@ class ftp_dataconn {
     struct sockaddr_storage target_ {};
     ftp_data_addrs addrs_;
     off_t bytes_ = 0;
+    ftp_rate_limit rate_;
+    long long opened_ms_ = 0;
     ftp_data_mode open_mode_ = ftp_data_mode::none;
 };

@@ -82,8 +82,8 @@ uint32_t aaa_add_elem_ext(struct aaa_iovec_s *iov, uint32_t code, const void *va
     return whole;
 }
 
-void ftp_aaa_secu_set_aaa_elem_basic(int32_t level, int family, const struct ftp_connect_addr &peer,
-                                     struct aaa_iovec_s *iov, const char *name, const char *password) {
+void ftp_aaa_secu_set_aaa_elem_basic(int32_t level, const struct sockaddr_storage &peer, struct aaa_iovec_s *iov,
+                                     const char *name, const char *password) {
     if (iov == nullptr) return;
     FTPD_LOG_PRO("[ACCESS] Add elem authen-type %d.\r\n", 1);
     add_byte(iov, AAA_ELEM_AUTHEN_TYPE, 1);
@@ -97,10 +97,13 @@ void ftp_aaa_secu_set_aaa_elem_basic(int32_t level, int family, const struct ftp
     add_byte(iov, AAA_ELEM_PORT, 21);
 
     char addr[INET6_ADDRSTRLEN] = "async";
-    if (family == AF_INET) {
-        if (inet_ntop(AF_INET, &peer.his_addr.sin_addr, addr, sizeof addr) == nullptr) addr[0] = '\0';
-    } else if (family == AF_INET6) {
-        if (inet_ntop(AF_INET6, &peer.his_addrv6.sin6_addr, addr, sizeof addr) == nullptr)
+    if (peer.ss_family == AF_INET) {
+        if (inet_ntop(AF_INET, &reinterpret_cast<const struct sockaddr_in *>(&peer)->sin_addr, addr, sizeof addr) ==
+            nullptr)
+            addr[0] = '\0';
+    } else if (peer.ss_family == AF_INET6) {
+        if (inet_ntop(AF_INET6, &reinterpret_cast<const struct sockaddr_in6 *>(&peer)->sin6_addr, addr, sizeof addr) ==
+            nullptr)
             addr[0] = '\0';
     }
     FTPD_LOG_PRO("[ACCESS] Add elem rem-addr %s.\r\n", addr);
@@ -236,7 +239,7 @@ int ftp_aaa_auth(ftp_session &s, const char *name, const char *password, bool *l
     }
     aaa_iovec_s iov;
     aaa_iovec_init(&iov, buf.get(), AAA_ELEM_BUF_SIZE);
-    ftp_aaa_secu_set_aaa_elem_basic(s.login.level, s.family, s.addr, &iov, name, password);
+    ftp_aaa_secu_set_aaa_elem_basic(s.login.level, s.client, &iov, name, password);
     req.iov = &iov;
     return run_request(s, &req, mlist, local);
 }

@@ -61,12 +61,13 @@ TEST(AaaElemTest, ValueBoundCapacityNullAndEmptyValuesAreRefusedWithoutChange) {
 
 // Walked back into their elements, the packed values lie back to back.
 TEST(AaaElemTest, BasicSetCarriesPeerAddressNameAndPasswordInOrder) {
-    ftp_connect_addr peer{};
-    inet_pton(AF_INET6, "2001:db8::7", &peer.his_addrv6.sin6_addr);
+    sockaddr_storage peer{};
+    peer.ss_family = AF_INET6;
+    inet_pton(AF_INET6, "2001:db8::7", &reinterpret_cast<sockaddr_in6 *>(&peer)->sin6_addr);
     char buf[512];
     aaa_iovec_s iov;
     aaa_iovec_init(&iov, buf, sizeof buf);
-    ftp_aaa_secu_set_aaa_elem_basic(15, AF_INET6, peer, &iov, "alice", "pw");
+    ftp_aaa_secu_set_aaa_elem_basic(15, peer, &iov, "alice", "pw");
     auto elems = unpack(iov);
     ASSERT_EQ(elems.size(), 8u);
     const uint32_t codes[] = {147, 148, 145, 146, 152, 150, 157, 158};
@@ -80,7 +81,8 @@ TEST(AaaElemTest, BasicSetCarriesPeerAddressNameAndPasswordInOrder) {
     // Neither family: the address is "async"; an over-long password is left out.
     aaa_iovec_init(&iov, buf, sizeof buf);
     std::string long_pw(300, 'p');
-    ftp_aaa_secu_set_aaa_elem_basic(15, 0, peer, &iov, "alice", long_pw.c_str());
+    peer.ss_family = AF_UNSPEC;
+    ftp_aaa_secu_set_aaa_elem_basic(15, peer, &iov, "alice", long_pw.c_str());
     elems = unpack(iov);
     ASSERT_EQ(elems.size(), 7u);
     EXPECT_EQ(elems[5].value, "async");

@@ -5,12 +5,15 @@
 #include "login/login.h"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 
 #include "base/settings.h"
 #include "base/users.h"
+#include "aaa.h"
+#include "fs_info.h"
 #include "ftp_platform.h"
 #include "ftp_tls.h"
 #include "login/security.h"
@@ -34,11 +37,6 @@ void give_back_slot(ftp_session &s) {
 // log tools and fail2ban read.
 void log_failed_login(const ftp_session &s) {
     if (!s.policy.log_failed_logins) return;
-    char addr[INET6_ADDRSTRLEN] = "-";
-    if (s.family == AF_INET6)
-        inet_ntop(AF_INET6, &s.addr.his_addrv6.sin6_addr, addr, sizeof addr);
-    else
-        inet_ntop(AF_INET, &s.addr.his_addr.sin_addr, addr, sizeof addr);
     // The name is the client's text: kept to printable characters, so that no line can be forged.
     char name[FTP_NAME_LEN];
     size_t n = 0;
@@ -46,7 +44,7 @@ void log_failed_login(const ftp_session &s) {
         name[n++] = *p >= 0x20 && *p < 0x7f && *p != '"' ? *p : '?';
     name[n] = '\0';
     printk_syslog_ext(5, FTPD_MODULE, "LOGIN_FAIL", LOG_CLASS_ALWAYS, "Failed login for user \"%s\" from %s.\n", name,
-                      addr);
+                      s.client_text);
 }
 
 }  // namespace
@@ -137,6 +135,29 @@ int reply_logged_in(ftp_session &s) {
     return reply(s, "230 User logged in, proceed.\r\n");
 }
 
+// An account of the local user database may have a home of its own (its top directory, below the
+// daemon's), be read-only and have a rate of its own. False when its rights cannot be served.
+bool take_rights(ftp_session &s) {
+    username_lib_rights_s r{};
+    int rc = username_lib_user_rights(s.login.client_name, &r);
+    if (rc == -2) return true;
+    if (rc != 0) return false;
+    s.may_write = r.write;
+    s.max_rate = r.max_rate > 0 ? static_cast<unsigned>(r.max_rate) : 0;
+    if (r.home_storage < 0) return true;
+    char home[FTP_ROOTDIR_LEN];
+    struct stat st;
+    if (get_final_path(r.home_storage, r.home_path, home, sizeof home) < 0 || stat(home, &st) != 0 ||
+        !S_ISDIR(st.st_mode) || strlen(home) >= FTP_CURRENTDIR_LEN)
+        return false;
+    size_t len = strlen(home);
+    if (len > 1 && home[len - 1] == '/') home[len - 1] = '\0';
+    (void)ftpd_strlcpy(s.rootdir.get(), home, FTP_ROOTDIR_LEN);
+    (void)ftpd_strlcpy(s.currentdir, home, sizeof s.currentdir);
+    s.has_topdir = true;
+    return true;
+}
+
 // Through AAA or the local user database, once the table has not accepted the password.
 int pass_through_aaa(ftp_session &s, const char *arg) {
     ftp_login &l = s.login;
@@ -163,7 +184,7 @@ int pass_through_aaa(ftp_session &s, const char *arg) {
         return 0;
     }
     FTPD_LOG_PRO("Going to check login.\n");
-    if (ftp_username_login_check(l.client_name) != 0) {
+    if (ftp_username_login_check(l.client_name) != 0 || (s.policy.user_rights && !take_rights(s))) {
         ftp_login_fail_wait(s);
         reply(s, "530 Not logged in.\r\n");
         return -1;

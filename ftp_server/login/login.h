@@ -29,5 +29,7 @@ void ftp_update_online_count(const char *name, int login);
 void ftp_aaa_del_user(ftp_session &s);
 void aaa_iovec_init(struct aaa_iovec_s *iov, char *buf, uint32_t capacity);
 uint32_t aaa_add_elem_ext(struct aaa_iovec_s *iov, uint32_t code, const void *value, uint32_t len);
-void ftp_aaa_secu_set_aaa_elem_basic(int32_t level, int family, const struct ftp_connect_addr &peer,
-                                     struct aaa_iovec_s *iov, const char *name, const char *password);
+// The basic elements of an AAA request; peer is the client (its family AF_INET or AF_INET6, else
+// the address element says "async").
+void ftp_aaa_secu_set_aaa_elem_basic(int32_t level, const struct sockaddr_storage &peer, struct aaa_iovec_s *iov,
+                                     const char *name, const char *password);

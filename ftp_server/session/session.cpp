@@ -14,6 +14,12 @@ ftp_session::ftp_session(int control_fd, int stop, int fam, const ftp_connect_ad
       buffers(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE),
       timeout_min(static_cast<int>(get_ftp_timeout())) {
     ctl.stream.reset(control_fd);
+    struct sockaddr_storage peer {};
+    if (fam == AF_INET6)
+        memcpy(&peer, &a.his_addrv6, sizeof a.his_addrv6);
+    else
+        memcpy(&peer, &a.his_addr, sizeof a.his_addr);
+    set_client(*this, peer);
     ctl.crlf = p.reply_crlf;
     ctl.shorten_echo = p.reply_shortens_echo;
     if (buffers) {
@@ -41,6 +47,14 @@ ftp_session::~ftp_session() {
 
 bool ftp_session::ready() const {
     return static_cast<bool>(buffers) && static_cast<bool>(login.passwd);
+}
+
+void set_client(ftp_session &s, const struct sockaddr_storage &addr) {
+    s.client = addr;
+    const void *bytes = addr.ss_family == AF_INET6
+                            ? static_cast<const void *>(&reinterpret_cast<const struct sockaddr_in6 *>(&addr)->sin6_addr)
+                            : static_cast<const void *>(&reinterpret_cast<const struct sockaddr_in *>(&addr)->sin_addr);
+    if (inet_ntop(addr.ss_family, bytes, s.client_text, sizeof s.client_text) == nullptr) strcpy(s.client_text, "-");
 }
 
 const char *session_root(const ftp_session &s) {
@@ -104,20 +118,30 @@ void slot_update(ftp_session &s) {
     ftp_set_userinfo_update(s.slot, snapshot_of(s));
 }
 
-ftp_data_env data_env(ftp_session &s) {
+ftp_data_env data_env(ftp_session &s, const char *real, bool upload, char *log_name) {
     ftp_data_env env;
     env.control = &s.ctl;
     env.stop_fd = s.stop_fd;
     env.idle_ms = s.timeout_min * 60 * 1000;
     env.family = s.family;
     env.addr = &s.addr;
+    env.client = &s.client;
     env.type = s.type;
     env.watch = s.watch;
     env.protect = s.prot_private;
     env.control_tls = s.ctl.stream.tls();
     env.ascii_carry = s.policy.ascii_joins_blocks;
     env.lean = s.policy.lean_transfers;
+    env.proxy = s.policy.proxy_protocol;
+    env.max_rate = s.max_rate != 0 ? s.max_rate : s.policy.max_rate;
     env.slot_update = [](void *ctx) { slot_update(*static_cast<ftp_session *>(ctx)); };
+    if (s.policy.transfer_log && real != nullptr && log_name != nullptr &&
+        ftpd_absolute_to_relative_path(session_root(s), real, log_name, FTP_PATH_HALF) != nullptr) {
+        env.log_name = log_name;
+        env.upload = upload;
+        env.user = s.login.client_name;
+        env.client_text = s.client_text;
+    }
     env.ctx = &s;
     return env;
 }

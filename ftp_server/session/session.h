@@ -3,10 +3,12 @@
 // space, the command buffers), and the few questions every command asks of it.
 #pragma once
 
+#include <arpa/inet.h>
 #include <sys/types.h>
 
 #include "base/ftpd.h"
 #include "base/path.h"
+#include "base/peers.h"
 #include "base/policy.h"
 #include "base/users.h"
 #include "data/dataconn.h"
@@ -56,6 +58,11 @@ struct ftp_session {
     int stop_fd;                 // the local control channel (shared, not owned)
     int family;                  // of the control connection: AF_INET or AF_INET6
     ftp_connect_addr addr;       // its peer and local addresses
+    // The client: the control connection's peer, or the address a load balancer's PROXY header
+    // named. Logs, the per-address limit, AAA and the data-peer checks use it.
+    struct sockaddr_storage client {};
+    char client_text[INET6_ADDRSTRLEN] = {};
+    ftp_address_hold address_hold;
     const ftp_policy &policy;
     ftp_waiter waiter;           // the wait for the next command
     bool peer_closed = false;    // the client closed its side: the session ends after this command
@@ -78,6 +85,10 @@ struct ftp_session {
     bool has_topdir = false;     // a top directory was resolved and is still configured
     char currentdir[FTP_CURRENTDIR_LEN] = {};
     char rename_from[FTP_CURRENTDIR_LEN] = {};
+
+    // What the login may do: change the name space, and KiB/s per transfer (0: the server's).
+    bool may_write = true;
+    unsigned max_rate = 0;
 
     // Transfers
     ftp_type type = ftp_type::ascii;
@@ -110,6 +121,9 @@ inline bool is_data_empty(const char *s) {
 const char *session_root(const ftp_session &s);
 const char *session_name(const ftp_session &s);
 
+// Takes addr as the session's client (its text too).
+void set_client(ftp_session &s, const struct sockaddr_storage &addr);
+
 // Replies on the session's control connection.
 int reply(ftp_session &s, const char *text);
 int reply_code(ftp_session &s, const char *code, const char *fmt, const char *arg1 = nullptr,
@@ -126,8 +140,10 @@ int admit_path_cmd(ftp_session &s, const char *arg);
                                                     char *outpath, bool follow = true);
 [[nodiscard]] char *ftpd_client_view(const ftp_session &s, char *outpath, int size);
 
-// What the data connection needs of this session for one transfer.
-ftp_data_env data_env(ftp_session &s);
+// What the data connection needs of this session for one transfer; with the real path of a file
+// and its direction, the transfer is logged in the transfer log (log_name holds FTP_PATH_HALF
+// bytes for the name as the client sees it).
+ftp_data_env data_env(ftp_session &s, const char *real = nullptr, bool upload = false, char *log_name = nullptr);
 // The session's state as its connection slot shows it, and the slot refreshed from it.
 struct ftp_user_cnt_info_s slot_snapshot(const ftp_session &s);
 void slot_update(ftp_session &s);

@@ -47,15 +47,17 @@ bool is_scoped_v6(const struct in6_addr *a) {
 // SECURITY (standard profile): an active data connection may only go back to the client's own
 // address, so the server cannot be used to reach a third host.
 bool is_control_peer(const ftp_session &s, const struct sockaddr_storage &a) {
+    const struct sockaddr_storage &c = s.client;
     if (a.ss_family == AF_INET) {
         const struct in_addr &a4 = reinterpret_cast<const struct sockaddr_in *>(&a)->sin_addr;
-        if (s.family == AF_INET) return a4.s_addr == s.addr.his_addr.sin_addr.s_addr;
+        if (c.ss_family == AF_INET) return a4.s_addr == reinterpret_cast<const struct sockaddr_in *>(&c)->sin_addr.s_addr;
         // An IPv4 client reaching the IPv6 socket through a mapped address.
-        const struct in6_addr &peer = s.addr.his_addrv6.sin6_addr;
+        const struct in6_addr &peer = reinterpret_cast<const struct sockaddr_in6 *>(&c)->sin6_addr;
         return IN6_IS_ADDR_V4MAPPED(&peer) && memcmp(peer.s6_addr + 12, &a4.s_addr, 4) == 0;
     }
     const struct in6_addr &a6 = reinterpret_cast<const struct sockaddr_in6 *>(&a)->sin6_addr;
-    return s.family == AF_INET6 && memcmp(&a6, &s.addr.his_addrv6.sin6_addr, sizeof a6) == 0;
+    return c.ss_family == AF_INET6 &&
+           memcmp(&a6, &reinterpret_cast<const struct sockaddr_in6 *>(&c)->sin6_addr, sizeof a6) == 0;
 }
 
 struct sockaddr_storage v4_target(struct in_addr addr, int port) {
@@ -246,7 +248,7 @@ bool command_epsv(ftp_session &s) {
     // another address than the client's.
     if (want != s.family && s.policy.data_peer_only)
         return reply_code(s, "522", "Network protocol not supported, use (%s).", s.family == AF_INET6 ? "2" : "1") == 0;
-    int port = s.data.listen(control_local(s), s.ctl.stream.fd());
+    int port = s.data.listen(control_local(s), s.ctl.stream.fd(), s.policy.passive_low, s.policy.passive_high);
     if (port < 0) return reply(s, kCantOpen) == 0;
     s.data.set_family(s.family);
     char text[64];
@@ -266,10 +268,12 @@ bool passive(ftp_session &s) {
         s.data.drop_listener();
         return reply(s, kCantOpen) >= 0;
     }
-    int port = s.data.listen(control_local(s), s.ctl.stream.fd());
+    int port = s.data.listen(control_local(s), s.ctl.stream.fd(), s.policy.passive_low, s.policy.passive_high);
     if (port < 0) return reply(s, kCantOpen) >= 0;
     s.data.set_family(AF_INET);
-    const auto *a = reinterpret_cast<const unsigned char *>(&s.addr.ctrl_addr.sin_addr);
+    // Behind NAT the reply names the address the platform file gives; the listener stays on ours.
+    const auto *a = s.policy.passive_address != nullptr ? s.policy.passive_address
+                                                        : reinterpret_cast<const unsigned char *>(&s.addr.ctrl_addr.sin_addr);
     char text[80];
     (void)ftpd_snprintf(text, sizeof text, "Entering Passive Mode (%d,%d,%d,%d,%d,%d).", a[0], a[1], a[2], a[3],
                         (port >> 8) & 0xff, port & 0xff);

@@ -240,7 +240,8 @@ bool store(ftp_session &s, bool append) {
     unique_fd file(open_upload(s, name, path, kind, temp, temp_buf, kPathLen));
     if (!file) return true;
     upload_run run{file.get(), kind, &temp, path};
-    ftp_data_env env = data_env(s);
+    char log_name[FTP_PATH_HALF];
+    ftp_data_env env = data_env(s, path, true, log_name);
     // A data connection that cannot be made leaves the device's emptied file behind.
     return s.data.transfer(env, kUploadReplies, receive_upload, &run) != -1;
 }
@@ -265,7 +266,8 @@ bool retrieve(ftp_session &s) {
         return true;
     }
     int fd = file.get();
-    ftp_data_env env = data_env(s);
+    char log_name[FTP_PATH_HALF];
+    ftp_data_env env = data_env(s, inpath, false, log_name);
     return s.data.transfer(env, kDownloadReplies, send_download, &fd) != -1;
 }
 

@@ -323,6 +323,8 @@ class StandardProfileTest(ProfileCase):
         refuse(c)
         self.assertTrue(c.closed())
         c.close()
+        # The standard profile's own limit is the session limit: an administrator's is lower.
+        self.d.cli("ftp-server max-user-connect 10")
         held = [logged_in(self.d.port) for _ in range(10)]
         c = greeted(self.d.port)
         refuse(c)
@@ -332,6 +334,7 @@ class StandardProfileTest(ProfileCase):
         self.assertTrue(c.closed())
         for h in held + [c]:
             h.close()
+        self.d.cli("no ftp-server max-user-connect")
 
     def test_options_dot_files_directories_and_prefixes(self):
         dots = TOP | {".hidden"}
