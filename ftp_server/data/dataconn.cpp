@@ -568,6 +568,12 @@ int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
     if (stream_.is_protected())
         FTPD_LOG_PRO("data connection protected, %s TLS.\n", ftp_tls_kernel_send(stream_.tls()) ? "kernel" : "user-space");
     stream_.close();
+    // Logged before the client hears the end, so that what it reads next is in the log.
+    if (env.log_name != nullptr) {
+        ftp_xferlog_record rec{time(nullptr), ftp_now_ms() - opened_ms_, env.client_text, bytes_, env.log_name,
+                               env.type != ftp_type::ascii, env.upload, env.user, how == ftp_move::done};
+        (void)ftp_xferlog_write(&rec);
+    }
     ftp_control &c = *env.control;
     switch (how) {
         case ftp_move::done:
@@ -600,11 +606,6 @@ int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
             break;
     }
     if (env.slot_update != nullptr) env.slot_update(env.ctx);
-    if (env.log_name != nullptr) {
-        ftp_xferlog_record rec{time(nullptr), ftp_now_ms() - opened_ms_, env.client_text, bytes_, env.log_name,
-                               env.type != ftp_type::ascii, env.upload, env.user, how == ftp_move::done};
-        (void)ftp_xferlog_write(&rec);
-    }
     env_ = nullptr;
     return how == ftp_move::stopped || how == ftp_move::control_gone ? -1 : 0;
 }

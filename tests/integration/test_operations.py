@@ -1,0 +1,187 @@
+"""What an administrator needs to run the standard profile on a real host, against the real
+daemon: accounts of the local user database with homes of their own, read-only and not; the
+session limit and its per-user default; one address unable to take every session; the passive
+address and port range announced behind NAT; the PROXY protocol from a balancer's address (the
+client's real address in logs, limits and data-peer checks) and from nobody else; the transfer
+log, reopened on SIGHUP. (HAProxy itself in front of two daemons: test_haproxy.py.)"""
+
+import os
+import re
+import signal
+import socket
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ftps_harness import Daemon, RawClient, ends, greeted, pasv_port, transfer, wait_until  # noqa: E402
+
+USERS = """
+[user reader]
+password = read3r
+online_amount = 10
+login_mode = 0x10
+home = flash:/homes/reader
+write = no
+[user writer]
+password = wr1ter
+online_amount = 10
+login_mode = 0x10
+home = flash:/homes/writer
+max_rate = 100000
+"""
+TOO_MANY = b"421 There are too many connections from your internet address.\r\n"
+
+
+def proxy_v1(src, port=40000):
+    return ("PROXY TCP4 %s 127.0.0.1 %d 21\r\n" % (src, port)).encode()
+
+
+def silent_end(sock, timeout=15):
+    """What the peer sent before it closed (a reset counts as closed)."""
+    sock.settimeout(timeout)
+    got = b""
+    try:
+        while chunk := sock.recv(4096):
+            got += chunk
+    except ConnectionResetError:
+        pass
+    return got
+
+
+class OperationsTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.d = Daemon(user_database=USERS, extra_platform={
+            "ftp.profile": "standard", "ftp.login_fail_delay": "0", "aaa.list.default": "local",
+            "ftp.max_per_address": "3", "ftp.passive_address": "10.1.2.3", "ftp.passive_ports": "40100-40109",
+            "ftp.proxy_from": "127.0.0.5", "log.transfer_log": "xfer.log"})
+        for name, data in (("homes/reader/r.txt", b"read me\n"), ("homes/writer/keep.txt", b"k\n"),
+                           ("secret.txt", b"not for homes\n")):
+            cls.d.put(name, data)
+        cls.d.start()
+        cls.xferlog = os.path.join(os.path.dirname(cls.d.platform), "xfer.log")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.d.stop_checked()
+
+    def login(self, user, password, source="127.0.0.1", header=None):
+        c = self.connect(source, header) if header is None else self.proxied(header)
+        c.login(user, password)
+        return c
+
+    def connect(self, source, header=None):
+        """A control connection from a source address; from the balancer's, one that opens with a
+        PROXY header."""
+        family = socket.AF_INET6 if ":" in source else socket.AF_INET
+        s = socket.socket(family)
+        s.settimeout(20)
+        s.bind((source, 0))
+        s.connect(("::1" if family == socket.AF_INET6 else "127.0.0.1", self.d.port))
+        if header is not None:
+            s.sendall(header)
+        c = RawClient.__new__(RawClient)
+        c.sock, c.buf = s, b""
+        return c
+
+    def proxied(self, header):
+        return self.connect("127.0.0.5", header)
+
+    def test_homes_and_read_only_accounts(self):
+        r = self.login("reader", "read3r")
+        self.assertEqual(r.cmd("PWD"), b'257 "/" is the current directory\r\n')
+        self.assertEqual(r.cmd("CWD .."), b'250 Directory change to "/".\r\n')
+        self.assertEqual(transfer(r, "NLST")[1], b"r.txt\r\n")
+        r.cmd("TYPE I")
+        self.assertEqual(transfer(r, "RETR r.txt")[1], b"read me\n")
+        self.assertTrue(r.cmd("RETR ../../secret.txt").startswith(b"550"))
+        for cmd in ("STOR x", "APPE x", "DELE r.txt", "MKD d", "RMD d", "RNFR r.txt", "SITE CHMOD 600 r.txt",
+                    "MFMT 20200101000000 r.txt"):
+            self.assertEqual(r.cmd(cmd), b"550 Permission denied.\r\n", cmd)
+        r.close()
+        w = self.login("writer", "wr1ter")
+        w.cmd("TYPE I")
+        self.assertTrue(transfer(w, "STOR new.txt", b"new\n")[0].endswith(b"226 Transfer complete.\r\n"))
+        self.assertEqual(transfer(w, "RETR new.txt")[1], b"new\n")
+        self.assertEqual(w.cmd("DELE new.txt")[:3], b"250")
+        w.close()
+        self.assertEqual(os.listdir(os.path.join(self.d.flash, "homes", "writer")), ["keep.txt"])
+
+    def test_session_limits_and_addresses(self):
+        # Three from one address, the fourth refused before any login; others still served.
+        held = [greeted(self.d.port) for _ in range(3)]
+        c = RawClient(self.d.port)
+        self.assertEqual(c.reply(), TOO_MANY)
+        self.assertTrue(c.closed())
+        other = self.login("alice", "secret1", source="127.0.0.2")
+        for h in held + [other]:
+            h.close()
+        self.assertTrue(wait_until(lambda: greeted(self.d.port).close() is None))
+        # The per-user default is the session limit: more sessions of one user than the device's 10.
+        many = [self.login("alice", "secret1", source="127.0.0.%d" % i) for i in range(10, 22)]
+        for m in many:
+            m.close()
+
+    def test_passive_address_and_ports(self):
+        c = self.login("alice", "secret1")
+        r = c.cmd("PASV")
+        self.assertTrue(r.startswith(b"227 Entering Passive Mode (10,1,2,3,"), r)
+        self.assertIn(pasv_port(r), range(40100, 40110))
+        port = int(c.cmd("EPSV").split(b"|||")[1].split(b"|")[0])
+        self.assertIn(port, range(40100, 40110))
+        c.close()
+
+    def test_proxy_protocol_from_the_balancer_only(self):
+        # The client's real address counts: in the failed-login line, the per-address limit and
+        # the transfer log.
+        c = self.proxied(proxy_v1("192.0.2.7"))
+        c.reply()
+        c.cmd("USER alice")
+        c.cmd("PASS wrong")
+        c.close()
+        self.assertTrue(wait_until(lambda: 'user "alice" from 192.0.2.7.' in self.d.logtext()))
+        held = [self.login("alice", "secret1", header=proxy_v1("192.0.2.8")) for _ in range(3)]
+        c = self.proxied(proxy_v1("192.0.2.8"))
+        self.assertEqual(c.reply(), TOO_MANY)
+        self.login("alice", "secret1", header=proxy_v1("192.0.2.9")).close()
+        # A passive data connection the balancer relays names the client too.
+        s = held[0]
+        port = pasv_port(s.cmd("PASV"))
+        data = socket.socket()
+        data.bind(("127.0.0.5", 0))
+        data.connect(("127.0.0.1", port))
+        data.sendall(proxy_v1("192.0.2.8", 40001))
+        s.send("LIST\r\n")
+        self.assertTrue(s.reply().startswith(b"150"))
+        while data.recv(4096):
+            pass
+        self.assertTrue(s.reply().startswith(b"226"))
+        data.close()
+        for h in held:
+            h.close()
+        # Without a header, with a broken one, or a header from anyone else: closed, no reply.
+        for conn in (self.proxied(b""), self.proxied(b"PROXY TCP4 bogus\r\n")):
+            self.assertEqual(silent_end(conn.sock), b"")
+        stranger = greeted(self.d.port)
+        stranger.send(proxy_v1("192.0.2.10"))
+        self.assertTrue(ends(stranger.sock))
+
+    def test_transfer_log_with_sighup(self):
+        c = self.login("writer", "wr1ter")
+        transfer(c, "STOR logged.bin", b"x" * 1000)
+        c.cmd("TYPE I")
+        transfer(c, "RETR logged.bin")
+        lines = open(self.xferlog).read().splitlines()
+        self.assertTrue(re.search(r" 127\.0\.0\.1 1000 /logged\.bin a _ i r writer ftp 0 \* c$", lines[-2]), lines)
+        self.assertTrue(re.search(r" 127\.0\.0\.1 1000 /logged\.bin b _ o r writer ftp 0 \* c$", lines[-1]), lines)
+        os.rename(self.xferlog, self.xferlog + ".1")
+        self.d.proc.send_signal(signal.SIGHUP)
+        self.assertTrue(wait_until(lambda: os.path.exists(self.xferlog)))
+        transfer(c, "RETR logged.bin")
+        self.assertEqual(len(open(self.xferlog).read().splitlines()), 1)
+        c.cmd("DELE logged.bin")
+        c.close()
+
+
+if __name__ == "__main__":
+    unittest.main()
