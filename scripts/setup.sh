@@ -14,7 +14,7 @@ packages=(
   clang clang-format clang-tidy
   python3 curl wget lftp strace procps iproute2
   rclone ncftp inetutils-ftp tnftp
-  freeradius freeradius-utils snmptrapd snmp pamtester passwd fail2ban
+  freeradius freeradius-utils snmptrapd snmp pamtester passwd fail2ban haproxy
   systemd groff-base dpkg-dev
 )
 
@@ -42,12 +42,13 @@ if [ "${#missing[@]}" -gt 0 ]; then
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 
-  # The integration tests start their own RADIUS server and trap receiver on private ports, and
-  # need only fail2ban-regex of fail2ban; system services that an install may have started would
-  # only hold 1812 and 162, or ban addresses of this machine's own logs, for nothing.
+  # The integration tests start their own RADIUS server, trap receiver and load balancer on
+  # private ports, and need only fail2ban-regex of fail2ban; system services that an install may
+  # have started would only hold 1812 and 162, or ban addresses of this machine's own logs, for
+  # nothing.
   for p in "${missing[@]}"; do
     case "$p" in
-      freeradius | snmptrapd | fail2ban)
+      freeradius | snmptrapd | fail2ban | haproxy)
         if command -v systemctl >/dev/null 2>&1; then
           systemctl disable --now "$p" >/dev/null 2>&1 || true
         fi
