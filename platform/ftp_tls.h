@@ -30,14 +30,17 @@ bool ftp_tls_require_reuse(void);
 
 struct ftp_tls;
 
-// The server side of a handshake on fd, finished within timeout_ms. For a data connection,
-// control is the session's control connection: the data connection uses its context and its
-// login's binding and, when reuse is required, must resume a session of that binding. nullptr on failure, with the
-// reason in why (for the debug log).
+// The server side of a handshake on fd, finished within timeout_ms. Sessions are resumed from
+// tickets only, each naming whom it grants: a control connection's handshake issues (TLS 1.3) or
+// hands out (TLS 1.2) one naming that connection, its login one naming the login. For a data
+// connection, control is the session's control connection: the data connection uses its context,
+// issues no ticket and, when reuse is required, must resume a ticket that control grants, after
+// its login. nullptr on failure, with the reason in why (for the debug log).
 ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len);
-// After a login on a protected control connection: binds its TLS session to the user and the
-// client's address, and (TLS 1.3) issues a ticket of it with the next reply. Data connections
-// must resume a session so bound. 0, or -1 when it could not be bound.
+// After a login on a protected control connection: from now on its data connections may resume
+// its tickets, and (TLS 1.3) a ticket naming the login (user and client address, so that a
+// client's several connections of one login may share it) goes out with the next reply. 0, or -1
+// when the login could not be bound (its data connections are then refused).
 int ftp_tls_bind_login(ftp_tls *t, const char *user);
 // Like recv and send without flags on a non-blocking descriptor: bytes moved, 0 when the peer
 // closed (read), or -1 with errno EAGAIN when the caller must wait for ftp_tls_wants_write()

@@ -502,8 +502,8 @@ int ftp_dataconn::connect_active() {
 }
 
 // Under PROT P the opened connection is taken over by TLS within the idle time-out; a connection
-// that fails the handshake (plain text, or not resuming the login's session) is closed and the
-// transfer refused.
+// that fails the handshake (plain text, or not resuming a session its control connection granted)
+// is closed and the transfer refused.
 int ftp_dataconn::protect() {
     const ftp_data_env &env = *env_;
     if (!env.protect || env.control_tls == nullptr) return 0;
