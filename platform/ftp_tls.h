@@ -12,6 +12,12 @@ enum platform_tls_require_e {
     PLATFORM_TLS_REQUIRE_ALL = 2,    // and every data connection protected
 };
 
+// A protected upload whose connection ends without the client's closing alert.
+enum platform_tls_upload_eof_e {
+    PLATFORM_TLS_UPLOAD_EOF_STRICT = 0,   // refused: the end may have been a cut
+    PLATFORM_TLS_UPLOAD_EOF_LENIENT = 1,  // taken as complete
+};
+
 // Before the library's first use: counts OpenSSL's allocations, and keeps the library from
 // tearing down its global state at process exit, which session threads may still be using.
 void ftp_tls_process_start(void);
@@ -27,6 +33,7 @@ int ftp_tls_reload(char *err, size_t err_len);
 bool ftp_tls_enabled(void);
 int ftp_tls_require(void);  // one of PLATFORM_TLS_REQUIRE_*
 bool ftp_tls_require_reuse(void);
+int ftp_tls_upload_eof(void);  // one of PLATFORM_TLS_UPLOAD_EOF_*
 
 struct ftp_tls;
 
@@ -57,6 +64,9 @@ ssize_t ftp_tls_sendfile(ftp_tls *t, int fd, off_t offset, size_t len);
 // Bytes the library holds (decrypted or not yet) that no wait on the descriptor would announce.
 // A record still incomplete counts too: only a read that makes no progress says to wait.
 bool ftp_tls_pending(const ftp_tls *t);
+// After a read returned 0: whether the peer ended with its closing alert. Without it the
+// connection was cut (a bare close), and bytes may be missing.
+bool ftp_tls_clean_end(const ftp_tls *t);
 // Sends the closing alert, waiting for room until timeout_ms: the end of a protected data
 // connection's bytes. 0 when it went out.
 int ftp_tls_finish(ftp_tls *t, int timeout_ms);

@@ -34,6 +34,8 @@ static_assert(PLATFORM_FTP_PROFILE_DEVICE == 0 && PLATFORM_FTP_PROFILE_STANDARD 
 const char *const kTlsRequire[] = {"no", "login", "all", nullptr};
 static_assert(PLATFORM_TLS_REQUIRE_NO == 0 && PLATFORM_TLS_REQUIRE_LOGIN == 1 && PLATFORM_TLS_REQUIRE_ALL == 2);
 const char *const kTlsVersions[] = {"1.2", "1.3", nullptr};
+const char *const kTlsUploadEof[] = {"strict", "lenient", nullptr};
+static_assert(PLATFORM_TLS_UPLOAD_EOF_STRICT == 0 && PLATFORM_TLS_UPLOAD_EOF_LENIENT == 1);
 
 // Longest wait the daemon may put before a failed-login reply: more would only hold sessions.
 const int kMaxLoginFailDelay = 60;
@@ -328,6 +330,11 @@ const key_row kKeys[] = {
      .number = &pc::tls_require,
      .choices = kTlsRequire},
     {.section = "tls", .key = "require_reuse", .kind = value_kind::yes_no, .flag = &pc::tls_require_reuse},
+    {.section = "tls",
+     .key = "upload_eof",
+     .kind = value_kind::choice,
+     .number = &pc::tls_upload_eof,
+     .choices = kTlsUploadEof},
     {.section = "tls", .key = "ciphers", .kind = value_kind::text, .text = &pc::tls_ciphers},
     {.section = "tls",
      .key = "min_version",

@@ -55,7 +55,8 @@ struct ftp_tls {
     bool granted = false;
     bool refused_ticket = false;  // a ticket was not handed to a data connection's peer
     bool want_write = false;
-    bool failed = false;  // no closing alert after a failure
+    bool failed = false;        // no closing alert after a failure
+    bool close_notify = false;  // the peer's closing alert came
 };
 
 namespace {
@@ -200,6 +201,13 @@ SSL_SESSION *on_session_asked(SSL *ssl, const unsigned char *id, int id_len, int
     return session;
 }
 
+// Notes the peer's closing alert: an end of the stream without it is a cut.
+void on_info(const SSL *ssl, int where, int value) {
+    if ((where & SSL_CB_READ_ALERT) == 0 || (value & 0xff) != SSL_AD_CLOSE_NOTIFY) return;
+    ftp_tls *t = of(ssl);
+    if (t != nullptr) t->close_notify = true;
+}
+
 SSL_CTX *make_context(const platform_conf &c, std::string *err) {
     SSL_CTX *ctx = SSL_CTX_new(TLS_server_method());
     if (ctx == nullptr) {
@@ -221,6 +229,7 @@ SSL_CTX *make_context(const platform_conf &c, std::string *err) {
     // TLS 1.3: one ticket at a control connection's handshake (clients that keep the session of
     // that handshake resume it), and one more at its login.
     SSL_CTX_set_num_tickets(ctx, 1);
+    SSL_CTX_set_info_callback(ctx, on_info);
     const std::string &key = c.tls_key.empty() ? c.tls_certificate : c.tls_key;
     const std::string &key_at = c.tls_key.empty() ? c.tls_certificate_at : c.tls_key_at;
     if (SSL_CTX_use_certificate_chain_file(ctx, c.tls_certificate.c_str()) != 1) {
@@ -492,6 +501,14 @@ int ftp_tls_bind_login(ftp_tls *t, const char *user) {
     // ticket of the handshake, which its control connection grants from now on as well.
     if (SSL_version(t->ssl) >= TLS1_3_VERSION && SSL_new_session_ticket(t->ssl) != 1) return -1;
     return 0;
+}
+
+bool ftp_tls_clean_end(const ftp_tls *t) {
+    return t->close_notify;
+}
+
+int ftp_tls_upload_eof(void) {
+    return platform_get().tls_upload_eof;
 }
 
 int ftp_tls_finish(ftp_tls *t, int timeout_ms) {

@@ -763,6 +763,13 @@ ftp_move ftp_dataconn::receive_loop(int file, char *buf, char *converted) {
             n = stream_.read_some(buf, kRecvChunk);
         }
         if (n == 0) {
+            // SECURITY: a protected upload that ends without the client's closing alert may have
+            // been cut short by anyone who can end the TCP connection.
+            if (stream_.is_protected() && !ftp_tls_clean_end(stream_.tls()) &&
+                ftp_tls_upload_eof() == PLATFORM_TLS_UPLOAD_EOF_STRICT) {
+                FTPD_LOG_PRO("data connection TLS: the upload ended without a closing alert.\n");
+                return ftp_move::failed;
+            }
             if (ascii && env_->ascii_carry && carry.cr_pending && !write_file(file, "\r", 1))
                 return ftp_move::write_error;
             fsync(file);
