@@ -507,9 +507,15 @@ int ftp_dataconn::connect_active() {
 int ftp_dataconn::protect() {
     const ftp_data_env &env = *env_;
     if (!env.protect || env.control_tls == nullptr) return 0;
+    // The closing alert of a download goes out behind its last bytes without waiting for their
+    // acknowledgement.
+    set_int(stream_.fd(), IPPROTO_TCP, TCP_NODELAY, 1);
     char why[160] = {0};
     ftp_tls *t = ftp_tls_accept(stream_.fd(), env.idle_ms, env.control_tls, why, sizeof why);
     if (t != nullptr) {
+        // The client's Finished is acknowledged at once: a client that keeps Nagle's algorithm on
+        // holds its first bytes until then, and the kernel would delay that acknowledgement.
+        set_int(stream_.fd(), IPPROTO_TCP, TCP_QUICKACK, 1);
         stream_.protect(t);
         return 0;
     }
