@@ -33,7 +33,6 @@ namespace {
 constexpr size_t kGrantLen = 33;
 constexpr unsigned char kGrantConnection = 'C';
 constexpr unsigned char kGrantLogin = 'L';
-// What a TLS 1.2 ticket of a data connection names when reuse is not required: nobody.
 constexpr unsigned char kGrantNobody = 'N';
 
 }  // namespace
@@ -53,7 +52,6 @@ struct ftp_tls {
     bool bound = false;
     // Data connection: the ticket it resumes is one its control connection granted.
     bool granted = false;
-    bool refused_ticket = false;  // a ticket was not handed to a data connection's peer
     bool want_write = false;
     bool failed = false;        // no closing alert after a failure
     bool close_notify = false;  // the peer's closing alert came
@@ -143,15 +141,10 @@ int on_ticket_made(SSL *ssl, void *) {
     ftp_tls *t = of(ssl);
     SSL_SESSION *session = SSL_get0_session(ssl);
     if (t == nullptr || session == nullptr) return 0;
-    if (t->control != nullptr) {
-        // Only a TLS 1.2 full handshake of a data connection gets here. With reuse required that
-        // handshake is refused: its peer must not take a ticket away.
-        if (ftp_tls_require_reuse()) {
-            t->refused_ticket = true;
-            return 0;
-        }
-        return SSL_SESSION_set1_ticket_appdata(session, &kGrantNobody, 1);
-    }
+    // A data connection hands out no ticket: TLS 1.3 issues none on it, and in TLS 1.2 the ticket
+    // callback renews none and answers no empty ticket extension. Should one be made all the same,
+    // it grants nothing.
+    if (t->control != nullptr) return SSL_SESSION_set1_ticket_appdata(session, &kGrantNobody, 1);
     settle_handshake_grant(t);
     const unsigned char *grant = t->bound ? t->login_grant : t->handshake_grant;
     return SSL_SESSION_set1_ticket_appdata(session, grant, kGrantLen);
@@ -356,11 +349,8 @@ int handshake(ftp_tls *t, int fd, int timeout_ms, char *why, size_t why_len) {
         if (io_result(t, rc) < 0 && errno == EAGAIN && wait_until(fd, t->want_write, deadline)) continue;
         char reason[160] = "the connection ended";
         if (code != 0) ERR_error_string_n(code, reason, sizeof reason);
-        if (t->refused_ticket)
-            put_error(why, why_len, "the data connection did not resume a TLS session of this login");
-        else
-            put_error(why, why_len,
-                      errno == EAGAIN ? std::string("handshake timed out") : std::string("handshake failed: ") + reason);
+        put_error(why, why_len,
+                  errno == EAGAIN ? std::string("handshake timed out") : std::string("handshake failed: ") + reason);
         return -1;
     }
 }
