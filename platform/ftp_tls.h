@@ -37,12 +37,13 @@ int ftp_tls_upload_eof(void);  // one of PLATFORM_TLS_UPLOAD_EOF_*
 
 struct ftp_tls;
 
-// The server side of a handshake on fd, finished within timeout_ms. Sessions are resumed from
-// tickets only, each naming whom it grants: a control connection's handshake issues (TLS 1.3) or
-// hands out (TLS 1.2) one naming that connection, its login one naming the login. For a data
+// The server side of a handshake on fd, finished within timeout_ms. No session is stored: sessions
+// are resumed from tickets, each naming whom it grants (a control connection's handshake hands out
+// one naming that connection, its login, in TLS 1.3, one naming the login), or, by a TLS 1.2
+// client without tickets, from the control connection's own session by identifier. For a data
 // connection, control is the session's control connection: the data connection uses its context,
-// issues no ticket and, when reuse is required, must resume a ticket that control grants, after
-// its login. nullptr on failure, with the reason in why (for the debug log).
+// issues no ticket and, when reuse is required, must resume a ticket that control grants or its
+// session, after its login. nullptr on failure, with the reason in why (for the debug log).
 ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len);
 // After a login on a protected control connection: from now on its data connections may resume
 // its tickets, and (TLS 1.3) a ticket naming the login (user and client address, so that a
