@@ -59,9 +59,9 @@ struct platform_conf {
     std::string tls_ca_at;
     int tls_require = PLATFORM_TLS_REQUIRE_LOGIN;
     bool tls_require_reuse = true;
-    int tls_upload_eof = PLATFORM_TLS_UPLOAD_EOF_STRICT;  // index into "strict", "lenient"
     std::string tls_ciphers;  // TLS 1.2 cipher list; empty: the library's default
     int tls_min_version = 0;  // index into "1.2", "1.3"
+    int tls_upload_eof = PLATFORM_TLS_UPLOAD_EOF_STRICT;  // index into "strict", "lenient"
 };
 
 // The built-in defaults: every storage slot present with its keyword, flash at its default
