@@ -12,13 +12,10 @@ enum platform_tls_require_e {
     PLATFORM_TLS_REQUIRE_ALL = 2,    // and every data connection protected
 };
 
-// How a protected upload's data connection may end.
+// A protected upload whose connection ends without the client's closing alert.
 enum platform_tls_upload_eof_e {
-    // Only the client's TLS closing alert completes the upload; a bare TCP close leaves it
-    // incomplete, so a connection cut by a third party never passes for the whole file.
-    PLATFORM_TLS_UPLOAD_EOF_STRICT = 0,
-    // A bare TCP close also ends the file, for clients that never send the alert.
-    PLATFORM_TLS_UPLOAD_EOF_LENIENT = 1,
+    PLATFORM_TLS_UPLOAD_EOF_STRICT = 0,   // refused: the end may have been a cut
+    PLATFORM_TLS_UPLOAD_EOF_LENIENT = 1,  // taken as complete
 };
 
 // Before the library's first use: counts OpenSSL's allocations, and keeps the library from
@@ -40,14 +37,18 @@ int ftp_tls_upload_eof(void);  // one of PLATFORM_TLS_UPLOAD_EOF_*
 
 struct ftp_tls;
 
-// The server side of a handshake on fd, finished within timeout_ms. For a data connection,
-// control is the session's control connection: the data connection uses its context and its
-// login's binding and, when reuse is required, must resume a session of that binding. nullptr on failure, with the
-// reason in why (for the debug log).
+// The server side of a handshake on fd, finished within timeout_ms. No session is stored: sessions
+// are resumed from tickets, each naming whom it grants (a control connection's handshake hands out
+// one naming that connection, its login, in TLS 1.3, one naming the login), or, by a TLS 1.2
+// client without tickets, from the control connection's own session by identifier. For a data
+// connection, control is the session's control connection: the data connection uses its context,
+// issues no ticket and, when reuse is required, must resume a ticket that control grants or its
+// session, after its login. nullptr on failure, with the reason in why (for the debug log).
 ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len);
-// After a login on a protected control connection: binds its TLS session to the user and the
-// client's address, and (TLS 1.3) issues a ticket of it with the next reply. Data connections
-// must resume a session so bound. 0, or -1 when it could not be bound.
+// After a login on a protected control connection: from now on its data connections may resume
+// its tickets, and (TLS 1.3) a ticket naming the login (user and client address, so that a
+// client's several connections of one login may share it) goes out with the next reply. 0, or -1
+// when the login could not be bound (its data connections are then refused).
 int ftp_tls_bind_login(ftp_tls *t, const char *user);
 // Like recv and send without flags on a non-blocking descriptor: bytes moved, 0 when the peer
 // closed (read), or -1 with errno EAGAIN when the caller must wait for ftp_tls_wants_write()
@@ -64,6 +65,9 @@ ssize_t ftp_tls_sendfile(ftp_tls *t, int fd, off_t offset, size_t len);
 // Bytes the library holds (decrypted or not yet) that no wait on the descriptor would announce.
 // A record still incomplete counts too: only a read that makes no progress says to wait.
 bool ftp_tls_pending(const ftp_tls *t);
+// After a read returned 0: whether the peer ended with its closing alert. Without it the
+// connection was cut (a bare close), and bytes may be missing.
+bool ftp_tls_clean_end(const ftp_tls *t);
 // Sends the closing alert, waiting for room until timeout_ms: the end of a protected data
 // connection's bytes. 0 when it went out.
 int ftp_tls_finish(ftp_tls *t, int timeout_ms);

@@ -35,7 +35,7 @@ static_assert(PLATFORM_FTP_PROFILE_DEVICE == 0 && PLATFORM_FTP_PROFILE_STANDARD 
 const char *const kTlsRequire[] = {"no", "login", "all", nullptr};
 static_assert(PLATFORM_TLS_REQUIRE_NO == 0 && PLATFORM_TLS_REQUIRE_LOGIN == 1 && PLATFORM_TLS_REQUIRE_ALL == 2);
 const char *const kTlsVersions[] = {"1.2", "1.3", nullptr};
-const char *const kUploadEof[] = {"strict", "lenient", nullptr};
+const char *const kTlsUploadEof[] = {"strict", "lenient", nullptr};
 static_assert(PLATFORM_TLS_UPLOAD_EOF_STRICT == 0 && PLATFORM_TLS_UPLOAD_EOF_LENIENT == 1);
 
 // Longest wait the daemon may put before a failed-login reply: more would only hold sessions.
@@ -405,17 +405,17 @@ const key_row kKeys[] = {
      .number = &pc::tls_require,
      .choices = kTlsRequire},
     {.section = "tls", .key = "require_reuse", .kind = value_kind::yes_no, .flag = &pc::tls_require_reuse},
+    {.section = "tls",
+     .key = "upload_eof",
+     .kind = value_kind::choice,
+     .number = &pc::tls_upload_eof,
+     .choices = kTlsUploadEof},
     {.section = "tls", .key = "ciphers", .kind = value_kind::text, .text = &pc::tls_ciphers},
     {.section = "tls",
      .key = "min_version",
      .kind = value_kind::choice,
      .number = &pc::tls_min_version,
      .choices = kTlsVersions},
-    {.section = "tls",
-     .key = "upload_eof",
-     .kind = value_kind::choice,
-     .number = &pc::tls_upload_eof,
-     .choices = kUploadEof},
 };
 
 bool set_value(parse_state &st, const key_row &row, const char *value, std::string *reason) {

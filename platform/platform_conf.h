@@ -70,7 +70,7 @@ struct platform_conf {
     bool tls_require_reuse = true;
     std::string tls_ciphers;  // TLS 1.2 cipher list; empty: the library's default
     int tls_min_version = 0;  // index into "1.2", "1.3"
-    int tls_upload_eof = PLATFORM_TLS_UPLOAD_EOF_STRICT;
+    int tls_upload_eof = PLATFORM_TLS_UPLOAD_EOF_STRICT;  // index into "strict", "lenient"
 };
 
 // The built-in defaults: every storage slot present with its keyword, flash at its default

@@ -25,14 +25,36 @@
 #include "ftp_tls.h"
 #include "platform_conf.h"
 
+namespace {
+
+// What a ticket names in its application data: who may resume it on a data connection. A kind
+// and 32 bytes: a control connection's own random token, or a login's binding (user and client
+// address, keyed).
+constexpr size_t kGrantLen = 33;
+constexpr unsigned char kGrantConnection = 'C';
+constexpr unsigned char kGrantLogin = 'L';
+constexpr unsigned char kGrantNobody = 'N';
+
+}  // namespace
+
 struct ftp_tls {
     SSL *ssl = nullptr;
-    // Control connection: the binding of its login (see ftp_tls_bind_login); data connections
-    // must resume a session that carries it.
-    unsigned char binding[SSL_MAX_SID_CTX_LENGTH];
+    // Data connection: the control connection whose tickets it may resume.
+    const ftp_tls *control = nullptr;
+    // Control connection: what the tickets of its handshake name (its own random token, or, when
+    // it resumed a ticket, what that ticket named: the client proved it holds it), and after a
+    // login what the login's tickets name.
+    unsigned char handshake_grant[kGrantLen] = {};
+    unsigned char login_grant[kGrantLen] = {};
+    unsigned char offered[kGrantLen] = {};  // what the ticket it resumes names, if well formed
+    bool offered_ok = false;
+    bool grant_settled = false;
     bool bound = false;
+    // Data connection: the ticket it resumes is one its control connection granted.
+    bool granted = false;
     bool want_write = false;
-    bool failed = false;  // no closing alert after a failure
+    bool failed = false;        // no closing alert after a failure
+    bool close_notify = false;  // the peer's closing alert came
 };
 
 namespace {
@@ -64,9 +86,9 @@ void *count_realloc(void *p, size_t n, const char *file, int line) {
     return realloc(p, n);
 }
 
-// Session context of every control connection before its login. No data connection ever has it,
-// so a session made before a login can never protect data.
-const unsigned char kControlContext[] = "ftps control";
+// One session context for every connection: who may resume a session is the ticket's own
+// application data, looked at when the ticket is opened.
+const unsigned char kSessionContext[] = "ftps";
 
 // Key of the login bindings, drawn once per process.
 std::once_flag g_binding_once;
@@ -93,17 +115,90 @@ std::string located(const std::string &at, const char *key, const std::string &r
     return (at.empty() ? std::string("platform file") : at) + ": key '" + key + "': " + reason;
 }
 
-// A TLS 1.2 client resumes by session identifier only: its sessions stay in the daemon's cache,
-// where a login can still bind them. Tickets of TLS 1.2 would carry the session as it was before.
-int on_client_hello(SSL *ssl, int *, void *) {
-    const unsigned char *ext = nullptr;
+ftp_tls *of(const SSL *ssl) {
+    return static_cast<ftp_tls *>(SSL_get_app_data(ssl));
+}
+
+// A control connection's handshake names its own token unless it resumed a ticket: then it goes on
+// naming what that ticket named, so that clients which share one ticket between the connections of
+// one login keep resuming it. Settled once the handshake has proved the client holds the ticket.
+void settle_handshake_grant(ftp_tls *t) {
+    if (t->grant_settled) return;
+    if (SSL_session_reused(t->ssl) == 1 && t->offered_ok) memcpy(t->handshake_grant, t->offered, kGrantLen);
+    t->grant_settled = true;
+}
+
+// SECURITY: a data connection resumes only a ticket its own control connection granted, and only
+// after that connection's login.
+bool grants(const ftp_tls &control, const unsigned char *grant) {
+    if (!control.bound) return false;
+    return CRYPTO_memcmp(grant, control.handshake_grant, kGrantLen) == 0 ||
+           CRYPTO_memcmp(grant, control.login_grant, kGrantLen) == 0;
+}
+
+// A ticket is being made: it names whom its connection grants resumption.
+int on_ticket_made(SSL *ssl, void *) {
+    ftp_tls *t = of(ssl);
+    SSL_SESSION *session = SSL_get0_session(ssl);
+    if (t == nullptr || session == nullptr) return 0;
+    // A data connection hands out no ticket: TLS 1.3 issues none on it, and in TLS 1.2 the ticket
+    // callback renews none and answers no empty ticket extension. Should one be made all the same,
+    // it grants nothing.
+    if (t->control != nullptr) return SSL_SESSION_set1_ticket_appdata(session, &kGrantNobody, 1);
+    settle_handshake_grant(t);
+    const unsigned char *grant = t->bound ? t->login_grant : t->handshake_grant;
+    return SSL_SESSION_set1_ticket_appdata(session, grant, kGrantLen);
+}
+
+// A client offers a ticket. A data connection takes it only when its control connection grants
+// it; a control connection takes any ticket of this context and notes what it names.
+SSL_TICKET_RETURN on_ticket_opened(SSL *ssl, SSL_SESSION *session, const unsigned char *, size_t,
+                                   SSL_TICKET_STATUS status, void *) {
+    ftp_tls *t = of(ssl);
+    bool opened = status == SSL_TICKET_SUCCESS || status == SSL_TICKET_SUCCESS_RENEW;
+    if (t == nullptr) return SSL_TICKET_RETURN_ABORT;
+    // A control connection without a usable ticket gets one of its own.
+    if (!opened || session == nullptr)
+        return t->control != nullptr ? SSL_TICKET_RETURN_IGNORE : SSL_TICKET_RETURN_IGNORE_RENEW;
+    void *data = nullptr;
     size_t len = 0;
-    bool offers_13 = false;
-    if (SSL_client_hello_get0_ext(ssl, TLSEXT_TYPE_supported_versions, &ext, &len) == 1 && len >= 1)
-        for (size_t i = 1; i + 1 < len && i < static_cast<size_t>(ext[0]) + 1; i += 2)
-            if (ext[i] == 0x03 && ext[i + 1] == 0x04) offers_13 = true;
-    if (!offers_13) SSL_set_options(ssl, SSL_OP_NO_TICKET);
-    return SSL_CLIENT_HELLO_SUCCESS;
+    bool well_formed = SSL_SESSION_get0_ticket_appdata(session, &data, &len) == 1 && len == kGrantLen &&
+                       (static_cast<const unsigned char *>(data)[0] == kGrantConnection ||
+                        static_cast<const unsigned char *>(data)[0] == kGrantLogin);
+    if (t->control == nullptr) {
+        t->offered_ok = well_formed;
+        if (well_formed) memcpy(t->offered, data, kGrantLen);
+        return SSL_TICKET_RETURN_USE;
+    }
+    if (!well_formed || !grants(*t->control, static_cast<const unsigned char *>(data)))
+        return SSL_TICKET_RETURN_IGNORE;
+    t->granted = true;
+    // Data connections hand out no tickets, a renewed one neither.
+    return SSL_TICKET_RETURN_USE;
+}
+
+// A TLS 1.2 client offers a session identifier (clients without tickets resume so). There is no
+// store of sessions: a data connection finds only its control connection's own session, after the
+// login; a control connection finds none.
+SSL_SESSION *on_session_asked(SSL *ssl, const unsigned char *id, int id_len, int *copy) {
+    *copy = 1;  // the library takes its own reference
+    ftp_tls *t = of(ssl);
+    if (t == nullptr || t->control == nullptr || !t->control->bound) return nullptr;
+    SSL_SESSION *session = SSL_get_session(t->control->ssl);
+    unsigned int own_len = 0;
+    const unsigned char *own = session != nullptr ? SSL_SESSION_get_id(session, &own_len) : nullptr;
+    if (own == nullptr || own_len == 0 || static_cast<int>(own_len) != id_len ||
+        SSL_SESSION_get_protocol_version(session) != TLS1_2_VERSION || CRYPTO_memcmp(own, id, own_len) != 0)
+        return nullptr;
+    t->granted = true;
+    return session;
+}
+
+// Notes the peer's closing alert: an end of the stream without it is a cut.
+void on_info(const SSL *ssl, int where, int value) {
+    if ((where & SSL_CB_READ_ALERT) == 0 || (value & 0xff) != SSL_AD_CLOSE_NOTIFY) return;
+    ftp_tls *t = of(ssl);
+    if (t != nullptr) t->close_notify = true;
 }
 
 SSL_CTX *make_context(const platform_conf &c, std::string *err) {
@@ -116,13 +211,18 @@ SSL_CTX *make_context(const platform_conf &c, std::string *err) {
     // Kernel TLS where the kernel offers it (the library falls back by itself where not).
     SSL_CTX_set_options(ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE |
                                  SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_ENABLE_KTLS);
-    // Data connections of a session resume its control connection's session; a small cache is
-    // enough for twenty sessions.
-    SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_SERVER);
-    SSL_CTX_sess_set_cache_size(ctx, 256);
-    SSL_CTX_set_client_hello_cb(ctx, on_client_hello, nullptr);
-    // Tickets are issued once a login has bound the session, not at the handshake.
-    SSL_CTX_set_num_tickets(ctx, 0);
+    // SECURITY: no store of sessions. Sessions are resumed from tickets (TLS 1.2 and 1.3), each
+    // naming whom it grants resumption, or by a data connection from its own control connection's
+    // session (TLS 1.2 clients without tickets): nothing a stranger can fill, evict or leave behind.
+    SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_SERVER | SSL_SESS_CACHE_NO_INTERNAL |
+                                            SSL_SESS_CACHE_NO_AUTO_CLEAR);
+    SSL_CTX_sess_set_get_cb(ctx, on_session_asked);
+    (void)SSL_CTX_set_session_id_context(ctx, kSessionContext, sizeof kSessionContext);
+    (void)SSL_CTX_set_session_ticket_cb(ctx, on_ticket_made, on_ticket_opened, nullptr);
+    // TLS 1.3: one ticket at a control connection's handshake (clients that keep the session of
+    // that handshake resume it), and one more at its login.
+    SSL_CTX_set_num_tickets(ctx, 1);
+    SSL_CTX_set_info_callback(ctx, on_info);
     const std::string &key = c.tls_key.empty() ? c.tls_certificate : c.tls_key;
     const std::string &key_at = c.tls_key.empty() ? c.tls_certificate_at : c.tls_key_at;
     if (SSL_CTX_use_certificate_chain_file(ctx, c.tls_certificate.c_str()) != 1) {
@@ -236,9 +336,26 @@ bool ftp_tls_require_reuse(void) {
     return platform_get().tls_require_reuse;
 }
 
-int ftp_tls_upload_eof(void) {
-    return platform_get().tls_upload_eof;
+namespace {
+
+// The server side of the handshake within the deadline: 0, or -1 with the reason in why.
+int handshake(ftp_tls *t, int fd, int timeout_ms, char *why, size_t why_len) {
+    long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 1000);
+    for (;;) {
+        ERR_clear_error();
+        int rc = SSL_accept(t->ssl);
+        if (rc == 1) return 0;
+        unsigned long code = ERR_peek_last_error();
+        if (io_result(t, rc) < 0 && errno == EAGAIN && wait_until(fd, t->want_write, deadline)) continue;
+        char reason[160] = "the connection ended";
+        if (code != 0) ERR_error_string_n(code, reason, sizeof reason);
+        put_error(why, why_len,
+                  errno == EAGAIN ? std::string("handshake timed out") : std::string("handshake failed: ") + reason);
+        return -1;
+    }
 }
+
+}  // namespace
 
 ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *why, size_t why_len) {
     SSL_CTX *ctx = control != nullptr ? SSL_get_SSL_CTX(control->ssl) : context_ref();
@@ -256,40 +373,31 @@ ftp_tls *ftp_tls_accept(int fd, int timeout_ms, const ftp_tls *control, char *wh
         return nullptr;
     }
     t->ssl = ssl;
-    // A data connection sends no ticket either: one lying unread when the client closes an
-    // upload's connection makes the client's kernel reset it, dropping bytes still on their way.
-    const unsigned char *context = kControlContext;
-    unsigned context_len = sizeof kControlContext;
-    if (control != nullptr) {
-        context = control->binding;
-        context_len = sizeof control->binding;
-    }
+    t->control = control;
+    t->handshake_grant[0] = kGrantConnection;
     int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0 || SSL_set_fd(ssl, fd) != 1 ||
-        SSL_set_session_id_context(ssl, context, context_len) != 1) {
+    if ((control == nullptr && RAND_bytes(t->handshake_grant + 1, kGrantLen - 1) != 1) || flags < 0 ||
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0 || SSL_set_fd(ssl, fd) != 1 || SSL_set_app_data(ssl, t) != 1) {
         put_error(why, why_len, "cannot set up the connection");
         t->failed = true;
         ftp_tls_free(t);
         return nullptr;
     }
-    long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 1000);
-    for (;;) {
-        ERR_clear_error();
-        int rc = SSL_accept(ssl);
-        if (rc == 1) break;
-        unsigned long code = ERR_peek_last_error();
-        if (io_result(t, rc) < 0 && errno == EAGAIN && wait_until(fd, t->want_write, deadline)) continue;
-        char reason[160] = "the connection ended";
-        if (code != 0) ERR_error_string_n(code, reason, sizeof reason);
-        put_error(why, why_len,
-                  errno == EAGAIN ? std::string("handshake timed out") : std::string("handshake failed: ") + reason);
+    // A data connection sends no ticket: one lying unread when the client closes an upload's
+    // connection makes the client's kernel reset it, dropping bytes still on their way.
+    if (control != nullptr) (void)SSL_set_num_tickets(ssl, 0);
+    if (handshake(t, fd, timeout_ms, why, why_len) != 0) {
         t->failed = true;
         ftp_tls_free(t);
         return nullptr;
     }
-    // SECURITY: a data connection that does not resume a session of this login may come from
-    // anyone who reached the port, even from the client's own address.
-    if (control != nullptr && ftp_tls_require_reuse() && (!control->bound || SSL_session_reused(ssl) != 1)) {
+    if (control == nullptr) {
+        settle_handshake_grant(t);
+        return t;
+    }
+    // SECURITY: a data connection that does not resume a session its control connection granted
+    // may come from anyone who reached the port, even from the client's own address.
+    if (ftp_tls_require_reuse() && (!t->granted || SSL_session_reused(ssl) != 1)) {
         put_error(why, why_len, "the data connection did not resume a TLS session of this login");
         ftp_tls_free(t);
         return nullptr;
@@ -374,15 +482,23 @@ int ftp_tls_bind_login(ftp_tls *t, const char *user) {
     text.append(static_cast<const char *>(addr), addr_len);
     unsigned int out_len = 0;
     if (HMAC(EVP_sha256(), g_binding_key, sizeof g_binding_key, reinterpret_cast<const unsigned char *>(text.data()),
-             text.size(), t->binding, &out_len) == nullptr ||
-        out_len != sizeof t->binding)
+             text.size(), t->login_grant + 1, &out_len) == nullptr ||
+        out_len != kGrantLen - 1)
         return -1;
-    SSL_SESSION *session = SSL_get0_session(t->ssl);
-    if (session == nullptr || SSL_SESSION_set1_id_context(session, t->binding, sizeof t->binding) != 1) return -1;
+    t->login_grant[0] = kGrantLogin;
     t->bound = true;
-    // TLS 1.3: a ticket of the bound session goes out with the next reply.
+    // TLS 1.3: a ticket naming the login goes out with the next reply. A TLS 1.2 client keeps the
+    // ticket of the handshake, which its control connection grants from now on as well.
     if (SSL_version(t->ssl) >= TLS1_3_VERSION && SSL_new_session_ticket(t->ssl) != 1) return -1;
     return 0;
+}
+
+bool ftp_tls_clean_end(const ftp_tls *t) {
+    return t->close_notify;
+}
+
+int ftp_tls_upload_eof(void) {
+    return platform_get().tls_upload_eof;
 }
 
 int ftp_tls_finish(ftp_tls *t, int timeout_ms) {

@@ -525,14 +525,20 @@ int ftp_dataconn::connect_active() {
 }
 
 // Under PROT P the opened connection is taken over by TLS within the idle time-out; a connection
-// that fails the handshake (plain text, or not resuming the login's session) is closed and the
-// transfer refused.
+// that fails the handshake (plain text, or not resuming a session its control connection granted)
+// is closed and the transfer refused.
 int ftp_dataconn::protect() {
     const ftp_data_env &env = *env_;
     if (!env.protect || env.control_tls == nullptr) return 0;
+    // The closing alert of a download goes out behind its last bytes without waiting for their
+    // acknowledgement.
+    set_int(stream_.fd(), IPPROTO_TCP, TCP_NODELAY, 1);
     char why[160] = {0};
     ftp_tls *t = ftp_tls_accept(stream_.fd(), env.idle_ms, env.control_tls, why, sizeof why);
     if (t != nullptr) {
+        // The client's Finished is acknowledged at once: a client that keeps Nagle's algorithm on
+        // holds its first bytes until then, and the kernel would delay that acknowledgement.
+        set_int(stream_.fd(), IPPROTO_TCP, TCP_QUICKACK, 1);
         stream_.protect(t);
         return 0;
     }
@@ -822,6 +828,13 @@ ftp_move ftp_dataconn::receive_loop(int file, ftpd_block &buf, ftpd_block &conve
             n = stream_.read_some(buf.get(), rate_.chunk(kRecvChunk));
         }
         if (n == 0) {
+            // SECURITY: a protected upload that ends without the client's closing alert may have
+            // been cut short by anyone who can end the TCP connection.
+            if (stream_.is_protected() && !ftp_tls_clean_end(stream_.tls()) &&
+                ftp_tls_upload_eof() == PLATFORM_TLS_UPLOAD_EOF_STRICT) {
+                FTPD_LOG_PRO("data connection TLS: the upload ended without a closing alert.\n");
+                return ftp_move::failed;
+            }
             if (ascii && env_->ascii_carry && carry.cr_pending && !write_file(file, "\r", 1))
                 return ftp_move::write_error;
             fsync(file);

@@ -30,7 +30,7 @@ TOP = "s" * 40
 
 
 class Refused(Exception):
-    """The connection limit closed the connection before the greeting."""
+    """A connection limit refused the session: before the greeting, or at the user's limit."""
 
 
 def session(port, user, password="secret1", answer=b"230", login=True):
@@ -42,7 +42,11 @@ def session(port, user, password="secret1", answer=b"230", login=True):
         raise Refused()
     if login:
         expect(c.cmd("USER " + user), b"331")
-        expect(c.cmd("PASS " + password), answer)
+        r = c.cmd("PASS " + password)
+        if r.startswith(b"421") and answer == b"230":
+            c.close()
+            raise Refused()
+        expect(r, answer)
     return c
 
 
