@@ -1009,7 +1009,16 @@ is sent. Memory: PSS of all the server's processes (shared pages counted by shar
 machine's control groups count memory, the group's memory that is no file page (anonymous and
 kernel: sockets, page tables, stacks, slab), idle and then with {HELD_SESSIONS} logged-in sessions
 (per session: the difference divided by {HELD_SESSIONS}). The device profile rows are this daemon's
-device profile against the same peers' figures.{missing}
+device profile against the same peers' figures.
+
+The TLS instances: this daemon in its standard profile with a `[tls]` section (its defaults:
+logins only over TLS, data connections must resume the control connection's session); vsftpd
+with `ssl_enable=YES`, `allow_anon_ssl=YES`, `force_anon_logins_ssl=YES`,
+`require_ssl_reuse=YES`; pure-ftpd with `--tls=2` (no login without TLS) and `--certfile`
+naming one PEM file that holds the key and the certificate; proftpd with mod_tls (Debian's
+proftpd-mod-crypto, unpacked beside proftpd-core) loaded by `LoadModule`, `TLSEngine on`,
+`TLSProtocol TLSv1.2 TLSv1.3`, `TLSRequired ctrl` and its default of data connections that
+must resume the control connection's session.{missing}
 """
 
 
