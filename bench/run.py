@@ -615,6 +615,7 @@ class Bench:
         self.plain, self.device, self.tls = plain, device, tls
         self.negotiated = {}  # instance tag -> what its TLS data connections used
         self.timing = []      # (row, client, seconds) of the run, for the report
+        self.failures = []    # measurements that failed, for the report
 
     def wanted(self, key):
         return self.args.only_set is None or key in self.args.only_set
@@ -644,7 +645,24 @@ class Bench:
         for i in range(reps):
             order = servers if i % 2 == 0 else list(reversed(servers))
             for s in order:
-                fn(s)
+                self.guarded(s, fn)
+
+    def guarded(self, s, fn):
+        """One measurement; a failed one is left out and reported, and a server that ended is
+        started again, so that one failure does not end the whole run."""
+        try:
+            fn(s)
+        except (RuntimeError, subprocess.TimeoutExpired) as e:
+            ended = s.proc.poll() if s.proc else None
+            what = str(e).splitlines()[0][:300]
+            if ended is not None:
+                what += " (the server had ended, status %d%s; started again)" % (
+                    ended, " = SIGSEGV" if ended == -signal.SIGSEGV else "")
+            print("  failed: %s" % what, flush=True)
+            self.failures.append(what)
+            if ended is not None:
+                s.stop()
+                s.start()
 
     def servers_for(self, row, tls):
         if tls:
@@ -986,6 +1004,9 @@ def report(bench, args, left_out, load, commit):
     ]
     intro = "\n\n".join(textwrap.fill(p, 96) for p in paras)
     missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
+    if bench.failures:
+        missing += "\n\nMeasurements that failed (left out of the medians):\n\n" + "\n".join(
+            "- " + f for f in bench.failures)
     return f"""# Performance
 
 {intro}
