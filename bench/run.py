@@ -306,6 +306,9 @@ class Server:
             counts.append(self.tasks())
             time.sleep(0.1)
         self.base_tasks = counts[-1]
+        # The idle footprint, before any measurement: the kernel memory of later work (the
+        # dentries and inodes of uploaded files, socket buffers) stays charged to the group.
+        self.idle = (self.pss(), self.nonfile())
 
     def pids(self):
         return self.group.pids() if self.group else tree(self.pid)
@@ -789,7 +792,8 @@ class Bench:
         self.record(title, client, s, ms=1000 * out["seconds"])
 
     def memory(self, row, title, client, s):
-        """Idle footprint, then HELD_SESSIONS logged-in sessions: what each adds."""
+        """The idle footprint taken at the server's start, and what each of HELD_SESSIONS
+        logged-in sessions adds to the footprint of the moment."""
         s.settle()
         time.sleep(0.2)
         idle_pss, idle_nonfile = s.pss(), s.nonfile()
@@ -803,9 +807,9 @@ class Bench:
         finally:
             hold.stdin.close()
             hold.wait(30)
-        figures = {"pss_idle": idle_pss / MIB, "pss_session": (held_pss - idle_pss) / HELD_SESSIONS / KIB}
+        figures = {"pss_idle": s.idle[0] / MIB, "pss_session": (held_pss - idle_pss) / HELD_SESSIONS / KIB}
         if idle_nonfile is not None:
-            figures.update(nonfile_idle=idle_nonfile / MIB,
+            figures.update(nonfile_idle=s.idle[1] / MIB,
                            nonfile_session=(held_nonfile - idle_nonfile) / HELD_SESSIONS / KIB)
         self.record(title, client, s, **figures)
 
@@ -1028,8 +1032,10 @@ small files), deleted before the next measurement. The ASCII figures count the f
 carries one more byte per line. The resumed download (REST 536870912, then RETR) counts the half that
 is sent. Memory: PSS of all the server's processes (shared pages counted by share) and, where the
 machine's control groups count memory, the group's memory that is no file page (anonymous and
-kernel: sockets, page tables, stacks, slab), idle and then with {HELD_SESSIONS} logged-in sessions
-(per session: the difference divided by {HELD_SESSIONS}). The device profile rows are this daemon's
+kernel: sockets, page tables, stacks, slab). Idle: right after the server's start and first
+probe session, before any measurement (later, the kernel memory of the run's work, such as the
+uploaded files' dentries and inodes, stays charged to the group). Per session: the footprint
+with {HELD_SESSIONS} logged-in sessions less the one just before, divided by {HELD_SESSIONS}. The device profile rows are this daemon's
 device profile against the same peers' figures.
 
 The TLS instances: this daemon in its standard profile with a `[tls]` section (its defaults:
