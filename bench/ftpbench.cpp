@@ -1,15 +1,28 @@
-// The benchmark's FTP client: one measurement per run against a server on loopback, in passive
-// mode, printing its figures as "key=value" words on one line for bench/run.py. Data received is
-// thrown away and data sent is generated in memory, so that the client stays out of the way of
-// the server being measured.
+// The benchmark's FTP client: one measurement per run against a server on loopback, printing its
+// figures as "key=value" words on one line for bench/run.py.
+//
+// By default the client moves plain data without copying it: a download is spliced from the
+// socket through a pipe into /dev/null, and an upload is sent with sendfile from a memory file
+// (memfd, tmpfs pages) filled once before the timed part, so that the client is never what
+// limits the server being measured. With --copy it reads into and writes from a buffer of its
+// own instead, as ordinary clients do. Each run also prints the client's own CPU time
+// (client_cpu=), so that the report can show how much of the machine the client took.
+//
+// With --active the data connections are active (PORT: the server connects to the client);
+// otherwise passive (PASV).
 //
 // With --tls before the command, every connection is protected: AUTH TLS and the handshake
 // before USER, PBSZ 0 and PROT P after the login, and each data connection's handshake resumes
 // the control connection's session (servers that require reuse refuse one that does not). The
-// certificate is not verified: the bench makes a self-signed one.
+// certificate is not verified: the bench makes a self-signed one. Protected bytes are encrypted
+// and decrypted in the client, so these always pass through its buffers.
 //
 //   ftpbench retr   PORT USER PASS TYPE PATH [OFFSET]        one download (from OFFSET: REST first)
 //   ftpbench stor   PORT USER PASS TYPE NAME BYTES           one upload (TYPE A sends CR LF text)
+//   ftpbench files  PORT USER PASS retr|stor DIR COUNT BYTES SESSIONS
+//                                                            COUNT small files per session, each
+//                                                            session one login: retr reads
+//                                                            DIR/f-NNNN, stor writes DIR/sK-NNNN
 //   ftpbench logins PORT USER PASS CLIENTS SECONDS           connect+USER+PASS+QUIT in a loop
 //   ftpbench mretr  PORT USER PASS CLIENTS PATH              concurrent downloads
 //   ftpbench list   PORT USER PASS VERB PATH                 one LIST, NLST or MLSD
@@ -17,19 +30,27 @@
 //   ftpbench handshakes PORT USER PASS CLIENTS SECONDS   --tls logins: connect+AUTH TLS+handshake+
 //                                                        USER+PASS+QUIT in a loop
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,9 +63,71 @@ using clock_type = std::chrono::steady_clock;
 // TLS up to kTlsBuffer of records per system call.
 constexpr size_t kChunk = 1 << 20;
 constexpr size_t kTlsBuffer = 256 << 10;
+// The memory file an upload is sent from without --copy: its pattern repeated up to this size.
+constexpr size_t kSourceBytes = 32 << 20;
 
 // The client context with --tls; nullptr: plain FTP.
 SSL_CTX *g_tls = nullptr;
+// --copy: plain data through the client's own buffers instead of splice and sendfile.
+bool g_copy = false;
+// --active: PORT instead of PASV.
+bool g_active = false;
+
+// The client's own CPU seconds so far (all its threads).
+double client_cpu() {
+    rusage ru{};
+    getrusage(RUSAGE_SELF, &ru);
+    return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+           static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+// A pipe and /dev/null, one per thread: downloads are spliced through the pipe and dropped.
+struct sink {
+    int p[2] = {-1, -1};
+    int null = -1;
+    size_t size = 0;
+    sink() {
+        if (pipe2(p, O_CLOEXEC) != 0) return;
+        int got = fcntl(p[1], F_SETPIPE_SZ, static_cast<int>(kChunk));
+        if (got < 0) got = fcntl(p[1], F_GETPIPE_SZ);
+        size = got > 0 ? static_cast<size_t>(got) : 0;
+        null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    }
+    ~sink() {
+        for (int fd : {p[0], p[1], null})
+            if (fd >= 0) close(fd);
+    }
+    sink(const sink &) = delete;
+    sink &operator=(const sink &) = delete;
+    bool ok() const { return p[0] >= 0 && null >= 0 && size > 0; }
+};
+
+// The bytes an upload sends, in a memory file that sendfile can send from: a whole number of
+// repetitions of the upload's pattern, sent again and again.
+class source {
+  public:
+    source(const std::vector<char> &pattern, size_t at_least) {
+        fd_ = memfd_create("ftpbench-source", MFD_CLOEXEC);
+        if (fd_ < 0 || pattern.empty()) return;
+        size_t reps = (at_least + pattern.size() - 1) / pattern.size();
+        for (size_t i = 0; i < reps; i++) {
+            if (::write(fd_, pattern.data(), pattern.size()) != static_cast<ssize_t>(pattern.size())) return;
+        }
+        size_ = reps * pattern.size();
+    }
+    ~source() {
+        if (fd_ >= 0) close(fd_);
+    }
+    source(const source &) = delete;
+    source &operator=(const source &) = delete;
+    bool ok() const { return fd_ >= 0 && size_ > 0; }
+    int fd() const { return fd_; }
+    size_t size() const { return size_; }
+
+  private:
+    int fd_ = -1;
+    size_t size_ = 0;
+};
 
 double seconds_since(clock_type::time_point t0) {
     return std::chrono::duration<double>(clock_type::now() - t0).count();
@@ -72,6 +155,8 @@ SSL_CTX *make_tls_context() {
     SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
     if (ctx == nullptr) return nullptr;
     SSL_CTX_set_verify(ctx, SSL_VERIFY_NONE, nullptr);
+    // Every server is measured with the same protocol version: one that cannot speak it fails.
+    SSL_CTX_set_min_proto_version(ctx, TLS1_3_VERSION);
     // How a server ends a download (close_notify or not) is not what is measured.
     SSL_CTX_set_options(ctx, SSL_OP_IGNORE_UNEXPECTED_EOF);
     // One receive takes whatever records have arrived, not one record per system call.
@@ -134,6 +219,38 @@ class link {
         size_t got = 0;
         if (SSL_read_ex(ssl_, b, n, &got) == 1) return static_cast<ssize_t>(got);
         return SSL_get_error(ssl_, 0) == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+    }
+    // Plain and without --copy: the connection's bytes go through the thread's pipe into /dev/null
+    // by reference. Bytes received, or -1 on failure.
+    long long drain_spliced(sink &k) {
+        long long total = 0;
+        for (;;) {
+            ssize_t n = splice(fd_, nullptr, k.p[1], nullptr, k.size, SPLICE_F_MOVE);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return -1;
+            if (n == 0) return total;
+            total += n;
+            while (n > 0) {
+                ssize_t m = splice(k.p[0], nullptr, k.null, nullptr, static_cast<size_t>(n), SPLICE_F_MOVE);
+                if (m < 0 && errno == EINTR) continue;
+                if (m <= 0) return -1;
+                n -= m;
+            }
+        }
+    }
+    // Plain and without --copy: total bytes of src's pages, from its start again and again.
+    bool send_file(const source &src, long long total) {
+        off_t off = 0;
+        while (total > 0) {
+            if (static_cast<size_t>(off) == src.size()) off = 0;
+            size_t left_in_src = src.size() - static_cast<size_t>(off);
+            size_t n = static_cast<long long>(left_in_src) < total ? left_in_src : static_cast<size_t>(total);
+            ssize_t w = sendfile(fd_, src.fd(), &off, n);
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) return false;
+            total -= w;
+        }
+        return true;
     }
     bool write(const char *b, size_t n) {
         if (ssl_ != nullptr) {
@@ -223,15 +340,40 @@ class control {
         if (c != 230) return false;
         return g_tls == nullptr || !data || (cmd("PBSZ 0") == 200 && cmd("PROT P") == 200);
     }
-    // Opens a passive data connection; -1 on failure.
-    int pasv() {
+    // Before the transfer's command: a passive data connection (PASV, then connect), or with
+    // --active a listening socket announced by PORT. The descriptor, or -1 with the reason in why.
+    int open_data(std::string *why) {
+        if (g_active) return listen_port(why);
         std::string text;
-        if (cmd("PASV", &text) != 227) return -1;
+        if (cmd("PASV", &text) != 227) {
+            *why = "PASV: " + last();
+            return -1;
+        }
         size_t l = text.find('(');
-        if (l == std::string::npos) return -1;
         unsigned h1, h2, h3, h4, p1, p2;
-        if (sscanf(text.c_str() + l + 1, "%u,%u,%u,%u,%u,%u", &h1, &h2, &h3, &h4, &p1, &p2) != 6) return -1;
-        return connect_to(static_cast<int>(p1 * 256 + p2));
+        if (l == std::string::npos ||
+            sscanf(text.c_str() + l + 1, "%u,%u,%u,%u,%u,%u", &h1, &h2, &h3, &h4, &p1, &p2) != 6) {
+            *why = "PASV: " + last();
+            return -1;
+        }
+        int fd = connect_to(static_cast<int>(p1 * 256 + p2));
+        if (fd < 0) *why = "PASV: no connection to the server's port";
+        return fd;
+    }
+    // After the transfer's command is sent: the data connection itself. In active mode the
+    // server's connection is accepted (within 30 s) and the listening socket closed.
+    int take_data(int fd) {
+        if (!g_active || fd < 0) return fd;
+        pollfd p{fd, POLLIN, 0};
+        int r = poll(&p, 1, 30000);
+        int d = r > 0 ? accept4(fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        close(fd);
+        if (d >= 0) {
+            timeval tv{60, 0};
+            setsockopt(d, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+            setsockopt(d, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        }
+        return d;
     }
     // With --tls, the handshake of the data connection d, once the transfer's command is sent
     // and before its first reply (a server may send that only after the handshake). It resumes
@@ -252,6 +394,28 @@ class control {
     }
 
   private:
+    int listen_port(std::string *why) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 1) != 0 ||
+            getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
+            if (fd >= 0) close(fd);
+            *why = "PORT: no listening socket";
+            return -1;
+        }
+        unsigned port = ntohs(a.sin_port);
+        char line[64];
+        snprintf(line, sizeof line, "PORT 127,0,0,1,%u,%u", port / 256, port % 256);
+        if (cmd(line) != 200) {
+            close(fd);
+            *why = std::string("PORT: ") + last();
+            return -1;
+        }
+        return fd;
+    }
     bool read_line(std::string &line) {
         line.clear();
         for (;;) {
@@ -272,12 +436,65 @@ class control {
     std::string last_;
 };
 
+// Everything the data connection brings, thrown away; -1 on failure.
 long long drain(link &d) {
-    std::vector<char> b(kChunk);
+    if (d.ssl() == nullptr && !g_copy) {
+        thread_local sink k;
+        if (k.ok()) return d.drain_spliced(k);
+    }
+    thread_local std::vector<char> b(kChunk);
     long long total = 0;
     ssize_t n;
     while ((n = d.read(b.data(), b.size())) > 0) total += n;
-    return total;
+    return n < 0 ? -1 : total;
+}
+
+// The thread's memory file of the pattern's repetitions (at least kSourceBytes), made on the
+// first call for that pattern: callers make it before their timed part.
+source *thread_source(const std::vector<char> &pattern) {
+    thread_local std::unique_ptr<source> src;
+    thread_local std::vector<char> made_for;
+    if (!src || made_for != pattern) {
+        src = std::make_unique<source>(pattern, kSourceBytes / pattern.size() * pattern.size());
+        made_for = pattern;
+    }
+    return src->ok() ? src.get() : nullptr;
+}
+
+// Sends total bytes of the pattern's repetitions: from the thread's memory file with sendfile,
+// or with --copy (and over TLS) from a buffer of whole repetitions.
+bool send_pattern(link &d, const std::vector<char> &pattern, long long total) {
+    if (d.ssl() == nullptr && !g_copy) {
+        source *src = thread_source(pattern);
+        if (src != nullptr) return d.send_file(*src, total);
+    }
+    thread_local std::vector<char> block;
+    if (block.size() < kChunk || block.size() % pattern.size() != 0 ||
+        memcmp(block.data(), pattern.data(), pattern.size()) != 0) {
+        block.clear();
+        while (block.size() < kChunk) block.insert(block.end(), pattern.begin(), pattern.end());
+    }
+    while (total > 0) {
+        size_t n = total < static_cast<long long>(block.size()) ? static_cast<size_t>(total) : block.size();
+        if (!d.write(block.data(), n)) return false;
+        total -= static_cast<long long>(n);
+    }
+    return true;
+}
+
+// What an upload sends: binary, a repeating byte pattern; ASCII, the wire form of lines of 63
+// characters, so that the stored file has whole 64-byte LF lines.
+std::vector<char> upload_pattern(bool text) {
+    std::vector<char> p;
+    if (text) {
+        for (int i = 0; i < 63; i++) p.push_back(static_cast<char>('a' + i % 26));
+        p.push_back('\r');
+        p.push_back('\n');
+    } else {
+        p.resize(kChunk);
+        for (size_t i = 0; i < p.size(); i++) p[i] = static_cast<char>(i * 131 + 7);
+    }
+    return p;
 }
 
 // Why a data connection's handshake failed: the library's reason and the server's reply.
@@ -289,41 +506,82 @@ std::string handshake_failure(control &c) {
     return why;
 }
 
-// One download, from offset when it is not empty (REST right before RETR); returns the seconds
-// from REST or RETR to the final reply, or a negative value with the reason in why.
-// With TLS, the data connection's protocol and cipher go into negotiated when it is not null.
-double do_retr(int port, const char *user, const char *pass, const char *type, const char *path, long long *bytes,
-               std::string *why, const char *offset = "", std::string *negotiated = nullptr) {
-    control c(port);
-    if (!c.ok() || !c.login(user, pass)) {
-        *why = "login: " + (c.ok() ? c.last() : std::string("no connection")) + " " + tls_errors();
+// One transfer on a logged-in session: the data connection (passive or active), the command,
+// with TLS the data connection's handshake, the bytes, the final reply. With pattern, an upload
+// of total bytes of it; without, a download drained. Returns the bytes moved, or -1 with the
+// reason in why; the protocol and cipher of a protected data connection go into negotiated.
+long long transfer(control &c, const std::string &command, const std::vector<char> *pattern, long long total,
+                   std::string *why, std::string *negotiated = nullptr) {
+    int fd = c.open_data(why);
+    if (fd < 0) return -1;
+    if (!c.send_line(command)) {
+        close(fd);
+        *why = command + ": cannot send";
         return -1;
     }
-    if (c.cmd(std::string("TYPE ") + type) != 200) return -2;
-    link d(c.pasv());
+    link d(c.take_data(fd));
     if (!d.ok()) {
-        *why = "PASV: " + c.last();
-        return -3;
+        *why = command + ": no data connection";
+        if (c.reply() > 0) *why += ", then: " + c.last();
+        return -1;
     }
-    auto t0 = clock_type::now();
-    if (*offset != '\0' && c.cmd(std::string("REST ") + offset) != 350) return -7;
-    if (!c.send_line(std::string("RETR ") + path)) return -4;
     if (!c.protect(d)) {
         *why = handshake_failure(c);
-        return -8;
+        return -1;
     }
     int code = c.reply();
     if (code != 150 && code != 125) {
-        *why = "RETR: " + c.last();
-        return -5;
+        *why = command + ": " + c.last();
+        return -1;
     }
     if (negotiated != nullptr) *negotiated = d.negotiated();
-    *bytes = drain(d);
-    d.reset();
+    long long moved = total;
+    if (pattern != nullptr) {
+        if (!send_pattern(d, *pattern, total)) {
+            *why = command + ": the data connection ended " + tls_errors();
+            return -1;
+        }
+        d.finish_upload();
+    } else {
+        moved = drain(d);
+        d.reset();
+        if (moved < 0) {
+            *why = command + ": receiving failed";
+            return -1;
+        }
+    }
     if (c.reply() != 226) {
         *why = "after the transfer: " + c.last();
-        return -6;
+        return -1;
     }
+    return moved;
+}
+
+// Logs in; false with the reason in why.
+bool log_in(control &c, const char *user, const char *pass, std::string *why, bool data = true) {
+    if (c.ok() && c.login(user, pass, data)) return true;
+    *why = "login: " + (c.ok() ? c.last() : std::string("no connection")) + " " + tls_errors();
+    return false;
+}
+
+// One download, from offset when it is not empty (REST right before RETR); returns the seconds
+// from REST (or the data connection) to the final reply, or a negative value with the reason in
+// why.
+double do_retr(int port, const char *user, const char *pass, const char *type, const char *path, long long *bytes,
+               std::string *why, const char *offset = "", std::string *negotiated = nullptr) {
+    control c(port);
+    if (!log_in(c, user, pass, why)) return -1;
+    if (c.cmd(std::string("TYPE ") + type) != 200) {
+        *why = "TYPE: " + c.last();
+        return -2;
+    }
+    auto t0 = clock_type::now();
+    if (*offset != '\0' && c.cmd(std::string("REST ") + offset) != 350) {
+        *why = "REST: " + c.last();
+        return -7;
+    }
+    *bytes = transfer(c, std::string("RETR ") + path, nullptr, 0, why, negotiated);
+    if (*bytes < 0) return -5;
     double s = seconds_since(t0);
     c.cmd("QUIT");
     return s;
@@ -332,12 +590,13 @@ double do_retr(int port, const char *user, const char *pass, const char *type, c
 int cmd_retr(int port, char **a, int n) {
     long long bytes = 0;
     std::string why, negotiated;
+    double c0 = client_cpu();
     double s = do_retr(port, a[0], a[1], a[2], a[3], &bytes, &why, n > 4 ? a[4] : "", &negotiated);
     if (s < 0) {
         fprintf(stderr, "retr failed (%g) %s\n", s, why.c_str());
         return 1;
     }
-    printf("seconds=%.6f bytes=%lld%s\n", s, bytes, negotiated.c_str());
+    printf("seconds=%.6f bytes=%lld client_cpu=%.6f%s\n", s, bytes, client_cpu() - c0, negotiated.c_str());
     return 0;
 }
 
@@ -350,42 +609,84 @@ int cmd_stor(int port, char **a) {
     const char *type = a[2];
     long long want = atoll(a[4]);
     bool text = strcmp(type, "A") == 0;
-    // Binary: a repeating byte pattern. ASCII: the wire form of lines of 63 characters, so that
-    // the stored file has `want` bytes of 64-byte LF lines.
-    std::vector<char> block;
-    long long wire_total = want;
-    if (text) {
-        std::string line;
-        for (int i = 0; i < 63; i++) line += static_cast<char>('a' + i % 26);
-        line += "\r\n";
-        for (int i = 0; i < 16384; i++) block.insert(block.end(), line.begin(), line.end());
-        wire_total = want / 64 * 65;
-    } else {
-        block.resize(kChunk);
-        for (size_t i = 0; i < block.size(); i++) block[i] = static_cast<char>(i * 131 + 7);
-    }
+    std::vector<char> pattern = upload_pattern(text);
+    long long wire_total = text ? want / 64 * 65 : want;
+    // The memory file is filled before the timed part.
+    if (!g_copy && g_tls == nullptr) thread_source(pattern);
     control c(port);
-    if (!c.ok() || !c.login(a[0], a[1])) return fail("login", c.ok() ? c.last() + " " + tls_errors() : "no connection");
+    std::string why, negotiated;
+    if (!log_in(c, a[0], a[1], &why)) return fail("login", why);
     if (c.cmd(std::string("TYPE ") + type) != 200) return fail("TYPE", c.last());
-    link d(c.pasv());
-    if (!d.ok()) return fail("PASV", c.last());
+    double c0 = client_cpu();
     auto t0 = clock_type::now();
-    if (!c.send_line(std::string("STOR ") + a[3])) return fail("STOR", "cannot send");
-    if (!c.protect(d)) return fail("STOR", handshake_failure(c));
-    int code = c.reply();
-    if (code != 150 && code != 125) return fail("STOR", c.last());
-    std::string negotiated = d.negotiated();
-    long long left = wire_total;
-    while (left > 0) {
-        size_t n = left < static_cast<long long>(block.size()) ? static_cast<size_t>(left) : block.size();
-        if (!d.write(block.data(), n)) return fail("STOR", "the data connection ended " + tls_errors());
-        left -= static_cast<long long>(n);
-    }
-    d.finish_upload();
-    if (c.reply() != 226) return fail("STOR", "after the transfer: " + c.last());
+    if (transfer(c, std::string("STOR ") + a[3], &pattern, wire_total, &why, &negotiated) < 0) return fail("STOR", why);
     double s = seconds_since(t0);
+    double cpu = client_cpu() - c0;
     c.cmd("QUIT");
-    printf("seconds=%.6f bytes=%lld%s\n", s, want, negotiated.c_str());
+    printf("seconds=%.6f bytes=%lld client_cpu=%.6f%s\n", s, want, cpu, negotiated.c_str());
+    return 0;
+}
+
+// Small files: each of sessions threads logs in once and moves count files of bytes each, one
+// data connection per file; files/s counts them all from the first login's end to the last
+// session's last reply.
+int cmd_files(int port, char **a) {
+    bool upload = strcmp(a[2], "stor") == 0;
+    std::string dir = a[3];
+    int count = atoi(a[4]);
+    long long size = atoll(a[5]);
+    int sessions = atoi(a[6]);
+    std::vector<char> pattern = upload_pattern(false);
+    std::atomic<long long> bytes{0};
+    std::atomic<int> failed{0}, ready{0};
+    std::atomic<bool> go{false};
+    std::string first_failure;
+    std::mutex failure_lock;
+    auto failure = [&](const std::string &why) {
+        std::lock_guard<std::mutex> g(failure_lock);
+        if (first_failure.empty()) first_failure = why;
+        failed++;
+    };
+    std::vector<std::thread> threads;
+    for (int k = 0; k < sessions; k++) {
+        threads.emplace_back([&, k]() {
+            if (upload && !g_copy && g_tls == nullptr) thread_source(pattern);
+            control c(port);
+            std::string why;
+            bool ok = log_in(c, a[0], a[1], &why) && c.cmd("TYPE I") == 200;
+            ready++;
+            while (!go.load()) std::this_thread::yield();
+            if (!ok) {
+                failure(why.empty() ? "TYPE: " + c.last() : why);
+                return;
+            }
+            for (int i = 0; i < count; i++) {
+                char name[64];
+                if (upload)
+                    snprintf(name, sizeof name, "/s%d-%04d", k, i);
+                else
+                    snprintf(name, sizeof name, "/f-%04d", i);
+                std::string command = std::string(upload ? "STOR " : "RETR ") + dir + name;
+                long long n = transfer(c, command, upload ? &pattern : nullptr, size, &why);
+                if (n < 0) {
+                    failure(why);
+                    return;
+                }
+                bytes += n;
+            }
+            c.cmd("QUIT");
+        });
+    }
+    while (ready.load() < sessions) std::this_thread::yield();
+    double c0 = client_cpu();
+    auto t0 = clock_type::now();
+    go = true;
+    for (auto &t : threads) t.join();
+    double s = seconds_since(t0);
+    double cpu = client_cpu() - c0;
+    if (failed.load() != 0) return fail("files", first_failure);
+    long long files = static_cast<long long>(count) * sessions;
+    printf("seconds=%.6f files=%lld bytes=%lld rate=%.1f client_cpu=%.6f\n", s, files, bytes.load(), files / s, cpu);
     return 0;
 }
 
@@ -443,19 +744,12 @@ int cmd_mretr(int port, char **a) {
 
 int cmd_list(int port, char **a) {
     control c(port);
-    if (!c.ok() || !c.login(a[0], a[1])) return fail("login", c.ok() ? c.last() + " " + tls_errors() : "no connection");
+    std::string why;
+    if (!log_in(c, a[0], a[1], &why)) return fail("login", why);
     if (c.cmd("TYPE A") != 200) return fail("TYPE", c.last());
-    link d(c.pasv());
-    if (!d.ok()) return fail("PASV", c.last());
     auto t0 = clock_type::now();
-    std::string verb = a[2];
-    if (!c.send_line(verb + " " + a[3])) return fail(a[2], "cannot send");
-    if (!c.protect(d)) return fail(a[2], handshake_failure(c));
-    int code = c.reply();
-    if (code != 150 && code != 125) return fail(a[2], c.last());
-    long long bytes = drain(d);
-    d.reset();
-    if (c.reply() != 226) return fail(a[2], "after the transfer: " + c.last());
+    long long bytes = transfer(c, std::string(a[2]) + " " + a[3], nullptr, 0, &why);
+    if (bytes < 0) return fail(a[2], why);
     double s = seconds_since(t0);
     c.cmd("QUIT");
     printf("seconds=%.6f bytes=%lld\n", s, bytes);
@@ -488,13 +782,26 @@ int cmd_hold(int port, char **a) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    bool tls = argc > 1 && strcmp(argv[1], "--tls") == 0;
-    if (tls) {
+    bool tls = false;
+    // Options before the command, in any order.
+    while (argc > 1 && strncmp(argv[1], "--", 2) == 0) {
+        if (strcmp(argv[1], "--tls") == 0) {
+            tls = true;
+        } else if (strcmp(argv[1], "--copy") == 0) {
+            g_copy = true;
+        } else if (strcmp(argv[1], "--active") == 0) {
+            g_active = true;
+        } else {
+            fprintf(stderr, "unknown option %s\n", argv[1]);
+            return 2;
+        }
         argv++;
         argc--;
     }
     if (argc < 5) {
-        fprintf(stderr, "usage: ftpbench [--tls] retr|stor|logins|mretr|list|hold|handshakes PORT USER PASS ...\n");
+        fprintf(stderr,
+                "usage: ftpbench [--tls] [--copy] [--active] retr|stor|files|logins|mretr|list|hold|handshakes "
+                "PORT USER PASS ...\n");
         return 2;
     }
     std::string op = argv[1];
@@ -502,10 +809,9 @@ int main(int argc, char **argv) {
         tls = true;
         op = "logins";
     }
+    // A server's early close must fail a send, not kill the client.
+    signal(SIGPIPE, SIG_IGN);
     if (tls) {
-        // The library writes to its sockets with write(): a server's early close must not kill
-        // the client.
-        signal(SIGPIPE, SIG_IGN);
         g_tls = make_tls_context();
         if (g_tls == nullptr) {
             fprintf(stderr, "no TLS context: %s\n", tls_errors().c_str());
@@ -517,6 +823,7 @@ int main(int argc, char **argv) {
     int n = argc - 3;
     if (op == "retr" && (n == 4 || n == 5)) return cmd_retr(port, a, n);
     if (op == "stor" && n == 5) return cmd_stor(port, a);
+    if (op == "files" && n == 7) return cmd_files(port, a);
     if (op == "logins" && n == 4) return cmd_logins(port, a);
     if (op == "mretr" && n == 4) return cmd_mretr(port, a);
     if (op == "list" && n == 4) return cmd_list(port, a);

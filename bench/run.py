@@ -1,24 +1,32 @@
 #!/usr/bin/env python3
 """Side-by-side benchmark of this daemon against vsftpd, pure-ftpd and proftpd (black-box peers
-from Debian; the last two optional).
+from Debian; pure-ftpd and proftpd optional).
 
 All servers run on loopback and serve the same tmpfs directory (with a bind-mounted directory
 on the disk for the listing on disk). Every measurement is repeated and interleaved between the
-servers, and the median is kept. Server CPU is read from /proc/PID/stat of the server's whole
-process tree: its cpuacct control group when the machine has one (every process the server ever
-forked counts, also those reaped without a wait), otherwise each process's own and waited-for
-children's time. Nothing is asserted: the figures are printed as a table with
-the ratio to each peer and written to docs/performance.md.
+servers, and the median is kept.
 
-Needs root (the peers' anonymous sessions change root and user; the bind mounts) and the peers
-installed by bench/setup.sh. A peer that is missing or does not come up is left out of the run,
-except vsftpd, which the targets are judged against. Run through `make bench`.
+The client (bench/ftpbench.cpp) is zero-copy by default: it splices downloads from the socket
+into /dev/null and sends uploads with sendfile from a memory file, so that what is measured is
+the server. `--client copy` makes the copying client (its own buffers, as ordinary clients) the
+first one, and `--copy-rows` names the rows measured with the other client as well; every row
+of the report says which client it used. Protected (TLS) transfers pass through the client's
+buffers whatever the client: they are decrypted there.
 
-This daemon runs in its device profile; what only its standard profile serves (MLSD, REST) is
-measured on a second instance in that profile, whose figures go into the same column. The TLS
-measurements (explicit FTPS: AUTH TLS, PROT P) run against a third instance in the standard
-profile with a [tls] section and a second vsftpd with TLS switched on, both with the same
-self-signed certificate made at the start; the other peers are not measured over TLS.
+Every server runs in a control group of its own, joined before it is started (so forked,
+threaded and orphaned work all count): cgroup v2 where the machine has it (`cpu.stat`
+usage_usec; memory from `memory.stat` when the memory controller is on), cgroup v1 otherwise
+(`cpuacct.usage`, the memory controller's `memory.stat` and kernel memory). Without any, the
+server's process tree is summed.
+
+This daemon runs its standard profile; the device profile is an extra row where the profile
+changes the work (uploads, command lines, listings, logins, memory). Every server also runs a
+second instance that serves explicit FTPS (AUTH TLS, PROT P) with one self-signed certificate,
+for the TLS rows. Nothing is asserted: the figures go into a table with the ratio to the best
+peer and a table of targets, written to docs/performance.md unless told otherwise.
+
+Needs root (the peers' anonymous sessions change root and user; bind mounts; control groups)
+and the peers installed by bench/setup.sh. Run through `make bench`.
 """
 
 import argparse
@@ -26,6 +34,7 @@ import os
 import pwd
 import shutil
 import signal
+import socket
 import statistics
 import subprocess
 import sys
@@ -36,18 +45,20 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 CLK = os.sysconf("SC_CLK_TCK")
-PAGE = os.sysconf("SC_PAGE_SIZE")
 GIB = 1 << 30
 MIB = 1 << 20
+KIB = 1 << 10
 
 USER, PASSWORD = "bench", "benchpw1"
 LIST_ENTRIES = 10000
-TLS_RETR, TLS_STOR, TLS_LOGINS = "TLS RETR 1 GiB binary", "TLS STOR 1 GiB binary", "TLS handshakes+logins"
+SMALL_FILES, SMALL_SIZE, SMALL_SESSIONS = 2000, 4 * KIB, 4
+HELD_SESSIONS = 19
 # What decides whether this daemon's records go through the kernel (kernel TLS) or its own loop.
 KTLS_STAT = "/proc/net/tls_stat"
 # Where bench/setup.sh unpacks the optional peers: Debian's FTP server packages conflict with one
 # another, so only vsftpd is installed as a package.
 PEERS = "/opt/ftps-bench/peers"
+ZERO_COPY, COPY = "zero-copy", "copy"
 
 
 def peer_binary(name, package):
@@ -60,7 +71,6 @@ def peer_binary(name, package):
 
 
 def free_port():
-    import socket
     s = socket.socket()
     s.bind(("127.0.0.1", 0))
     port = s.getsockname()[1]
@@ -68,17 +78,161 @@ def free_port():
     return port
 
 
+def read_text(path):
+    with open(path) as f:
+        return f.read()
+
+
+def write_text(path, text):
+    with open(path, "w") as f:
+        f.write(text)
+
+
+# ---------------------------------------------------------------------------------------------
+# Control groups
+
+
+def cgroup_mounts():
+    """(the cgroup v2 mount point or None, {v1 controller: mount point})."""
+    v2, v1 = None, {}
+    for line in read_text("/proc/self/mounts").splitlines():
+        fields = line.split()
+        if len(fields) < 4:
+            continue
+        mnt, fstype, opts = fields[1], fields[2], fields[3].split(",")
+        if fstype == "cgroup2" and (v2 is None or mnt == "/sys/fs/cgroup"):
+            v2 = mnt
+        elif fstype == "cgroup":
+            for o in opts:
+                if o in ("cpuacct", "memory"):
+                    v1[o] = mnt
+    return v2, v1
+
+
+def own_cgroup(controller):
+    """The bench's own group in a hierarchy: "" for v2, a v1 controller's name otherwise. The
+    servers' groups are made below it, so that they stay inside whatever holds the bench."""
+    for line in read_text("/proc/self/cgroup").splitlines():
+        num, ctrls, path = line.split(":", 2)
+        if (controller == "" and num == "0") or (controller and controller in ctrls.split(",")):
+            return path.lstrip("/")
+    return ""
+
+
+def cgroup_kind():
+    """What the machine offers, for the report."""
+    v2, v1 = cgroup_mounts()
+    parts = []
+    if v2:
+        parts.append("cgroup v2 at %s (CPU: cpu.stat)" % v2)
+    if v1:
+        parts.append("cgroup v1 %s" % ", ".join("%s at %s" % kv for kv in sorted(v1.items())))
+    return "; ".join(parts) or "none"
+
+
+class ControlGroup:
+    """One server's group in each hierarchy that counts something for it: CPU from v2's
+    cpu.stat (always there in v2) or v1's cpuacct, memory from v2's memory controller when the
+    bench's group hands it down, else from v1's memory controller."""
+
+    def __init__(self, tag):
+        v2, v1 = cgroup_mounts()
+        name = "ftps-bench-%s-%d" % (tag, os.getpid())
+        self.dirs = []
+        self.cpu_file = self.cpu_v2 = None
+        self.mem_dir = self.mem_v2 = None
+        if v2:
+            parent = os.path.join(v2, own_cgroup(""))
+            d = self._make(parent, name)
+            if d:
+                self.cpu_file, self.cpu_v2 = os.path.join(d, "cpu.stat"), True
+                try:
+                    if "memory" in read_text(os.path.join(parent, "cgroup.subtree_control")).split():
+                        self.mem_dir, self.mem_v2 = d, True
+                except OSError:
+                    pass
+        if self.cpu_file is None and "cpuacct" in v1:
+            d = self._make(os.path.join(v1["cpuacct"], own_cgroup("cpuacct")), name)
+            if d:
+                self.cpu_file, self.cpu_v2 = os.path.join(d, "cpuacct.usage"), False
+        if self.mem_dir is None and "memory" in v1:
+            d = self._make(os.path.join(v1["memory"], own_cgroup("memory")), name)
+            if d:
+                self.mem_dir, self.mem_v2 = d, False
+
+    def _make(self, parent, name):
+        d = os.path.join(parent, name)
+        try:
+            os.makedirs(d, exist_ok=True)
+        except OSError:
+            return None
+        self.dirs.append(d)
+        return d
+
+    def __bool__(self):
+        return self.cpu_file is not None
+
+    def join(self):
+        """In the server's process, before its program starts."""
+        for d in self.dirs:
+            write_text(os.path.join(d, "cgroup.procs"), str(os.getpid()))
+
+    def cpu(self):
+        text = read_text(self.cpu_file)
+        if self.cpu_v2:
+            return int(dict(l.split() for l in text.splitlines())["usage_usec"]) / 1e6
+        return int(text) / 1e9
+
+    def tasks(self):
+        d = self.dirs[0]
+        name = "cgroup.threads" if self.cpu_v2 else "tasks"
+        return len(read_text(os.path.join(d, name)).split())
+
+    def pids(self):
+        found = set()
+        for d in self.dirs:
+            try:
+                found.update(int(x) for x in read_text(os.path.join(d, "cgroup.procs")).split())
+            except OSError:
+                pass
+        return sorted(found)
+
+    def nonfile(self):
+        """Bytes of the group's memory that are not file pages: anonymous and kernel memory
+        (sockets, page tables, kernel stacks, slab), or None without a memory controller."""
+        if not self.mem_dir:
+            return None
+        stat = dict(l.split() for l in read_text(os.path.join(self.mem_dir, "memory.stat")).splitlines())
+        if self.mem_v2:
+            return int(stat["anon"]) + int(stat.get("kernel", 0) or sum(
+                int(stat.get(k, 0)) for k in ("kernel_stack", "pagetables", "percpu", "sock", "slab")))
+        kmem = int(read_text(os.path.join(self.mem_dir, "memory.kmem.usage_in_bytes")))
+        return int(stat["total_rss"]) + kmem
+
+    def remove(self):
+        for pid in self.pids():
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except OSError:
+                pass
+        for d in self.dirs:
+            for _ in range(50):
+                try:
+                    os.rmdir(d)
+                    break
+                except OSError:
+                    time.sleep(0.1)
+
+
 def proc_stat(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        text = f.read()
+    text = read_text("/proc/%d/stat" % pid)
     fields = text[text.rindex(")") + 2:].split()
-    # fields[0] is field 3 (state): ppid 4, utime 14, stime 15, cutime 16, cstime 17, rss 24
-    return {"ppid": int(fields[1]), "cpu": sum(int(x) for x in fields[11:15]) / CLK,
-            "rss": int(fields[21]) * PAGE}
+    # fields[0] is field 3 (state): ppid 4, utime 14, stime 15, cutime 16, cstime 17
+    return {"ppid": int(fields[1]), "cpu": sum(int(x) for x in fields[11:15]) / CLK}
 
 
 def tree(root_pid):
-    """The process ids of root_pid and all its descendants."""
+    """The process ids of root_pid and all its descendants (without a control group)."""
     children = {}
     for name in os.listdir("/proc"):
         if name.isdigit():
@@ -94,17 +248,22 @@ def tree(root_pid):
     return out
 
 
-def tree_sum(root_pid, key):
+def pss(pids):
+    """Proportional set size of the processes, bytes: shared pages count for their share."""
     total = 0
-    for pid in tree(root_pid):
+    for pid in pids:
         try:
-            total += proc_stat(pid)[key]
-        except (OSError, ValueError):
+            for line in read_text("/proc/%d/smaps_rollup" % pid).splitlines():
+                if line.startswith("Pss:"):
+                    total += int(line.split()[1]) * KIB
+                    break
+        except OSError:
             pass
     return total
 
 
-CPUACCT = "/sys/fs/cgroup/cpuacct"
+# ---------------------------------------------------------------------------------------------
+# Servers
 
 
 class Server:
@@ -113,29 +272,32 @@ class Server:
     optional = False
     # Answers MLSD (RFC 3659); a server that does not is shown as n/a in the MLSD rows.
     mlsd = True
+    base_tasks = 1
 
-    def __init__(self, work, share):
+    def __init__(self, work, share, tls=None):
         self.work = work
         self.share = share
+        self.tls = tls
         self.port = free_port()
         self.proc = None
-        self.cgroup = None
+        self.group = None
+
+    @property
+    def tag(self):
+        """Names the instance's own files and control group."""
+        return self.name + "-tls" if self.tls else self.name
 
     @property
     def pid(self):
         return self.proc.pid
 
     def spawn(self, argv, env=None):
-        self.proc = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        if os.path.isdir(CPUACCT) and os.access(CPUACCT, os.W_OK):
-            group = os.path.join(CPUACCT, "ftps-bench-%s-%d" % (self.tag, os.getpid()))
-            try:
-                os.makedirs(group, exist_ok=True)
-                with open(os.path.join(group, "cgroup.procs"), "w") as f:
-                    f.write(str(self.proc.pid))
-                self.cgroup = group
-            except OSError:
-                self.cgroup = None
+        group = ControlGroup(self.tag)
+        self.group = group if group else None
+        if not self.group:
+            group.remove()
+        self.proc = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                     preexec_fn=self.group.join if self.group else None)
         self.wait_port()
         # The threads (or processes) of a server with no session: once the probe's session is over.
         counts = []
@@ -144,23 +306,36 @@ class Server:
             counts.append(self.tasks())
             time.sleep(0.1)
         self.base_tasks = counts[-1]
+        # The idle footprint, before any measurement: the kernel memory of later work (the
+        # dentries and inodes of uploaded files, socket buffers) stays charged to the group.
+        self.idle = (self.pss(), self.nonfile())
+
+    def pids(self):
+        return self.group.pids() if self.group else tree(self.pid)
 
     def cpu(self):
-        if self.cgroup:
-            with open(os.path.join(self.cgroup, "cpuacct.usage")) as f:
-                return int(f.read()) / 1e9
-        return tree_sum(self.pid, "cpu")
+        if self.group:
+            return self.group.cpu()
+        total = 0
+        for pid in tree(self.pid):
+            try:
+                total += proc_stat(pid)["cpu"]
+            except (OSError, ValueError):
+                pass
+        return total
 
-    def rss(self):
-        return tree_sum(self.pid, "rss")
+    def pss(self):
+        return pss(self.pids())
+
+    def nonfile(self):
+        return self.group.nonfile() if self.group else None
 
     def tasks(self):
         """Threads of the server: a session is a process of a peer's and a thread of this
-        daemon's. The control group's list also holds a session process whose parent ended
-        before it (seen with pure-ftpd and vsftpd in the login test), which the tree loses."""
-        if self.cgroup:
-            with open(os.path.join(self.cgroup, "tasks")) as f:
-                return len(f.read().split())
+        daemon's. The control group also holds a session process whose parent ended before it,
+        which the process tree loses."""
+        if self.group:
+            return self.group.tasks()
         total = 0
         for pid in tree(self.pid):
             try:
@@ -176,26 +351,21 @@ class Server:
         while time.time() < deadline and self.tasks() > self.base_tasks:
             time.sleep(0.02)
 
-    base_tasks = 1
-
-    @property
-    def tag(self):
-        """Names the server's own files and control group: one per running instance."""
-        return self.name
-
     def wait_port(self):
-        import socket
         deadline = time.time() + 15
         while time.time() < deadline:
             if self.proc.poll() is not None:
-                raise RuntimeError("%s ended at its start (status %d)" % (self.name, self.proc.returncode))
+                raise RuntimeError("%s ended at its start (status %d)" % (self.tag, self.proc.returncode))
             try:
                 with socket.create_connection(("127.0.0.1", self.port), timeout=1) as s:
                     s.recv(100)
                     return
             except OSError:
                 time.sleep(0.1)
-        raise RuntimeError("%s did not come up" % self.name)
+        listening = subprocess.run(["ss", "-Hltn", "sport = :%d" % self.port], capture_output=True,
+                                   text=True).stdout.strip()
+        raise RuntimeError("%s did not come up (port %d %s)" % (self.tag, self.port,
+                                                                "listening" if listening else "not listening"))
 
     def stop(self):
         if self.proc and self.proc.poll() is None:
@@ -205,26 +375,20 @@ class Server:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
-        if self.cgroup:
-            for _ in range(50):
-                try:
-                    os.rmdir(self.cgroup)
-                    break
-                except OSError:
-                    time.sleep(0.1)
+        if self.group:
+            self.group.remove()
 
 
 class Ftps(Server):
-    """This daemon, in the device profile, or in the standard profile when profile is "standard"
-    (a second instance that serves MLSD and REST; its figures go into the ftps column too). With
-    tls, (certificate, key), a standard instance that serves FTPS with its [tls] defaults."""
+    """This daemon in a profile; with tls, (certificate, key), a standard instance that serves
+    FTPS with its [tls] defaults (logins only over TLS, data connections must resume)."""
     name = "ftps"
+    about = "this daemon"
 
-    def __init__(self, work, share, build, profile="device", tls=None):
-        super().__init__(work, share)
+    def __init__(self, work, share, build, profile="standard", tls=None):
+        super().__init__(work, share, tls)
         self.build = build
         self.profile = profile
-        self.tls = tls
         self.user, self.password = USER, PASSWORD
         self.dir = os.path.join(work, self.tag)
         # Temporary listing files go below TMPDIR: on the disk, as with a stock /tmp.
@@ -232,24 +396,23 @@ class Ftps(Server):
         os.makedirs(self.tmpdir)
         self.platform = os.path.join(self.dir, "platform.conf")
         startup = os.path.join(self.dir, "startup.conf")
-        with open(startup, "w") as f:
-            f.write("ftp-server topdir flash:/\n"
-                    "ftp-server username %s password %s\n"
-                    "ftp-server max-user-connect 20\n"
-                    "ftp-server enable\n" % (USER, PASSWORD))
-        with open(self.platform, "w") as f:
-            f.write("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\nprofile = %s\n[storage]\n"
-                    "flash = %s\n[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
-                    "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, profile, share, startup))
-            if tls:
-                f.write("[tls]\ncertificate = %s\nkey = %s\n" % tls)
+        write_text(startup, "ftp-server topdir flash:/\n"
+                   "ftp-server username %s password %s\n"
+                   "ftp-server max-user-connect 20\n"
+                   "ftp-server enable\n" % (USER, PASSWORD))
+        conf = ("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\nprofile = %s\n[storage]\n"
+                "flash = %s\n[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
+                "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, profile, share, startup))
+        if tls:
+            conf += "[tls]\ncertificate = %s\nkey = %s\n" % tls
+        write_text(self.platform, conf)
 
     @property
     def tag(self):
         # Short: the daemon's sockets below TMPDIR (self.dir/t) have room for 64 bytes of path.
         if self.tls:
-            return self.name + "-tls"
-        return self.name if self.profile == "device" else self.name + "-std"
+            return "ftps-tls"
+        return "ftps" if self.profile == "standard" else "ftps-dev"
 
     def start(self):
         env = dict(os.environ, TMPDIR=self.tmpdir, FTPS_PLATFORM=self.platform)
@@ -263,32 +426,24 @@ class Vsftpd(Server):
     mlsd = False
 
     def __init__(self, work, share, tls=None):
-        super().__init__(work, share)
+        super().__init__(work, share, tls)
         self.user, self.password = "anonymous", "bench@"
-        self.tls = tls
         self.conf = os.path.join(work, self.tag + ".conf")
-        # With tls, (certificate, key): TLS as this daemon's [tls] defaults have it, logins only
-        # after AUTH TLS, data connections that resume the control connection's session (its
-        # default), plain data connections allowed. Its TLS versions are the library's defaults
-        # (the configuration names none above TLS 1.0).
+        # With tls, (certificate, key): logins only after AUTH TLS, data connections that resume
+        # the control connection's session (its default), plain data connections allowed.
         secure = ["ssl_enable=YES", "rsa_cert_file=%s" % tls[0], "rsa_private_key_file=%s" % tls[1],
                   "allow_anon_ssl=YES", "force_anon_logins_ssl=YES", "force_anon_data_ssl=NO",
                   "require_ssl_reuse=YES"] if tls else []
-        # Anonymous sessions: the cheapest login the peer has, against the daemon's own user table.
-        # ASCII conversion is switched on so that TYPE A does the same work as this daemon does.
-        with open(self.conf, "w") as f:
-            f.write("\n".join(secure + [
-                "listen=YES", "listen_ipv6=NO", "listen_address=127.0.0.1", "listen_port=%d" % self.port,
-                "background=NO", "anonymous_enable=YES", "no_anon_password=YES", "local_enable=NO",
-                "anon_root=%s" % share, "write_enable=YES", "anon_upload_enable=YES",
-                "anon_mkdir_write_enable=YES", "anon_other_write_enable=YES", "anon_umask=022",
-                "ascii_upload_enable=YES", "ascii_download_enable=YES", "dirmessage_enable=NO",
-                "xferlog_enable=NO", "pasv_enable=YES", "max_clients=0", "max_per_ip=0",
-                "seccomp_sandbox=NO", ""]))
-
-    @property
-    def tag(self):
-        return self.name + "-tls" if self.tls else self.name
+        # Anonymous sessions: the cheapest login the peer has. ASCII conversion is switched on so
+        # that TYPE A does the same work as this daemon does.
+        write_text(self.conf, "\n".join(secure + [
+            "listen=YES", "listen_ipv6=NO", "listen_address=127.0.0.1", "listen_port=%d" % self.port,
+            "background=NO", "anonymous_enable=YES", "no_anon_password=YES", "local_enable=NO",
+            "anon_root=%s" % share, "write_enable=YES", "anon_upload_enable=YES",
+            "anon_mkdir_write_enable=YES", "anon_other_write_enable=YES", "anon_umask=022",
+            "ascii_upload_enable=YES", "ascii_download_enable=YES", "dirmessage_enable=NO",
+            "xferlog_enable=NO", "pasv_enable=YES", "port_enable=YES", "max_clients=0", "max_per_ip=0",
+            "seccomp_sandbox=NO", ""]))
 
     def start(self):
         self.spawn(["vsftpd", self.conf])
@@ -300,8 +455,8 @@ class UnpackedPeer(Server):
     optional = True
     program = package = "?"
 
-    def __init__(self, work, share):
-        super().__init__(work, share)
+    def __init__(self, work, share, tls=None):
+        super().__init__(work, share, tls)
         self.user, self.password = "anonymous", "bench@"
         self.binary = peer_binary(self.program, self.package)
 
@@ -320,7 +475,14 @@ class PureFtpd(UnpackedPeer):
         # name lookups, and a listing cap (2000 by default) above the listing test's directory,
         # so that every entry is sent.
         argv = [self.binary, "-S", "127.0.0.1,%d" % self.port, "-4", "-e", "-H", "-f", "none", "-c", "100",
-                "-L", "%d:5" % (10 * LIST_ENTRIES), "-g", os.path.join(self.work, "pure-ftpd.pid")]
+                "-L", "%d:5" % (10 * LIST_ENTRIES), "-g", os.path.join(self.work, self.tag + ".pid")]
+        if self.tls:
+            # TLS allowed, and required for logins (2): as the other servers' TLS instances. Its
+            # certificate is one file with the key (PEM, key first or after; both are read).
+            pem = os.path.join(self.work, "pure-ftpd.pem")
+            write_text(pem, read_text(self.tls[1]) + read_text(self.tls[0]))
+            os.chmod(pem, 0o600)
+            argv += ["--tls=2", "--certfile=%s" % pem]
         # Its anonymous root is the ftp user's home directory: the share is bind-mounted there in
         # a mount namespace of its own, as is an empty /run for its session files, so that the
         # machine's directories stay as they are. The shell execs: the server keeps the pid.
@@ -334,28 +496,105 @@ class Proftpd(UnpackedPeer):
     package = "proftpd-core"
     about = "proftpd (unpacked from Debian's package, converts TYPE A by itself, login delay off)"
 
+    def modules(self):
+        """The directory of its loadable modules (mod_tls among them)."""
+        base = os.path.dirname(os.path.dirname(os.path.dirname(self.binary)))
+        for d in (os.path.join(base, "usr", "lib", "proftpd"), "/usr/lib/proftpd"):
+            if os.path.exists(os.path.join(d, "mod_tls.so")):
+                return d
+        return None
+
     def command(self):
-        conf = os.path.join(self.work, "proftpd.conf")
+        conf = os.path.join(self.work, self.tag + ".conf")
+        secure = []
+        if self.tls:
+            mods = self.modules()
+            if not mods:
+                raise RuntimeError("proftpd has no mod_tls here")
+            # mod_tls as a loadable module; TLS required for logins, the data connections'
+            # sessions resumed (its default), TLS 1.3 allowed.
+            secure = ["ModulePath %s" % mods, "LoadModule mod_tls.c", "TLSEngine on", "TLSProtocol TLSv1.2 TLSv1.3",
+                      "TLSRSACertificateFile %s" % self.tls[0], "TLSRSACertificateKeyFile %s" % self.tls[1],
+                      "TLSRequired ctrl", "TLSLog none", "TLSVerifyClient off", "TLSRenegotiate none"]
         # Anonymous sessions as for vsftpd, without PAM; uploads go where the ftp user may write
         # (up/). TYPE A is converted by default. Its login delay (against the timing of user
         # names) would be measured as login time: off.
-        with open(conf, "w") as f:
-            f.write("\n".join([
-                "ServerType standalone", 'ServerName "bench"', "Port %d" % self.port,
-                "DefaultAddress 127.0.0.1", "SocketBindTight on", "UseIPv6 off", "UseReverseDNS off",
-                "User nobody", "Group nogroup", "PidFile %s" % os.path.join(self.work, "proftpd.pid"),
-                "ScoreboardFile %s" % os.path.join(self.work, "proftpd.scoreboard"), "SystemLog NONE",
-                "TransferLog NONE", "WtmpLog off", "MaxInstances 100", "AuthPAM off",
-                "AuthOrder mod_auth_unix.c", "UseFtpUsers off",
-                "<IfModule mod_delay.c>", "DelayEngine off", "</IfModule>",
-                "<IfModule mod_ctrls.c>", "ControlsEngine off", "</IfModule>",
-                "<Anonymous %s>" % self.share, "User ftp", "Group nogroup", "UserAlias anonymous ftp",
-                "RequireValidShell off", "MaxClients none", "AllowOverwrite on", "</Anonymous>", ""]))
+        write_text(conf, "\n".join(secure + [
+            "ServerType standalone", 'ServerName "bench"', "Port %d" % self.port,
+            "DefaultAddress 127.0.0.1", "SocketBindTight on", "UseIPv6 off", "UseReverseDNS off",
+            "User nobody", "Group nogroup", "PidFile %s" % os.path.join(self.work, self.tag + ".pid"),
+            "ScoreboardFile %s" % os.path.join(self.work, self.tag + ".scoreboard"), "SystemLog NONE",
+            "TransferLog NONE", "WtmpLog off", "MaxInstances 100", "AuthPAM off",
+            "AuthOrder mod_auth_unix.c", "UseFtpUsers off",
+            "<IfModule mod_delay.c>", "DelayEngine off", "</IfModule>",
+            "<IfModule mod_ctrls.c>", "ControlsEngine off", "</IfModule>",
+            "<Anonymous %s>" % self.share, "User ftp", "Group nogroup", "UserAlias anonymous ftp",
+            "RequireValidShell off", "MaxClients none", "AllowOverwrite on", "</Anonymous>", ""]))
         return [self.binary, "-n", "-q", "-c", conf]
 
 
-def bench_wants(args, key):
-    return not args.tests or key in args.tests.split(",")
+PEER_CLASSES = [Vsftpd, PureFtpd, Proftpd]
+
+# ---------------------------------------------------------------------------------------------
+# Rows
+
+
+class Row:
+    """One measurement: key (for --only), title, what the client does, and the metrics shown."""
+
+    def __init__(self, key, title, kind, **kw):
+        self.key, self.title, self.kind = key, title, kind
+        self.type = kw.get("type", "I")
+        self.path = kw.get("path")
+        self.size = kw.get("size", 0)
+        self.offset = kw.get("offset", 0)
+        self.active = kw.get("active", False)
+        self.sessions = kw.get("sessions", 1)
+        self.verb = kw.get("verb")
+        # Rows where the device profile does other work than the standard one.
+        self.device = kw.get("device", False)
+        # Rows measured over TLS as well.
+        self.tls = kw.get("tls", False)
+
+
+SMALL = "%s files of %d KiB" % ("{:,}".format(SMALL_FILES), SMALL_SIZE // KIB)
+ROWS = [
+    Row("retr", "RETR 1 GiB binary, passive", "retr", path="big.bin", size=GIB, tls=True),
+    Row("retr-active", "RETR 1 GiB binary, active", "retr", path="big.bin", size=GIB, active=True, tls=True),
+    Row("rest", "RETR after REST 512 MiB (the second half)", "retr", path="big.bin", size=GIB // 2,
+        offset=GIB // 2, tls=True),
+    Row("stor", "STOR 1 GiB binary", "stor", path="up/stor-%s.bin", size=GIB, device=True, tls=True),
+    Row("aretr", "RETR 256 MiB ASCII", "retr", type="A", path="text.txt", size=256 * MIB, tls=True),
+    Row("astor", "STOR 256 MiB ASCII", "stor", type="A", path="up/stor-%s.txt", size=256 * MIB, device=True,
+        tls=True),
+    Row("files-retr", "RETR %s, 1 session" % SMALL, "files", path="small", size=SMALL_SIZE, device=True, tls=True),
+    Row("files-stor", "STOR %s, 1 session" % SMALL, "files", path="up/files-%s", size=SMALL_SIZE, device=True,
+        tls=True),
+    Row("files-retr4", "RETR %s, %d sessions" % (SMALL, SMALL_SESSIONS), "files", path="small", size=SMALL_SIZE,
+        sessions=SMALL_SESSIONS, device=True, tls=True),
+    Row("files-stor4", "STOR %s, %d sessions" % (SMALL, SMALL_SESSIONS), "files", path="up/files-%s",
+        size=SMALL_SIZE, sessions=SMALL_SESSIONS, device=True, tls=True),
+    Row("logins", "%d clients connect+login+QUIT" % HELD_SESSIONS, "logins", device=True, tls=True),
+    Row("mretr", "19 concurrent RETR of 10 MiB", "mretr", path="ten.bin"),
+    Row("list", "LIST of %d entries (tmpfs)" % LIST_ENTRIES, "list", verb="LIST", path="dir10k", device=True),
+    Row("list", "NLST of %d entries (tmpfs)" % LIST_ENTRIES, "list", verb="NLST", path="dir10k", device=True),
+    Row("list", "LIST of %d entries (disk)" % LIST_ENTRIES, "list", verb="LIST", path="disk/dir10k", device=True),
+    Row("mlsd", "MLSD of %d entries (tmpfs)" % LIST_ENTRIES, "list", verb="MLSD", path="dir10k"),
+    Row("mlsd", "MLSD of %d entries (disk)" % LIST_ENTRIES, "list", verb="MLSD", path="disk/dir10k"),
+    Row("mem", "Memory", "mem", device=True),
+]
+ROW_KEYS = sorted({r.key for r in ROWS} | {"tls-" + r.key for r in ROWS if r.tls})
+
+# metric -> (unit, higher is better)
+UNITS = {"mibs": ("MiB/s", True), "cpu_gib": ("CPU s/GiB", False), "rate": ("files/s", True),
+         "cpu_ms_file": ("CPU ms/file", False), "logins": ("sessions/s", True), "cpu_ms": ("CPU ms/session", False),
+         "failed": ("failed sessions", False), "ms": ("ms", False), "pss_idle": ("idle PSS MiB", False),
+         "nonfile_idle": ("idle non-file MiB", False), "pss_session": ("PSS KiB/session", False),
+         "nonfile_session": ("non-file KiB/session", False), "client_cpu_gib": ("client CPU s/GiB", False),
+         "client_cpu_ms_file": ("client CPU ms/file", False)}
+# The throughput a row's best peer is chosen by; CPU is compared with that peer's.
+PRIMARY = ("mibs", "rate", "logins", "ms")
+CLIENT_METRICS = ("client_cpu_gib", "client_cpu_ms_file")
 
 
 def figure(word):
@@ -366,157 +605,451 @@ def figure(word):
         return word
 
 
+def median(xs):
+    return statistics.median(xs) if xs else float("nan")
+
+
 class Bench:
-    def __init__(self, args, standard=None, tls=()):
+    def __init__(self, args, plain, device, tls):
         self.args = args
         self.client = os.path.join(args.client_build, "ftpbench")
-        self.results = {}  # (test, server) -> dict of metric -> list
-        # This daemon in the standard profile, which stands in for it where the device profile
-        # has no such command (MLSD, REST).
-        self.standard = standard
-        # The instances that serve FTPS, which stand in for their servers in the TLS rows.
-        self.tls = tls
-        self.negotiated = {}  # server -> what its TLS data connections used
+        # (row title, client, instance tag) -> metric -> list of figures
+        self.results = {}
+        self.plain, self.device, self.tls = plain, device, tls
+        self.negotiated = {}  # instance tag -> what its TLS data connections used
+        self.timing = []      # (row, client, seconds) of the run, for the report
+        self.failures = []    # measurements that failed, for the report
 
-    def run_client(self, server, *argv, timeout=600, tls=False):
-        op = (["--tls"] if tls else []) + [argv[0]]
-        rest = [str(x) for x in argv[1:]]
-        cmd = [self.client, *op, str(server.port), server.user, server.password, *rest]
+    def wanted(self, key):
+        return self.args.only_set is None or key in self.args.only_set
+
+    def run_client(self, server, argv, flags=(), timeout=900):
+        cmd = [self.client, *flags, argv[0], str(server.port), server.user, server.password,
+               *(str(x) for x in argv[1:])]
         r = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
         if r.returncode != 0:
-            raise RuntimeError("%s %s: %s" % (server.name, " ".join(op + rest), r.stderr.strip()))
+            raise RuntimeError("%s: %s: %s" % (server.tag, " ".join(cmd[1:]), r.stderr.strip()))
         return {k: figure(v) for k, v in (w.split("=", 1) for w in r.stdout.split())}
 
-    def record(self, test, server, **metrics):
-        row = self.results.setdefault((test, server.name), {})
-        for k, v in metrics.items():
-            row.setdefault(k, []).append(v)
-
-    def measured(self, server, *argv, tls=False):
+    def measured(self, server, argv, flags=()):
         server.settle()
         c0 = server.cpu()
-        out = self.run_client(server, *argv, tls=tls)
+        out = self.run_client(server, argv, flags)
         server.settle()
         out["cpu"] = server.cpu() - c0
         return out
+
+    def record(self, title, client, server, **metrics):
+        row = self.results.setdefault((title, client, server.tag), {})
+        for k, v in metrics.items():
+            row.setdefault(k, []).append(v)
 
     def interleave(self, servers, reps, fn):
         for i in range(reps):
             order = servers if i % 2 == 0 else list(reversed(servers))
             for s in order:
-                fn(s)
+                self.guarded(s, fn)
 
-    def standard_servers(self, servers):
-        return [self.standard if self.standard and s.name == self.standard.name else s for s in servers]
+    def guarded(self, s, fn):
+        """One measurement; a failed one is left out and reported, and a server that ended is
+        started again, so that one failure does not end the whole run."""
+        try:
+            fn(s)
+        except (RuntimeError, subprocess.TimeoutExpired) as e:
+            ended = s.proc.poll() if s.proc else None
+            what = str(e).splitlines()[0][:300]
+            if ended is not None:
+                what += " (the server had ended, status %d%s; started again)" % (
+                    ended, " = SIGSEGV" if ended == -signal.SIGSEGV else "")
+            print("  failed: %s" % what, flush=True)
+            self.failures.append(what)
+            if ended is not None:
+                s.stop()
+                s.start()
 
-    def tls_servers(self, servers):
-        return [t for s in servers for t in self.tls if t.name == s.name]
+    def servers_for(self, row, tls):
+        if tls:
+            return list(self.tls)
+        return self.plain + ([self.device] if row.device and self.device else [])
 
-    def transfer(self, test, op, type_, path, size, servers, reps, offset=0, tls=False):
-        """size counts the bytes sent: for a RETR from offset, those after it. With tls, over
-        protected connections."""
+    def clients_for(self, row, tls):
+        """The clients a row is measured with: the first one, and the other one for the rows
+        named by --copy-rows. Protected rows have one: their bytes are decrypted in the client."""
+        if tls:
+            return ["TLS"]
+        if row.kind in ("logins", "mem"):
+            return ["-"]
+        if row.kind not in ("retr", "stor", "files"):
+            return [self.args.client]
+        other = COPY if self.args.client == ZERO_COPY else ZERO_COPY
+        more = [other] if row.key in self.args.copy_rows else []
+        return [self.args.client] + more
+
+    def flags(self, client, row, tls):
+        f = []
+        if tls:
+            f.append("--tls")
+        if client == COPY:
+            f.append("--copy")
+        if row.active:
+            f.append("--active")
+        return f
+
+    def fresh_dir(self, s, pattern):
+        """A new empty upload directory of the server's, owned by the ftp user (anonymous
+        sessions of the peers write as that user, and pure-ftpd's may not replace a file)."""
+        d = os.path.join(s.share, pattern % s.tag)
+        shutil.rmtree(d, ignore_errors=True)
+        os.makedirs(d)
+        shutil.chown(d, "ftp", "ftp")
+        return pattern % s.tag
+
+    def run_row(self, row, tls):
+        servers = self.servers_for(row, tls)
+        reps = self.args.reps
+        for client in self.clients_for(row, tls):
+            t0 = time.time()
+            flags = self.flags(client, row, tls)
+            title = ("TLS " if tls else "") + row.title
+            print("  %s [%s]" % (title, client), flush=True)
+            if row.kind in ("retr", "stor", "files"):
+                self.transfer(row, title, client, flags, servers, reps)
+            elif row.kind == "logins":
+                self.logins(row, title, client, flags, servers, reps)
+            elif row.kind == "mretr":
+                self.interleave(servers, reps, lambda s: self.mretr(row, title, client, s))
+            elif row.kind == "list":
+                among = [s for s in servers if s.mlsd] if row.verb == "MLSD" else servers
+                self.interleave(among, reps, lambda s: self.listing(row, title, client, s))
+            elif row.kind == "mem":
+                self.interleave(servers, max(3, reps // 2), lambda s: self.memory(row, title, client, s))
+            self.timing.append((title, client, time.time() - t0))
+
+    def transfer(self, row, title, client, flags, servers, reps):
+        record = [False]
+
         def one(s):
-            if op == "stor":
+            if row.kind == "stor":
                 # Each server writes its own file, and as a new one: an anonymous session of
                 # pure-ftpd may not replace a file, and a replaced file's pages would be freed
                 # inside the measurement.
-                name = path % s.name
+                name = row.path % s.tag
                 try:
                     os.unlink(os.path.join(s.share, name))
                 except FileNotFoundError:
                     pass
-                out = self.measured(s, "stor", type_, name, size, tls=tls)
-            elif offset:
-                out = self.measured(s, "retr", type_, path, offset)
-                if out["bytes"] != size:
-                    raise RuntimeError("%s sent %d bytes after REST %d, not %d"
-                                       % (s.name, out["bytes"], offset, size))
+                out = self.measured(s, ["stor", row.type, name, row.size], flags)
+            elif row.kind == "files":
+                per_session = SMALL_FILES // row.sessions
+                if "%s" in row.path:
+                    d, op = self.fresh_dir(s, row.path), "stor"
+                else:
+                    d, op = row.path, "retr"
+                out = self.measured(s, ["files", op, d, per_session, row.size, row.sessions], flags)
+                if out["bytes"] != SMALL_FILES * row.size:
+                    raise RuntimeError("%s moved %d bytes of small files, not %d"
+                                       % (s.tag, out["bytes"], SMALL_FILES * row.size))
             else:
-                out = self.measured(s, "retr", type_, path, tls=tls)
-                # A TLS download that ended early without close_notify would pass for a fast one.
-                if tls and out["bytes"] != size:
-                    raise RuntimeError("%s sent %d bytes, not %d" % (s.name, out["bytes"], size))
+                argv = ["retr", row.type, row.path] + ([row.offset] if row.offset else [])
+                out = self.measured(s, argv, flags)
+                # A download that ended early would pass for a fast one (ASCII: one more byte per
+                # line on the wire).
+                expect = row.size if row.type == "I" else row.size // 64 * 65
+                if out["bytes"] != expect:
+                    raise RuntimeError("%s sent %d bytes, not %d" % (s.tag, out["bytes"], expect))
             if "protocol" in out:
-                self.negotiated[s.name] = "%s %s" % (out["protocol"], out["cipher"])
-            if record:
-                self.record(test, s, mibs=size / MIB / out["seconds"], cpu_gib=out["cpu"] / (size / GIB))
+                self.negotiated[s.tag] = "%s %s" % (out["protocol"], out["cipher"])
+            if not record[0]:
+                return
+            if row.kind == "files":
+                self.record(title, client, s, rate=out["rate"], cpu_ms_file=1000 * out["cpu"] / out["files"],
+                            client_cpu_ms_file=1000 * out["client_cpu"] / out["files"])
+            else:
+                self.record(title, client, s, mibs=row.size / MIB / out["seconds"],
+                            cpu_gib=out["cpu"] / (row.size / GIB),
+                            client_cpu_gib=out["client_cpu"] / (row.size / GIB))
         # One unrecorded round first: the first transfers of a run were the slowest ones.
-        record = False
         self.interleave(servers, 1, one)
-        record = True
+        record[0] = True
         self.interleave(servers, reps, one)
 
-    def wanted(self, key):
-        return bench_wants(self.args, key)
+    def logins(self, row, title, client, flags, servers, reps):
+        op = "handshakes" if "--tls" in flags else "logins"
 
-    def run(self, servers, share):
-        a = self.args
-        reps = a.reps
-        if self.wanted("retr"):
-            self.transfer("RETR 1 GiB binary", "retr", "I", "big.bin", GIB, servers, reps)
-        if self.wanted("rretr"):
-            self.transfer("RETR 1 GiB binary after REST 512 MiB", "retr", "I", "big.bin", GIB // 2,
-                          self.standard_servers(servers), reps, offset=GIB // 2)
-        if self.wanted("stor"):
-            self.transfer("STOR 1 GiB binary", "stor", "I", "up/stor-%s.bin", GIB, servers, reps)
-        if self.wanted("aretr"):
-            self.transfer("RETR 256 MiB ASCII", "retr", "A", "text.txt", 256 * MIB, servers, reps)
-        if self.wanted("astor"):
-            self.transfer("STOR 256 MiB ASCII", "stor", "A", "up/stor-%s.txt", 256 * MIB, servers, reps)
-        def logins(s):
-            out = self.measured(s, "logins", 19, a.login_seconds)
-            self.record("19 clients connect+USER+PASS+QUIT", s, rate=out["rate"],
-                        cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1), failed=out["failed"])
-        if self.wanted("logins"):
-            self.interleave(servers, max(3, reps // 2), logins)
-        self.run_rest(servers, reps)
-        self.run_tls(servers, reps)
-
-    def run_tls(self, servers, reps):
-        """The FTPS rows, on the instances that serve it."""
-        a = self.args
-        tls = self.tls_servers(servers)
-        if self.wanted("tretr"):
-            self.transfer(TLS_RETR, "retr", "I", "big.bin", GIB, tls, reps, tls=True)
-        if self.wanted("tstor"):
-            self.transfer(TLS_STOR, "stor", "I", "up/tstor-%s.bin", GIB, tls, reps, tls=True)
-
-        def handshakes(s):
-            out = self.measured(s, "handshakes", 19, a.login_seconds)
-            self.record(TLS_LOGINS, s, rate=out["rate"], cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1),
+        def one(s):
+            out = self.measured(s, [op, HELD_SESSIONS, self.args.login_seconds])
+            self.record(title, client, s, logins=out["rate"], cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1),
                         failed=out["failed"])
-        if self.wanted("thandshake"):
-            self.interleave(tls, max(3, reps // 2), handshakes)
+        self.interleave(servers, max(3, reps // 2), one)
 
-    def run_rest(self, servers, reps):
-        def mretr(s):
-            out = self.measured(s, "mretr", 19, "ten.bin")
-            self.record("19 concurrent RETR of 10 MiB", s, mibs=out["bytes"] / MIB / out["seconds"],
-                        cpu_gib=out["cpu"] / (out["bytes"] / GIB))
-        if self.wanted("mretr"):
-            self.interleave(servers, reps, mretr)
+    def mretr(self, row, title, client, s):
+        out = self.measured(s, ["mretr", 19, row.path], self.flags(client, row, False))
+        self.record(title, client, s, mibs=out["bytes"] / MIB / out["seconds"],
+                    cpu_gib=out["cpu"] / (out["bytes"] / GIB))
 
-        mlsd = [s for s in self.standard_servers(servers) if s.mlsd]
-        for where, path in (("tmpfs", "dir10k"), ("disk", "disk/dir10k")):
-            for verb, key, among in (("LIST", "list", servers), ("NLST", "list", servers), ("MLSD", "mlsd", mlsd)):
-                def listing(s, verb=verb, path=path, where=where):
-                    out = self.measured(s, "list", verb, path)
-                    self.record("%s of %d entries (%s)" % (verb, LIST_ENTRIES, where), s,
-                                ms=1000 * out["seconds"], kib=out["bytes"] / 1024)
-                if self.wanted(key):
-                    self.interleave(among, reps, listing)
+    def listing(self, row, title, client, s):
+        out = self.measured(s, ["list", row.verb, row.path], self.flags(client, row, False))
+        self.record(title, client, s, ms=1000 * out["seconds"])
 
-        for s in servers if self.wanted("rss") else []:
-            s.settle()
-            self.record("RSS idle", s, mib=s.rss() / MIB)
-            hold = subprocess.Popen([self.client, "hold", str(s.port), s.user, s.password, "19"],
-                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-            line = hold.stdout.readline()
-            if line.strip() == "ready":
-                time.sleep(0.5)
-                self.record("RSS with 19 logged-in sessions", s, mib=s.rss() / MIB)
+    def memory(self, row, title, client, s):
+        """The idle footprint taken at the server's start, and what each of HELD_SESSIONS
+        logged-in sessions adds to the footprint of the moment."""
+        s.settle()
+        time.sleep(0.2)
+        idle_pss, idle_nonfile = s.pss(), s.nonfile()
+        hold = subprocess.Popen([self.client, "hold", str(s.port), s.user, s.password, str(HELD_SESSIONS)],
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        try:
+            if hold.stdout.readline().strip() != "ready":
+                raise RuntimeError("%s: %d sessions could not be held" % (s.tag, HELD_SESSIONS))
+            time.sleep(0.5)
+            held_pss, held_nonfile = s.pss(), s.nonfile()
+        finally:
             hold.stdin.close()
             hold.wait(30)
+        figures = {"pss_idle": s.idle[0] / MIB, "pss_session": (held_pss - idle_pss) / HELD_SESSIONS / KIB}
+        if idle_nonfile is not None:
+            figures.update(nonfile_idle=s.idle[1] / MIB,
+                           nonfile_session=(held_nonfile - idle_nonfile) / HELD_SESSIONS / KIB)
+        self.record(title, client, s, **figures)
+
+    def run(self):
+        for row in ROWS:
+            if self.wanted(row.key):
+                self.run_row(row, False)
+        for row in ROWS:
+            if row.tls and self.wanted("tls-" + row.key) and self.tls:
+                self.run_row(row, True)
+
+
+# ---------------------------------------------------------------------------------------------
+# Report
+
+
+def fmt(v):
+    if v != v:
+        return "n/a"
+    return "%.3g" % v if abs(v) < 100 else "{:,.0f}".format(v)
+
+
+def row_order(bench):
+    """(title, client) in the order measured."""
+    out = []
+    for (title, client, _tag) in bench.results:
+        if (title, client) not in out:
+            out.append((title, client))
+    return out
+
+
+def columns(bench, title):
+    """Instance tag of each column: this daemon, then the peers, for the row's layer."""
+    insts = bench.tls if title.startswith("TLS ") else bench.plain
+    return [(s.name, s.tag) for s in insts]
+
+
+def best_peer(bench, title, client, metric):
+    """The peer with the best median of the row's metric, and that median; (None, nan) if none."""
+    unit, higher = UNITS[metric]
+    figures = []
+    for name, tag in columns(bench, title)[1:]:
+        v = median(bench.results.get((title, client, tag), {}).get(metric, []))
+        if v == v:
+            figures.append((name, tag, v))
+    if not figures:
+        return None, None, float("nan")
+    return (max if higher else min)(figures, key=lambda f: f[2])
+
+
+def row_primary(metrics):
+    return next((m for m in PRIMARY if m in metrics), None)
+
+
+def table(bench):
+    cols = [s.name for s in bench.plain]
+    lines = ["| Measurement | Client | Unit | %s | ftps ÷ best peer |" % " | ".join(cols),
+             "|" + "---|" * (4 + len(cols))]
+    dev = bench.device.tag if bench.device else None
+    for title, client in row_order(bench):
+        cells_of = columns(bench, title)
+        mine = bench.results.get((title, client, cells_of[0][1]), {})
+        metrics = [m for m in UNITS if m in mine and m not in CLIENT_METRICS]
+        primary = row_primary(metrics)
+        variants = [("", cells_of[0][1])]
+        if dev and (title, client, dev) in bench.results:
+            variants.append((" (device profile)", dev))
+        for label, first in variants:
+            for m in metrics:
+                unit, higher = UNITS[m]
+                tags = [first] + [t for _, t in cells_of[1:]]
+                vals = [median(bench.results.get((title, client, t), {}).get(m, [])) for t in tags]
+                if m in (primary, "failed") or primary is None:
+                    _, _, ref = best_peer(bench, title, client, m)
+                else:
+                    # CPU and the like beside a throughput: against the peer with the best throughput.
+                    _, tag, _ = best_peer(bench, title, client, primary)
+                    ref = median(bench.results.get((title, client, tag), {}).get(m, [])) if tag else float("nan")
+                cells = [fmt(v) for v in vals]
+                ratio = "n/a" if vals[0] != vals[0] or ref != ref else "-" if not ref else "%.2f×" % (vals[0] / ref)
+                lines.append("| %s%s | %s | %s | %s | %s |" % (title, label, client, unit, " | ".join(cells), ratio))
+    return "\n".join(lines)
+
+
+def client_table(bench):
+    """The client's own CPU per row and client: the median over all servers and repetitions."""
+    lines = ["| Measurement | Client | Client's own CPU (median of all runs) |", "|---|---|---|"]
+    for title, client in row_order(bench):
+        for m in CLIENT_METRICS:
+            xs = [x for (t, c, _), r in bench.results.items() if t == title and c == client for x in r.get(m, [])]
+            if xs:
+                lines.append("| %s | %s | %s %s |" % (title, client, fmt(median(xs)), UNITS[m][0].replace("client ", "")))
+    return "\n".join(lines) if len(lines) > 2 else ""
+
+
+def targets(bench):
+    """The issue's targets, each reached or not (a report, not an assertion): every transfer row
+    at or above the best peer of the same run and at or below that peer's CPU per GiB (per file);
+    small files' CPU per file at or below pure-ftpd's; the idle footprint at or below every peer's."""
+    lines = ["| Target | ftps | Against | Reached |", "|---|---|---|---|"]
+    for title, client in row_order(bench):
+        me = columns(bench, title)[0][1]
+        mine = bench.results.get((title, client, me), {})
+        checks = []
+        if "mibs" in mine or "rate" in mine:
+            thr = "mibs" if "mibs" in mine else "rate"
+            cpu = "cpu_gib" if thr == "mibs" else "cpu_ms_file"
+            name, tag, ref = best_peer(bench, title, client, thr)
+            if name:
+                checks.append(("%s, %s at or above the best peer" % (title, UNITS[thr][0]), thr, ">=", ref, name))
+                ref_cpu = median(bench.results.get((title, client, tag), {}).get(cpu, []))
+                checks.append(("%s, %s at or below the best peer's" % (title, UNITS[cpu][0]), cpu, "<=", ref_cpu, name))
+            if thr == "rate":
+                pure = [t for n, t in columns(bench, title) if n == "pure-ftpd"]
+                if pure:
+                    ref_pure = median(bench.results.get((title, client, pure[0]), {}).get(cpu, []))
+                    checks.append(("%s, %s at or below pure-ftpd's" % (title, UNITS[cpu][0]), cpu, "<=", ref_pure,
+                                   "pure-ftpd"))
+        for m in ("pss_idle", "nonfile_idle"):
+            if m in mine:
+                peers = [(n, median(bench.results.get((title, client, t), {}).get(m, [])))
+                         for n, t in columns(bench, title)[1:]]
+                peers = [(n, v) for n, v in peers if v == v]
+                if peers:
+                    n, v = min(peers, key=lambda p: p[1])
+                    checks.append(("%s, %s at or below every peer's" % (title, UNITS[m][0]), m, "<=", v, n))
+        for what, m, op, ref, name in checks:
+            v = median(mine.get(m, []))
+            if v != v or ref != ref:
+                continue
+            ok = v >= ref if op == ">=" else v <= ref
+            lines.append("| %s [%s] | %s | %s %s | %s |" % (what, client, fmt(v), name, fmt(ref), "yes" if ok else "**no**"))
+    return "\n".join(lines) if len(lines) > 2 else ""
+
+
+def source_commit(build):
+    """The commit of the daemon's source the build directory was made from, and whether its
+    tree held changes."""
+    src = ROOT
+    try:
+        for line in read_text(os.path.join(build, "CMakeCache.txt")).splitlines():
+            if line.startswith("CMAKE_HOME_DIRECTORY:"):
+                src = line.split("=", 1)[1]
+    except OSError:
+        pass
+    daemon = ["ftp_server", "lib", "platform", "CMakeLists.txt"]
+    try:
+        head = subprocess.run(["git", "-C", src, "rev-parse", "--short", "HEAD"], capture_output=True, text=True,
+                              check=True).stdout.strip()
+        last = subprocess.run(["git", "-C", src, "log", "-1", "--format=%h (%s)", "--"] + daemon,
+                              capture_output=True, text=True, check=True).stdout.strip()
+        dirty = subprocess.run(["git", "-C", src, "status", "--porcelain", "--untracked-files=no", "--"] + daemon,
+                               capture_output=True, text=True).stdout.strip()
+        return "%s, whose daemon sources were last changed by %s%s" % (
+            head, last, "; with uncommitted changes to them" if dirty else "")
+    except (OSError, subprocess.CalledProcessError):
+        return "unknown (%s is no git checkout)" % src
+
+
+def tls_path():
+    """Which record layer this daemon's TLS connections use on this machine."""
+    if os.path.exists(KTLS_STAT):
+        return "kernel TLS available (%s): this daemon lets the kernel carry its records" % KTLS_STAT
+    return "user-space record layer (this kernel offers no kernel TLS: no %s)" % KTLS_STAT
+
+
+def report(bench, args, left_out, load, commit):
+    with open("/proc/cpuinfo") as f:
+        model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
+    peers = [s.about for s in bench.plain[1:]]
+    named = ", ".join(peers[:-1]) + " and " + peers[-1] if len(peers) > 1 else "".join(peers)
+    how = ("its own control group (%s), joined before the server started, so forked, threaded and "
+           "orphaned work all count" % cgroup_kind() if all(s.group for s in bench.plain)
+           else "its process tree")
+    negotiated = "; ".join("%s %s" % kv for kv in sorted(bench.negotiated.items()))
+    paras = [
+        "Measured side by side on loopback by `make bench` (bench/run.py) from the daemon built at "
+        "commit %s. The run starts this daemon in its standard profile and the black-box %s, each "
+        "with its own configuration and anonymous login, all serving the same tmpfs directory. "
+        "Every figure is the median of %d repetitions interleaved between the servers, the "
+        "transfers' after one unrecorded round (logins: %d runs of %g s; memory: %d). Server CPU "
+        "is read from %s. A ratio is this daemon's figure divided by the best peer's (for CPU: "
+        "the peer with the best throughput in that row)." % (commit, named, args.reps, max(3, args.reps // 2),
+                                                            args.login_seconds, max(3, args.reps // 2), how),
+        "Clients: \"zero-copy\" is the benchmark client splicing downloads from the socket into "
+        "/dev/null through a pipe and sending uploads with sendfile from a memory file, so that the "
+        "client is not what limits a server; \"copy\" reads into and writes from its own 1 MiB "
+        "buffer, as ordinary clients do; \"TLS\" is explicit FTPS (AUTH TLS, PBSZ 0, PROT P, TLS 1.3 "
+        "required by the client, every data connection resuming the control connection's session) "
+        "with one self-signed RSA 2048 certificate for every server, its bytes decrypted and "
+        "encrypted by OpenSSL in the client. This daemon's TLS: %s. Negotiated: %s." % (tls_path(), negotiated or "-"),
+        "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
+        "began, %.1f when it ended). Single transfers on this virtual machine swing by tens of "
+        "percent; the interleaved medians keep the comparison fair, not exact." % (
+            os.cpu_count(), model, load, os.getloadavg()[0]),
+    ]
+    intro = "\n\n".join(textwrap.fill(p, 96) for p in paras)
+    missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
+    if bench.failures:
+        missing += "\n\nMeasurements that failed (left out of the medians):\n\n" + "\n".join(
+            "- " + f for f in bench.failures)
+    return f"""# Performance
+
+{intro}
+
+To reproduce: `make bench` (as root; it installs the peers through bench/setup.sh), or
+`python3 bench/run.py --build BUILD_DIR [--only ROWS] [--client copy] [--copy-rows ROWS]` after a
+build (`--help` lists the rows).
+
+{table(bench)}
+
+{targets(bench)}
+
+{client_table(bench)}
+
+Small files: {"{:,}".format(SMALL_FILES)} files of {SMALL_SIZE // KIB} KiB, one data connection each,
+in one session, or split between {SMALL_SESSIONS} sessions in parallel ({SMALL_FILES // SMALL_SESSIONS}
+each); logins are outside the timed part. Every upload writes a new file (a new directory for the
+small files), deleted before the next measurement. The ASCII figures count the file's bytes; the wire
+carries one more byte per line. The resumed download (REST 536870912, then RETR) counts the half that
+is sent. Memory: PSS of all the server's processes (shared pages counted by share) and, where the
+machine's control groups count memory, the group's memory that is no file page (anonymous and
+kernel: sockets, page tables, stacks, slab). Idle: right after the server's start and first
+probe session, before any measurement (later, the kernel memory of the run's work, such as the
+uploaded files' dentries and inodes, stays charged to the group). Per session: the footprint
+with {HELD_SESSIONS} logged-in sessions less the one just before, divided by {HELD_SESSIONS}. The device profile rows are this daemon's
+device profile against the same peers' figures.
+
+The TLS instances: this daemon in its standard profile with a `[tls]` section (its defaults:
+logins only over TLS, data connections must resume the control connection's session); vsftpd
+with `ssl_enable=YES`, `allow_anon_ssl=YES`, `force_anon_logins_ssl=YES`,
+`require_ssl_reuse=YES`; pure-ftpd with `--tls=2` (no login without TLS) and `--certfile`
+naming one PEM file that holds the key and the certificate; proftpd with mod_tls (Debian's
+proftpd-mod-crypto, unpacked beside proftpd-core) loaded by `LoadModule`, `TLSEngine on`,
+`TLSProtocol TLSv1.2 TLSv1.3`, `TLSRequired ctrl` and its default of data connections that
+must resume the control connection's session.{missing}
+"""
+
+
+# ---------------------------------------------------------------------------------------------
 
 
 def make_share(share, disk):
@@ -532,6 +1065,11 @@ def make_share(share, disk):
     with open(os.path.join(share, "text.txt"), "wb") as f:
         for _ in range(256 * MIB // len(line)):
             f.write(line)
+    small = os.path.join(share, "small")
+    os.makedirs(small)
+    for i in range(SMALL_FILES):
+        with open(os.path.join(small, "f-%04d" % i), "wb") as f:
+            f.write(os.urandom(SMALL_SIZE))
     up = os.path.join(share, "up")
     os.makedirs(up)
     shutil.chown(up, "ftp", "ftp")
@@ -547,285 +1085,119 @@ def make_share(share, disk):
     for root, dirs, files in os.walk(share):
         for n in files:
             os.chmod(os.path.join(root, n), 0o644)
+        for n in dirs:
+            os.chmod(os.path.join(root, n), 0o755)
 
 
-def median(xs):
-    return statistics.median(xs) if xs else float("nan")
-
-
-UNITS = {"mibs": ("MiB/s", True), "cpu_gib": ("CPU s/GiB", False), "rate": ("sessions/s", True),
-         "cpu_ms": ("CPU ms/session", False), "failed": ("refused or failed sessions", False), "ms": ("ms", False), "mib": ("MiB", False)}
-
-
-def table(bench, servers):
-    names = [s.name for s in servers]
-    peers = names[1:]
-    head = "| Measurement | Unit | " + " | ".join(names) + " | " + \
-        " | ".join("ratio to %s" % p for p in peers) + " |"
-    lines = [head, "|" + "---|" * (2 + len(names) + len(peers))]
-    tests = []
-    for (test, _server) in bench.results:
-        if test not in tests:
-            tests.append(test)
-    for test in tests:
-        metrics = [m for m in UNITS if m in bench.results.get((test, names[0]), {})]
-        for m in metrics:
-            unit, higher_better = UNITS[m]
-            vals = [median(bench.results.get((test, n), {}).get(m, [])) for n in names]
-            # n/a: the server does not serve the command (vsftpd has no MLSD).
-            cells = ["n/a" if v != v else "%.3g" % v if v < 100 else "%.0f" % v for v in vals]
-            if m == "rate" and sum(v == v for v in vals[1:]) > 1:
-                # The peers differ most in logins: the fastest of them is set in bold (among two
-                # or more: only vsftpd is measured over TLS).
-                best = max(range(1, len(vals)), key=lambda i: vals[i] if vals[i] == vals[i] else -1)
-                cells[best] = "**%s**" % cells[best]
-            ratios = []
-            for v in vals[1:]:
-                ratios.append("n/a" if v != v else "%.2f×" % (vals[0] / v) if v else "-")
-            lines.append("| %s | %s | %s | %s |" % (test, unit, " | ".join(cells), " | ".join(ratios)))
-    return "\n".join(lines)
-
-
-# The issue's targets, each as (measurement, metric, test on the ratio or the value[, against]):
-# the ratio is to the first peer, or with BEST to the best peer with a figure, or with the name of
-# another measurement to this daemon's own figure there.
-BEST = "the best peer"
-MLSD_TMPFS, MLSD_DISK = ("MLSD of %d entries (%s)" % (LIST_ENTRIES, w) for w in ("tmpfs", "disk"))
-TARGETS = [
-    ("RETR 1 GiB binary", "mibs", "ratio >= 1.0"), ("RETR 1 GiB binary", "cpu_gib", "ratio <= 1.0"),
-    ("STOR 1 GiB binary", "mibs", "ratio >= 1.0"), ("STOR 1 GiB binary", "cpu_gib", "ratio <= 1.0"),
-    ("RETR 256 MiB ASCII", "mibs", "ratio >= 1.0"), ("STOR 256 MiB ASCII", "mibs", "ratio >= 1.0"),
-    ("19 clients connect+USER+PASS+QUIT", "rate", "ratio >= 2.5"),
-    ("LIST of %d entries (tmpfs)" % LIST_ENTRIES, "ms", "ratio <= 2.0"),
-    ("NLST of %d entries (tmpfs)" % LIST_ENTRIES, "ms", "ratio <= 2.0"),
-    ("LIST of %d entries (disk)" % LIST_ENTRIES, "ms", "value < 1000"),
-    ("NLST of %d entries (disk)" % LIST_ENTRIES, "ms", "value < 1000"),
-    ("RSS with 19 logged-in sessions", "mib", "ratio <= 1.0"),
-    (MLSD_TMPFS, "ms", "ratio <= 1.0", "LIST of %d entries (tmpfs)" % LIST_ENTRIES),
-    (MLSD_TMPFS, "ms", "ratio <= 1.0", BEST),
-    (MLSD_DISK, "ms", "ratio <= 1.0", "LIST of %d entries (disk)" % LIST_ENTRIES),
-    (MLSD_DISK, "ms", "ratio <= 1.0", BEST),
-    ("RETR 1 GiB binary after REST 512 MiB", "mibs", "ratio >= 1.0", BEST),
-    (TLS_RETR, "mibs", "ratio >= 1.0"), (TLS_RETR, "cpu_gib", "ratio <= 1.0"),
-    (TLS_STOR, "mibs", "ratio >= 1.0"), (TLS_STOR, "cpu_gib", "ratio <= 1.0"),
-    (TLS_LOGINS, "rate", "ratio >= 1.0"),
-]
-
-
-def best_peer(bench, servers, test, metric):
-    """The peer with the best median figure of the measurement, and its figures; None if none has one."""
-    figures = [(s.name, bench.results.get((test, s.name), {}).get(metric)) for s in servers[1:]]
-    figures = [(n, f) for n, f in figures if f]
-    if not figures:
-        return None, None
-    pick = max if UNITS[metric][1] else min
-    return pick(figures, key=lambda nf: median(nf[1]))
-
-
-def targets(bench, servers):
-    """Each target against the first peer unless it names what else: reached or not (a report, not
-    an assertion)."""
-    if len(servers) < 2:
-        return ""
-    me, peer = servers[0].name, servers[1].name
-    lines = ["| Target (against %s unless named) | Figure | Reached |" % peer, "|---|---|---|"]
-    for test, metric, rule, *against in TARGETS:
-        mine = bench.results.get((test, me), {}).get(metric)
-        named = ""
-        if not against:
-            theirs = bench.results.get((test, peer), {}).get(metric)
-        elif against[0] == BEST:
-            whom, theirs = best_peer(bench, servers, test, metric)
-            named = " %s (%s)" % (BEST, whom)
+def parse_rows(text):
+    """--only: row keys, "plain" (every plain row) and "tls" (every TLS row); None: all."""
+    if not text:
+        return None
+    out = set()
+    for k in text.split(","):
+        if k == "plain":
+            out.update(r.key for r in ROWS)
+        elif k == "tls":
+            out.update("tls-" + r.key for r in ROWS if r.tls)
+        elif k in ROW_KEYS:
+            out.add(k)
         else:
-            theirs = bench.results.get((against[0], me), {}).get(metric)
-            named = " this daemon's %s" % against[0]
-        if not mine or not theirs:
-            continue
-        value = median(mine)
-        ratio = value / median(theirs) if median(theirs) else float("nan")
-        what, op, bound = rule.split()
-        x = ratio if what == "ratio" else value
-        ok = {">=": x >= float(bound), "<=": x <= float(bound), "<": x < float(bound)}[op]
-        shown = "%.2f×" % ratio if what == "ratio" else "%.0f %s" % (value, UNITS[metric][0])
-        lines.append("| %s, %s %s %s%s | %s | %s |" % (test, UNITS[metric][0], op, bound if what == "value"
-                                                        else bound + "×", named, shown, "yes" if ok else "no"))
-    return "\n".join(lines)
-
-
-def tls_path():
-    """Which record layer this daemon's TLS connections use on this machine."""
-    if os.path.exists(KTLS_STAT):
-        return "TLS: kernel TLS available (%s): this daemon lets the kernel carry its records" % KTLS_STAT
-    return "TLS: user-space record layer (this kernel offers no kernel TLS: no %s)" % KTLS_STAT
-
-
-def tls_note(bench):
-    """The line above the table on the TLS rows: the record layer, and what was negotiated."""
-    if not bench.negotiated:
-        return ""
-    used = "; ".join("%s %s" % (n, v) for n, v in sorted(bench.negotiated.items()))
-    return "%s. Data connections negotiated: %s." % (tls_path(), used)
-
-
-def write_doc(path, text, args, servers, left_out, load, goals, tls_line=""):
-    with open("/proc/cpuinfo") as f:
-        model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
-    how = ("its cpuacct control group, so every process it forked counts"
-           if all(s.cgroup for s in servers) else "its whole process tree")
-    peers = [s.about for s in servers[1:]]
-    named = ", ".join(peers[:-1]) + " and " + peers[-1] if len(peers) > 1 else "".join(peers)
-    intro = "\n\n".join(textwrap.fill(p, 96) for p in [
-        "Measured side by side on loopback by `make bench` (bench/run.py), which starts this daemon "
-        "and the black-box %s %s, each with its own configuration and anonymous login, all serving "
-        "the same tmpfs directory. Every figure is the "
-        "median of %d interleaved repetitions, the transfers' after one unrecorded round (the login "
-        "test: %d runs of %g s). Server CPU is the CPU "
-        "time of each server measured through %s. This daemon logs clients in against its own user "
-        "table, the peers take anonymous logins (their cheapest). A ratio is this daemon's figure "
-        "divided by the peer's: above 1 is better for throughput and sessions per second, below 1 is "
-        "better for CPU, time and memory." % ("peer" if len(peers) == 1 else "peers", named, args.reps,
-                                              max(3, args.reps // 2), args.login_seconds, how),
-        "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
-        "began, %s when it ended, of which the run's own client and server make up to 2), and other "
-        "work (builds, tests) may share the machine as well: figures from such a run swing, between "
-        "runs more than the ratios do. Single transfers move by some tens of "
-        "percent from one to the next (on this virtual machine, now and then a transfer of any "
-        "server runs at half speed with twice the CPU per byte); the interleaved medians keep the "
-        "comparison fair, not exact."
-        % (os.cpu_count(), model, load, "%.1f" % os.getloadavg()[0])])
-    missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
-    tls_line = textwrap.fill(tls_line, 96) + "\n\n" if tls_line else ""
-    doc = f"""# Performance
-
-{intro}
-
-To reproduce: `make bench` (as root; it installs the peers through bench/setup.sh), or
-`python3 bench/run.py --build BUILD_DIR` after a build.
-
-{tls_line}{text}
-
-{goals}
-
-The ASCII figures count the file's bytes per second; the wire carries one more byte per line.
-The listing on the disk lists a directory on the disk bind-mounted into the shared directory;
-this daemon's temporary listing files (`TMPDIR`) are on the disk as well.{missing}
-
-The MLSD rows and the resumed download (REST 536870912, then RETR of the file's second half;
-its throughput and CPU count the half that is sent) are this daemon in its standard profile
-(`[ftp] profile = standard`), which serves MLSD and REST, started as a second instance beside
-the first. Every other row is the device profile, as before: the standard profile changes what
-they measure as well (its listings are staged whole before the data connection opens, its
-uploads go through a hidden file that is renamed over the target). vsftpd does not serve MLSD
-(n/a); pure-ftpd and proftpd do, and their MLSD listings carry every entry (theirs with `.`
-and `..` besides).
-
-The TLS rows are explicit FTPS (AUTH TLS, PBSZ 0, PROT P; every data connection resumes the
-control connection's TLS session, which both servers require by default) with a self-signed
-RSA 2048 certificate that the run makes, against a third instance of this daemon in the
-standard profile with a `[tls]` section (its defaults: logins only over TLS, data connections
-must resume) and a second vsftpd with `ssl_enable=YES`, `allow_anon_ssl=YES` and
-`force_anon_logins_ssl=YES` (its `require_ssl_reuse` left at YES). The client is the same
-OpenSSL one for both and takes what each server chooses. pure-ftpd and proftpd are not
-measured over TLS (n/a). "TLS handshakes+logins" is 19 clients that each connect, AUTH TLS,
-handshake, USER, PASS and QUIT in a loop.
-
-Every upload writes a new file: the server's previous upload is deleted before each
-measurement, outside the timed part. Binary uploads are bound by the kernel's copy of the
-received bytes into the file's tmpfs pages (this daemon splices them from the connection, so
-that copy is the only one), so the servers that do least besides come out close: in single runs
-on this machine the STOR binary ratio to vsftpd has ranged from just below 1.0 to 1.6×. Binary
-downloads splice 1 MiB of file pages per chunk into the connection, which measured about a tenth
-less CPU per byte than sendfile.
-"""
-    with open(path, "w") as f:
-        f.write(doc)
+            raise SystemExit("unknown row %r; rows: plain, tls, %s" % (k, ", ".join(ROW_KEYS)))
+    return out
 
 
 def main():
     p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     p.add_argument("--build", default=os.path.join(ROOT, "build"), help="the daemon's build directory")
     p.add_argument("--client-build", default=None, help="build directory of the benchmark client")
-    p.add_argument("--reps", type=int, default=15)
+    p.add_argument("--reps", type=int, default=7)
     p.add_argument("--login-seconds", type=float, default=3.0)
-    p.add_argument("--only", default="", help="comma-separated server names (default: all)")
-    p.add_argument("--tests", default="",
-                   help="comma-separated subset of retr,rretr,stor,aretr,astor,logins,mretr,list,mlsd,rss,"
-                   "tretr,tstor,thandshake (default: all)")
+    p.add_argument("--servers", default="", help="comma-separated server names (default: all)")
+    p.add_argument("--only", default="", help="comma-separated rows: plain, tls, " + ", ".join(ROW_KEYS))
+    p.add_argument("--client", choices=(ZERO_COPY, COPY), default=ZERO_COPY, help="the client of every row")
+    p.add_argument("--copy-rows", default="retr,stor",
+                   help="rows measured with the other client too (default: retr,stor; empty: none)")
+    p.add_argument("--no-device", action="store_true", help="leave out the device profile rows")
+    p.add_argument("--no-tls", action="store_true", help="leave out the TLS instances and rows")
     p.add_argument("--doc", default=os.path.join(ROOT, "docs", "performance.md"))
     p.add_argument("--no-doc", action="store_true")
     args = p.parse_args()
+    args.only_set = parse_rows(args.only)
+    args.copy_rows = set(filter(None, args.copy_rows.split(",")))
     args.build = os.path.abspath(args.build)
     if args.client_build is None:
         args.client_build = os.path.join(args.build, "bench")
     subprocess.run(["cmake", "-S", HERE, "-B", args.client_build], check=True, stdout=subprocess.DEVNULL)
     subprocess.run(["cmake", "--build", args.client_build, "-j2"], check=True, stdout=subprocess.DEVNULL)
+    commit = source_commit(args.build)
+    print("daemon: %s; control groups: %s" % (commit, cgroup_kind()), flush=True)
 
     shm = tempfile.mkdtemp(prefix="ftps-bench-", dir="/dev/shm")
     # proftpd checks, as the ftp user, that the way to the shared directory is open.
     os.chmod(shm, 0o755)
     disk = tempfile.mkdtemp(prefix="ftps-bench-", dir="/var/tmp")
     share = os.path.join(shm, "share")
-    servers, instances = [], []
+    everything = []
     load = "%.1f" % os.getloadavg()[0]
+    wanted_names = set(filter(None, args.servers.split(","))) or None
+    want_tls = not args.no_tls and (args.only_set is None or any(k.startswith("tls-") for k in args.only_set))
+    want_device = not args.no_device and any(r.device and (args.only_set is None or r.key in args.only_set)
+                                             for r in ROWS)
     try:
         print("preparing files ...", flush=True)
         make_share(share, os.path.join(disk, "disk"))
-        # vsftpd stays the first peer: the targets are judged against it.
-        servers = [Ftps(disk, share, args.build), Vsftpd(disk, share), PureFtpd(disk, share),
-                   Proftpd(disk, share)]
-        if args.only:
-            servers = [s for s in servers if s.name in args.only.split(",")]
-        started, left_out = [], []
-        for s in servers:
+        cert = None
+        if want_tls:
+            cert = (os.path.join(disk, "cert.pem"), os.path.join(disk, "key.pem"))
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30",
+                            "-subj", "/CN=localhost", "-out", cert[0], "-keyout", cert[1]],
+                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            os.chmod(cert[1], 0o600)
+        left_out = []
+
+        def start(s):
+            everything.append(s)
             try:
                 s.start()
-                started.append(s)
+                return s
             except (RuntimeError, OSError) as e:
                 s.stop()
                 if not s.optional:
                     raise
                 print("%s; left out" % e, flush=True)
                 left_out.append(str(e))
-        servers = started
-        # MLSD and REST are served in the standard profile only: a second instance of this daemon
-        # measures them, so that the device profile's rows stay as they were.
-        standard = None
-        if any(s.name == "ftps" for s in servers) and (bench_wants(args, "mlsd") or bench_wants(args, "rretr")):
-            standard = Ftps(disk, share, args.build, profile="standard")
-            instances.append(standard)
-            standard.start()
-        # FTPS: an instance of this daemon and of vsftpd each, with one certificate for both.
-        tls = []
-        if any(bench_wants(args, t) for t in ("tretr", "tstor", "thandshake")):
-            cert = (os.path.join(disk, "cert.pem"), os.path.join(disk, "key.pem"))
-            subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30",
-                            "-subj", "/CN=localhost", "-out", cert[0], "-keyout", cert[1]],
-                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            for s in servers:
-                if s.name == "ftps":
-                    tls.append(Ftps(disk, share, args.build, profile="standard", tls=cert))
-                elif s.name == "vsftpd":
-                    tls.append(Vsftpd(disk, share, tls=cert))
-            for t in tls:
-                instances.append(t)
-                t.start()
-            print(tls_path(), flush=True)
-        bench = Bench(args, standard, tls)
+                return None
+
+        plain, tls = [], []
+        classes = [c for c in PEER_CLASSES if wanted_names is None or c.name in wanted_names]
+        if wanted_names is None or "ftps" in wanted_names:
+            plain.append(start(Ftps(disk, share, args.build)))
+            if want_tls:
+                tls.append(start(Ftps(disk, share, args.build, tls=cert)))
+        for c in classes:
+            plain.append(start(c(disk, share)))
+            if want_tls:
+                tls.append(start(c(disk, share, tls=cert)))
+        plain = [s for s in plain if s]
+        tls = [s for s in tls if s]
+        device = None
+        if want_device and plain and plain[0].name == "ftps":
+            device = start(Ftps(disk, share, args.build, profile="device"))
+        print("TLS: %s" % tls_path(), flush=True)
+        bench = Bench(args, plain, device, tls)
         print("measuring ...", flush=True)
-        bench.run(servers, share)
-        text = table(bench, servers)
-        tls_line = tls_note(bench)
-        if tls_line:
-            print(tls_line)
+        t0 = time.time()
+        bench.run()
+        print("measured in %.0f s" % (time.time() - t0))
+        for title, client, secs in bench.timing:
+            print("  %5.0f s  %s [%s]" % (secs, title, client))
+        text = report(bench, args, left_out, load, commit)
         print(text)
-        goals = targets(bench, servers)
-        print(goals)
         if not args.no_doc:
-            write_doc(args.doc, text, args, servers, left_out, load, goals, tls_line)
-            print("written to %s" % os.path.relpath(args.doc, ROOT))
+            write_text(args.doc, text)
+            print("written to %s" % args.doc)
     finally:
-        for s in servers + instances:
+        for s in everything:
             s.stop()
         subprocess.run(["umount", os.path.join(share, "disk")], stderr=subprocess.DEVNULL)
         shutil.rmtree(shm, ignore_errors=True)

@@ -51,12 +51,13 @@ if ! command -v openssl >/dev/null 2>&1; then
     apt_retry apt-get install -y --no-install-recommends openssl
 fi
 
-# Unpacks PACKAGE under $PEERS/PACKAGE unless BINARY is already there (or the peer is installed
-# as a package anyway), and installs the libraries it depends on.
+# Unpacks PACKAGE under $PEERS/DIR (DIR: the package's name unless given) unless FILE is there
+# already (or the peer is installed as a package anyway), and installs the libraries it depends
+# on. A package unpacked into another one's directory adds to it (a peer's loadable modules).
 unpack_peer() {
-    local pkg=$1 binary=$2
-    if command -v "$(basename "$binary")" >/dev/null 2>&1 || [ -x "$binary" ] ||
-        [ -x "$PEERS/$pkg$binary" ]; then
+    local pkg=$1 file=$2 dir=${3:-$1}
+    if command -v "$(basename "$file")" >/dev/null 2>&1 || [ -e "$file" ] ||
+        [ -e "$PEERS/$dir$file" ]; then
         return 0
     fi
     local tmp
@@ -70,24 +71,30 @@ unpack_peer() {
     local deb libs
     deb=$(ls "$tmp"/*.deb)
     # The libraries among the dependencies (the rest are the service's packaging: inetd,
-    # adduser, the package's common files).
+    # adduser, the package's common files, the peer's own core package).
     libs=$(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed 's/([^)]*)//g; s/|.*//; s/ //g' |
         grep '^lib' || true)
     if [ -n "$libs" ] && ! apt_retry apt-get install -y --no-install-recommends $libs; then
         rm -rf "$tmp"
         return 1
     fi
-    rm -rf "${PEERS:?}/$pkg"
-    mkdir -p "$PEERS/$pkg"
-    dpkg-deb -x "$deb" "$PEERS/$pkg"
+    if [ "$dir" = "$pkg" ]; then
+        rm -rf "${PEERS:?}/$dir"
+    fi
+    mkdir -p "$PEERS/$dir"
+    dpkg-deb -x "$deb" "$PEERS/$dir"
     rm -rf "$tmp"
-    [ -x "$PEERS/$pkg$binary" ]
+    [ -e "$PEERS/$dir$file" ]
 }
 
 unpack_peer pure-ftpd /usr/sbin/pure-ftpd ||
     echo "bench: pure-ftpd could not be unpacked; the run leaves it out"
 unpack_peer proftpd-core /usr/sbin/proftpd ||
     echo "bench: proftpd could not be unpacked; the run leaves it out"
+# proftpd's TLS (mod_tls) is a loadable module of its own package, of the same version.
+[ ! -x "$PEERS/proftpd-core/usr/sbin/proftpd" ] ||
+    unpack_peer proftpd-mod-crypto /usr/lib/proftpd/mod_tls.so proftpd-core ||
+    echo "bench: proftpd's TLS module could not be unpacked; the run leaves proftpd out of the TLS rows"
 
 # Nothing installed here may have started serving the machine's FTP port.
 if [ -n "$listening21" ] || ! ss -Hltn 'sport = :21' | grep -q .; then
