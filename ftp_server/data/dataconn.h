@@ -157,7 +157,7 @@ class ftp_dataconn {
     ftp_move between_chunks();
     ftp_move keep_rate(size_t bytes);
     ftp_move send_all(const char *p, size_t len);
-    ftp_move send_spliced(int file);
+    ftp_move send_pages(int file);
     ftp_move send_kernel_tls(int file);
     ftp_move receive_loop(int file, ftpd_block &buf, ftpd_block &converted);
     ftp_move send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk);
