@@ -189,7 +189,14 @@ bool take_stop_message(ftp_session &s) {
 bool wait_command(ftp_session &s, bool *have) {
     *have = false;
     if (get_ftp_server_root_dir() == nullptr) s.has_topdir = false;
-    if (s.login.passed_once) s.waiter->timeout = s.timeout_min * 60;
+    // The deadline does not move for a wake that brings no command (a partial line, TLS records
+    // alone): neither a trickle nor a flood keeps a session past its time-out.
+    long long left_ms = s.command_deadline_ms - ftp_now_ms();
+    if (left_ms <= 0) {
+        FTPD_LOG_PRO("Time out.\n");
+        return false;
+    }
+    s.waiter->timeout = static_cast<int>((left_ms + 999) / 1000);
     if (s.policy.line_input && next_line(s)) {
         *have = true;
         return true;
@@ -362,7 +369,7 @@ void run_session(ftp_session &s) {
     }
     s.waiter->fd[0] = s.ctl.stream.fd();
     s.waiter->fd[1] = s.stop_fd;
-    s.waiter->timeout = static_cast<int>(get_ftp_logintimeout()) * 60;
+    s.command_deadline_ms = ftp_now_ms() + static_cast<long long>(get_ftp_logintimeout()) * 60 * 1000;
     control_watch watch(s);
     s.watch = &watch;
 
@@ -379,6 +386,7 @@ void run_session(ftp_session &s) {
         // A rename source survives only until the very next command.
         if (s.cmd == nullptr || s.cmd->handler != command_rnto) s.rename_from[0] = '\0';
         if (!ftp_dispatch(s) || s.peer_closed) break;
+        if (s.login.passed_once) s.command_deadline_ms = ftp_now_ms() + static_cast<long long>(s.timeout_min) * 60 * 1000;
     }
     s.watch = nullptr;
 }

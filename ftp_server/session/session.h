@@ -94,6 +94,9 @@ struct ftp_session {
     ftp_type type = ftp_type::ascii;
     off_t rest_offset = 0;       // REST: where the next RETR or STOR starts
     int timeout_min;             // idle time-out, copied at session start
+    // When the wait for the next command ends the session: the login time-out from the session's
+    // start until a PASS is taken, then the idle time-out from the last command.
+    long long command_deadline_ms = 0;
     ftp_dataconn data;
     // The data port PORT or EPRT named, or kPassiveMark after PASV or EPSV; -1 before either. A
     // transfer needs one of them above 1024 first.

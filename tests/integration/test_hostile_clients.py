@@ -15,7 +15,7 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, logged_in,  # noqa: E402
-                          pasv_connect, pasv_port, read_file, transfer, wait_until)
+                          memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
 # Deep enough that a name fitting one command line can be too long for its real path.
@@ -175,6 +175,8 @@ class SecondRoundTest(unittest.TestCase):
     def each(self, body):
         for profile, d in self.daemons.items():
             with self.subTest(profile=profile):
+                # One slot per user: the sessions of the test before must have ended.
+                self.assertTrue(memory_idle(d), d.memory_in_use())
                 body(profile, d)
 
     @staticmethod
@@ -230,6 +232,7 @@ class SecondRoundTest(unittest.TestCase):
                 self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
                 self.assertEqual([n for n in os.listdir(os.path.join(d.flash, "top")) if n.startswith(".")], [])
                 logged_in(d.port).close()
+                self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
         self.each(body)
 
     def test_the_top_directory_is_neither_removed_nor_renamed(self):
@@ -255,7 +258,7 @@ class SecondRoundTest(unittest.TestCase):
             c.close()
             if has_ipv6():
                 v6 = RawClient(d.port, host="::1")
-                v6.login()
+                v6.login("bob", "secret2")  # alice's one slot may not be given back yet
                 self.assertEqual(v6.cmd("PASV"), b"425 Can't open data connection.\r\n")
                 v6.close()
         self.each(body)

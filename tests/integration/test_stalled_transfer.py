@@ -3,12 +3,14 @@ the login time-out ends a silent session before login without a reply and drops 
 sends but never reads its replies; the idle time-out on data connections answers a client that
 stops reading a download or a listing with 426, and clients that ask for a passive port and never
 connect to it with 425 (downloads, listings and uploads alike); a client that stops half-way
-through a TLS handshake is dropped at the login time-out. Other clients are served meanwhile,
+through a TLS handshake, one that keeps sending commands without logging in, and one that trickles
+a line that never ends are dropped at the login time-out too. Other clients are served meanwhile,
 logged-in sessions go on, and descriptors and memory come back to where they were."""
 
 import os
 import socket
 import sys
+import threading
 import time
 import unittest
 
@@ -17,6 +19,18 @@ from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, half_handshak
                           memory_idle, pasv_connect, wait_until, whole_session)
 
 SMALL = b"x" * 100000
+
+
+def keep_sending(sock, piece):
+    """Sends piece every five seconds until the daemon closes the connection."""
+    def run():
+        try:
+            for _ in range(40):
+                sock.send(piece)
+                time.sleep(5)
+        except OSError:
+            pass
+    threading.Thread(target=run, daemon=True).start()
 
 
 class TimeoutTest(DaemonTestCase):
@@ -52,6 +66,10 @@ class TimeoutTest(DaemonTestCase):
             pass
         silent = RawClient(self.d.port, timeout=150)
         self.assertTrue(silent.reply().startswith(b"220 "))
+        chatty, trickle = RawClient(self.d.port), RawClient(tls_daemon.port)
+        for c, piece in ((chatty, b"SYST\r\n"), (trickle, b"N")):
+            self.assertTrue(c.reply().startswith(b"220 "))
+            keep_sending(c.sock, piece)
 
         stalled, data_connections = [], []
         for verb in ("RETR big.bin", "LIST many"):
@@ -75,6 +93,9 @@ class TimeoutTest(DaemonTestCase):
 
         self.assertTrue(silent.closed(timeout=100), "no reply expected, only the close")
         self.assertTrue(ends(half.sock, timeout=30), "a handshake cut short ends at the login time-out")
+        for c in (chatty, trickle):
+            self.assertTrue(ends(c.sock, timeout=30), "commands or bytes without a login do not hold a session")
+            c.close()
         self.assertTrue(wait_until(lambda: tls_daemon.descriptors() <= tls_baseline, timeout=10))
         half.close()
         for c in stalled:
