@@ -2,25 +2,32 @@
 (login, LIST, NLST, RETR, STOR, SIZE, DELE, QUIT) with clients that vanish (before the greeting,
 after login, in a download, an upload or a listing, with a half-sent line or an unused passive
 port) and hostile ones (a half-closed control connection, a flood of PASV, a third party on the
-passive port, names too long for their real path, a wrong password, replies never read). One
-session of each kind runs before the baseline. Afterwards memory and descriptors are at the
-baseline, no temporary or partial file is left, and the daemon still serves. The long form runs
-for twenty minutes."""
+passive port, names too long for their real path, a wrong password, replies never read), and
+against a second daemon serving FTPS a TLS mix (whole protected sessions, strangers first on a
+protected data port, floods of unauthenticated handshakes, KeyUpdate floods, uploads cut without
+the closing alert). One session of each kind runs before the baseline. Afterwards memory and
+descriptors of both daemons are at the baseline, no temporary or partial file is left, and both
+still serve. The long form runs for twenty minutes."""
 
 # ctest-labels: long
 
+import ftplib
+import io
 import os
 import random
 import socket
+import ssl
 import sys
+import tempfile
 import threading
 import time
 import traceback
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, expect, pasv_connect, pasv_port, reset, wait_until,  # noqa: E402
-                          whole_session)
+from ftps_harness import (Daemon, RawClient, ResumingFTP, client_context, expect, memory_idle,  # noqa: E402
+                          pasv_connect, pasv_port, read_file, reset, tls_handshake, wait_until, whole_session)
+from test_tls_attacks import KeyUpdates  # noqa: E402
 
 SMALL = os.urandom(48 * 1024)
 BIG_SIZE = 8 << 20
@@ -161,6 +168,123 @@ KINDS = [whole, whole, whole, whole, vanish_before_greeting, vanish_after_login,
          half_closed(False), half_closed(True), passive_thief, long_name, wrong_password, never_reads]
 
 
+# --- The TLS mix, against the daemon that serves FTPS
+
+def tls_login(port, user):
+    ftp = ResumingFTP(context=client_context(), timeout=60)
+    try:
+        ftp.connect("127.0.0.1", port)
+        ftp.auth()
+        ftp.login(user, "secret1")
+    except (EOFError, ConnectionError, ftplib.error_temp):
+        ftp.close()
+        raise Refused()
+    ftp.prot_p()
+    return ftp
+
+
+def epsv(ftp):
+    reply = ftp.sendcmd("EPSV")
+    return int(reply[reply.index("(|||") + 4:reply.index("|)")])
+
+
+def refused(ftp, why):
+    """The final reply of a transfer that must not complete."""
+    try:
+        ftp.getresp()
+    except ftplib.error_temp:
+        return
+    raise AssertionError(why)
+
+
+def tls_whole(port, user, tag):
+    ftp = tls_login(port, user)
+    ftp.storbinary("STOR t%s.bin" % tag, io.BytesIO(SMALL))
+    got = io.BytesIO()
+    ftp.retrbinary("RETR t%s.bin" % tag, got.write)
+    assert got.getvalue() == SMALL, len(got.getvalue())
+    ftp.delete("t%s.bin" % tag)
+    ftp.quit()
+
+
+def tls_first_comer(port, user, tag):
+    """A stranger at the client's own address, first on the protected data port, gets nothing and
+    the transfer is refused."""
+    ftp = tls_login(port, user)
+    data_port = epsv(ftp)
+    ftp.putcmd("RETR small.bin")
+    stranger = socket.create_connection(("127.0.0.1", data_port), timeout=30)
+    expect(ftp.getresp().encode(), b"150")
+    taken = b""
+    try:
+        with client_context().wrap_socket(stranger) as data:
+            while chunk := data.recv(65536):
+                taken += chunk
+    except (ssl.SSLError, OSError):
+        pass
+    stranger.close()
+    assert taken == b"", "the stranger got data"
+    refused(ftp, "the stranger's transfer was answered as complete")
+    ftp.quit()
+
+
+def tls_handshake_flood(port, user, tag):
+    for _ in range(10):
+        try:
+            tls_handshake(port)
+        except (EOFError, ConnectionError, ssl.SSLError):
+            raise Refused()
+
+
+def tls_key_updates(port, user, tag):
+    """A TLS 1.3 handshake after AUTH TLS, a few thousand KeyUpdate requests, then a reset."""
+    raw = socket.create_connection(("127.0.0.1", port), timeout=30)
+    if not raw.recv(512).startswith(b"220"):
+        raw.close()
+        raise Refused()
+    raw.sendall(b"AUTH TLS\r\n")
+    expect(raw.recv(512), b"234")
+    ctx = client_context()
+    ctx.minimum_version = ssl.TLSVersion.TLSv1_3
+    with tempfile.NamedTemporaryFile(prefix="ftps-keys") as keys:
+        ctx.keylog_filename = keys.name
+        incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+        tls = ctx.wrap_bio(incoming, outgoing)
+        while True:
+            try:
+                tls.do_handshake()
+                break
+            except ssl.SSLWantReadError:
+                raw.sendall(outgoing.read())
+                incoming.write(raw.recv(65536))
+        raw.sendall(outgoing.read())
+        secret = [bytes.fromhex(line.split()[2]) for line in read_file(keys.name).decode().splitlines()
+                  if line.startswith("CLIENT_TRAFFIC_SECRET_0 ")][0]
+    raw.settimeout(5)
+    try:
+        raw.sendall(KeyUpdates(tls.cipher()[0]).records(secret, 3000))
+    except OSError:
+        pass
+    reset(raw)
+
+
+def tls_cut_upload(port, user, tag):
+    ftp = tls_login(port, user)
+    data_port = epsv(ftp)
+    ftp.putcmd("STOR c%s.bin" % tag)
+    data = ftp.context.wrap_socket(socket.create_connection(("127.0.0.1", data_port), timeout=30),
+                                   session=ftp.sock.session)
+    expect(ftp.getresp().encode(), b"150")
+    data.sendall(SMALL)
+    data.shutdown(socket.SHUT_WR)  # the TLS layer goes first: no closing alert
+    refused(ftp, "an upload cut without its closing alert was taken")
+    data.close()
+    ftp.quit()
+
+
+TLS_KINDS = [tls_whole, tls_whole, tls_first_comer, tls_handshake_flood, tls_key_updates, tls_cut_upload]
+
+
 def files_below(top):
     return {os.path.relpath(os.path.join(dirpath, n), top)
             for dirpath, dirnames, filenames in os.walk(top) for n in dirnames + filenames}
@@ -174,20 +298,29 @@ class SoakBase:
     WORKERS = 6
 
     def setUp(self):
-        self.d = Daemon(startup=["ftp-server username alice password secret1",
-                                 "ftp-server username bob password secret1"], topdir="flash:/" + TOP)
-        self.top = os.path.join(self.d.flash, TOP)
-        self.d.put(TOP + "/small.bin", SMALL)
+        users = ["ftp-server username alice password secret1", "ftp-server username bob password secret1"]
+        self.d = Daemon(startup=users + ["ftp-server max-user-connect 20"], topdir="flash:/" + TOP)
+        self.t = Daemon(startup=users, topdir="flash:/" + TOP, tls=True,
+                        extra_platform={"ftp.profile": "standard", "ftp.max_per_address": "0"})
         self.d.put(TOP + "/big.bin", os.urandom(1 << 20) * (BIG_SIZE >> 20))
         self.d.many(TOP + "/many", 3000)
-        self.d.start()
-        self.addCleanup(self.d.stop_checked)
-        self.assertEqual(self.d.cli("ftp-server max-user-connect 20"), (0, ""))
+        self.base_files = {self.d: {"small.bin", "big.bin", "many"}, self.t: {"small.bin"}}
+        for d in (self.d, self.t):
+            d.put(TOP + "/small.bin", SMALL)
+            d.start()
+            self.addCleanup(d.stop_checked)
+
+    def top_files(self, d):
+        return set(os.listdir(os.path.join(d.flash, TOP)))
+
+    def state(self):
+        return [(d.memory_in_use(), d.descriptors(), files_below(d.tmpdir)) for d in (self.d, self.t)]
 
     def run_kind(self, kind, user, tag, stats):
+        port = self.t.port if kind in TLS_KINDS else self.d.port
         for _ in range(50):
             try:
-                kind(self.d.port, user, tag)
+                kind(port, user, tag)
                 stats["done"] += 1
                 return
             except Refused:
@@ -200,22 +333,27 @@ class SoakBase:
         # One of each kind first, so that everything opened once for the life of the process is
         # open before the baseline is taken.
         stats = {"done": 0, "refused": 0}
-        for i, kind in enumerate(KINDS):
+        kinds = KINDS + TLS_KINDS
+        # The TLS library makes the key's blinding for threads other than its first user once two
+        # sessions sign at the same time: one session stays open while the others run.
+        held = tls_login(self.t.port, "bob")
+        for i, kind in enumerate(kinds):
             self.run_kind(kind, "alice", "warm%d" % i, stats)
-        base_files = {"small.bin", "big.bin", "many"}
-        self.assertTrue(wait_until(lambda: set(os.listdir(self.top)) == base_files, timeout=30))
+        held.quit()
+        for d, files in self.base_files.items():
+            self.assertTrue(wait_until(lambda: self.top_files(d) == files, timeout=30), self.top_files(d))
         time.sleep(1)
-        memory = self.d.memory_in_use()
-        self.assertTrue(all(v == 0 for v in memory.values()), memory)
-        fds = self.d.descriptors()
-        tmp = files_below(self.d.tmpdir)
+        # Only the TLS library's context stays between sessions.
+        for d in (self.d, self.t):
+            self.assertTrue(memory_idle(d, ignore=("TLS",)), d.memory_in_use())
+        baseline = self.state()
 
         start, errors = time.time(), []
 
         def run(seed, user, count, seconds):
             r, i = random.Random(seed), 0
             while (time.time() - start < seconds) if self.DURATION else i < count:
-                self.run_kind(r.choice(KINDS), user, "%s_%d" % (seed, i), stats)
+                self.run_kind(r.choice(kinds), user, "%s_%d" % (seed, i), stats)
                 i += 1
 
         def worker(w):
@@ -234,17 +372,16 @@ class SoakBase:
             t.join()
         self.assertEqual(errors, [])
 
-        self.assertTrue(wait_until(lambda: (self.d.memory_in_use(), self.d.descriptors(), files_below(self.d.tmpdir))
-                                   == (memory, fds, tmp), timeout=60),
-                        "memory %s (was %s), descriptors %d (were %d), temporary files %s (were %s)" %
-                        (self.d.memory_in_use(), memory, self.d.descriptors(), fds,
-                         sorted(files_below(self.d.tmpdir)), sorted(tmp)))
-        self.assertEqual(set(os.listdir(self.top)), base_files)
+        self.assertTrue(wait_until(lambda: self.state() == baseline, timeout=60),
+                        "memory, descriptors, temporary files: %s, were %s" % (self.state(), baseline))
+        for d, files in self.base_files.items():
+            self.assertEqual(self.top_files(d), files)
         whole(self.d.port, "alice", "final")
-        sys.stderr.write("soak: %d sessions in %.0f s, %d refused while others were ending; "
-                         "memory %s, %d descriptors\n" %
-                         (stats["done"], time.time() - start, stats["refused"], self.d.memory_in_use(),
-                          self.d.descriptors()))
+        tls_whole(self.t.port, "alice", "final")
+        sys.stderr.write("soak: %d sessions in %.0f s, %d refused while others were ending; in use at the end: "
+                         "%s\n" % (stats["done"], time.time() - start, stats["refused"],
+                                   ["%s, %d descriptors" % ({k: v for k, v in m.items() if v}, fds)
+                                    for m, fds, _ in self.state()]))
 
 
 class SoakTest(SoakBase, unittest.TestCase):
