@@ -1,8 +1,8 @@
-"""fail2ban: the packaged filter, run by fail2ban-regex over the real daemon's log, finds exactly
-the failed logins with the address each came from (IPv4 and IPv6), in the log file's form and in
-the form syslog writes. A successful login gives nothing, and a client that writes a failed-login
-line of another address into its user name, its password or any command (which the debug lines
-repeat) cannot get that address banned."""
+# fail2ban: the packaged filter, run by fail2ban-regex over the real daemon's log, finds exactly the failed
+# logins with the address each came from (IPv4 and IPv6), in the log file's form and in the form syslog
+# writes. A successful login gives nothing, and a client that writes a failed-login line of another address
+# into its user name, its password or any command (which the debug lines repeat) cannot get that address
+# banned.
 
 import os
 import shutil
@@ -52,7 +52,7 @@ class Fail2banFilterTest(unittest.TestCase):
         return [line for line in self.d.logtext().splitlines() if line[20:].startswith("%FTPSRV-5-LOGIN_FAIL: ")]
 
     def banned(self, log):
-        """The address of every line the filter matches, in order."""
+        # The address of every line the filter matches, in order.
         r = subprocess.run(["fail2ban-regex", "-o", "ip", log, FILTER], capture_output=True, text=True,
                            timeout=120)
         self.assertEqual(r.returncode, 0, r.stdout + r.stderr)

@@ -1,8 +1,8 @@
-"""HAProxy (Debian's package) in front of two daemons that serve one shared directory, all on
-loopback: the control port balanced with send-proxy-v2, each daemon's passive range forwarded to
-it with send-proxy-v2 too, the daemons announcing the balancer's address. lftp and curl, from an
-address of their own, upload and download through the balancer; both daemons serve sessions, and
-their transfer logs name the client's address, not the balancer's."""
+# HAProxy (Debian's package) in front of two daemons that serve one shared directory, all on loopback: the
+# control port balanced with send-proxy-v2, each daemon's passive range forwarded to it with send-proxy-v2
+# too, the daemons announcing the balancer's address. lftp and curl, from an address of their own, upload and
+# download through the balancer; both daemons serve sessions, and their transfer logs name the client's
+# address, not the balancer's.
 
 import os
 import shutil
@@ -10,7 +10,6 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -22,7 +21,7 @@ BACKENDS = ("127.0.0.2", "127.0.0.3")
 
 
 def free_range(n=10):
-    """n consecutive ports free on loopback."""
+    # n consecutive ports free on loopback.
     for base in range(41000, 60000, 97):
         try:
             socks = [socket.create_server(("127.0.0.1", p)) for p in range(base, base + n)]

@@ -1,7 +1,6 @@
-"""Logins decided by the local user database, through a method list and with the method-list
-model switched off: the online limit (with its notice in the log), an online amount of 0, login
-modes without FTP, refused remote login, hashed secrets, long account names, and the online count
-given back at session end."""
+# Logins decided by the local user database, through a method list and with the method-list model switched
+# off: the online limit (with its notice in the log), an online amount of 0, login modes without FTP, refused
+# remote login, hashed secrets, long account names, and the online count given back at session end.
 
 import os
 import re

@@ -1,9 +1,9 @@
-"""What an administrator needs to run the standard profile on a real host, against the real
-daemon: accounts of the local user database with homes of their own, read-only and not; the
-session limit and its per-user default; one address unable to take every session; the passive
-address and port range announced behind NAT; the PROXY protocol from a balancer's address (the
-client's real address in logs, limits and data-peer checks) and from nobody else; the transfer
-log, reopened on SIGHUP. (HAProxy itself in front of two daemons: test_haproxy.py.)"""
+# What an administrator needs to run the standard profile on a real host, against the real daemon: accounts of
+# the local user database with homes of their own, read-only and not; the session limit and its per-user
+# default; one address unable to take every session; the passive address and port range announced behind NAT;
+# the PROXY protocol from a balancer's address (the client's real address in logs, limits and data-peer
+# checks) and from nobody else; the transfer log, reopened on SIGHUP. (HAProxy itself in front of two daemons:
+# test_haproxy.py.)
 
 import os
 import re
@@ -37,7 +37,7 @@ def proxy_v1(src, port=40000):
 
 
 def silent_end(sock, timeout=15):
-    """What the peer sent before it closed (a reset counts as closed)."""
+    # What the peer sent before it closed (a reset counts as closed).
     sock.settimeout(timeout)
     got = b""
     try:
@@ -71,8 +71,8 @@ class OperationsTest(unittest.TestCase):
         return c
 
     def connect(self, source, header=None):
-        """A control connection from a source address; from the balancer's, one that opens with a
-        PROXY header."""
+        # A control connection from a source address; from the balancer's, one that opens with a PROXY
+        # header.
         family = socket.AF_INET6 if ":" in source else socket.AF_INET
         s = socket.socket(family)
         s.settimeout(20)

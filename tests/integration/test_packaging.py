@@ -1,6 +1,6 @@
-"""Installation and packaging: what "make install" puts below DESTDIR (for the /usr prefix and
-another one), that the unit passes systemd-analyze verify, that the example startup configuration
-works with the real daemon, and what the .deb holds."""
+# Installation and packaging: what "make install" puts below DESTDIR (for the /usr prefix and another one),
+# that the unit passes systemd-analyze verify, that the example startup configuration works with the real
+# daemon, and what the .deb holds.
 
 import os
 import shutil

@@ -1,8 +1,7 @@
-"""Serving sessions: the per-user limit with the status report and show tech-support, failed
-logins, and load: twenty sessions transfer at the same moment (downloads and uploads, both types)
-while a twenty-first connection is refused without a reply; every transfer arrives byte for byte,
-and the server serves again and gives back its memory once they end. (The device's HELP, SYST and
-STAT texts: test_standard_profile.py.)"""
+# Serving sessions: the per-user limit with the status report and show tech-support, failed logins, and load:
+# twenty sessions transfer at the same moment (downloads and uploads, both types) while a twenty-first
+# connection is refused without a reply; every transfer arrives byte for byte, and the server serves again and
+# gives back its memory once they end. (The device's HELP, SYST and STAT texts: test_standard_profile.py.)
 
 import os
 import sys
@@ -72,8 +71,9 @@ class SessionTest(DaemonTestCase):
             self.d.cli("ftp-server max-user-connect 10")
 
     def check_tech_support(self, client_port):
-        """The server's section of show tech-support: under its header, the running line, the status
-        report (a live session in it) and every row of the memory table, each indented by two blanks."""
+        # The server's section of show tech-support: under its header, the running line, the status
+        # report (a live session in it) and every row of the memory table, each indented by two
+        # blanks.
         rc, out = self.d.cli("show tech-support")
         self.assertEqual(rc, 0)
         self.assertTrue(out.startswith("------------------ app#ftp_server ------------------\n"

@@ -1,11 +1,10 @@
-"""The standard profile against raw sockets, with the device profile's answers to the same bytes
-beside it: one table of commands and their exact replies per profile (the device's HELP, SYST and
-STAT texts, AUTH refused although a certificate is configured); command lines however the bytes
-arrive, CR LF on every reply line, long names echoed shortened, no PORT bounce, out-of-sequence
-PASS counted as nothing; LIST and NLST options, MLSD and MLST facts, unlistable paths refused
-before any data connection without the real path; REST and APPE, and uploads that replace their
-target only once complete (the device writes in place). curl's resumed transfers and ranges:
-test_real_clients.py."""
+# The standard profile against raw sockets, with the device profile's answers to the same bytes beside it: one
+# table of commands and their exact replies per profile (the device's HELP, SYST and STAT texts, AUTH refused
+# although a certificate is configured); command lines however the bytes arrive, CR LF on every reply line,
+# long names echoed shortened, no PORT bounce, out-of-sequence PASS counted as nothing; LIST and NLST options,
+# MLSD and MLST facts, unlistable paths refused before any data connection without the real path; REST and
+# APPE, and uploads that replace their target only once complete (the device writes in place). curl's resumed
+# transfers and ranges: test_real_clients.py.
 
 import ftplib
 import os
@@ -121,7 +120,7 @@ DEVICE_REPLIES = [
 
 
 def listed(c, verb):
-    """The entry names of a listing that must succeed (the last field of LIST lines)."""
+    # The entry names of a listing that must succeed (the last field of LIST lines).
     replies, data = transfer(c, verb)
     assert replies.startswith(b"150 ") and replies.endswith(b"226 Closing data connection.\r\n"), replies
     lines = data.decode().splitlines()
@@ -129,7 +128,7 @@ def listed(c, verb):
 
 
 def port_to_nowhere(c):
-    """PORT naming a local port nobody listens on."""
+    # PORT naming a local port nobody listens on.
     s = socket.socket()
     s.bind(("127.0.0.1", 0))
     port = s.getsockname()[1]
@@ -138,7 +137,7 @@ def port_to_nowhere(c):
 
 
 class ProfileCase(DaemonTestCase):
-    """The listing tree at the top, an empty directory "up" for the transfers."""
+    # The listing tree at the top, an empty directory "up" for the transfers.
 
     @classmethod
     def setUpClass(cls):
@@ -151,7 +150,7 @@ class ProfileCase(DaemonTestCase):
         os.chmod(os.path.join(cls.d.flash, "locked"), 0o555)
 
     def session(self):
-        """A logged-in RawClient in the transfers' directory."""
+        # A logged-in RawClient in the transfers' directory.
         c = logged_in(self.d.port)
         assert c.cmd("CWD up").startswith(b"250 ")
         return c
@@ -216,8 +215,8 @@ class StandardProfileTest(ProfileCase):
             c.close()
 
     def test_links_stay_inside_and_behave_as_entries(self):
-        """A link leading out of the top directory is as good as missing (no reply names a real
-        path); one that stays inside works; listings show links as links; DELE removes a link."""
+        # A link leading out of the top directory is as good as missing (no reply names a real path);
+        # one that stays inside works; listings show links as links; DELE removes a link.
         outside = os.path.join(self.d.dir, "outside")
         os.makedirs(outside, exist_ok=True)
         with open(os.path.join(outside, "secret"), "wb") as f:
@@ -253,8 +252,8 @@ class StandardProfileTest(ProfileCase):
         c.close()
 
     def test_abor_during_a_transfer_and_telnet_escapes(self):
-        """ABOR ends a running download at once (426, then 226), after the Telnet interrupt and
-        synch BSD clients send before it; IAC IAC and CR NUL are one 0xFF and a CR in names."""
+        # ABOR ends a running download at once (426, then 226), after the Telnet interrupt and synch
+        # BSD clients send before it; IAC IAC and CR NUL are one 0xFF and a CR in names.
         self.d.put("big.bin", os.urandom(64 << 20))
         for synch in (False, True):
             c = logged_in(self.d.port)
@@ -282,8 +281,8 @@ class StandardProfileTest(ProfileCase):
         c.close()
 
     def test_upload_temporaries_are_nobodys_and_split_line_ends_join(self):
-        """While an upload is received its hidden temporary is neither listed nor addressable;
-        an ASCII upload whose CR LF is split between two receives stores one LF."""
+        # While an upload is received its hidden temporary is neither listed nor addressable; an ASCII
+        # upload whose CR LF is split between two receives stores one LF.
         c = self.session()
         data = start_upload(c, "growing.bin", b"x" * 1000)
         temp = wait_until(lambda: [n for n in os.listdir(self.path("")) if n.startswith(".ftps-upload.")])
@@ -308,10 +307,10 @@ class StandardProfileTest(ProfileCase):
             cl.close()
 
     def test_refused_passwords(self):
-        """A refused password gets a single 530 (the 503 after it shows no second one), at the
-        per-user limit too; three end the session even with a 503 PASS between each (the device
-        resets the counts at the 503: test_sessions.py). At the limit the right password gets 421
-        and the end of the session (clients retry that later)."""
+        # A refused password gets a single 530 (the 503 after it shows no second one), at the per-user
+        # limit too; three end the session even with a 503 PASS between each (the device resets the
+        # counts at the 503: test_sessions.py). At the limit the right password gets 421 and the end
+        # of the session (clients retry that later).
         def refuse(c):
             c.cmd("USER alice")
             self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
@@ -511,10 +510,9 @@ class StandardProfileTest(ProfileCase):
 
 
 class DeviceProfileTest(ProfileCase):
-    """The same bytes in the device profile: its replies, listings whose options erase the argument,
-    NLST naming regular files only, a missing path answered after the 150 with the real path, no
-    MLSD or MLST, no TLS although the platform file names a certificate, and uploads written in
-    place."""
+    # The same bytes in the device profile: its replies, listings whose options erase the argument, NLST
+    # naming regular files only, a missing path answered after the 150 with the real path, no MLSD or
+    # MLST, no TLS although the platform file names a certificate, and uploads written in place.
 
     daemon_kwargs = {"tls": True}
 
