@@ -286,31 +286,19 @@ class RestartTest(Configuration, unittest.TestCase):
         self.assertIn("ftp-server username dave password d4ve  7 0\n", first)
         self.assertIn("ftp-server username sam password 07 s4m\n", first)
 
-        lines = [
-            "ftp-server topdir flash:/pub",
-            "ftp-server timeout 30",
-            "ftp-server login timeout 5",
-            "ftp-server login times 4",
-            "ftp-server authentication default",
-            "ftp-server max-user-connect 5",
-            "ftp-server username bob password b0bpass",
-            "service password-encryption",
-            "ftp-server username carol password Zk4mVt9q",
-        ]
-        for line in lines:
+        kept = ["ftp-server topdir flash:/pub", "ftp-server timeout 30", "ftp-server login timeout 5",
+                "ftp-server login times 4", "ftp-server authentication default"]
+        for line in kept + ["ftp-server max-user-connect 5", "ftp-server username bob password b0bpass",
+                            "service password-encryption", "ftp-server username carol password Zk4mVt9q"]:
             self.assertEqual(self.d.cli(line), (0, ""), line)
         first = self.round_trip(signal.SIGTSTP, 1)
-        for expect in ["ftp-server topdir flash:/pub\n", "ftp-server timeout 30\n",
-                       "ftp-server login timeout 5\n", "ftp-server login times 4\n",
-                       "ftp-server authentication default\n", "ftp-server enable\n",
-                       "service password-encryption\n"]:
-            self.assertIn(expect, first)
+        for line in kept + ["ftp-server enable", "service password-encryption"]:
+            self.assertIn(line + "\n", first)
         self.assertNotIn("max-user-connect", first)
         # With encryption on, every user is written in type-7 form, those added before it too.
         for user, password in (("alice", "secret1"), ("bob", "b0bpass"), ("carol", "Zk4mVt9q")):
             self.assertRegex(first, r"(?m)^ftp-server username %s password 7 \S{%d}$" % (user, 2 + 2 * len(password)))
-        self.assertNotIn("Zk4mVt9q", first)
-        self.assertNotIn("b0bpass", first)
+        self.assertFalse("Zk4mVt9q" in first or "b0bpass" in first)
         # Switched off again, the users read while it was on keep their type-7 lines.
         self.assertEqual(self.d.cli("no service password-encryption"), (0, ""))
         self.assertEqual([l for l in self.running().splitlines() if "username" in l],
