@@ -323,8 +323,8 @@ class BackEnd:
 class RawClient:
     # A control connection read reply by reply, for exact texts.
 
-    def __init__(self, port, host="127.0.0.1", timeout=10):
-        self.sock = socket.create_connection((host, port), timeout=timeout)
+    def __init__(self, port, host="127.0.0.1", timeout=10, source=None):
+        self.sock = socket.create_connection((host, port), timeout, (source, 0) if source else None)
         self.buf = b""
 
     def recv_line(self):

@@ -66,26 +66,18 @@ class OperationsTest(unittest.TestCase):
         cls.d.stop_checked()
 
     def login(self, user, password, source="127.0.0.1", header=None):
-        c = self.connect(source, header) if header is None else self.proxied(header)
+        c = self.connect(source) if header is None else self.proxied(header)
         c.login(user, password)
         return c
 
-    def connect(self, source, header=None):
-        # A control connection from a source address; from the balancer's, one that opens with a PROXY
-        # header.
-        family = socket.AF_INET6 if ":" in source else socket.AF_INET
-        s = socket.socket(family)
-        s.settimeout(20)
-        s.bind((source, 0))
-        s.connect(("::1" if family == socket.AF_INET6 else "127.0.0.1", self.d.port))
-        if header is not None:
-            s.sendall(header)
-        c = RawClient.__new__(RawClient)
-        c.sock, c.buf = s, b""
-        return c
+    def connect(self, source):
+        return RawClient(self.d.port, "::1" if ":" in source else "127.0.0.1", 20, source)
 
     def proxied(self, header):
-        return self.connect("127.0.0.5", header)
+        # From the balancer's address, opening with a PROXY header.
+        c = self.connect("127.0.0.5")
+        c.send(header)
+        return c
 
     def test_homes_and_read_only_accounts(self):
         r = self.login("reader", "read3r")
