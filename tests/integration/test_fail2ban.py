@@ -8,7 +8,6 @@ import os
 import shutil
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
@@ -29,12 +28,7 @@ class Fail2banFilterTest(unittest.TestCase):
         # Installed by the set-up: a missing one fails, never skips.
         assert shutil.which("fail2ban-regex"), "fail2ban-regex is not installed: run `make setup`"
         cls.d = Daemon(extra_platform={"ftp.profile": "standard", "ftp.login_fail_delay": "0"}).start()
-        cls.dir = tempfile.mkdtemp(prefix="ftps-f2b")
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.dir, ignore_errors=True)
-        cls.d.stop_checked()
+        cls.addClassCleanup(cls.d.stop_checked)
 
     def failed_login(self, host, user, password="wrong", then=()):
         c = RawClient(self.d.port, host)
@@ -75,7 +69,7 @@ class Fail2banFilterTest(unittest.TestCase):
         self.assertIn("(RECV)   SITE " + LINE.format(4), log)  # the forged line is there, in a debug line
         self.assertEqual(self.banned(self.d.log), expected)
         # The same lines as syslog files have them: the time, the host, the ident and pid.
-        syslog = os.path.join(self.dir, "syslog")
+        syslog = os.path.join(self.d.dir, "syslog")
         stamp = time.strftime("%b %d %H:%M:%S")
         with open(syslog, "w") as f:
             for line in log.splitlines():
