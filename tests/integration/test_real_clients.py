@@ -26,7 +26,6 @@ import select
 import shutil
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
@@ -68,11 +67,8 @@ def write(path, data):
 
 
 def file_sha256(path):
-    h = hashlib.sha256()
     with open(path, "rb") as f:
-        while chunk := f.read(1 << 20):
-            h.update(chunk)
-    return h.hexdigest()
+        return hashlib.file_digest(f, "sha256").hexdigest()
 
 
 def snapshot(root, ignore=()):
@@ -107,11 +103,8 @@ def url_host(host):
 
 
 def tail(text, lines=60):
-    if isinstance(text, bytes):
-        text = text.decode(errors="replace")
-    parts = text.splitlines()
-    return "\n".join((["[... %d lines before]" % (len(parts) - lines)] if len(parts) > lines else [])
-                     + parts[-lines:])
+    parts = (text.decode(errors="replace") if isinstance(text, bytes) else text).splitlines()
+    return "\n".join(["[... %d lines before]" % (len(parts) - lines)] * (len(parts) > lines) + parts[-lines:])
 
 
 def on_terminal(argv, before, after, pause=1.5):
@@ -169,13 +162,11 @@ class RealClientCase:
         # more than the default limit of 10 per user.
         cls.d = Daemon(extra_platform=extra, tls=cls.tls, startup=["ftp-server username alice password secret1",
                                                                    "ftp-server max-user-connect 20"])
-        cls.work = tempfile.mkdtemp(prefix="ftps-clients")
-        cls.addClassCleanup(shutil.rmtree, cls.work, True)
         # Also after a failed start: the daemon's exit status is checked and its files go.
         cls.addClassCleanup(cls.d.stop_checked)
+        cls.work = os.path.join(cls.d.dir, "clients")
         cls.d.start(env=dict(cls.d.env(), **cls.daemon_environment))
-        rc, out = cls.d.cli("debug ftp-server pro")
-        assert rc == 0, "debug ftp-server pro failed: " + out
+        assert cls.d.cli("debug ftp-server pro")[0] == 0
         cls.tree = os.path.join(cls.work, "tree")
         for rel, size in dict(TREE_FILES, **(DOT_FILES if cls.dot_files else {})).items():
             write(os.path.join(cls.tree, rel), os.urandom(size))
@@ -185,11 +176,10 @@ class RealClientCase:
         # Each client with its default settings: no user configuration (HOME is private), a
         # UTF-8 locale as for any user with UTF-8 names, no proxy.
         home = os.path.join(cls.work, "home")
-        cls.client_env = {k: v for k, v in os.environ.items()
-                          if k.lower() not in ("ftp_proxy", "all_proxy", "no_proxy")}
-        cls.client_env.update(HOME=home, XDG_CONFIG_HOME=os.path.join(home, ".config"),
-                              XDG_CACHE_HOME=os.path.join(home, ".cache"), LANG="C.UTF-8", LC_ALL="C.UTF-8")
         os.makedirs(home)
+        cls.client_env = dict({k: v for k, v in os.environ.items() if k.lower() not in ("ftp_proxy", "all_proxy",
+                              "no_proxy")}, HOME=home, XDG_CONFIG_HOME=home + "/.config",
+                              XDG_CACHE_HOME=home + "/.cache", LANG="C.UTF-8", LC_ALL="C.UTF-8")
 
     @classmethod
     def tearDownClass(cls):
@@ -438,14 +428,13 @@ class StandardProfileClients(ClearTextClientCase, unittest.TestCase):
                          "rclone purge left the directory\n" + self.conversation())
 
     def test_what_stock_clients_parse_and_keep(self):
-        # ftplib's pwd, X forms and selected MLSD facts; lftp keeping times (MFMT) and modes (SITE
+        # ftplib's pwd and MKD parsed (quotes doubled) and selected MLSD facts; lftp keeping times (MFMT) and modes (SITE
         # CHMOD) in a mirror; rclone keeping times and listing a link; curl creating directories and
         # sending SITE CHMOD.
         ftp = ftp_session(self.d.port)
         self.assertEqual(ftp.pwd(), "/")
         self.assertEqual(ftp.mkd('q"dir'), '/q"dir')
-        for cmd in ('XCWD q"dir', "XPWD", "XCUP", 'XRMD q"dir', 'XMKD q"dir', 'XRMD q"dir'):
-            self.assertIn(ftp.voidcmd(cmd)[:3], ("200", "250", "257"), cmd)
+        ftp.rmd('q"dir')
         facts = {name: f for name, f in ftp.mlsd("tree", facts=["type", "size"])}
         self.assertEqual(facts["one MiB.bin"], {"type": "file", "size": str(1 << 20)})
         ftp.quit()
