@@ -1,6 +1,7 @@
 # Integration harness: starts the real daemon with its own TMPDIR, platform file, startup
 # configuration and free control port, and drives it over sockets and ftps-cli.
 
+import concurrent.futures
 import ftplib
 import hashlib
 import os
@@ -265,6 +266,12 @@ class DaemonTestCase(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.d.stop_checked()
+
+
+def in_parallel(fn, n, timeout=None):
+    # fn(0) ... fn(n - 1) at the same time, each in a thread of its own; their results (or the first exception).
+    with concurrent.futures.ThreadPoolExecutor(n) as pool:
+        return list(pool.map(fn, range(n), timeout=timeout))
 
 
 def read_file(path):

@@ -24,7 +24,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import clients  # noqa: E402
-from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted,  # noqa: E402
+from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted, in_parallel,  # noqa: E402
                           half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
 
 TLS_PROFILE = {"ftp.profile": "standard"}
@@ -68,11 +68,7 @@ class RequiredLogin(TlsDaemonCase):
         ftp = tls_session(self.d.port)
         ftp.nlst()
         ftp.quit()
-        burst = [threading.Thread(target=lambda: [tls_handshake(self.d.port) for _ in range(5)]) for _ in range(4)]
-        for t in burst:
-            t.start()
-        for t in burst:
-            t.join()
+        in_parallel(lambda _: [tls_handshake(self.d.port) for _ in range(5)], 4)
         time.sleep(1)
         return self.d.descriptors(), self.tls_in_use()
 

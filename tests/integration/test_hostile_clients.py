@@ -13,7 +13,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, logged_in,  # noqa: E402
+from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, in_parallel, logged_in,  # noqa: E402
                           pasv_connect, pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
@@ -74,11 +74,7 @@ class HostileClientsTest(DaemonTestCase):
             except Exception as e:  # noqa: BLE001
                 failures.append(repr(e))
 
-        threads = [threading.Thread(target=client, args=(i,)) for i in range(n)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join(120)
+        in_parallel(client, n, timeout=120)
         self.assertEqual(failures, [])
         if not SANITIZED:
             # A port drawn twice used to cost the loser a back-off of a whole second.

@@ -5,12 +5,11 @@
 
 import os
 import sys
-import threading
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, greeted, logged_in, pasv_connect,  # noqa: E402
+from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, greeted, in_parallel, logged_in, pasv_connect,  # noqa: E402
                           read_file, start_upload, wait_until)
 
 SESSIONS = 20
@@ -145,11 +144,7 @@ class SessionTest(DaemonTestCase):
                 data.sendall((text if i % 4 == 1 else payload)[BLOCK:])
             data.close()
 
-        threads = [threading.Thread(target=finish, args=(i, data)) for i, (_, data) in enumerate(sessions)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join(timeout=300)
+        in_parallel(lambda i: finish(i, sessions[i][1]), len(sessions), timeout=300)
         for i, (c, _) in enumerate(sessions):
             self.assertTrue(c.reply().startswith(b"226 "), i)
             c.close()

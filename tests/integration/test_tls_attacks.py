@@ -21,14 +21,14 @@ import struct
 import subprocess
 import sys
 import termios
-import threading
 import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import clients  # noqa: E402
-from ftps_harness import SANITIZED, Daemon, ResumingFTP, client_context, ends, read_file, wait_until  # noqa: E402
+from ftps_harness import (SANITIZED, Daemon, ResumingFTP, client_context, ends, in_parallel, read_file,  # noqa: E402
+                          wait_until)
 
 USERS = {"alice": "secret1", "bob": "secret2"}
 SECRET = b"the victim's file " * 4000
@@ -250,12 +250,7 @@ class Attacks(TlsCase):
                 self.assertEqual(victim.sock.version(), "TLSv1.2")
                 self.assertIn("secret.bin", victim.nlst())
                 flood_ctx = client_context(ssl.TLSVersion.TLSv1_2, tickets)
-                threads = [threading.Thread(target=lambda: [bare_handshake(self.d.port, flood_ctx)
-                                                            for _ in range(100)]) for _ in range(4)]
-                for t in threads:
-                    t.start()
-                for t in threads:
-                    t.join()
+                in_parallel(lambda _: [bare_handshake(self.d.port, flood_ctx) for _ in range(100)], 4)
                 for _ in range(3):
                     got = io.BytesIO()
                     victim.retrbinary("RETR secret.bin", got.write)
