@@ -26,6 +26,13 @@ class PlatformConfTest : public ::testing::Test {
     void SetUp() override { tree_.make_dir("etc"); }
     std::string write_file(const std::string &text) { return tree_.make_file("etc/platform.conf", text); }
 
+    // Loads text and puts it in force for the daemon's calls.
+    void load(const std::string &text, platform_conf *c) {
+        std::string err;
+        ASSERT_EQ(platform_conf_load(write_file(text).c_str(), c, &err), 0) << err;
+        platform_set_for_test(*c);
+    }
+
     // The error of loading text with the file name cut off; empty when it loaded.
     std::string load_error(const std::string &text) {
         std::string path = write_file(text);
@@ -41,17 +48,16 @@ class PlatformConfTest : public ::testing::Test {
 };
 
 TEST_F(PlatformConfTest, StoragesListsAndAddressesAreReadIntoTheirSlotsAndForms) {
-    std::string path = write_file(
+    platform_conf c;
+    load(
         "; comment\n# comment\n"
         "[storage]\nflash = /s/flash\nflash2 = /s/f2\nsata0 = /s/sata\nusb0 = /s/usb\n"
         "tmp = /s/tmp\ninstall = /s/install\nnfs = /s/nfs\n"
         "[log]\nsyslog = no\nstderr = on\n"
         "[aaa]\nlist.default = radius local\nlist.ops = none\n"
         "[radius]\nserver = 10.0.0.1:1645 radius.example [fd00::1]:1645 fd00::2\n"
-        "[snmp]\ntrap_sink = 127.0.0.1:1162 nms\n");
-    platform_conf c;
-    std::string err;
-    ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
+        "[snmp]\ntrap_sink = 127.0.0.1:1162 nms\n",
+        &c);
     strings dirs;
     for (const auto &s : c.storages) dirs.push_back(s.dir);
     EXPECT_EQ(dirs, (strings{"/s/f2", "/s/flash", "/s/sata", "/s/usb", "", "/s/tmp", "/s/install", "", "/s/nfs"}));
@@ -66,43 +72,42 @@ TEST_F(PlatformConfTest, StoragesListsAndAddressesAreReadIntoTheirSlotsAndForms)
 }
 
 TEST_F(PlatformConfTest, ErrorsNameTheLineAndTheKeyOrSection) {
-    EXPECT_EQ(load_error("[ftp]\n\ncontrol_port = 21x\n"), ":3: key 'control_port': not a number");
-    EXPECT_EQ(load_error("[ftp]\ncontrol_port = 65536\n"), ":2: key 'control_port': out of range (1-65535)");
-    EXPECT_EQ(load_error("[ftp]\nlogin_fail_delay = 61\n"), ":2: key 'login_fail_delay': out of range (0-60)");
-    EXPECT_EQ(load_error("[ftp]\nprofile = vendor\n"), ":2: key 'profile': expected device or standard");
-    EXPECT_EQ(load_error("[ftp]\npassive_address = ftp.example.net\n"),
-              ":2: key 'passive_address': not an IPv4 address");
-    EXPECT_EQ(load_error("[ftp]\npassive_address = ::1\n"), ":2: key 'passive_address': not an IPv4 address");
-    for (const char *range : {"1023-2000", "2000", "3000-2000x", "2000-65536", "-", "5000-"}) {
-        SCOPED_TRACE(range);
+    const std::pair<const char *, const char *> rows[] = {
+        {"[ftp]\n\ncontrol_port = 21x\n", ":3: key 'control_port': not a number"},
+        {"[ftp]\ncontrol_port = 65536\n", ":2: key 'control_port': out of range (1-65535)"},
+        {"[ftp]\nlogin_fail_delay = 61\n", ":2: key 'login_fail_delay': out of range (0-60)"},
+        {"[ftp]\nprofile = vendor\n", ":2: key 'profile': expected device or standard"},
+        {"[ftp]\npassive_address = ftp.example.net\n", ":2: key 'passive_address': not an IPv4 address"},
+        {"[ftp]\npassive_address = ::1\n", ":2: key 'passive_address': not an IPv4 address"},
+        {"[ftp]\npassive_ports = 1023-2000\n", ":2: key 'passive_ports': expected LOW-HIGH within 1024-65535"},
+        {"[ftp]\npassive_ports = 3000-2999\n", ":2: key 'passive_ports': LOW above HIGH"},
+        {"[ftp]\nproxy_from = 10.0.0.0/8 lb.example\n",
+         ":2: key 'proxy_from': not an IPv4 or IPv6 address 'lb.example'"},
+        {"[ftp]\nproxy_from = 10.0.0.1/8\n",
+         ":2: key 'proxy_from': address '10.0.0.1/8' has bits set beyond its prefix length"},
+        {"[ftp]\nproxy_from = fd00::/129\n", ":2: key 'proxy_from': bad prefix length in 'fd00::/129'"},
+        {"[ftp]\nmax_sessions = 0\n", ":2: key 'max_sessions': out of range (1-4096)"},
+        {"[ftp]\nmax_per_address = 4097\n", ":2: key 'max_per_address': out of range (0-4096)"},
+        {"[ftp]\nmax_rate = -1\n", ":2: key 'max_rate': out of range (0-10485760)"},
+        {"[tls]\nupload_eof = loose\n", ":2: key 'upload_eof': expected strict or lenient"},
+        // A blank and ';' inside the quotes start a comment, which leaves the quote open.
+        {"[device]\nos_name = \"UNIX ; V\"\n", ":2: key 'os_name': unterminated double quote"},
+        {"[log]\nsyslog = maybe\n", ":2: key 'syslog': expected yes or no"},
+        {"[aaa]\nlist.x = local tacacs\n", ":2: key 'list.x': unknown method 'tacacs'"},
+        {"[storage]\nflash3 = /x\n", ":2: key 'flash3': unknown key in section 'storage'"},
+        {"[snmp]\ntrap_sink = host:port\n", ":2: key 'trap_sink': bad port in 'host:port'"},
+        {"[security]\npwquality = nosuch=1\n", ":2: key 'pwquality': bad libpwquality setting 'nosuch=1'"},
+        {"[ftp]\n[empty]\n", ":2: section 'empty': unknown section"},
+        {"control_port = 21\n", ":1: section '': unknown section"},
+        {"[ftp\n", ":1: malformed line"},
+        // Whichever kind of error comes first is the one reported.
+        {"[ftp]\nno equals sign\ncontrol_port = x\n", ":2: malformed line"},
+        {"[ftp]\ncontrol_port = x\nno equals sign\n", ":2: key 'control_port': not a number"},
+    };
+    for (const auto &[text, want] : rows) EXPECT_EQ(load_error(text), want) << text;
+    for (const char *range : {"2000", "3000-2000x", "2000-65536", "-", "5000-"})
         EXPECT_EQ(load_error(std::string("[ftp]\npassive_ports = ") + range + "\n"),
                   ":2: key 'passive_ports': expected LOW-HIGH within 1024-65535");
-    }
-    EXPECT_EQ(load_error("[ftp]\npassive_ports = 3000-2999\n"), ":2: key 'passive_ports': LOW above HIGH");
-    EXPECT_EQ(load_error("[ftp]\nproxy_from = 10.0.0.0/8 lb.example\n"),
-              ":2: key 'proxy_from': not an IPv4 or IPv6 address 'lb.example'");
-    EXPECT_EQ(load_error("[ftp]\nproxy_from = 10.0.0.1/8\n"),
-              ":2: key 'proxy_from': address '10.0.0.1/8' has bits set beyond its prefix length");
-    EXPECT_EQ(load_error("[ftp]\nproxy_from = fd00::/129\n"),
-              ":2: key 'proxy_from': bad prefix length in 'fd00::/129'");
-    EXPECT_EQ(load_error("[ftp]\nmax_sessions = 0\n"), ":2: key 'max_sessions': out of range (1-4096)");
-    EXPECT_EQ(load_error("[ftp]\nmax_per_address = 4097\n"), ":2: key 'max_per_address': out of range (0-4096)");
-    EXPECT_EQ(load_error("[ftp]\nmax_rate = -1\n"), ":2: key 'max_rate': out of range (0-10485760)");
-    EXPECT_EQ(load_error("[tls]\nupload_eof = loose\n"), ":2: key 'upload_eof': expected strict or lenient");
-    // A blank and ';' inside the quotes start a comment, which leaves the quote open.
-    EXPECT_EQ(load_error("[device]\nos_name = \"UNIX ; V\"\n"), ":2: key 'os_name': unterminated double quote");
-    EXPECT_EQ(load_error("[log]\nsyslog = maybe\n"), ":2: key 'syslog': expected yes or no");
-    EXPECT_EQ(load_error("[aaa]\nlist.x = local tacacs\n"), ":2: key 'list.x': unknown method 'tacacs'");
-    EXPECT_EQ(load_error("[storage]\nflash3 = /x\n"), ":2: key 'flash3': unknown key in section 'storage'");
-    EXPECT_EQ(load_error("[snmp]\ntrap_sink = host:port\n"), ":2: key 'trap_sink': bad port in 'host:port'");
-    EXPECT_EQ(load_error("[security]\npwquality = nosuch=1\n"),
-              ":2: key 'pwquality': bad libpwquality setting 'nosuch=1'");
-    EXPECT_EQ(load_error("[ftp]\n[empty]\n"), ":2: section 'empty': unknown section");
-    EXPECT_EQ(load_error("control_port = 21\n"), ":1: section '': unknown section");
-    EXPECT_EQ(load_error("[ftp\n"), ":1: malformed line");
-    // Whichever kind of error comes first is the one reported.
-    EXPECT_EQ(load_error("[ftp]\nno equals sign\ncontrol_port = x\n"), ":2: malformed line");
-    EXPECT_EQ(load_error("[ftp]\ncontrol_port = x\nno equals sign\n"), ":2: key 'control_port': not a number");
 }
 
 TEST_F(PlatformConfTest, RelativePathsAreTakenFromTheFilesDirectory) {
@@ -141,11 +146,8 @@ TEST_F(PlatformConfTest, OperationsKeysReachTheDaemonsCalls) {
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.text);
-        std::string path = write_file(r.text);
         platform_conf c;
-        std::string err;
-        ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
-        platform_set_for_test(c);
+        load(r.text, &c);
         unsigned char a[4] = {};
         char dotted[16] = "";
         if (platform_ftp_passive_address(a) == 1)
@@ -166,42 +168,26 @@ TEST_F(PlatformConfTest, OperationsKeysReachTheDaemonsCalls) {
 // Which peers must send a PROXY header: IPv4, IPv6 and IPv4-mapped peers against IPv4, IPv6 and
 // mapped prefixes, at the edges of each prefix.
 TEST_F(PlatformConfTest, ProxyFromMatchesAddressesOfEitherFamilyAgainstPrefixes) {
-    std::string path =
-        write_file("[ftp]\nproxy_from = 192.0.2.0/25  2001:db8:a::/48\t::ffff:198.51.100.0/120 203.0.113.9 fe80::1\n");
     platform_conf c;
-    std::string err;
-    ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
-    platform_set_for_test(c);
-    const std::pair<const char *, int> peers[] = {
-        {"192.0.2.0", 1},
-        {"192.0.2.127", 1},
-        {"192.0.2.128", 0},
-        {"::ffff:192.0.2.5", 1},
-        {"::ffff:192.0.2.200", 0},
-        {"198.51.100.255", 1},
-        {"198.51.101.0", 0},
-        {"203.0.113.9", 1},
-        {"203.0.113.8", 0},
-        {"2001:db8:a:ffff::1", 1},
-        {"2001:db8:b::1", 0},
-        {"fe80::1", 1},
-        {"fe80::2", 0},
-        {"::c000:205", 0},  // IPv4-compatible is not mapped
-    };
-    for (const auto &[text, want] : peers) {
-        SCOPED_TRACE(text);
+    load("[ftp]\nproxy_from = 192.0.2.0/25  2001:db8:a::/48\t::ffff:198.51.100.0/120 203.0.113.9 fe80::1\n", &c);
+    auto required = [](const char *text) {
         sockaddr_storage ss = {};
-        if (strchr(text, ':') != nullptr) {
-            auto *s6 = reinterpret_cast<sockaddr_in6 *>(&ss);
-            s6->sin6_family = AF_INET6;
-            ASSERT_EQ(inet_pton(AF_INET6, text, &s6->sin6_addr), 1);
-        } else {
-            auto *s4 = reinterpret_cast<sockaddr_in *>(&ss);
-            s4->sin_family = AF_INET;
-            ASSERT_EQ(inet_pton(AF_INET, text, &s4->sin_addr), 1);
-        }
-        EXPECT_EQ(platform_ftp_proxy_required(reinterpret_cast<sockaddr *>(&ss)), want);
-    }
+        auto *s6 = reinterpret_cast<sockaddr_in6 *>(&ss);
+        auto *s4 = reinterpret_cast<sockaddr_in *>(&ss);
+        ss.ss_family = strchr(text, ':') != nullptr ? AF_INET6 : AF_INET;
+        EXPECT_EQ(inet_pton(ss.ss_family, text,
+                            ss.ss_family == AF_INET6 ? static_cast<void *>(&s6->sin6_addr)
+                                                     : static_cast<void *>(&s4->sin_addr)),
+                  1);
+        return platform_ftp_proxy_required(reinterpret_cast<sockaddr *>(&ss));
+    };
+    for (const char *peer : {"192.0.2.0", "192.0.2.127", "::ffff:192.0.2.5", "198.51.100.255", "203.0.113.9",
+                             "2001:db8:a:ffff::1", "fe80::1"})
+        EXPECT_EQ(required(peer), 1) << peer;
+    // The last is IPv4-compatible, which is not mapped.
+    for (const char *peer :
+         {"192.0.2.128", "::ffff:192.0.2.200", "198.51.101.0", "203.0.113.8", "2001:db8:b::1", "fe80::2", "::c000:205"})
+        EXPECT_EQ(required(peer), 0) << peer;
     platform_conf none;
     platform_conf_set_defaults(&none);
     platform_set_for_test(none);
@@ -231,11 +217,8 @@ TEST_F(PlatformConfTest, FtpKeysAndQuotedValuesReachTheDaemonsCalls) {
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.text);
-        std::string path = write_file(std::string("[ftp]\ncontrol_port = 2121\n") + r.text);
         platform_conf c;
-        std::string err;
-        ASSERT_EQ(platform_conf_load(path.c_str(), &c, &err), 0) << err;
-        platform_set_for_test(c);
+        load(std::string("[ftp]\ncontrol_port = 2121\n") + r.text, &c);
         EXPECT_EQ(platform_ftp_control_port(), 2121);
         EXPECT_EQ(platform_ftp_profile(), r.profile);
         EXPECT_EQ(platform_ftp_login_fail_delay(), r.delay);

@@ -1,8 +1,8 @@
-"""Where the real FTP clients the integration tests drive are.
-
-scripts/setup.sh (`make setup`) installs every one of them. A missing client raises MissingClient,
-never a skip, so that no test passes without the client it is about. Scripts that use basic-ftp
-run with node_dir() as their working directory, where setup.sh installs the pinned version."""
+# Where the real FTP clients the integration tests drive are.
+#
+# scripts/setup.sh (`make setup`) installs every one of them. A missing client raises MissingClient, never a
+# skip, so that no test passes without the client it is about. Scripts that use basic-ftp run with node_dir()
+# as their working directory, where setup.sh installs the pinned version.
 
 import os
 import shutil
@@ -25,7 +25,7 @@ def _missing(client):
 
 
 def binary(name):
-    """Absolute path of the client's program; name is a key of BINARIES."""
+    # Absolute path of the client's program; name is a key of BINARIES.
     for command in BINARIES[name]:
         path = shutil.which(command)
         if path:
@@ -34,7 +34,7 @@ def binary(name):
 
 
 def node_dir():
-    """The directory whose node_modules holds basic-ftp."""
+    # The directory whose node_modules holds basic-ftp.
     binary("node")
     if not os.path.isfile(os.path.join(NODE_DIR, "node_modules", "basic-ftp", "package.json")):
         _missing("basic-ftp (Node.js, in tests/integration/node)")

@@ -1,6 +1,7 @@
-"""Integration harness: starts the real daemon with its own TMPDIR, platform file, startup
-configuration and free control port, and drives it over sockets and ftps-cli."""
+# Integration harness: starts the real daemon with its own TMPDIR, platform file, startup
+# configuration and free control port, and drives it over sockets and ftps-cli.
 
+import concurrent.futures
 import ftplib
 import hashlib
 import os
@@ -28,7 +29,7 @@ MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PC
 
 
 def free_port():
-    """A TCP port free on both families (the daemon binds the any-address of each)."""
+    # Free on both families: the daemon binds the any-address of each.
     for _ in range(50):
         with socket.socket(socket.AF_INET) as s4, socket.socket(socket.AF_INET6) as s6:
             s4.bind(("0.0.0.0", 0))
@@ -42,7 +43,7 @@ def free_port():
 
 
 def listening(port):
-    """True when something listens on the TCP port over IPv4, seen without connecting to it."""
+    # Seen without connecting to the port.
     with open("/proc/net/tcp") as f:
         return any(int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == "0A"
                    for fields in map(str.split, f.readlines()[1:]))
@@ -64,11 +65,9 @@ def has_ipv6():
 
 
 class Daemon:
-    """One daemon process in a private directory.
-
-    startup: lines of the startup configuration (default: one user); enable: whether it enables the
-    server; extra_platform: extra "section.key": value pairs of the platform file; tls: a
-    self-signed certificate of its own (cert, key) named in the [tls] section."""
+    # One daemon in a private directory. startup: lines of the startup configuration (default: one
+    # user); extra_platform: "section.key": value pairs of the platform file; tls: a self-signed
+    # certificate of its own (cert, key) named in [tls].
 
     def __init__(self, startup=None, enable=True, extra_platform=None, user_database=None, topdir="flash:/",
                  tls=False):
@@ -186,7 +185,6 @@ class Daemon:
         return (read_file(self.log) or b"").decode(errors="replace")
 
     def put(self, rel, data=b""):
-        """Writes a file below the flash directory (parents made); returns its path."""
         path = os.path.join(self.flash, rel)
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb") as f:
@@ -194,7 +192,7 @@ class Daemon:
         return path
 
     def many(self, rel, n=40000):
-        """A directory of n empty files with long names: its listing is far larger than any socket buffer."""
+        # Empty files with long names: the listing is far larger than any socket buffer.
         os.makedirs(os.path.join(self.flash, rel))
         for i in range(n):
             open(os.path.join(self.flash, rel, "%05d-%s" % (i, "n" * 120)), "w").close()
@@ -206,7 +204,7 @@ class Daemon:
         return [n for n in os.listdir(os.path.join(self.tmpdir, "app", "ftps")) if n.startswith(".ftptemp-")]
 
     def memory_rows(self):
-        """Category name -> (failed, allocs, frees, in use), from show ftp-server memory."""
+        # Category name -> (failed, allocs, frees, in use).
         rows = {}
         for line in self.cli("show ftp-server memory")[1].splitlines():
             parts = line.split()
@@ -218,8 +216,7 @@ class Daemon:
         return {name: row[3] for name, row in self.memory_rows().items()}
 
     def attempt(self, user, password):
-        """A new session and its replies to USER and PASS (RawClient.pass_replies); the session
-        stays open until the daemon is stopped."""
+        # A new session (open until the daemon stops) and its replies to PASS.
         c = RawClient(self.port)
         self.sessions.append(c)
         return c, c.pass_replies(user, password)
@@ -249,7 +246,7 @@ class Daemon:
         shutil.rmtree(self.dir, ignore_errors=True)
 
     def stop_checked(self):
-        """Stops and removes the daemon; a non-zero exit (a crash, a sanitizer report) fails."""
+        # A non-zero exit (a crash, a sanitizer report) fails.
         rc = self.stop()
         stderr = getattr(self, "stderr", "")
         self.cleanup()
@@ -258,7 +255,7 @@ class Daemon:
 
 
 class DaemonTestCase(unittest.TestCase):
-    """Starts one daemon per test case class unless a test makes its own."""
+    # One daemon per test case class.
 
     daemon_kwargs = {}
 
@@ -271,8 +268,13 @@ class DaemonTestCase(unittest.TestCase):
         cls.d.stop_checked()
 
 
+def in_parallel(fn, n, timeout=None):
+    # fn(0) ... fn(n - 1) at the same time, each in a thread of its own; their results (or the first exception).
+    with concurrent.futures.ThreadPoolExecutor(n) as pool:
+        return list(pool.map(fn, range(n), timeout=timeout))
+
+
 def read_file(path):
-    """The file's bytes, or None when it does not exist."""
     try:
         with open(path, "rb") as f:
             return f.read()
@@ -290,8 +292,7 @@ def wait_until(predicate, timeout=10.0, step=0.05):
 
 
 class BackEnd:
-    """A back-end server (RADIUS, trap receiver) in the foreground in a private directory, its
-    output in a file; ready once that output shows the ready text."""
+    # A back-end server (RADIUS, trap receiver) in the foreground, ready once its output shows ready.
 
     def __init__(self, prefix, files, argv, ready, env=None):
         self.dir = tempfile.mkdtemp(prefix=prefix)
@@ -327,10 +328,10 @@ class BackEnd:
 
 
 class RawClient:
-    """A control connection read reply by reply, for exact texts."""
+    # A control connection read reply by reply, for exact texts.
 
-    def __init__(self, port, host="127.0.0.1", timeout=10):
-        self.sock = socket.create_connection((host, port), timeout=timeout)
+    def __init__(self, port, host="127.0.0.1", timeout=10, source=None):
+        self.sock = socket.create_connection((host, port), timeout, (source, 0) if source else None)
         self.buf = b""
 
     def recv_line(self):
@@ -343,7 +344,7 @@ class RawClient:
         return line + b"\n"
 
     def reply(self):
-        """One whole reply (multi-line replies up to their last line), as bytes."""
+        # Multi-line replies up to their last line.
         first = self.recv_line()
         out = first
         if len(first) >= 4 and first[3:4] == b"-":
@@ -363,7 +364,7 @@ class RawClient:
         return self.reply()
 
     def closed(self, timeout=5):
-        """True when the server closes the connection without sending anything more."""
+        # Closed by the server without anything more sent.
         self.sock.settimeout(timeout)
         try:
             data = self.sock.recv(1)
@@ -382,9 +383,8 @@ class RawClient:
         return r
 
     def pass_replies(self, user, password):
-        """After the greeting: every reply to PASS (a refusal may send more than one: NOOP, which
-        is not served, marks where they end; its answer also means a session that logged in has
-        counted itself online)."""
+        # Every reply to PASS: NOOP (not served) marks where they end, and that a session that
+        # logged in has counted itself online.
         self.reply()
         assert self.cmd("USER " + user).startswith(b"331"), "USER refused"
         replies = [self.cmd("PASS " + password)]
@@ -395,7 +395,6 @@ class RawClient:
 
 
 def greeted(port, **kw):
-    """A control connection (RawClient arguments) whose greeting has been read."""
     c = RawClient(port, **kw)
     c.reply()
     return c
@@ -408,8 +407,7 @@ def logged_in(port, host="127.0.0.1"):
 
 
 def ftp_session(port, host="127.0.0.1", cls=ftplib.FTP, user="alice", password="secret1"):
-    """An ftplib client logged in (as the default user unless told); an FTP_TLS class logs in over
-    TLS and protects its data connections."""
+    # An FTP_TLS class logs in over TLS and protects its data connections.
     tls = issubclass(cls, ftplib.FTP_TLS)
     ftp = cls(context=client_context()) if tls else cls()
     ftp.connect(host, port, timeout=60)
@@ -424,15 +422,13 @@ def expect(reply, start):
 
 
 def pasv_port(reply):
-    """The port a 227 reply names."""
     expect(reply, b"227 ")
     nums = reply[reply.index(b"(") + 1:reply.index(b")")].split(b",")
     return int(nums[4]) * 256 + int(nums[5])
 
 
 def pasv_connect(c, rcvbuf=None):
-    """PASV on a RawClient and the data connection to the port it names (with a small receive
-    buffer when asked, for a client that stops reading)."""
+    # A small receive buffer for a client that stops reading.
     port = pasv_port(c.cmd("PASV"))
     s = socket.socket()
     s.settimeout(20)
@@ -443,14 +439,13 @@ def pasv_connect(c, rcvbuf=None):
 
 
 def reset(sock):
-    """Closes with a reset, as a client that vanishes does."""
+    # As a client that vanishes does.
     sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     sock.close()
 
 
 def transfer(c, verb, upload=None):
-    """PASV, verb and its data: (the replies from the first on as one byte string, the data read).
-    A client that sends or reads in vain (the server gave up) just goes on to the replies."""
+    # (the replies as one byte string, the data read); sending or reading in vain goes on to the replies.
     data = pasv_connect(c)
     c.send(verb + "\r\n")
     first = c.reply()
@@ -472,7 +467,7 @@ def transfer(c, verb, upload=None):
 
 
 def start_upload(c, name, first=b"", type_cmd="TYPE I"):
-    """The type, PASV and STOR name answered 150; sends first; returns the data connection."""
+    # STOR answered 150, its first bytes sent: the data connection.
     c.cmd(type_cmd)
     data = pasv_connect(c)
     c.send("STOR %s\r\n" % name)
@@ -483,8 +478,7 @@ def start_upload(c, name, first=b"", type_cmd="TYPE I"):
 
 
 def whole_session(c, name, content, tag=""):
-    """Goes on with a logged-in RawClient up to QUIT: TYPE I, LIST and NLST naming the file, RETR of
-    it compared with content, then STOR, SIZE and DELE of a copy."""
+    # Up to QUIT: LIST and NLST naming the file, RETR of it, then STOR, SIZE and DELE of a copy.
     assert c.cmd("TYPE I") == b"200 Type set to I.\r\n"
     for verb in ("LIST", "NLST"):
         r, listing = transfer(c, verb)
@@ -500,14 +494,12 @@ def whole_session(c, name, content, tag=""):
 
 
 def memory_idle(d, timeout=20, ignore=()):
-    """Every memory category (but those in ignore) back at zero In Use within the time-out."""
     return wait_until(lambda: all(v == 0 for k, v in d.memory_in_use().items() if k not in ignore),
                       timeout=timeout)
 
 
 def ends(sock, timeout=10):
-    """True when the peer closes the connection (after what it still sent, perhaps) within the
-    time-out; a reset counts as closed."""
+    # Closed by the peer (after what it still sent) within the time-out; a reset counts.
     sock.settimeout(timeout)
     try:
         while sock.recv(4096):
@@ -522,35 +514,40 @@ def ends(sock, timeout=10):
 # --- TLS
 
 def make_certificate(directory, name, cn="localhost"):
-    """A self-signed certificate and its key in directory: (certificate path, key path)."""
     cert, key = os.path.join(directory, name + ".pem"), os.path.join(directory, name + ".key")
     subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
                     "-out", cert, "-days", "2", "-subj", "/CN=" + cn], check=True, capture_output=True)
     return cert, key
 
 
-def client_context():
-    """A client context that takes the tests' self-signed certificates."""
+def client_context(version=None, tickets=True):
+    # Takes the tests' self-signed certificates; version caps the protocol; without tickets,
+    # TLS 1.2 resumes by session identifier (as curl does).
     ctx = ssl.create_default_context()
     ctx.check_hostname = False
     ctx.verify_mode = ssl.CERT_NONE
+    if version is not None:
+        ctx.maximum_version = version
+    if not tickets:
+        ctx.options |= ssl.OP_NO_TICKET
     return ctx
 
 
 class ResumingFTP(ftplib.FTP_TLS):
-    """ftplib whose protected data connections resume the control connection's TLS session, as
-    lftp, curl and rclone do by themselves."""
+    # Protected data connections resume the control connection's TLS session (as lftp, curl and
+    # rclone do), or the one kept (kept) right after the handshake that follows AUTH TLS.
+    kept = None
 
     def ntransfercmd(self, cmd, rest=None):
         conn, size = ftplib.FTP.ntransfercmd(self, cmd, rest)
         if self._prot_p:
-            conn = self.context.wrap_socket(conn, server_hostname=self.host, session=self.sock.session)
+            session = self.kept if self.kept is not None else self.sock.session
+            conn = self.context.wrap_socket(conn, server_hostname=self.host, session=session)
         return conn, size
 
 
 def tls_handshake(port):
-    """AUTH TLS and a whole handshake, then the connection is closed; the served certificate's
-    sha256."""
+    # AUTH TLS and a whole handshake, then closed: the served certificate's sha256.
     c = greeted(port)
     expect(c.cmd("AUTH TLS"), b"234 ")
     with client_context().wrap_socket(c.sock) as s:
@@ -558,7 +555,7 @@ def tls_handshake(port):
 
 
 def half_handshake(port):
-    """AUTH TLS and the first half of a ClientHello, then nothing more: the RawClient."""
+    # AUTH TLS and the first half of a ClientHello, then nothing more.
     c = greeted(port, timeout=150)
     expect(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
     bios = ssl.MemoryBIO(), ssl.MemoryBIO()

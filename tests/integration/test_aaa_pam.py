@@ -1,6 +1,6 @@
-"""The pam method: a Linux account and a PAM service file made by the test log in through the
-daemon; a wrong password and an unknown account are refused. Needs root (accounts and
-/etc/pam.d); everything made is removed."""
+# The pam method: a Linux account and a PAM service file made by the test log in through the daemon; a wrong
+# password and an unknown account are refused. Needs root (accounts and /etc/pam.d); everything made is
+# removed.
 # ctest-labels: pam
 
 import os

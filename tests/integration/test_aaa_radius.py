@@ -1,6 +1,6 @@
-"""AAA method lists against a real RADIUS server (FreeRADIUS on a loopback port, from a private
-directory): accept, reject, challenges, an unreachable server falling through to the local
-database, a list that starts with none, and an unknown list name."""
+# AAA method lists against a real RADIUS server (FreeRADIUS on a loopback port, from a private directory):
+# accept, reject, challenges, an unreachable server falling through to the local database, a list that starts
+# with none, and an unknown list name.
 # ctest-labels: radius
 
 import os

@@ -1,14 +1,13 @@
-"""fail2ban: the packaged filter, run by fail2ban-regex over the real daemon's log, finds exactly
-the failed logins with the address each came from (IPv4 and IPv6), in the log file's form and in
-the form syslog writes. A successful login gives nothing, and a client that writes a failed-login
-line of another address into its user name, its password or any command (which the debug lines
-repeat) cannot get that address banned."""
+# fail2ban: the packaged filter, run by fail2ban-regex over the real daemon's log, finds exactly the failed
+# logins with the address each came from (IPv4 and IPv6), in the log file's form and in the form syslog
+# writes. A successful login gives nothing, and a client that writes a failed-login line of another address
+# into its user name, its password or any command (which the debug lines repeat) cannot get that address
+# banned.
 
 import os
 import shutil
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
@@ -29,12 +28,7 @@ class Fail2banFilterTest(unittest.TestCase):
         # Installed by the set-up: a missing one fails, never skips.
         assert shutil.which("fail2ban-regex"), "fail2ban-regex is not installed: run `make setup`"
         cls.d = Daemon(extra_platform={"ftp.profile": "standard", "ftp.login_fail_delay": "0"}).start()
-        cls.dir = tempfile.mkdtemp(prefix="ftps-f2b")
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.dir, ignore_errors=True)
-        cls.d.stop_checked()
+        cls.addClassCleanup(cls.d.stop_checked)
 
     def failed_login(self, host, user, password="wrong", then=()):
         c = RawClient(self.d.port, host)
@@ -52,7 +46,7 @@ class Fail2banFilterTest(unittest.TestCase):
         return [line for line in self.d.logtext().splitlines() if line[20:].startswith("%FTPSRV-5-LOGIN_FAIL: ")]
 
     def banned(self, log):
-        """The address of every line the filter matches, in order."""
+        # The address of every line the filter matches, in order.
         r = subprocess.run(["fail2ban-regex", "-o", "ip", log, FILTER], capture_output=True, text=True,
                            timeout=120)
         self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
@@ -75,7 +69,7 @@ class Fail2banFilterTest(unittest.TestCase):
         self.assertIn("(RECV)   SITE " + LINE.format(4), log)  # the forged line is there, in a debug line
         self.assertEqual(self.banned(self.d.log), expected)
         # The same lines as syslog files have them: the time, the host, the ident and pid.
-        syslog = os.path.join(self.dir, "syslog")
+        syslog = os.path.join(self.d.dir, "syslog")
         stamp = time.strftime("%b %d %H:%M:%S")
         with open(syslog, "w") as f:
             for line in log.splitlines():

@@ -1,7 +1,7 @@
-"""Fault injection: the accounted allocator made to fail once, for each memory category on the
-paths that use it (the daemon's test switch FTPS_TEST_MEMFAIL=TYPE:N fails the N-th allocation of
-that category after start); each failure is answered as designed, nothing leaks and the daemon
-keeps serving. Also a full file system under an upload."""
+# Fault injection: the accounted allocator made to fail once, for each memory category on the paths that use
+# it (the daemon's test switch FTPS_TEST_MEMFAIL=TYPE:N fails the N-th allocation of that category after
+# start); each failure is answered as designed, nothing leaks and the daemon keeps serving. Also a full file
+# system under an upload.
 
 import os
 import subprocess
@@ -40,9 +40,9 @@ class MemoryFaultTest(unittest.TestCase):
         d.stop_checked()
 
     def inject(self, category, nth, scenario):
-        """Runs scenario(daemon) with the nth allocation of category after start-up failing;
-        then expects exactly one failure counted, every row back to zero In Use, a whole
-        session served, and a clean exit."""
+        # Runs scenario(daemon) with the nth allocation of category after start-up failing; then
+        # expects exactly one failure counted, every row back to zero In Use, a whole session served,
+        # and a clean exit.
         d = new_daemon()
         try:
             n = self.startup[ROW[category]] + nth
@@ -92,7 +92,7 @@ class MemoryFaultTest(unittest.TestCase):
 
     def test_transfer_listing_and_path_failures(self):
         def exchange(verb, expected, type_cmd=None, upload=None):
-            """One command (a transfer when it needs data) after login and its exact replies."""
+            # One command (a transfer when it needs data) after login and its exact replies.
             def scenario(d):
                 c = logged_in(d.port)
                 if type_cmd:
@@ -133,7 +133,7 @@ class MemoryFaultTest(unittest.TestCase):
 
 
 class DiskFullTest(unittest.TestCase):
-    """An upload larger than the file system: 452 and no file left."""
+    # An upload larger than the file system: 452 and no file left.
 
     def setUp(self):
         self.d = new_daemon()

@@ -1,12 +1,12 @@
-"""Explicit FTPS in the standard profile against clients that break its rules.
-
-A client that sends USER in clear text is refused before its password leaves it. Hostile input
-(garbage instead of a ClientHello, a handshake cut short, a plain-text or foreign data connection
-under PROT P, a flood of handshakes beside a download) gets a clear reply or a closed connection,
-and the daemon's memory and descriptors return to where they were. Also: require = all with
-require_reuse = no, SIGHUP taking up a new certificate, and a certificate that cannot be loaded
-stopping start-up. Real clients over FTPS: test_real_clients.py; the device profile answering
-AUTH 502 whatever the platform file says: test_standard_profile.py."""
+# Explicit FTPS in the standard profile against clients that break its rules.
+#
+# A client that sends USER in clear text is refused before its password leaves it. Hostile input (garbage
+# instead of a ClientHello, a handshake cut short, a plain-text or foreign data connection under PROT P, a
+# flood of handshakes beside a download) gets a clear reply or a closed connection, and the daemon's memory
+# and descriptors return to where they were. Also: require = all with require_reuse = no, SIGHUP taking up a
+# new certificate, and a certificate that cannot be loaded stopping start-up. Real clients over FTPS:
+# test_real_clients.py; the device profile answering AUTH 502 whatever the platform file says:
+# test_standard_profile.py.
 
 import ftplib
 import io
@@ -24,14 +24,14 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import clients  # noqa: E402
-from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted,  # noqa: E402
+from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted, in_parallel,  # noqa: E402
                           half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
 
 TLS_PROFILE = {"ftp.profile": "standard"}
 
 
 def tls_session(port, cls=ResumingFTP):
-    """Logged in over TLS, data connections protected."""
+    # Logged in over TLS, data connections protected.
     return ftp_session(port, cls=cls)
 
 
@@ -50,7 +50,7 @@ class TlsDaemonCase(unittest.TestCase):
         return self.d.memory_in_use().get("TLS")
 
     def settled(self, fds, tls):
-        """Descriptors and TLS allocations back where they were once the sessions have ended."""
+        # Descriptors and TLS allocations back where they were once the sessions have ended.
         ok = wait_until(lambda: self.d.descriptors() == fds and self.tls_in_use() == tls, timeout=20)
         self.assertTrue(ok, "descriptors %d (was %d), TLS in use %s (was %s)"
                         % (self.d.descriptors(), fds, self.tls_in_use(), tls))
@@ -59,7 +59,7 @@ class TlsDaemonCase(unittest.TestCase):
 
 
 class RequiredLogin(TlsDaemonCase):
-    """The defaults with a certificate: require = login, require_reuse = yes."""
+    # The defaults with a certificate: require = login, require_reuse = yes.
 
     def baseline(self):
         # The library sets up its tables on first use, some only once handshakes overlap: a
@@ -68,11 +68,7 @@ class RequiredLogin(TlsDaemonCase):
         ftp = tls_session(self.d.port)
         ftp.nlst()
         ftp.quit()
-        burst = [threading.Thread(target=lambda: [tls_handshake(self.d.port) for _ in range(5)]) for _ in range(4)]
-        for t in burst:
-            t.start()
-        for t in burst:
-            t.join()
+        in_parallel(lambda _: [tls_handshake(self.d.port) for _ in range(5)], 4)
         time.sleep(1)
         return self.d.descriptors(), self.tls_in_use()
 
@@ -168,8 +164,8 @@ class RequiredLogin(TlsDaemonCase):
 
 
 class RequiredAll(TlsDaemonCase):
-    """require = all with require_reuse = no: stock ftplib, whose data connections start new TLS
-    sessions, works; clear data connections do not."""
+    # require = all with require_reuse = no: stock ftplib, whose data connections start new TLS sessions,
+    # works; clear data connections do not.
 
     tls_settings = {"tls.require": "all", "tls.require_reuse": "no"}
 

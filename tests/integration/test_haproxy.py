@@ -1,8 +1,8 @@
-"""HAProxy (Debian's package) in front of two daemons that serve one shared directory, all on
-loopback: the control port balanced with send-proxy-v2, each daemon's passive range forwarded to
-it with send-proxy-v2 too, the daemons announcing the balancer's address. lftp and curl, from an
-address of their own, upload and download through the balancer; both daemons serve sessions, and
-their transfer logs name the client's address, not the balancer's."""
+# HAProxy (Debian's package) in front of two daemons that serve one shared directory, all on loopback: the
+# control port balanced with send-proxy-v2, each daemon's passive range forwarded to it with send-proxy-v2
+# too, the daemons announcing the balancer's address. lftp and curl, from an address of their own, upload and
+# download through the balancer; both daemons serve sessions, and their transfer logs name the client's
+# address, not the balancer's.
 
 import os
 import shutil
@@ -10,19 +10,18 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import clients  # noqa: E402
-from ftps_harness import Daemon, free_port, listening, wait_until  # noqa: E402
+from ftps_harness import Daemon, free_port, listening, read_file, wait_until  # noqa: E402
 
 BALANCER, CLIENT = "127.0.0.5", "127.0.0.9"  # the balancer's source address; the clients'
 BACKENDS = ("127.0.0.2", "127.0.0.3")
 
 
 def free_range(n=10):
-    """n consecutive ports free on loopback."""
+    # n consecutive ports free on loopback.
     for base in range(41000, 60000, 97):
         try:
             socks = [socket.create_server(("127.0.0.1", p)) for p in range(base, base + n)]
@@ -63,15 +62,10 @@ class HaproxyTest(unittest.TestCase):
             f.write("\n".join(config + control + passive) + "\n")
         cls.addClassCleanup(os.unlink, cfg)
         cls.proxy = subprocess.Popen(["haproxy", "-db", "-f", cfg], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        cls.addClassCleanup(cls.stop_proxy)
+        cls.addClassCleanup(lambda: (cls.proxy.terminate(), cls.proxy.wait(timeout=10)))
         assert wait_until(lambda: listening(cls.port)), "haproxy did not listen"
         cls.work = tempfile.mkdtemp(prefix="ftps-ha-client")
         cls.addClassCleanup(shutil.rmtree, cls.work, True)
-
-    @classmethod
-    def stop_proxy(cls):
-        cls.proxy.terminate()
-        cls.proxy.wait(timeout=10)
 
     def run_client(self, argv):
         r = subprocess.run(argv, cwd=self.work, capture_output=True, timeout=120)
@@ -90,14 +84,12 @@ class HaproxyTest(unittest.TestCase):
             self.run_client(curl + ["-T", src, url + "curl%d.bin" % i])
             self.assertEqual(self.run_client(curl + [url + "curl%d.bin" % i]), data)
             self.run_client(lftp[:2] + [lftp[2] + "put -O / up.bin -o lftp%d.bin; get lftp%d.bin -o back%d.bin" % (i, i, i)])
-            with open(os.path.join(self.work, "back%d.bin" % i), "rb") as f:
-                self.assertEqual(f.read(), data)
+            self.assertEqual(read_file(os.path.join(self.work, "back%d.bin" % i)), data)
         for name in ("curl0.bin", "curl1.bin", "lftp0.bin", "lftp1.bin"):
-            with open(os.path.join(self.shared, name), "rb") as f:
-                self.assertEqual(f.read(), data, name)
+            self.assertEqual(read_file(os.path.join(self.shared, name)), data, name)
         # Both daemons served transfers, and logged the client, never the balancer.
         for d in self.daemons:
-            log = open(os.path.join(os.path.dirname(d.platform), "xfer.log")).read()
+            log = read_file(os.path.join(d.dir, "xfer.log")).decode()
             self.assertIn(" %s " % CLIENT, log, log)
             self.assertNotIn(" %s " % BALANCER, log)
 

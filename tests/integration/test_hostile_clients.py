@@ -1,9 +1,8 @@
-"""Clients that misbehave, on purpose or by bad luck, against one daemon: none of them may pin a
-session, leak a descriptor, take another client's data, or touch a file that a name too long for
-its real path would name cut short; well-behaved clients around them are served as before. (A
-half-closed control connection and a third party on the passive port are soak kinds:
-test_soak.py; sessions that give back another's count or slot: test_local_database.py,
-test_sessions.py.)"""
+# Clients that misbehave, on purpose or by bad luck, against one daemon: none of them may pin a session, leak
+# a descriptor, take another client's data, or touch a file that a name too long for its real path would name
+# cut short; well-behaved clients around them are served as before. (A half-closed control connection and a
+# third party on the passive port are soak kinds: test_soak.py; sessions that give back another's count or
+# slot: test_local_database.py, test_sessions.py.)
 
 import os
 import re
@@ -14,8 +13,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, logged_in,  # noqa: E402
-                          memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
+from ftps_harness import (SANITIZED, Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, in_parallel,  # noqa: E402
+                          logged_in, memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
 # Deep enough that a name fitting one command line can be too long for its real path.
@@ -48,8 +47,8 @@ class HostileClientsTest(DaemonTestCase):
         self.assertTrue(wait_until(lambda: self.d.descriptors() <= baseline), (self.d.descriptors(), baseline))
 
     def test_concurrent_passive_ports_and_listings(self):
-        """Sessions that open passive ports and list at the same moment all succeed, with no
-        session waiting for another's port."""
+        # Sessions that open passive ports and list at the same moment all succeed, with no session
+        # waiting for another's port.
         n = 16
         failures = []
         slowest = [0.0]
@@ -75,11 +74,7 @@ class HostileClientsTest(DaemonTestCase):
             except Exception as e:  # noqa: BLE001
                 failures.append(repr(e))
 
-        threads = [threading.Thread(target=client, args=(i,)) for i in range(n)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join(120)
+        in_parallel(client, n, timeout=120)
         self.assertEqual(failures, [])
         if not SANITIZED:
             # A port drawn twice used to cost the loser a back-off of a whole second.
@@ -95,8 +90,8 @@ class HostileClientsTest(DaemonTestCase):
         c.close()
 
     def test_names_whose_real_path_does_not_fit_touch_nothing(self):
-        """The real path of each name is longer than the path buffer; cut short it would name an
-        existing file or directory, which must stay as it is."""
+        # The real path of each name is longer than the path buffer; cut short it would name an
+        # existing file or directory, which must stay as it is.
         d200 = "d" * 200
         real = os.path.join(self.d.flash, TOP, d200) + "/"
         os.makedirs(real)
@@ -133,7 +128,7 @@ class HostileClientsTest(DaemonTestCase):
 
 
 def listener(host="127.0.0.1"):
-    """A listening socket on host at a free port, and that port."""
+    # A listening socket on host at a free port, and that port.
     family = socket.AF_INET6 if ":" in host else socket.AF_INET
     s = socket.socket(family)
     s.bind((host, 0))
@@ -152,9 +147,8 @@ def accepted(s):
 
 
 class SecondRoundTest(unittest.TestCase):
-    """Both profiles: what a refused address command parsed, a second USER, a client that leaves
-    while its data connection is awaited, the top directory itself, passive listeners across
-    address families."""
+    # Both profiles: what a refused address command parsed, a second USER, a client that leaves while its
+    # data connection is awaited, the top directory itself, passive listeners across address families.
 
     @classmethod
     def setUpClass(cls):

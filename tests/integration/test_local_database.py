@@ -1,7 +1,6 @@
-"""Logins decided by the local user database, through a method list and with the method-list
-model switched off: the online limit (with its notice in the log), an online amount of 0, login
-modes without FTP, refused remote login, hashed secrets, long account names, and the online count
-given back at session end."""
+# Logins decided by the local user database, through a method list and with the method-list model switched
+# off: the online limit (with its notice in the log), an online amount of 0, login modes without FTP, refused
+# remote login, hashed secrets, long account names, and the online count given back at session end.
 
 import os
 import re
@@ -15,42 +14,24 @@ OK = b"230 User logged in, proceed.\r\n"
 # The account checks refuse after the password was accepted: one reply only.
 REFUSED_BY_ACCOUNT = [b"530 Not logged in.\r\n"]
 
-USER_DATABASE = """
+# Accounts with a password: name, password, further keys, the replies to their login. Names that share
+# their first 44 characters are accounts of their own, up to the 63 characters USER takes.
+ACCOUNTS = [("zero", "zer0pass", "online_amount = 0", REFUSED_BY_ACCOUNT),
+            ("telnetonly", "teln3t", "login_mode = 0x01", REFUSED_BY_ACCOUNT),  # a login mode without FTP
+            ("ftpmode", "ftpm0de", "login_mode = 0x11", [OK]),
+            ("norlogin", "norl0gin", "reject_remote_login = yes", REFUSED_BY_ACCOUNT),
+            ("a" * 44, "pass44", "", [OK]), ("a" * 50, "pass50", "", [OK]), ("a" * 63, "pass63", "", [OK])]
+# A name longer than the database holds is reported, and its keys go nowhere.
+USER_DATABASE = "".join("[user %s]\npassword = %s\n%s\n" % row[:3] for row in ACCOUNTS) + """
 [user limited]
 password = lim1ted
 online_amount = 2
-
-[user zero]
-password = zer0pass
-online_amount = 0
-
-[user telnetonly]
-password = teln3t
-login_mode = 0x01
-
-[user ftpmode]
-password = ftpm0de
-login_mode = 0x11
-
-[user norlogin]
-password = norl0gin
-reject_remote_login = yes
-
 [user hashed]
 ; crypt(3) SHA-512 of "hashpass1"
 secret = $6$ftpstest$l.aL31DcAc1YdNn4aieRZqQ0tr./7o/OyM6w8qHM3s06DhBYV.9/VbvEVTNEEjpdCB73NvOUBa1dDqQ3qohZB/
-
-; Names that share their first 44 characters are accounts of their own, up to the 63 characters
-; USER takes; a name longer than the database holds is reported, and its keys go nowhere.
-[user {a44}]
-password = pass44
-[user {a50}]
-password = pass50
-[user {a63}]
-password = pass63
 [user {a65}]
 password = pass65
-""".format(a44="a" * 44, a50="a" * 50, a63="a" * 63, a65="a" * 65)
+""".format(a65="a" * 65)
 TOO_LONG_LINE = USER_DATABASE.splitlines().index("[user %s]" % ("a" * 65)) + 1
 
 
@@ -77,16 +58,8 @@ class LocalDatabaseBase:
         first.cmd("USER other")
         first.cmd("QUIT")
         self.assertTrue(wait_until(lambda: self.d.attempt("limited", "lim1ted")[1] == [OK], 10, 0.2))
-        for user, password, expected in (
-                ("zero", "zer0pass", REFUSED_BY_ACCOUNT),  # online amount 0
-                ("telnetonly", "teln3t", REFUSED_BY_ACCOUNT),  # login mode without FTP
-                ("ftpmode", "ftpm0de", [OK]),
-                ("norlogin", "norl0gin", REFUSED_BY_ACCOUNT),
-                ("hashed", "hashpass1", [OK]),
-                ("hashed", "hashpass2", [b"530 Password access denied.\r\n"] * 2),
-                ("a" * 44, "pass44", [OK]),
-                ("a" * 50, "pass50", [OK]),
-                ("a" * 63, "pass63", [OK])):
+        for user, password, _, expected in ACCOUNTS + [("hashed", "hashpass1", "", [OK]),
+                                                       ("hashed", "hashpass2", "", [b"530 Password access denied.\r\n"] * 2)]:
             with self.subTest(user=user, password=password):
                 self.assertEqual(self.d.attempt(user, password)[1], expected)
         # Reported when the file was loaded (at the first login), with its file, line and section.

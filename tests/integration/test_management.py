@@ -1,10 +1,9 @@
-"""The process and its management interface against the real daemon: command line, single
-instance, debug switches, memory table, signals and ftps-cli's exit codes; ftps-cli on a
-pseudo-terminal ('?' lists the next keywords with their help texts and keeps the line, Tab
-completes, an error puts a caret under the bad word); refusals with their exact messages (and
-nothing changed), malformed type-7 passwords among them; and write / restart / write round trips
-of the saved configuration: plain passwords as typed, then service-password encryption switched
-at run time (plain users turn into type-7 lines for good)."""
+# The process and its management interface against the real daemon: command line, single instance, debug
+# switches, memory table, signals and ftps-cli's exit codes; ftps-cli on a pseudo-terminal ('?' lists the next
+# keywords with their help texts and keeps the line, Tab completes, an error puts a caret under the bad word);
+# refusals with their exact messages (and nothing changed), malformed type-7 passwords among them; and write /
+# restart / write round trips of the saved configuration: plain passwords as typed, then service-password
+# encryption switched at run time (plain users turn into type-7 lines for good).
 
 import errno
 import fcntl
@@ -42,7 +41,7 @@ ESCAPE = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
 
 
 class Terminal:
-    """ftps-cli with a pseudo-terminal as its controlling terminal, COLUMNS wide."""
+    # ftps-cli with a pseudo-terminal as its controlling terminal, COLUMNS wide.
 
     def __init__(self, env):
         pid, fd = pty.fork()
@@ -66,7 +65,7 @@ class Terminal:
                     raise
 
     def text(self):
-        """The output without cursor movements, bells and carriage returns."""
+        # The output without cursor movements, bells and carriage returns.
         return ESCAPE.sub("", self.raw.decode(errors="replace")).replace("\r", "").replace("\x07", "")
 
     def expect(self, predicate, what):
@@ -91,8 +90,8 @@ class Terminal:
         os.write(self.fd, keys.encode())
 
     def run(self, line):
-        """Types a line and Enter; returns what the terminal showed from the prompt of that line
-        to the next prompt."""
+        # Types a line and Enter; returns what the terminal showed from the prompt of that line to the
+        # next prompt.
         start = self.mark()
         self.type(line + "\r")
         shown = self.expect(lambda t: len(t) > start + len(line) and t.endswith(PROMPT), "the next prompt")
@@ -108,7 +107,7 @@ class Terminal:
 
 
 def listing(text):
-    """(name, help) pairs of a help listing: its rows are indented by two blanks."""
+    # (name, help) pairs of a help listing: its rows are indented by two blanks.
     rows = [re.split(r"\s{2,}", l.strip(), maxsplit=1) for l in text.split("\n")
             if l.startswith("  ") and l.strip()]
     return [(r[0], r[1] if len(r) > 1 else "") for r in rows]
@@ -203,7 +202,7 @@ class ManagementTest(Configuration, DaemonTestCase):
                      "% The number of users has reached the maximum value.\n")
 
     def help_for(self, partial):
-        """Types partial and '?'; returns the listing and checks the line is kept as typed."""
+        # Types partial and '?'; returns the listing and checks the line is kept as typed.
         start = self.t.mark()
         self.t.type(partial + "?")
         shown = self.t.expect(lambda t: t[start:].endswith(PROMPT + partial), "the line again after the listing")
@@ -260,9 +259,9 @@ class RestartTest(Configuration, unittest.TestCase):
         self.assertFalse(self.d.port_open())
 
     def round_trip(self, sig, status):
-        """write, stop by sig (the daemon's exit status: status), restart, write: the daemon comes
-        back with the same running configuration and writes the same file again; returns that
-        configuration."""
+        # write, stop by sig (the daemon's exit status: status), restart, write: the daemon comes back
+        # with the same running configuration and writes the same file again; returns that
+        # configuration.
         first = self.running()
         self.assertEqual(self.d.cli("write")[0], 0)
         saved = read_file(self.d.startup)
@@ -287,31 +286,19 @@ class RestartTest(Configuration, unittest.TestCase):
         self.assertIn("ftp-server username dave password d4ve  7 0\n", first)
         self.assertIn("ftp-server username sam password 07 s4m\n", first)
 
-        lines = [
-            "ftp-server topdir flash:/pub",
-            "ftp-server timeout 30",
-            "ftp-server login timeout 5",
-            "ftp-server login times 4",
-            "ftp-server authentication default",
-            "ftp-server max-user-connect 5",
-            "ftp-server username bob password b0bpass",
-            "service password-encryption",
-            "ftp-server username carol password Zk4mVt9q",
-        ]
-        for line in lines:
+        kept = ["ftp-server topdir flash:/pub", "ftp-server timeout 30", "ftp-server login timeout 5",
+                "ftp-server login times 4", "ftp-server authentication default"]
+        for line in kept + ["ftp-server max-user-connect 5", "ftp-server username bob password b0bpass",
+                            "service password-encryption", "ftp-server username carol password Zk4mVt9q"]:
             self.assertEqual(self.d.cli(line), (0, ""), line)
         first = self.round_trip(signal.SIGTSTP, 1)
-        for expect in ["ftp-server topdir flash:/pub\n", "ftp-server timeout 30\n",
-                       "ftp-server login timeout 5\n", "ftp-server login times 4\n",
-                       "ftp-server authentication default\n", "ftp-server enable\n",
-                       "service password-encryption\n"]:
-            self.assertIn(expect, first)
+        for line in kept + ["ftp-server enable", "service password-encryption"]:
+            self.assertIn(line + "\n", first)
         self.assertNotIn("max-user-connect", first)
         # With encryption on, every user is written in type-7 form, those added before it too.
         for user, password in (("alice", "secret1"), ("bob", "b0bpass"), ("carol", "Zk4mVt9q")):
             self.assertRegex(first, r"(?m)^ftp-server username %s password 7 \S{%d}$" % (user, 2 + 2 * len(password)))
-        self.assertNotIn("Zk4mVt9q", first)
-        self.assertNotIn("b0bpass", first)
+        self.assertFalse("Zk4mVt9q" in first or "b0bpass" in first)
         # Switched off again, the users read while it was on keep their type-7 lines.
         self.assertEqual(self.d.cli("no service password-encryption"), (0, ""))
         self.assertEqual([l for l in self.running().splitlines() if "username" in l],

@@ -1,9 +1,9 @@
-"""What an administrator needs to run the standard profile on a real host, against the real
-daemon: accounts of the local user database with homes of their own, read-only and not; the
-session limit and its per-user default; one address unable to take every session; the passive
-address and port range announced behind NAT; the PROXY protocol from a balancer's address (the
-client's real address in logs, limits and data-peer checks) and from nobody else; the transfer
-log, reopened on SIGHUP. (HAProxy itself in front of two daemons: test_haproxy.py.)"""
+# What an administrator needs to run the standard profile on a real host, against the real daemon: accounts of
+# the local user database with homes of their own, read-only and not; the session limit and its per-user
+# default; one address unable to take every session; the passive address and port range announced behind NAT;
+# the PROXY protocol from a balancer's address (the client's real address in logs, limits and data-peer
+# checks) and from nobody else; the transfer log, reopened on SIGHUP. (HAProxy itself in front of two daemons:
+# test_haproxy.py.)
 
 import os
 import re
@@ -37,7 +37,7 @@ def proxy_v1(src, port=40000):
 
 
 def silent_end(sock, timeout=15):
-    """What the peer sent before it closed (a reset counts as closed)."""
+    # What the peer sent before it closed (a reset counts as closed).
     sock.settimeout(timeout)
     got = b""
     try:
@@ -66,26 +66,18 @@ class OperationsTest(unittest.TestCase):
         cls.d.stop_checked()
 
     def login(self, user, password, source="127.0.0.1", header=None):
-        c = self.connect(source, header) if header is None else self.proxied(header)
+        c = self.connect(source) if header is None else self.proxied(header)
         c.login(user, password)
         return c
 
-    def connect(self, source, header=None):
-        """A control connection from a source address; from the balancer's, one that opens with a
-        PROXY header."""
-        family = socket.AF_INET6 if ":" in source else socket.AF_INET
-        s = socket.socket(family)
-        s.settimeout(20)
-        s.bind((source, 0))
-        s.connect(("::1" if family == socket.AF_INET6 else "127.0.0.1", self.d.port))
-        if header is not None:
-            s.sendall(header)
-        c = RawClient.__new__(RawClient)
-        c.sock, c.buf = s, b""
-        return c
+    def connect(self, source):
+        return RawClient(self.d.port, "::1" if ":" in source else "127.0.0.1", 20, source)
 
     def proxied(self, header):
-        return self.connect("127.0.0.5", header)
+        # From the balancer's address, opening with a PROXY header.
+        c = self.connect("127.0.0.5")
+        c.send(header)
+        return c
 
     def test_homes_and_read_only_accounts(self):
         r = self.login("reader", "read3r")

@@ -1,12 +1,11 @@
-"""The service under administrative stress and transfers that do not end well, against one daemon:
-disabling the service aborts a download (426), an upload (426, no file left), a listing whose
-client stopped reading, and every session at once, and closes both ports until it is enabled
-again; disabling and enabling at once with sessions
-open reopens both ports every time; stop messages that nobody asked for start no session; SIGHUP
-from log rotation reopens the log; management connections that never send or never finish a
-request lock nobody out; no path leaves the top directory, and with the top directory at "/" the
-system trees are hidden and refused. (A reset upload: test_soak.py leaves no partial file,
-test_standard_profile.py checks its reply.)"""
+# The service under administrative stress and transfers that do not end well, against one daemon: disabling
+# the service aborts a download (426), an upload (426, no file left), a listing whose client stopped reading,
+# and every session at once, and closes both ports until it is enabled again; disabling and enabling at once
+# with sessions open reopens both ports every time; stop messages that nobody asked for start no session;
+# SIGHUP from log rotation reopens the log; management connections that never send or never finish a request
+# lock nobody out; no path leaves the top directory, and with the top directory at "/" the system trees are
+# hidden and refused. (A reset upload: test_soak.py leaves no partial file, test_standard_profile.py checks
+# its reply.)
 
 import ftplib
 import os
@@ -26,7 +25,7 @@ REQ_EXEC, REQ_PROMPT, RSP_OUTPUT, RSP_END = 1, 4, 0x81, 0x82
 
 
 def cli_request(sock, kind, payload=b""):
-    """One request on a raw management connection: (status, output)."""
+    # One request on a raw management connection: (status, output).
     sock.sendall(struct.pack("!IB", len(payload), kind) + payload)
     frames, out = sock.makefile("rb"), b""
     while True:

@@ -1,6 +1,6 @@
-"""Authentication-failure traps received by a real trap receiver (snmptrapd on a loopback port):
-exactly one per failed USER or PASS, none for a successful login, and the session goes on
-answering while a second sink that nobody listens on gets its copies."""
+# Authentication-failure traps received by a real trap receiver (snmptrapd on a loopback port): exactly one
+# per failed USER or PASS, none for a successful login, and the session goes on answering while a second sink
+# that nobody listens on gets its copies.
 # ctest-labels: snmp
 
 import os
@@ -44,9 +44,9 @@ class SnmpTrapTest(unittest.TestCase):
         return d, c
 
     def expect_exactly(self, n, before, d, *sentinel):
-        """n traps since before: one more failure (the sentinel's commands, in a session of their
-        own) must bring exactly n + 1, so that a duplicate of an earlier trap cannot hide behind a
-        slow receiver."""
+        # n traps since before: one more failure (the sentinel's commands, in a session of their own)
+        # must bring exactly n + 1, so that a duplicate of an earlier trap cannot hide behind a slow
+        # receiver.
         s = greeted(d.port)
         for line in sentinel:
             s.cmd(line)

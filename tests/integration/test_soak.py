@@ -1,13 +1,13 @@
-"""Soak: thousands of sessions, one after another and several at once, mixing whole sessions
-(login, LIST, NLST, RETR, STOR, SIZE, DELE, QUIT) with clients that vanish (before the greeting,
-after login, in a download, an upload or a listing, with a half-sent line or an unused passive
-port) and hostile ones (a half-closed control connection, a flood of PASV, a third party on the
-passive port, names too long for their real path, a wrong password, replies never read), and
-against a second daemon serving FTPS a TLS mix (whole protected sessions, strangers first on a
-protected data port, floods of unauthenticated handshakes, KeyUpdate floods, uploads cut without
-the closing alert). One session of each kind runs before the baseline. Afterwards memory and
-descriptors of both daemons are at the baseline, no temporary or partial file is left, and both
-still serve. The long form runs for twenty minutes."""
+# Soak: thousands of sessions, one after another and several at once, mixing whole sessions
+# (login, LIST, NLST, RETR, STOR, SIZE, DELE, QUIT) with clients that vanish (before the greeting,
+# after login, in a download, an upload or a listing, with a half-sent line or an unused passive
+# port) and hostile ones (a half-closed control connection, a flood of PASV, a third party on the
+# passive port, names too long for their real path, a wrong password, replies never read), and
+# against a second daemon serving FTPS a TLS mix (whole protected sessions, strangers first on a
+# protected data port, floods of unauthenticated handshakes, KeyUpdate floods, uploads cut without
+# the closing alert). One session of each kind runs before the baseline. Afterwards memory and
+# descriptors of both daemons are at the baseline, no temporary or partial file is left, and both
+# still serve. The long form runs for twenty minutes.
 
 # ctest-labels: long
 
@@ -26,8 +26,8 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import (Daemon, RawClient, ResumingFTP, client_context, expect, memory_idle,  # noqa: E402
-                          pasv_connect, pasv_port, read_file, reset, tls_handshake, wait_until, whole_session)
-from test_tls_attacks import KeyUpdates  # noqa: E402
+                          pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
+from test_tls_attacks import key_update_flood  # noqa: E402
 
 SMALL = os.urandom(48 * 1024)
 BIG_SIZE = 8 << 20
@@ -37,7 +37,7 @@ TOP = "s" * 40
 
 
 class Refused(Exception):
-    """A connection limit refused the session: before the greeting, or at the user's limit."""
+    pass  # a connection limit refused the session: before the greeting, or at the user's limit
 
 
 def session(port, user, password="secret1", answer=b"230", login=True):
@@ -70,7 +70,7 @@ def vanish_after_login(port, user, tag):
 
 
 def vanish_in_transfer(verb, type_="I", stall=0.0):
-    """Vanishes once some bytes moved (after a while of not reading, with stall)."""
+    # Vanishes once some bytes moved (after a while of not reading, with stall).
     def kind(port, user, tag):
         c = session(port, user)
         c.cmd("TYPE " + type_)
@@ -94,7 +94,7 @@ def half_line(port, user, tag):
 
 
 def half_closed(login):
-    """A client that shuts its sending side gets at most one reply, then the session ends."""
+    # A client that shuts its sending side gets at most one reply, then the session ends.
     def kind(port, user, tag):
         c = session(port, user, login=login)
         c.sock.shutdown(socket.SHUT_WR)
@@ -107,7 +107,7 @@ def half_closed(login):
 
 
 def passive_flood(count):
-    """Asks for count passive ports (the last one unused) and quits."""
+    # Asks for count passive ports (the last one unused) and quits.
     def kind(port, user, tag):
         c = session(port, user)
         for _ in range(count):
@@ -118,8 +118,8 @@ def passive_flood(count):
 
 
 def passive_thief(port, user, tag):
-    """A connection to the passive port from another address is closed without a byte of the
-    file, and the client's own connection still gets the whole file."""
+    # A connection to the passive port from another address is closed without a byte of the
+    # file, and the client's own connection still gets the whole file.
     c = session(port, user)
     c.cmd("TYPE I")
     data_port = pasv_port(c.cmd("PASV"))
@@ -189,7 +189,7 @@ def epsv(ftp):
 
 
 def refused(ftp, why):
-    """The final reply of a transfer that must not complete."""
+    # The final reply of a transfer that must not complete.
     try:
         ftp.getresp()
     except ftplib.error_temp:
@@ -208,8 +208,8 @@ def tls_whole(port, user, tag):
 
 
 def tls_first_comer(port, user, tag):
-    """A stranger at the client's own address, first on the protected data port, gets nothing and
-    the transfer is refused."""
+    # A stranger at the client's own address, first on the protected data port, gets nothing and
+    # the transfer is refused.
     ftp = tls_login(port, user)
     data_port = epsv(ftp)
     ftp.putcmd("RETR small.bin")
@@ -237,32 +237,17 @@ def tls_handshake_flood(port, user, tag):
 
 
 def tls_key_updates(port, user, tag):
-    """A TLS 1.3 handshake after AUTH TLS, a few thousand KeyUpdate requests, then a reset."""
+    # A TLS 1.3 handshake after AUTH TLS, a few thousand KeyUpdate requests, then a reset.
     raw = socket.create_connection(("127.0.0.1", port), timeout=30)
-    if not raw.recv(512).startswith(b"220"):
-        raw.close()
-        raise Refused()
-    raw.sendall(b"AUTH TLS\r\n")
-    expect(raw.recv(512), b"234")
-    ctx = client_context()
-    ctx.minimum_version = ssl.TLSVersion.TLSv1_3
     with tempfile.NamedTemporaryFile(prefix="ftps-keys") as keys:
-        ctx.keylog_filename = keys.name
-        incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-        tls = ctx.wrap_bio(incoming, outgoing)
-        while True:
-            try:
-                tls.do_handshake()
-                break
-            except ssl.SSLWantReadError:
-                raw.sendall(outgoing.read())
-                incoming.write(raw.recv(65536))
-        raw.sendall(outgoing.read())
-        secret = [bytes.fromhex(line.split()[2]) for line in read_file(keys.name).decode().splitlines()
-                  if line.startswith("CLIENT_TRAFFIC_SECRET_0 ")][0]
+        try:
+            flood = key_update_flood(raw, keys.name, 3000)
+        except (AssertionError, OSError):
+            raw.close()
+            raise Refused()
     raw.settimeout(5)
     try:
-        raw.sendall(KeyUpdates(tls.cipher()[0]).records(secret, 3000))
+        raw.sendall(flood)
     except OSError:
         pass
     reset(raw)
@@ -291,7 +276,7 @@ def files_below(top):
 
 
 class SoakBase:
-    """The soak itself; the concrete classes choose how many sessions it runs."""
+    # The soak itself; the concrete classes choose how many sessions it runs.
 
     SESSIONS = 3000
     DURATION = None  # seconds; when set, the sessions run for this long instead of a count

@@ -1,11 +1,11 @@
-"""Time-outs, each waited out once and all at the same time (one minute, the smallest setting):
-the login time-out ends a silent session before login without a reply and drops a client that
-sends but never reads its replies; the idle time-out on data connections answers a client that
-stops reading a download or a listing with 426, and clients that ask for a passive port and never
-connect to it with 425 (downloads, listings and uploads alike); a client that stops half-way
-through a TLS handshake, one that keeps sending commands without logging in, and one that trickles
-a line that never ends are dropped at the login time-out too. Other clients are served meanwhile,
-logged-in sessions go on, and descriptors and memory come back to where they were."""
+# Time-outs, each waited out once and all at the same time (one minute, the smallest setting): the login
+# time-out ends a silent session before login without a reply and drops a client that sends but never reads
+# its replies; the idle time-out on data connections answers a client that stops reading a download or a
+# listing with 426, and clients that ask for a passive port and never connect to it with 425 (downloads,
+# listings and uploads alike); a client that stops half-way through a TLS handshake, one that keeps sending
+# commands without logging in, and one that trickles a line that never ends are dropped at the login
+# time-out too. Other clients are served meanwhile, logged-in sessions go on, and descriptors and memory
+# come back to where they were.
 
 import os
 import socket

@@ -1,11 +1,10 @@
-"""The standard profile against raw sockets, with the device profile's answers to the same bytes
-beside it: one table of commands and their exact replies per profile (the device's HELP, SYST and
-STAT texts, AUTH refused although a certificate is configured); command lines however the bytes
-arrive, CR LF on every reply line, long names echoed shortened, no PORT bounce, out-of-sequence
-PASS counted as nothing; LIST and NLST options, MLSD and MLST facts, unlistable paths refused
-before any data connection without the real path; REST and APPE, and uploads that replace their
-target only once complete (the device writes in place). curl's resumed transfers and ranges:
-test_real_clients.py."""
+# The standard profile against raw sockets, with the device profile's answers to the same bytes beside it: one
+# table of commands and their exact replies per profile (the device's HELP, SYST and STAT texts, AUTH refused
+# although a certificate is configured); command lines however the bytes arrive, CR LF on every reply line,
+# long names echoed shortened, no PORT bounce, out-of-sequence PASS counted as nothing; LIST and NLST options,
+# MLSD and MLST facts, unlistable paths refused before any data connection without the real path; REST and
+# APPE, and uploads that replace their target only once complete (the device writes in place). curl's resumed
+# transfers and ranges: test_real_clients.py.
 
 import ftplib
 import os
@@ -23,6 +22,10 @@ BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
 NOOP_OK = b"200 NOOP ok.\r\n"
 NOT_IMPLEMENTED = b"502 Command not implemented.\r\n"
 OUT_OF_SEQUENCE = b"503 Bad sequence of commands.\r\n"
+USER_OK, LOGGED_IN = b"331 User name okay, need password.\r\n", b"230 User logged in, proceed.\r\n"
+NOT_LOGGED_IN, BAD_ARGS = b"530 Not logged in.\r\n", b"501 Syntax error in parameters or arguments.\r\n"
+PORT_OK, BAD_EPRT = b"200 PORT Command okay.\r\n", b"500 Illegal EPRT Command.\r\n"
+CHMOD_OK = b"200 SITE CHMOD command successful.\r\n"
 
 DATA = os.urandom(300_000)
 OLD = b"the old version\n" * 1000
@@ -54,41 +57,30 @@ STANDARD_REPLIES = [
     ("OPTS MLST type;size;modify;perm;unique;", b"200 MLST OPTS type;size;modify;perm;unique;\r\n"),
     # RFC 959's forms: the path first with quotes doubled, the minimum of MODE, STRU, TYPE, ALLO,
     # the X aliases, unknown words 500 and known ones not served 502.
-    ("PWD", b'257 "/" is the current directory\r\n'),
-    ('MKD q"dir', b'257 "/q""dir" created\r\n'),
-    ('xcwd q"dir', b'250 Directory change to "/q"dir".\r\n'),
-    ("XPWD", b'257 "/q""dir" is the current directory\r\n'),
-    ("XCUP", b'250 Directory change to "/".\r\n'),
-    ('XRMD q"dir', b"250 RMD command successful.\r\n"),
+    ("PWD", b'257 "/" is the current directory\r\n'), ('MKD q"dir', b'257 "/q""dir" created\r\n'),
+    ('xcwd q"dir', b'250 Directory change to "/q"dir".\r\n'), ("XPWD", b'257 "/q""dir" is the current directory\r\n'),
+    ("XCUP", b'250 Directory change to "/".\r\n'), ('XRMD q"dir', b"250 RMD command successful.\r\n"),
     ("MODE S", b"200 Mode set to S.\r\n"), ("MODE Z", b"504 Only mode S is served.\r\n"),
     ("STRU F", b"200 Structure set to F.\r\n"), ("STRU R", b"504 Only structure F is served.\r\n"),
     ("TYPE L 8", b"200 Type set to I.\r\n"), ("TYPE E", b"504 Type not implemented.\r\n"),
     ("TYPE A N", b"200 Type set to A.\r\n"), ("ALLO 100", b"202 ALLO command ignored.\r\n"),
-    ("SIZE a.txt", b"550 SIZE not allowed in ASCII mode.\r\n"),
-    ("NOOPX", BAD_LINE), ("SYSTEM", BAD_LINE), ("TYPEI", BAD_LINE), ("nOoP", NOOP_OK),
-    ("STOU x", NOT_IMPLEMENTED), ("SITE EXEC ls", b"500 Unknown SITE command.\r\n"),
-    ("SITE CHMOD 600 ro.txt", b"200 SITE CHMOD command successful.\r\n"),
-    ("SITE CHMOD 444 ro.txt", b"200 SITE CHMOD command successful.\r\n"),
+    ("SIZE a.txt", b"550 SIZE not allowed in ASCII mode.\r\n"), ("NOOPX", BAD_LINE), ("SYSTEM", BAD_LINE),
+    ("TYPEI", BAD_LINE), ("nOoP", NOOP_OK), ("STOU x", NOT_IMPLEMENTED), ("SITE EXEC ls", b"500 Unknown SITE command.\r\n"),
+    ("SITE CHMOD 600 ro.txt", CHMOD_OK), ("SITE CHMOD 444 ro.txt", CHMOD_OK),
     ("SITE CHMOD 644 nope", b'550 "nope": No such file or directory.\r\n'),
-    ("MFMT 20200102030405 a.txt", b"213 Modify=20200102030405; a.txt\r\n"),
-    ("MDTM a.txt", b"213 20200102030405\r\n"),
-    ("MFMT 2020 a.txt", b"501 Syntax error in parameters or arguments.\r\n"),
+    ("MFMT 20200102030405 a.txt", b"213 Modify=20200102030405; a.txt\r\n"), ("MDTM a.txt", b"213 20200102030405\r\n"),
+    ("MFMT 2020 a.txt", BAD_ARGS),
     ("SITE UTIME a.txt 20210102030405 20210102030405 20210102030405 UTC",
      b"200 SITE UTIME command successful.\r\n"),
     ("HELP MLSD", b"214 Syntax: MLSD [ <sp> path-name ]\r\n"),
     ("EPSV 3", b"522 Network protocol not supported, use (1).\r\n"),
-    ("PORT 127,0,0,1,259,232", b"501 Illegal PORT Command.\r\n"),
-    ("EPRT |1|127.0.0.1|1000|", b"500 Illegal EPRT Command.\r\n"),
+    ("PORT 127,0,0,1,259,232", b"501 Illegal PORT Command.\r\n"), ("EPRT |1|127.0.0.1|1000|", BAD_EPRT),
     # A USER after the login starts a new one.
-    ("USER alice", b"331 User name okay, need password.\r\n"), ("PASS secret1", b"230 User logged in, proceed.\r\n"),
-    ("ABOR", b"225 No transfer to abort.\r\n"),
-    ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"),
-    ("REST x", b"501 Syntax error in parameters or arguments.\r\n"),
+    ("USER alice", USER_OK), ("PASS secret1", LOGGED_IN), ("ABOR", b"225 No transfer to abort.\r\n"),
+    ("REST 100", b"350 Restarting at 100. Send STORE or RETRIEVE to initiate transfer.\r\n"), ("REST x", BAD_ARGS),
     # Active data connections go to the client itself only.
-    ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"),
-    ("EPRT |1|10.1.2.3|51201|", b"500 Illegal EPRT Command.\r\n"),
-    ("PORT 127,0,0,1,200,1", b"200 PORT Command okay.\r\n"),
-    ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
+    ("PORT 10,1,2,3,200,1", b"500 Illegal PORT Command.\r\n"), ("EPRT |1|10.1.2.3|51201|", BAD_EPRT),
+    ("PORT 127,0,0,1,200,1", PORT_OK), ("EPRT |1|127.0.0.1|51201|", b"200 EPRT Command okay.\r\n"),
 ] + [("%s %s" % (verb, "n" * 490), SHORTENED) for verb in ("CWD", "SIZE", "DELE", "RMD")] \
   + [(cmd, None) for cmd in ("MDTM a.txt", "MLST a.txt", "HELP", "STAT", "HELP SITE")]
 
@@ -97,23 +89,16 @@ HELP_HEAD = (b"214- The following commands are recognized (* =>is unimplemented)
              b"214-    USER    PORT    STOR    MSAM*   RNTO    NLST    MKD     CDUP    OPTS*\n")
 DEVICE_REPLIES = [
     ("HELP", lambda r: r.startswith(HELP_HEAD) and r.split(b"\n")[7].startswith(b"214 ")),
-    ("HELP retr", b"214 Syntax: RETR <sp> file-name\r\n"),
+    ("HELP retr", b"214 Syntax: RETR <sp> file-name\r\n"), ("HELP xyz", b"502 Unknown command XYZ.\r\n"),
     ("HELP abor", b"214 ABOR    \t(abort operation); unimplemented.\r\n"),
-    ("HELP xyz", b"502 Unknown command XYZ.\r\n"),
     ("HELP SITE CHMOD", b"214 SITE CHMOD   \t<sp> mode <sp> file-name; unimplemented.\r\n"),
     ("HELP SITE", lambda r: r.startswith(b"214- The following SITE commands are recognized")),
-    ("SYST", b"215 UNIX Type: L8.\r\n"),
-    ("STAT", b"530 Not logged in.\r\n"),
-    ("PWD", b"550 Requested action not taken.\r\n"),
-    ("CDUP", b"530 Not logged in.\r\n"),
-    ("AUTH TLS", NOT_IMPLEMENTED),
-    ("USER alice", b"331 User name okay, need password.\r\n"),
-    ("PASS secret1", b"230 User logged in, proceed.\r\n"),
+    ("SYST", b"215 UNIX Type: L8.\r\n"), ("STAT", NOT_LOGGED_IN), ("PWD", b"550 Requested action not taken.\r\n"),
+    ("CDUP", NOT_LOGGED_IN), ("AUTH TLS", NOT_IMPLEMENTED), ("USER alice", USER_OK), ("PASS secret1", LOGGED_IN),
     ("STAT", b"211- TESTSW FTP server status:\r\n     Logged in as alice.\r\n     TYPE: ASCII.\r\n"
              b"     No data connection.\r\n211 End of status.\r\n"),
 ] + [(cmd, NOT_IMPLEMENTED) for cmd in ("NOOP", "FEAT", "MLSD", "MLST a.txt", "REST 100", "noop")] + [
-    ("MDTM a.txt", lambda r: r.startswith(b"213 ") and not r.endswith(b"\r\n")),
-    ("PORT 10,1,2,3,200,1", b"200 PORT Command okay.\r\n"),
+    ("MDTM a.txt", lambda r: r.startswith(b"213 ") and not r.endswith(b"\r\n")), ("PORT 10,1,2,3,200,1", PORT_OK),
     # One receive is one command: a line that fills the 512-byte buffer is a bad line.
     ("X" * 510, BAD_LINE),
     ("QUIT", b"221 Service closing control connection(Goodbye).\r\n"),
@@ -121,7 +106,7 @@ DEVICE_REPLIES = [
 
 
 def listed(c, verb):
-    """The entry names of a listing that must succeed (the last field of LIST lines)."""
+    # The entry names of a listing that must succeed (the last field of LIST lines).
     replies, data = transfer(c, verb)
     assert replies.startswith(b"150 ") and replies.endswith(b"226 Closing data connection.\r\n"), replies
     lines = data.decode().splitlines()
@@ -129,7 +114,7 @@ def listed(c, verb):
 
 
 def port_to_nowhere(c):
-    """PORT naming a local port nobody listens on."""
+    # PORT naming a local port nobody listens on.
     s = socket.socket()
     s.bind(("127.0.0.1", 0))
     port = s.getsockname()[1]
@@ -138,7 +123,7 @@ def port_to_nowhere(c):
 
 
 class ProfileCase(DaemonTestCase):
-    """The listing tree at the top, an empty directory "up" for the transfers."""
+    # The listing tree at the top, an empty directory "up" for the transfers.
 
     @classmethod
     def setUpClass(cls):
@@ -151,7 +136,7 @@ class ProfileCase(DaemonTestCase):
         os.chmod(os.path.join(cls.d.flash, "locked"), 0o555)
 
     def session(self):
-        """A logged-in RawClient in the transfers' directory."""
+        # A logged-in RawClient in the transfers' directory.
         c = logged_in(self.d.port)
         assert c.cmd("CWD up").startswith(b"250 ")
         return c
@@ -194,14 +179,10 @@ class StandardProfileTest(ProfileCase):
             c.send(piece)
             time.sleep(0.05)
         self.assertEqual(c.reply(), NOOP_OK)
-        # A line over the buffer: one 500, and the next line is served.
-        c.send(b"X" * 1500 + b"\r\nNOOP\r\n")
-        self.assertEqual(c.reply(), BAD_LINE)
-        self.assertEqual(c.reply(), NOOP_OK)
-        # Bad bytes do not desynchronise the session.
-        c.send(b"\x00\xff\x80garbage\r\n\r\nNOOP\r\n")
-        self.assertEqual(c.reply(), BAD_LINE)
-        self.assertEqual(c.reply(), NOOP_OK)
+        # A line over the buffer gets one 500, and bad bytes do not desynchronise the session.
+        for junk in (b"X" * 1500, b"\x00\xff\x80garbage\r\n"):
+            c.send(junk + b"\r\nNOOP\r\n")
+            self.assertEqual(c.reply() + c.reply(), BAD_LINE + NOOP_OK)
         c.close()
 
     def test_replies_to_stock_clients(self):
@@ -216,12 +197,9 @@ class StandardProfileTest(ProfileCase):
             c.close()
 
     def test_links_stay_inside_and_behave_as_entries(self):
-        """A link leading out of the top directory is as good as missing (no reply names a real
-        path); one that stays inside works; listings show links as links; DELE removes a link."""
-        outside = os.path.join(self.d.dir, "outside")
-        os.makedirs(outside, exist_ok=True)
-        with open(os.path.join(outside, "secret"), "wb") as f:
-            f.write(b"secret")
+        # A link leading out of the top directory is as good as missing (no reply names a real path);
+        # one that stays inside works; listings show links as links; DELE removes a link.
+        outside = os.path.dirname(self.d.put("../outside/secret", b"secret"))
         self.d.put("ln/file", b"inside\n")
         links = {"out": outside, "rel_out": "../../../outside", "in": "../sub", "dangling": "nothing", "to_f": "file"}
         for name, target in links.items():
@@ -253,8 +231,8 @@ class StandardProfileTest(ProfileCase):
         c.close()
 
     def test_abor_during_a_transfer_and_telnet_escapes(self):
-        """ABOR ends a running download at once (426, then 226), after the Telnet interrupt and
-        synch BSD clients send before it; IAC IAC and CR NUL are one 0xFF and a CR in names."""
+        # ABOR ends a running download at once (426, then 226), after the Telnet interrupt and synch
+        # BSD clients send before it; IAC IAC and CR NUL are one 0xFF and a CR in names.
         self.d.put("big.bin", os.urandom(64 << 20))
         for synch in (False, True):
             c = logged_in(self.d.port)
@@ -282,13 +260,13 @@ class StandardProfileTest(ProfileCase):
         c.close()
 
     def test_upload_temporaries_are_nobodys_and_split_line_ends_join(self):
-        """While an upload is received its hidden temporary is neither listed nor addressable;
-        an ASCII upload whose CR LF is split between two receives stores one LF."""
+        # While an upload is received its hidden temporary is neither listed nor addressable; an ASCII
+        # upload whose CR LF is split between two receives stores one LF.
         c = self.session()
         data = start_upload(c, "growing.bin", b"x" * 1000)
-        temp = wait_until(lambda: [n for n in os.listdir(self.path("")) if n.startswith(".ftps-upload.")])
-        self.assertTrue(temp)
-        temp = [n for n in os.listdir(self.path("")) if n.startswith(".ftps-upload.")][0]
+        self.assertTrue(wait_until(self.hidden))
+        temp = self.hidden()[0]
+        self.assertTrue(temp.startswith(".ftps-upload."), temp)
         other = self.session()
         for verb in ("LIST -a", "NLST -a", "MLSD"):
             self.assertNotIn(b".ftps-upload.", transfer(other, verb)[1], verb)
@@ -308,10 +286,10 @@ class StandardProfileTest(ProfileCase):
             cl.close()
 
     def test_refused_passwords(self):
-        """A refused password gets a single 530 (the 503 after it shows no second one), at the
-        per-user limit too; three end the session even with a 503 PASS between each (the device
-        resets the counts at the 503: test_sessions.py). At the limit the right password gets 421
-        and the end of the session (clients retry that later)."""
+        # A refused password gets a single 530 (the 503 after it shows no second one), at the per-user
+        # limit too; three end the session even with a 503 PASS between each (the device resets the
+        # counts at the 503: test_sessions.py). At the limit the right password gets 421 and the end
+        # of the session (clients retry that later).
         def refuse(c):
             c.cmd("USER alice")
             self.assertEqual(c.cmd("PASS wrong"), b"530 Password access denied.\r\n")
@@ -511,10 +489,9 @@ class StandardProfileTest(ProfileCase):
 
 
 class DeviceProfileTest(ProfileCase):
-    """The same bytes in the device profile: its replies, listings whose options erase the argument,
-    NLST naming regular files only, a missing path answered after the 150 with the real path, no
-    MLSD or MLST, no TLS although the platform file names a certificate, and uploads written in
-    place."""
+    # The same bytes in the device profile: its replies, listings whose options erase the argument, NLST
+    # naming regular files only, a missing path answered after the 150 with the real path, no MLSD or
+    # MLST, no TLS although the platform file names a certificate, and uploads written in place.
 
     daemon_kwargs = {"tls": True}
 

@@ -1,7 +1,6 @@
-"""Supervision by systemd without systemd: the daemon gets a notification socket of its own and a
-watchdog period, announces READY=1 once it serves, keeps sending WATCHDOG=1, and withholds it as
-soon as its listener thread stops notifying (the test-only switch silences the listener three
-seconds after READY=1)."""
+# Supervision by systemd without systemd: the daemon gets a notification socket of its own and a watchdog
+# period, announces READY=1 once it serves, keeps sending WATCHDOG=1, and withholds it as soon as its listener
+# thread stops notifying (the test-only switch silences the listener three seconds after READY=1).
 
 import os
 import socket
@@ -18,7 +17,7 @@ SLOW = 3 if SANITIZED else 1
 
 
 class NotifySocket:
-    """A datagram socket standing in for systemd's; remembers (time, line) pairs."""
+    # A datagram socket standing in for systemd's; remembers (time, line) pairs.
 
     def __init__(self, directory):
         self.path = os.path.join(directory, "notify")
@@ -27,8 +26,8 @@ class NotifySocket:
         self.messages = []
 
     def receive(self, timeout, until=None):
-        """Reads datagrams (each may carry several lines) for up to timeout seconds, or until a
-        line equal to until arrived; returns that line's time or None."""
+        # Reads datagrams (each may carry several lines) for up to timeout seconds, or until a line
+        # equal to until arrived; returns that line's time or None.
         deadline = time.time() + timeout
         while True:
             for at, line in self.messages:
@@ -45,7 +44,7 @@ class NotifySocket:
 
 
 def task_named(pid, name):
-    """Thread id of the daemon's thread with that name, or None."""
+    # Thread id of the daemon's thread with that name, or None.
     for tid in os.listdir("/proc/%d/task" % pid):
         try:
             with open("/proc/%d/task/%s/comm" % (pid, tid)) as f:

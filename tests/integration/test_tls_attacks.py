@@ -1,13 +1,11 @@
-"""Attackers and unlucky clients of explicit FTPS, each played against the real daemon.
-
-A stranger at the client's own address that reaches a protected data port first neither takes nor
-supplies the file, not even on a later transfer with what its refused handshake left; clients that
-keep the TLS session of the handshake after AUTH TLS (as wget and netkit's ftp-ssl do) transfer
-once logged in, and nobody else can use that session; a flood of unauthenticated handshakes does
-not cost a logged-in TLS 1.2 client its resumption; a protected upload cut by a bare TCP FIN,
-without the closing alert, is refused (upload_eof = strict, the default) or taken (lenient); and
-a client that floods the control connection with TLS 1.3 KeyUpdate messages before its login and
-then holds it does not keep the daemon busy and is dropped at the login time-out."""
+# Attackers and unlucky clients of explicit FTPS against the real daemon: a stranger at the
+# client's own address that reaches a protected data port first neither takes nor supplies the
+# file (nor on a later try resuming what its refused handshake left); clients that keep the TLS
+# session of the handshake after AUTH TLS (wget, netkit's ftp-ssl) transfer once logged in and
+# nobody else can use that session; a handshake flood does not cost a logged-in TLS 1.2 client its
+# resumption; a protected upload cut by a bare FIN without the closing alert is refused (strict)
+# or taken (lenient); a client flooding TLS 1.3 KeyUpdates before its login and then holding the
+# connection keeps the daemon neither busy nor beyond the login time-out.
 
 import ctypes
 import ctypes.util
@@ -17,82 +15,42 @@ import hashlib
 import hmac
 import io
 import os
-import shutil
 import socket
 import ssl
 import struct
 import subprocess
 import sys
-import tempfile
 import termios
-import threading
 import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import clients  # noqa: E402
-from ftps_harness import SANITIZED, Daemon, read_file, wait_until  # noqa: E402
+from ftps_harness import (SANITIZED, Daemon, ResumingFTP, client_context, ends, in_parallel, read_file,  # noqa: E402
+                          wait_until)
 
 USERS = {"alice": "secret1", "bob": "secret2"}
 SECRET = b"the victim's file " * 4000
 OLD = b"the target as it was\n"
 
 
-def make_certificate(directory, name, cn="localhost"):
-    cert, key = os.path.join(directory, name + ".pem"), os.path.join(directory, name + ".key")
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
-                    "-out", cert, "-days", "2", "-subj", "/CN=" + cn], check=True, capture_output=True)
-    return cert, key
-
-
-def client_context(version=None, tickets=True):
-    """A client context that does not check the certificate; version caps the protocol; without
-    tickets, TLS 1.2 resumes by session identifier (as curl does)."""
-    ctx = ssl.create_default_context()
-    ctx.check_hostname = False
-    ctx.verify_mode = ssl.CERT_NONE
-    if version is not None:
-        ctx.maximum_version = version
-    if not tickets:
-        ctx.options |= ssl.OP_NO_TICKET
-    return ctx
-
-
-class ResumingFTP(ftplib.FTP_TLS):
-    """ftplib whose protected data connections resume a TLS session of the control connection:
-    its latest one, or the one kept (keep_session) right after the handshake that follows AUTH TLS,
-    before the login."""
-
-    kept = None
-
-    def keep_session(self):
-        self.kept = self.sock.session
-
-    def ntransfercmd(self, cmd, rest=None):
-        conn, size = ftplib.FTP.ntransfercmd(self, cmd, rest)
-        if self._prot_p:
-            session = self.kept if self.kept is not None else self.sock.session
-            conn = self.context.wrap_socket(conn, server_hostname=self.host, session=session)
-        return conn, size
-
-
 def tls_session(port, ctx=None, user="alice", keep=False):
-    """A protected session logged in with PROT P. keep: the TLS session is kept once the first reply
-    after the handshake has come (TLS 1.3 hands its ticket out after the handshake)."""
+    # keep: the TLS session is kept once the first reply after the handshake has come (TLS 1.3
+    # hands its ticket out after the handshake).
     ftp = ResumingFTP(context=ctx or client_context(), timeout=30)
     ftp.connect("127.0.0.1", port)
     ftp.auth()
     ftp.sendcmd("USER " + user)
     if keep:
-        ftp.keep_session()
+        ftp.kept = ftp.sock.session
     ftp.sendcmd("PASS " + USERS[user])
     ftp.prot_p()
     return ftp
 
 
 def final_reply(ftp):
-    """The next reply's code, a refusal included."""
+    # A refusal included.
     try:
         return ftp.getresp()[:3]
     except ftplib.Error as e:
@@ -104,21 +62,7 @@ def epsv_port(ftp):
     return int(reply[reply.index("(|||") + 4:reply.index("|)")])
 
 
-def ends(sock, timeout):
-    """True when the peer closes the connection within the time-out (what it sends is read)."""
-    sock.settimeout(timeout)
-    try:
-        while sock.recv(65536):
-            pass
-        return True
-    except ConnectionResetError:
-        return True
-    except socket.timeout:
-        return False
-
-
 def bare_handshake(port, ctx):
-    """AUTH TLS and a full handshake without a login, then the connection is closed."""
     with socket.create_connection(("127.0.0.1", port), timeout=10) as raw:
         raw.recv(512)
         raw.sendall(b"AUTH TLS\r\n")
@@ -132,8 +76,7 @@ def cpu_seconds(pid):
 
 
 def unread(sock):
-    """Bytes a client has sent on sock that the server has not read yet: still in the client's send
-    queue, or in the server's receive queue (from /proc/net/tcp, the server being the peer)."""
+    # Sent and not read by the server yet: in our send queue or the server's receive queue.
     waiting = struct.unpack("i", fcntl.ioctl(sock.fileno(), termios.TIOCOUTQ, b"\0" * 4))[0]
     ours = "%08X:%04X" % (socket.htonl(0x7F000001), sock.getsockname()[1])
     for line in read_file("/proc/net/tcp").decode().splitlines()[1:]:
@@ -144,9 +87,8 @@ def unread(sock):
 
 
 class KeyUpdates:
-    """TLS 1.3 KeyUpdate(update_requested) records a client sends after its handshake, each under
-    the key the one before it put in force (RFC 8446 7.2). Python's ssl module cannot send them:
-    the records are made here from the client's traffic secret with the system's libcrypto."""
+    # TLS 1.3 KeyUpdate(update_requested) records, each under the key the one before put in force
+    # (RFC 8446 7.2), made from the client's traffic secret with libcrypto: ssl cannot send them.
 
     def __init__(self, cipher):
         assert cipher in ("TLS_AES_256_GCM_SHA384", "TLS_AES_128_GCM_SHA256"), cipher
@@ -183,27 +125,44 @@ class KeyUpdates:
         return b"".join(made)
 
 
+def key_update_flood(raw, keylog, count):
+    # After the greeting on raw: AUTH TLS, a TLS 1.3 handshake, and count KeyUpdate requests to send.
+    raw.recv(512)
+    raw.sendall(b"AUTH TLS\r\n")
+    assert raw.recv(512) == b"234 AUTH TLS OK.\r\n"
+    ctx = client_context()
+    ctx.minimum_version = ssl.TLSVersion.TLSv1_3
+    ctx.keylog_filename = keylog
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    tls = ctx.wrap_bio(incoming, outgoing)
+    while True:
+        try:
+            tls.do_handshake()
+            break
+        except ssl.SSLWantReadError:
+            raw.sendall(outgoing.read())
+            incoming.write(raw.recv(65536))
+    raw.sendall(outgoing.read())  # the client's Finished
+    secret = [bytes.fromhex(line.split()[2]) for line in read_file(keylog).decode().splitlines()
+              if line.startswith("CLIENT_TRAFFIC_SECRET_0 ")][0]
+    return KeyUpdates(tls.cipher()[0]).records(secret, count)
+
+
 class TlsCase(unittest.TestCase):
     tls_settings = {}
 
     @classmethod
     def setUpClass(cls):
-        cls.work = tempfile.mkdtemp(prefix="ftps-tls")
-        cls.addClassCleanup(shutil.rmtree, cls.work, True)
-        cls.cert, cls.key = make_certificate(cls.work, "server")
-        extra = {"ftp.profile": "standard", "tls.certificate": cls.cert, "tls.key": cls.key}
-        extra.update(cls.tls_settings)
-        cls.d = Daemon(extra_platform=extra, startup=["ftp-server username alice password secret1",
-                                                      "ftp-server username bob password secret2",
-                                                      "ftp-server max-user-connect 20",
-                                                      "ftp-server login timeout 1"])
+        cls.d = Daemon(extra_platform=dict({"ftp.profile": "standard"}, **cls.tls_settings), tls=True,
+                       startup=["ftp-server username alice password secret1", "ftp-server username bob password "
+                                "secret2", "ftp-server max-user-connect 20", "ftp-server login timeout 1"])
         cls.addClassCleanup(cls.d.stop_checked)
+        cls.work = cls.d.dir
         cls.d.start()
         assert cls.d.cli("debug ftp-server pro")[0] == 0
 
     def cut_uploads(self, cut_expected):
-        """STOR over a target, ended with the closing alert or by a bare FIN: the reply and the
-        target afterwards, for each ending."""
+        # STOR over a target ended with the closing alert or by a bare FIN: the reply and the target.
         part = b"only the first part " * 3000
         for ending, want in (("closing alert", ("226", part)), ("bare FIN", cut_expected(part))):
             with self.subTest(ending=ending):
@@ -226,7 +185,7 @@ class TlsCase(unittest.TestCase):
 
 
 class Attacks(TlsCase):
-    """The defaults with a certificate: require = login, require_reuse = yes, upload_eof = strict."""
+    # The defaults with a certificate: require = login, require_reuse = yes, upload_eof = strict.
 
     def test_a_first_comer_neither_takes_nor_supplies_protected_data(self):
         stranger_bytes = b"the stranger's bytes " * 1000
@@ -314,12 +273,7 @@ class Attacks(TlsCase):
                 self.assertEqual(victim.sock.version(), "TLSv1.2")
                 self.assertIn("secret.bin", victim.nlst())
                 flood_ctx = client_context(ssl.TLSVersion.TLSv1_2, tickets)
-                threads = [threading.Thread(target=lambda: [bare_handshake(self.d.port, flood_ctx)
-                                                            for _ in range(100)]) for _ in range(4)]
-                for t in threads:
-                    t.start()
-                for t in threads:
-                    t.join()
+                in_parallel(lambda _: [bare_handshake(self.d.port, flood_ctx) for _ in range(100)], 4)
                 for _ in range(3):
                     got = io.BytesIO()
                     victim.retrbinary("RETR secret.bin", got.write)
@@ -337,25 +291,7 @@ class Attacks(TlsCase):
         raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         raw.settimeout(10)
         raw.connect(("127.0.0.1", self.d.port))
-        raw.recv(512)
-        raw.sendall(b"AUTH TLS\r\n")
-        self.assertEqual(raw.recv(512), b"234 AUTH TLS OK.\r\n")
-        ctx = client_context()
-        ctx.minimum_version = ssl.TLSVersion.TLSv1_3
-        ctx.keylog_filename = os.path.join(self.work, "keys.log")
-        incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-        tls = ctx.wrap_bio(incoming, outgoing)
-        while True:
-            try:
-                tls.do_handshake()
-                break
-            except ssl.SSLWantReadError:
-                raw.sendall(outgoing.read())
-                incoming.write(raw.recv(65536))
-        raw.sendall(outgoing.read())  # the client's Finished
-        secret = [bytes.fromhex(line.split()[2]) for line in read_file(ctx.keylog_filename).decode().splitlines()
-                  if line.startswith("CLIENT_TRAFFIC_SECRET_0 ")][0]
-        flood = KeyUpdates(tls.cipher()[0]).records(secret, 150000)
+        flood = key_update_flood(raw, os.path.join(self.work, "keys.log"), 150000)
         # Sent without reading a byte; a daemon that stops reading ends the sending.
         raw.settimeout(5)
         sent = 0

@@ -1,7 +1,7 @@
-"""The device's VRF socket options never reach Linux: under strace, a daemon that serves passive
-and active transfers over IPv4 and IPv6 makes no setsockopt with IPPROTO_IP option 51 or 53 or
-IPPROTO_IPV6 option 102 or 104 (numbers that mean other things on Linux). The debug lines name
-the VRF by its number, 0 for the default VRF."""
+# The device's VRF socket options never reach Linux: under strace, a daemon that serves passive and active
+# transfers over IPv4 and IPv6 makes no setsockopt with IPPROTO_IP option 51 or 53 or IPPROTO_IPV6 option 102
+# or 104 (numbers that mean other things on Linux). The debug lines name the VRF by its number, 0 for the
+# default VRF.
 
 import io
 import os
@@ -46,7 +46,7 @@ class VrfSockoptTest(unittest.TestCase):
         self.d.wait_ready()
 
     def stop(self):
-        """Ends the daemon, strace's child; strace ends with it and with its status."""
+        # Ends the daemon, strace's child; strace ends with it and with its status.
         proc, self.d.proc = self.d.proc, None
         if proc.poll() is None:
             with open("/proc/%d/task/%d/children" % (proc.pid, proc.pid)) as f:
