@@ -25,9 +25,9 @@ import traceback
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, ResumingFTP, client_context, expect, memory_idle,  # noqa: E402
+from ftps_harness import (Daemon, RawClient, client_context, expect, memory_idle,  # noqa: E402
                           pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
-from test_tls_attacks import key_update_flood  # noqa: E402
+from test_tls_attacks import epsv_port, final_reply, key_update_flood, tls_session  # noqa: E402
 
 SMALL = os.urandom(48 * 1024)
 BIG_SIZE = 8 << 20
@@ -171,30 +171,22 @@ KINDS = [whole, whole, whole, whole, vanish_before_greeting, vanish_after_login,
 # --- The TLS mix, against the daemon that serves FTPS
 
 def tls_login(port, user):
-    ftp = ResumingFTP(context=client_context(), timeout=60)
     try:
-        ftp.connect("127.0.0.1", port)
-        ftp.auth()
-        ftp.login(user, "secret1")
+        return tls_session(port, user=user)
     except (EOFError, ConnectionError, ftplib.error_temp):
-        ftp.close()
         raise Refused()
-    ftp.prot_p()
-    return ftp
 
 
-def epsv(ftp):
-    reply = ftp.sendcmd("EPSV")
-    return int(reply[reply.index("(|||") + 4:reply.index("|)")])
-
-
-def refused(ftp, why):
-    # The final reply of a transfer that must not complete.
-    try:
-        ftp.getresp()
-    except ftplib.error_temp:
-        return
-    raise AssertionError(why)
+def protected_data(ftp, verb, stranger=False):
+    # The data connection of verb after EPSV: the client's own, resuming its session, or a
+    # stranger's, at the client's address and first on the port, with a session of its own.
+    port = epsv_port(ftp)
+    ftp.putcmd(verb)
+    sock = socket.create_connection(("127.0.0.1", port), timeout=30)
+    expect(final_reply(ftp).encode(), b"150")
+    if stranger:
+        return client_context().wrap_socket(sock)
+    return ftp.context.wrap_socket(sock, session=ftp.sock.session)
 
 
 def tls_whole(port, user, tag):
@@ -208,23 +200,15 @@ def tls_whole(port, user, tag):
 
 
 def tls_first_comer(port, user, tag):
-    # A stranger at the client's own address, first on the protected data port, gets nothing and
-    # the transfer is refused.
     ftp = tls_login(port, user)
-    data_port = epsv(ftp)
-    ftp.putcmd("RETR small.bin")
-    stranger = socket.create_connection(("127.0.0.1", data_port), timeout=30)
-    expect(ftp.getresp().encode(), b"150")
     taken = b""
     try:
-        with client_context().wrap_socket(stranger) as data:
+        with protected_data(ftp, "RETR small.bin", stranger=True) as data:
             while chunk := data.recv(65536):
                 taken += chunk
     except (ssl.SSLError, OSError):
         pass
-    stranger.close()
-    assert taken == b"", "the stranger got data"
-    refused(ftp, "the stranger's transfer was answered as complete")
+    assert (taken, final_reply(ftp)) == (b"", "425"), "the stranger was served"
     ftp.quit()
 
 
@@ -239,30 +223,25 @@ def tls_handshake_flood(port, user, tag):
 def tls_key_updates(port, user, tag):
     # A TLS 1.3 handshake after AUTH TLS, a few thousand KeyUpdate requests, then a reset.
     raw = socket.create_connection(("127.0.0.1", port), timeout=30)
-    with tempfile.NamedTemporaryFile(prefix="ftps-keys") as keys:
-        try:
-            flood = key_update_flood(raw, keys.name, 3000)
-        except (AssertionError, OSError):
-            raw.close()
-            raise Refused()
-    raw.settimeout(5)
     try:
+        with tempfile.NamedTemporaryFile(prefix="ftps-keys") as keys:
+            flood = key_update_flood(raw, keys.name, 3000)
+        raw.settimeout(5)
         raw.sendall(flood)
+    except AssertionError:
+        raise Refused()
     except OSError:
         pass
-    reset(raw)
+    finally:
+        reset(raw)
 
 
 def tls_cut_upload(port, user, tag):
     ftp = tls_login(port, user)
-    data_port = epsv(ftp)
-    ftp.putcmd("STOR c%s.bin" % tag)
-    data = ftp.context.wrap_socket(socket.create_connection(("127.0.0.1", data_port), timeout=30),
-                                   session=ftp.sock.session)
-    expect(ftp.getresp().encode(), b"150")
+    data = protected_data(ftp, "STOR c%s.bin" % tag)
     data.sendall(SMALL)
     data.shutdown(socket.SHUT_WR)  # the TLS layer goes first: no closing alert
-    refused(ftp, "an upload cut without its closing alert was taken")
+    assert final_reply(ftp) == "426", "an upload cut without its closing alert was taken"
     data.close()
     ftp.quit()
 
@@ -285,8 +264,9 @@ class SoakBase:
     def setUp(self):
         users = ["ftp-server username alice password secret1", "ftp-server username bob password secret1"]
         self.d = Daemon(startup=users + ["ftp-server max-user-connect 20"], topdir="flash:/" + TOP)
-        self.t = Daemon(startup=users, topdir="flash:/" + TOP, tls=True,
-                        extra_platform={"ftp.profile": "standard", "ftp.max_per_address": "0"})
+        # The TLS mix logs in with the attack tests' helpers and passwords.
+        self.t = Daemon(startup=users[:1] + ["ftp-server username bob password secret2"], topdir="flash:/" + TOP,
+                        tls=True, extra_platform={"ftp.profile": "standard", "ftp.max_per_address": "0"})
         self.d.put(TOP + "/big.bin", os.urandom(1 << 20) * (BIG_SIZE >> 20))
         self.d.many(TOP + "/many", 3000)
         self.base_files = {self.d: {"small.bin", "big.bin", "many"}, self.t: {"small.bin"}}
