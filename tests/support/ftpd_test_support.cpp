@@ -4,12 +4,15 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "platform_conf.h"
 
 ftpd_temp_tree::ftpd_temp_tree() {
     std::string templ = (std::filesystem::temp_directory_path() / "ftps-unit-XXXXXX").string();
@@ -40,10 +43,14 @@ ftpd_socket_pair::ftpd_socket_pair() {
 }
 
 std::string ftpd_socket_pair::drain() const {
+    return ftpd_read_all(far_.get());
+}
+
+std::string ftpd_read_all(int fd) {
     std::string out;
     char buf[4096];
     ssize_t n;
-    while ((n = recv(far_.get(), buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
+    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
     return out;
 }
 
@@ -62,3 +69,11 @@ int ftpd_capture(const char *fmt, ...) {
     return n;
 }
 
+void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users) {
+    platform_conf conf;
+    platform_conf_set_defaults(&conf);
+    for (const auto &[slot, dir] : dirs) conf.storages[static_cast<size_t>(slot)].dir = dir;
+    conf.log_syslog = false;
+    if (!users.empty()) conf.user_database = users;
+    platform_set_for_test(conf);
+}
