@@ -8,14 +8,11 @@
 #include <string>
 #include <thread>
 
-#include "fs_info.h"
 #include "base/ftpd.h"
 #include "ftpd_test_support.h"
 #include "platform_conf.h"
 
 namespace {
-
-const char *storage_keywords[FS_STORAGE_SLOTS] = {"flash2", "flash", "sata0", "usb0", "", "tmp", "install", "", "nfs"};
 
 class SettingsTest : public ::testing::Test {
   protected:
@@ -31,13 +28,9 @@ class SettingsTest : public ::testing::Test {
         ftp_settings_defaults();
         platform_set_for_test(platform_conf{});
     }
+    // The flash home's trailing slash is dropped when joined.
     void use_platform(const std::string &product) {
-        platform_conf conf;
-        for (int i = 0; i < FS_STORAGE_SLOTS; i++) conf.storages.push_back({storage_keywords[i], ""});
-        conf.storages[1].dir = tree_.full("flash/");  // the trailing slash is dropped when joined
-        conf.storages[5].dir = tree_.full("tmp");
-        conf.product_name = product;
-        platform_set_for_test(conf);
+        ftpd_use_platform({{1, tree_.full("flash/")}, {5, tree_.full("tmp")}}, "", product);
     }
     ftpd_temp_tree tree_;
 };

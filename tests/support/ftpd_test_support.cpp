@@ -69,11 +69,12 @@ int ftpd_capture(const char *fmt, ...) {
     return n;
 }
 
-void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users) {
+void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users, const std::string &product) {
     platform_conf conf;
     platform_conf_set_defaults(&conf);
     for (const auto &[slot, dir] : dirs) conf.storages[static_cast<size_t>(slot)].dir = dir;
     conf.log_syslog = false;
     if (!users.empty()) conf.user_database = users;
+    conf.product_name = product;
     platform_set_for_test(conf);
 }

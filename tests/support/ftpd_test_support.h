@@ -54,5 +54,5 @@ int ftpd_capture(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 using ftpd_storage_dirs = std::initializer_list<std::pair<int, std::string>>;
 // Puts the platform's defaults in force without syslog, with the given storage directories (by
-// slot: 1 flash, 3 usb0, ...) and, when not empty, the given user database.
-void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users = "");
+// slot: 1 flash, 3 usb0, ...) and, when not empty, the given user database and product name.
+void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users = "", const std::string &product = "");
