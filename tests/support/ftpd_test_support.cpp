@@ -54,6 +54,11 @@ std::string ftpd_read_all(int fd) {
     return out;
 }
 
+std::string ftpd_read_all(const std::string &path) {
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return ftpd_read_all(fd.get());
+}
+
 std::string &ftpd_captured() {
     static std::string text;
     return text;

@@ -45,8 +45,9 @@ class ftpd_socket_pair {
     unique_fd far_;
 };
 
-// What fd gives until its end (or, non-blocking, until nothing is queued).
+// What fd gives until its end (or, non-blocking, until nothing is queued); a file's whole text.
 std::string ftpd_read_all(int fd);
+std::string ftpd_read_all(const std::string &path);
 
 // What a report function printed through its printf-like callback; ftpd_capture appends to it.
 std::string &ftpd_captured();
