@@ -57,11 +57,10 @@ TEST_F(SettingsTest, StorageFormShowsPrefixAndResolvesOnItsStorage) {
     EXPECT_STREQ(get_ftp_server_root_dir(), "tmp:/pub");
     EXPECT_STREQ(get_true_ftp_server_root_dir(), tree_.full("tmp/pub").c_str());
     // An absent storage, a missing directory and an over-long text keep the old state.
+    const std::string p252 = "/" + std::string(251, 'p');
     EXPECT_EQ(set_ftp_server_root_dir_ext(3, "/pub", "sata0:"), -1);
-    EXPECT_EQ(set_ftp_server_root_dir_ext(6, "/none", "tmp:"), -1);
-    std::string p252 = "/" + std::string(251, 'p');
-    EXPECT_EQ(set_ftp_server_root_dir_ext(6, p252.c_str(), "tmp:"), -1);
-    EXPECT_EQ(set_ftp_server_root_dir_ext(6, nullptr, "tmp:"), -1);
+    for (const char *refused : {"/none", p252.c_str(), static_cast<const char *>(nullptr)})
+        EXPECT_EQ(set_ftp_server_root_dir_ext(6, refused, "tmp:"), -1) << (refused ? refused : "null");
     EXPECT_STREQ(get_ftp_server_root_dir(), "tmp:/pub");
     EXPECT_STREQ(get_true_ftp_server_root_dir(), tree_.full("tmp/pub").c_str());
 }
