@@ -15,13 +15,10 @@
 
 namespace {
 
-std::string v2(unsigned char ver_cmd, unsigned char fam, const std::string &body) {
-    std::string h("\r\n\r\n\0\r\nQUIT\n", 12);
-    h += static_cast<char>(ver_cmd);
-    h += static_cast<char>(fam);
-    h += static_cast<char>(body.size() >> 8);
-    h += static_cast<char>(body.size() & 0xff);
-    return h + body;
+// A version 2 header: signature, version and command, family and transport, length, block.
+std::string v2(char ver_cmd, char fam, const std::string &body) {
+    const char len[] = {static_cast<char>(body.size() >> 8), static_cast<char>(body.size() & 0xff)};
+    return std::string("\r\n\r\n\0\r\nQUIT\n", 12) + ver_cmd + fam + std::string(len, 2) + body;
 }
 
 const std::string kV4Body("\xC0\x00\x02\x01\x0A\x00\x00\x01\xD4\x31\x00\x15", 12);  // 192.0.2.1:54321 -> 10.0.0.1:21

@@ -22,10 +22,8 @@ namespace {
 const ftpd_temp_tree g_top;
 
 bool waits_for_data(const ftp_command *c) {
-    static const char *const kData[] = {"RETR", "STOR", "APPE", "LIST", "NLST", "MLSD"};
-    for (const char *w : kData)
-        if (c != nullptr && strcmp(c->word, w) == 0) return true;
-    return false;
+    return c != nullptr &&
+           std::string(" RETR STOR APPE LIST NLST MLSD ").find(" " + std::string(c->word) + " ") != std::string::npos;
 }
 
 }  // namespace
