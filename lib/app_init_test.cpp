@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -65,8 +64,7 @@ TEST_F(AppTest, KeyMessageFileOverTwoMebibytesIsEmptiedFirst) {
         out << std::string(2097153, 'x');
     }
     app_write_keymsg("fresh\n");
-    std::ifstream in(msg, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::string text = ftpd_read_all(msg.string());
     EXPECT_LT(text.size(), 100u);
     EXPECT_THAT(text, ::testing::EndsWith("]- fresh\n"));
 }

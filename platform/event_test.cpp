@@ -41,10 +41,8 @@ class EventTest : public ::testing::Test {
 };
 
 TEST_F(EventTest, QueuedEventsFirstThenTimersByDeadlineAndArrival) {
-    ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, 30, "c"), nullptr);
-    ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, 10, "a"), nullptr);
-    ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, 20, "b1"), nullptr);
-    ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, 20, "b2"), nullptr);
+    for (const auto &[ms, name] : {std::pair{30, "c"}, {10, "a"}, {20, "b1"}, {20, "b2"}})
+        ASSERT_NE(zq_thread_add_timer_msec(m_, record, nullptr, ms, name), nullptr);
     ASSERT_NE(zq_thread_add_timer_withname(m_, record, nullptr, 0, "now"), nullptr);
     ASSERT_NE(zq_thread_add_event(m_, record, nullptr, "event"), nullptr);
     run(6);

@@ -4,12 +4,13 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <netdb.h>
 #include <stdlib.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "ftp_platform.h"
@@ -127,59 +128,18 @@ TEST_F(PlatformConfTest, RelativePathsAreTakenFromTheFilesDirectory) {
     EXPECT_EQ(c.log_file, dir_ + "/etc/../ftps.log");
 }
 
-// The operations keys: defaults when absent (limits unset, no range, no proxies) and the values
-// the daemon reads back when given.
-TEST_F(PlatformConfTest, OperationsKeysReachTheDaemonsCalls) {
-    struct row {
-        const char *text;
-        const char *passive;  // dotted, or "" for the control connection's own
-        int low, high, sessions, per_address, rate, upload_eof;
-        const char *xferlog;  // below the file's directory, or "" for none
-    };
-    const row rows[] = {
-        {"", "", 0, 0, -1, -1, 0, PLATFORM_TLS_UPLOAD_EOF_STRICT, ""},
-        {"[ftp]\npassive_address = 192.0.2.7\npassive_ports = 50000-50099\nmax_sessions = 4096\n"
-         "max_per_address = 0\nmax_rate = 10485760\n[log]\ntransfer_log = xfer.log\n[tls]\nupload_eof = Lenient\n",
-         "192.0.2.7", 50000, 50099, 4096, 0, 10485760, PLATFORM_TLS_UPLOAD_EOF_LENIENT, "/etc/xfer.log"},
-        {"[ftp]\npassive_ports = 1024-1024\nmax_sessions = 1\nmax_per_address = 3\npassive_address =\n", "", 1024, 1024,
-         1, 3, 0, PLATFORM_TLS_UPLOAD_EOF_STRICT, ""},
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.text);
-        platform_conf c;
-        load(r.text, &c);
-        unsigned char a[4] = {};
-        char dotted[16] = "";
-        if (platform_ftp_passive_address(a) == 1)
-            snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
-        EXPECT_STREQ(dotted, r.passive);
-        int low = -1;
-        int high = -1;
-        EXPECT_EQ(platform_ftp_passive_ports(&low, &high), r.low != 0 ? 1 : 0);
-        EXPECT_EQ(std::make_pair(low, high), std::make_pair(r.low, r.high));
-        EXPECT_EQ(platform_ftp_max_sessions(), r.sessions);
-        EXPECT_EQ(platform_ftp_max_per_address(), r.per_address);
-        EXPECT_EQ(platform_ftp_max_rate(), r.rate);
-        EXPECT_EQ(ftp_tls_upload_eof(), r.upload_eof);
-        EXPECT_EQ(std::string(platform_log_transfer_log()), *r.xferlog ? dir_ + r.xferlog : "");
-    }
-}
-
 // Which peers must send a PROXY header: IPv4, IPv6 and IPv4-mapped peers against IPv4, IPv6 and
 // mapped prefixes, at the edges of each prefix.
 TEST_F(PlatformConfTest, ProxyFromMatchesAddressesOfEitherFamilyAgainstPrefixes) {
     platform_conf c;
     load("[ftp]\nproxy_from = 192.0.2.0/25  2001:db8:a::/48\t::ffff:198.51.100.0/120 203.0.113.9 fe80::1\n", &c);
     auto required = [](const char *text) {
-        sockaddr_storage ss = {};
-        auto *s6 = reinterpret_cast<sockaddr_in6 *>(&ss);
-        auto *s4 = reinterpret_cast<sockaddr_in *>(&ss);
-        ss.ss_family = strchr(text, ':') != nullptr ? AF_INET6 : AF_INET;
-        EXPECT_EQ(inet_pton(ss.ss_family, text,
-                            ss.ss_family == AF_INET6 ? static_cast<void *>(&s6->sin6_addr)
-                                                     : static_cast<void *>(&s4->sin_addr)),
-                  1);
-        return platform_ftp_proxy_required(reinterpret_cast<sockaddr *>(&ss));
+        addrinfo hints = {}, *ai = nullptr;
+        hints.ai_flags = AI_NUMERICHOST;
+        if (getaddrinfo(text, nullptr, &hints, &ai) != 0) return -1;
+        int r = platform_ftp_proxy_required(ai->ai_addr);
+        freeaddrinfo(ai);
+        return r;
     };
     for (const char *peer : {"192.0.2.0", "192.0.2.127", "::ffff:192.0.2.5", "198.51.100.255", "203.0.113.9",
                              "2001:db8:a:ffff::1", "fe80::1"})
@@ -188,43 +148,59 @@ TEST_F(PlatformConfTest, ProxyFromMatchesAddressesOfEitherFamilyAgainstPrefixes)
     for (const char *peer :
          {"192.0.2.128", "::ffff:192.0.2.200", "198.51.101.0", "203.0.113.8", "2001:db8:b::1", "fe80::2", "::c000:205"})
         EXPECT_EQ(required(peer), 0) << peer;
-    platform_conf none;
-    platform_conf_set_defaults(&none);
-    platform_set_for_test(none);
-    sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    EXPECT_EQ(platform_ftp_proxy_required(reinterpret_cast<sockaddr *>(&any)), 0);
+    ftpd_use_platform({});
+    EXPECT_EQ(required("192.0.2.0"), 0);
     EXPECT_EQ(platform_ftp_proxy_required(nullptr), 0);
 }
 
-// The defaults (device profile, one second, "UNIX ") and the standard profile without delay: the
-// integration suite, which runs on both.
-TEST_F(PlatformConfTest, FtpKeysAndQuotedValuesReachTheDaemonsCalls) {
+// The ftp, log and tls keys and the system name as the daemon's calls give them, in one line;
+// paths below dir start with "DIR".
+std::string in_force(const std::string &dir) {
+    unsigned char a[4] = {};
+    char passive[INET_ADDRSTRLEN] = "own";
+    if (platform_ftp_passive_address(a) == 1) inet_ntop(AF_INET, a, passive, sizeof passive);
+    int low = -1;
+    int high = -1;
+    int ranged = platform_ftp_passive_ports(&low, &high);
+    char *os = zqsys_get_os_name();
+    std::string xferlog = platform_log_transfer_log();
+    if (!dir.empty() && xferlog.rfind(dir, 0) == 0) xferlog.replace(0, dir.size(), "DIR");
+    std::ostringstream o;
+    o << "port " << platform_ftp_control_port();
+    o << (platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD ? " standard" : " device");
+    o << " delay " << platform_ftp_login_fail_delay() << " os [" << (os != nullptr ? os : "(none)") << "]";
+    o << " pasv " << passive << " ports " << ranged << ":" << low << "-" << high;
+    o << " sessions " << platform_ftp_max_sessions() << "/" << platform_ftp_max_per_address();
+    o << " rate " << platform_ftp_max_rate();
+    o << (ftp_tls_upload_eof() == PLATFORM_TLS_UPLOAD_EOF_LENIENT ? " lenient" : " strict");
+    o << " log [" << xferlog << "]";
+    free(os);
+    return o.str();
+}
+
+// The defaults when a key is absent (the device profile, one second, "UNIX ", limits unset, no
+// range); the standard profile without delay is the integration suite's, which runs on both.
+TEST_F(PlatformConfTest, FtpLogAndTlsKeysReachTheDaemonsCalls) {
     struct utsname u;
     ASSERT_EQ(uname(&u), 0);
-    struct row {
-        const char *text;
-        int profile;
-        int delay;
-        const char *os_name;  // what SYST is given; nullptr: none
+    const std::string pasv = " pasv own ports 0:0-0 sessions -1/-1 rate 0 strict log []";
+    const std::pair<std::string, std::string> rows[] = {
+        {"", "port 21 device delay 1 os [UNIX ]" + pasv},
+        {"[ftp]\ncontrol_port = 2121\nprofile = standard\npassive_address = 192.0.2.7\n"
+         "passive_ports = 50000-50099\nmax_sessions = 4096\nmax_per_address = 0\nmax_rate = 10485760\n"
+         "[log]\ntransfer_log = xfer.log\n[tls]\nupload_eof = Lenient\n[device]\nos_name = \"  Sys V \"\n",
+         "port 2121 standard delay 1 os [  Sys V ] pasv 192.0.2.7 ports 1:50000-50099 sessions 4096/0 "
+         "rate 10485760 lenient log [DIR/etc/xfer.log]"},
+        {"[ftp]\nprofile = Device\nlogin_fail_delay = 60\npassive_ports = 1024-1024\nmax_sessions = 1\n"
+         "max_per_address = 3\npassive_address =\n[device]\nos_name = UNIX \n",
+         "port 21 device delay 60 os [UNIX] pasv own ports 1:1024-1024 sessions 1/3 rate 0 strict log []"},
+        {"[device]\nos_name = -\n", "port 21 device delay 1 os [(none)]" + pasv},
+        {"[device]\nos_name = \"\"\n", "port 21 device delay 1 os [" + std::string(u.sysname) + "]" + pasv},
     };
-    const row rows[] = {
-        {"[ftp]\nprofile = standard\n[device]\nos_name = \"  Sys V \"\n", PLATFORM_FTP_PROFILE_STANDARD, 1, "  Sys V "},
-        {"[ftp]\nprofile = Device\nlogin_fail_delay = 60\n[device]\nos_name = UNIX \n", PLATFORM_FTP_PROFILE_DEVICE, 60,
-         "UNIX"},
-        {"[device]\nos_name = -\n", PLATFORM_FTP_PROFILE_DEVICE, 1, nullptr},
-        {"[device]\nos_name = \"\"\n", PLATFORM_FTP_PROFILE_DEVICE, 1, u.sysname},
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.text);
+    for (const auto &[text, facts] : rows) {
         platform_conf c;
-        load(std::string("[ftp]\ncontrol_port = 2121\n") + r.text, &c);
-        EXPECT_EQ(platform_ftp_control_port(), 2121);
-        EXPECT_EQ(platform_ftp_profile(), r.profile);
-        EXPECT_EQ(platform_ftp_login_fail_delay(), r.delay);
-        char *os = zqsys_get_os_name();
-        EXPECT_EQ(os == nullptr ? std::string("(none)") : std::string(os), r.os_name == nullptr ? "(none)" : r.os_name);
-        free(os);
+        load(text, &c);
+        EXPECT_EQ(in_force(dir_), facts) << text;
     }
 }
 

@@ -7,20 +7,12 @@
 
 #include "fs_info.h"
 #include "ftpd_test_support.h"
-#include "platform_conf.h"
 
 namespace {
 
 class StorageTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        platform_conf c;
-        platform_conf_set_defaults(&c);
-        c.storages[1].dir = "/srv/flash/";
-        c.storages[3].dir = "/media/usb0";
-        c.storages[8].dir = "/";
-        platform_set_for_test(c);
-    }
+    void SetUp() override { ftpd_use_platform({{1, "/srv/flash/"}, {3, "/media/usb0"}, {8, "/"}}); }
     void TearDown() override { fs_set_mountinfo_path_for_test(nullptr); }
 
     std::string final_path(int i, const char *path, int outlen = 258) {

@@ -8,7 +8,6 @@
 
 #include "aaa.h"
 #include "ftpd_test_support.h"
-#include "platform_conf.h"
 
 namespace {
 
@@ -17,12 +16,8 @@ class UserRightsTest : public ::testing::Test {
     // Loads db as the database (a fresh file each time, so that it is read again) with the
     // storages flash and usb0 present; returns what loading printed.
     std::string load(const std::string &db) {
-        platform_conf c;
-        platform_conf_set_defaults(&c);
-        c.storages[1].dir = tree_.path();
-        c.storages[3].dir = tree_.path();
-        c.user_database = tree_.make_file("users" + std::to_string(files_++) + ".ini", db);
-        platform_set_for_test(c);
+        ftpd_use_platform({{1, tree_.path()}, {3, tree_.path()}},
+                          tree_.make_file("users" + std::to_string(files_++) + ".ini", db));
         username_lib_user_s u;
         testing::internal::CaptureStderr();
         username_lib_copy_user("-", &u);

@@ -1,30 +1,17 @@
 // Path resolution: normalisation, the bounds of client to real path mapping, the system-tree test
 // with the flash home, and temporary paths below TMPDIR.
+#include "base/path.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <string>
 
-#include "fs_info.h"
 #include "base/ftpd.h"
-#include "base/path.h"
 #include "ftpd_test_support.h"
 
 namespace {
-
-// The flash home comes from the platform file: point it at a directory of this binary's own
-// before anything loads the platform settings.
-std::string g_flash;
-class platform_env : public ::testing::Environment {
-    void SetUp() override {
-        g_flash = tree_.full("flash");
-        std::string conf = tree_.make_file("platform.conf", "[storage]\nflash = " + g_flash + "\n[log]\nsyslog = no\n");
-        setenv("FTPS_PLATFORM", conf.c_str(), 1);
-    }
-    ftpd_temp_tree tree_;
-};
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new platform_env);
 
 std::string trim(const char *in) {
     char out[512];
@@ -63,14 +50,12 @@ TEST(PathMapping, OverlongResultIsRefused) {
 }
 
 TEST(SystemTree, OnlyTheFirstComponentAfterFlashHomeDecides) {
-    char home[FTP_NAME_LEN];
-    ASSERT_EQ(fs_get_flash_home(home, sizeof home), 0);
-    ASSERT_EQ(home, g_flash);
+    const std::string flash = "/srv/flash";
+    ftpd_use_platform({{1, flash}});
     for (std::string p : std::initializer_list<std::string>{"/proc", "/proc/1/maps", "dev", "/dev/x", "/ram",
-                                                            g_flash + "/proc", g_flash + "proc"})
+                                                            flash + "/proc", flash + "proc"})
         EXPECT_FALSE(is_access_path(p.c_str())) << p;
-    for (std::string p :
-         std::initializer_list<std::string>{"/procfs", "/devices", "/etc/proc", "/", g_flash + "/procfs"})
+    for (std::string p : std::initializer_list<std::string>{"/procfs", "/devices", "/etc/proc", "/", flash + "/procfs"})
         EXPECT_TRUE(is_access_path(p.c_str())) << p;
 }
 

@@ -8,14 +8,11 @@
 #include <string>
 #include <thread>
 
-#include "fs_info.h"
 #include "base/ftpd.h"
 #include "ftpd_test_support.h"
 #include "platform_conf.h"
 
 namespace {
-
-const char *storage_keywords[FS_STORAGE_SLOTS] = {"flash2", "flash", "sata0", "usb0", "", "tmp", "install", "", "nfs"};
 
 class SettingsTest : public ::testing::Test {
   protected:
@@ -31,13 +28,9 @@ class SettingsTest : public ::testing::Test {
         ftp_settings_defaults();
         platform_set_for_test(platform_conf{});
     }
+    // The flash home's trailing slash is dropped when joined.
     void use_platform(const std::string &product) {
-        platform_conf conf;
-        for (int i = 0; i < FS_STORAGE_SLOTS; i++) conf.storages.push_back({storage_keywords[i], ""});
-        conf.storages[1].dir = tree_.full("flash/");  // the trailing slash is dropped when joined
-        conf.storages[5].dir = tree_.full("tmp");
-        conf.product_name = product;
-        platform_set_for_test(conf);
+        ftpd_use_platform({{1, tree_.full("flash/")}, {5, tree_.full("tmp")}}, "", product);
     }
     ftpd_temp_tree tree_;
 };
@@ -64,11 +57,10 @@ TEST_F(SettingsTest, StorageFormShowsPrefixAndResolvesOnItsStorage) {
     EXPECT_STREQ(get_ftp_server_root_dir(), "tmp:/pub");
     EXPECT_STREQ(get_true_ftp_server_root_dir(), tree_.full("tmp/pub").c_str());
     // An absent storage, a missing directory and an over-long text keep the old state.
+    const std::string p252 = "/" + std::string(251, 'p');
     EXPECT_EQ(set_ftp_server_root_dir_ext(3, "/pub", "sata0:"), -1);
-    EXPECT_EQ(set_ftp_server_root_dir_ext(6, "/none", "tmp:"), -1);
-    std::string p252 = "/" + std::string(251, 'p');
-    EXPECT_EQ(set_ftp_server_root_dir_ext(6, p252.c_str(), "tmp:"), -1);
-    EXPECT_EQ(set_ftp_server_root_dir_ext(6, nullptr, "tmp:"), -1);
+    for (const char *refused : {"/none", p252.c_str(), static_cast<const char *>(nullptr)})
+        EXPECT_EQ(set_ftp_server_root_dir_ext(6, refused, "tmp:"), -1) << (refused ? refused : "null");
     EXPECT_STREQ(get_ftp_server_root_dir(), "tmp:/pub");
     EXPECT_STREQ(get_true_ftp_server_root_dir(), tree_.full("tmp/pub").c_str());
 }

@@ -39,9 +39,8 @@ class UsersTest : public ::testing::Test {
         base_slots_ = outstanding_slots();
     }
     void TearDown() override {
-        for (auto &row : gb_usinfo) {
+        for (auto &row : gb_usinfo)
             if (row.use_flag == 1) unset_ftp_server_userinfo(std::string(row.username).c_str());
-        }
         login_set_service_pwd_encrypt(0);
         EXPECT_EQ(outstanding_slots(), base_slots_) << "slots leaked";
     }
@@ -82,10 +81,7 @@ TEST_F(UsersTest, SessionsClaimTheLowestFreeSlotUpToTheLimit) {
     ASSERT_EQ(ftp_set_userinfo_disconnect(&s[6].slot), 0);
     ASSERT_EQ(s[10].take("alice"), 0);
     EXPECT_EQ(s[10].slot.index, 6);
-    for (int i = 0; i < 11; i++) {
-        if (i == 6) continue;
-        EXPECT_EQ(ftp_set_userinfo_disconnect(&s[i].slot), 0) << i;
-    }
+    for (int i : {0, 1, 2, 3, 4, 5, 7, 8, 9, 10}) EXPECT_EQ(ftp_set_userinfo_disconnect(&s[i].slot), 0) << i;
     EXPECT_EQ(gb_usinfo[0].connect_num, 0);
     EXPECT_EQ(ftp_set_userinfo_disconnect(&s[0].slot), -1);  // no connection left
     session stranger;

@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "ftpd_test_support.h"
@@ -29,12 +27,6 @@ class XferlogTest : public ::testing::Test {
         char buf[512];
         int n = ftp_xferlog_format(&r, buf, sizeof buf);
         return n < 0 ? "(refused)" : std::string(buf, static_cast<size_t>(n));
-    }
-    static std::string contents(const std::string &path) {
-        std::ifstream in(path);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
     }
 
     ftpd_temp_tree tree_;
@@ -87,14 +79,14 @@ TEST_F(XferlogTest, TheWriterAppendsWholeLinesAndStartsAnewAfterRotation) {
     ASSERT_EQ(ftp_xferlog_write(&rec), 0);
     const std::string head = "Mon Jan 05 13:45:02 2026 1 192.0.2.1 10 ";
     const std::string tail = " b _ o r alice ftp 0 * c\n";
-    EXPECT_EQ(contents(path + ".1"), head + "/a" + tail + head + "/b" + tail);
-    EXPECT_EQ(contents(path), head + "/c" + tail);
+    EXPECT_EQ(ftpd_read_all(path + ".1"), head + "/a" + tail + head + "/b" + tail);
+    EXPECT_EQ(ftpd_read_all(path), head + "/c" + tail);
     // A reopen that cannot open the file keeps the log in use.
     ASSERT_EQ(rename(tree_.full("logs").c_str(), tree_.full("old").c_str()), 0);
     EXPECT_EQ(ftp_xferlog_reopen(), -1);
     rec.filename = "/d";
     ASSERT_EQ(ftp_xferlog_write(&rec), 0);
-    EXPECT_EQ(contents(tree_.full("old/xferlog")), head + "/c" + tail + head + "/d" + tail);
+    EXPECT_EQ(ftpd_read_all(tree_.full("old/xferlog")), head + "/c" + tail + head + "/d" + tail);
     ftp_xferlog_close();
     EXPECT_EQ(ftp_xferlog_write(&rec), 1);
     EXPECT_EQ(ftp_xferlog_reopen(), 0);  // nothing open: nothing to do

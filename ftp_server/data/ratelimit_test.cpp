@@ -36,13 +36,9 @@ TEST(RateLimit, ThirtySecondsKeepTheAverageAndEverySecondWithinTheBurst) {
         fake_clock clock;
         ftp_rate_limit limit(r.kib, read_clock, &clock);
         const long long rate = static_cast<long long>(r.kib) * 1024;
-        const long long start = clock.now;
-        const long long end = start + 30000;
+        const long long start = clock.now, end = start + 30000;
         std::deque<std::pair<long long, long long>> window;  // (when, bytes) of the last second
-        long long in_window = 0;
-        long long most = 0;
-        long long total = 0;
-        long long last_move = start;
+        long long in_window = 0, most = 0, total = 0, last_move = start;
         for (int step = 0; clock.now < end; step++) {
             size_t n = r.use_chunk ? limit.chunk(r.block) : r.block;
             clock.now += limit.wait_ms(n);

@@ -1,5 +1,7 @@
 // Packing of AAA attribute elements: the 248-byte value bound, capacity, and the layout and order
 // of the basic element set of a request.
+#include "aaa.h"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -7,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "aaa.h"
 #include "base/ftpd.h"
 #include "login/login.h"
 
@@ -71,12 +72,9 @@ TEST(AaaElemTest, BasicSetCarriesPeerAddressNameAndPasswordInOrder) {
     auto elems = unpack(iov);
     ASSERT_EQ(elems.size(), 8u);
     const uint32_t codes[] = {147, 148, 145, 146, 152, 150, 157, 158};
+    const char *values[] = {"\x0f", "\x15", "2001:db8::7", "alice", "pw"};
     for (size_t i = 0; i < 8; i++) EXPECT_EQ(elems[i].code, codes[i]) << i;
-    EXPECT_EQ(elems[3].value, std::string(1, '\x0f'));
-    EXPECT_EQ(elems[4].value, std::string(1, '\x15'));
-    EXPECT_EQ(elems[5].value, "2001:db8::7");
-    EXPECT_EQ(elems[6].value, "alice");
-    EXPECT_EQ(elems[7].value, "pw");
+    for (size_t i = 3; i < 8; i++) EXPECT_EQ(elems[i].value, values[i - 3]) << i;
 
     // Neither family: the address is "async"; an over-long password is left out.
     aaa_iovec_init(&iov, buf, sizeof buf);

@@ -2,26 +2,23 @@
 // split of each valid one, and the reader leaving the client's first bytes in the socket.
 #include "net/proxy_header.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 
-#include "base/raii.h"
+#include "ftpd_test_support.h"
 
 namespace {
 
-std::string v2(unsigned char ver_cmd, unsigned char fam, const std::string &body) {
-    std::string h("\r\n\r\n\0\r\nQUIT\n", 12);
-    h += static_cast<char>(ver_cmd);
-    h += static_cast<char>(fam);
-    h += static_cast<char>(body.size() >> 8);
-    h += static_cast<char>(body.size() & 0xff);
-    return h + body;
+// A version 2 header: signature, version and command, family and transport, length, block.
+std::string v2(char ver_cmd, char fam, const std::string &body) {
+    const char len[] = {static_cast<char>(body.size() >> 8), static_cast<char>(body.size() & 0xff)};
+    return std::string("\r\n\r\n\0\r\nQUIT\n", 12) + ver_cmd + fam + std::string(len, 2) + body;
 }
 
 const std::string kV4Body("\xC0\x00\x02\x01\x0A\x00\x00\x01\xD4\x31\x00\x15", 12);  // 192.0.2.1:54321 -> 10.0.0.1:21
@@ -30,18 +27,12 @@ const std::string kV6Body = std::string("\x20\x01\x0d\xb8", 4) + std::string(11,
 
 // "ADDRESS PORT" of an address, or "own".
 std::string text_of(const sockaddr_storage &ss) {
-    char buf[INET6_ADDRSTRLEN] = "";
-    if (ss.ss_family == AF_INET) {
-        auto &s4 = reinterpret_cast<const sockaddr_in &>(ss);
-        inet_ntop(AF_INET, &s4.sin_addr, buf, sizeof buf);
-        return std::string(buf) + " " + std::to_string(ntohs(s4.sin_port));
-    }
-    if (ss.ss_family == AF_INET6) {
-        auto &s6 = reinterpret_cast<const sockaddr_in6 &>(ss);
-        inet_ntop(AF_INET6, &s6.sin6_addr, buf, sizeof buf);
-        return std::string(buf) + " " + std::to_string(ntohs(s6.sin6_port));
-    }
-    return ss.ss_family == AF_UNSPEC ? "own" : "family " + std::to_string(ss.ss_family);
+    char host[NI_MAXHOST], port[NI_MAXSERV];
+    if (ss.ss_family == AF_UNSPEC) return "own";
+    if (getnameinfo(reinterpret_cast<const sockaddr *>(&ss), sizeof ss, host, sizeof host, port, sizeof port,
+                    NI_NUMERICHOST | NI_NUMERICSERV) != 0)
+        return "family " + std::to_string(ss.ss_family);
+    return std::string(host) + " " + port;
 }
 
 struct valid_row {
@@ -100,7 +91,9 @@ const std::string kInvalid[] = {
     std::string("\r\n\r\n\0\r\nQUIX\n", 12),
 };
 
-TEST(ProxyHeader, ValidHeadersGiveTheirAddressesAndLengthWhateverFollows) {
+// Every proper beginning of a valid header asks for more, never for fewer bytes than it is short
+// of nor for more than the whole header: a reader that takes that many never reads past it.
+TEST(ProxyHeader, ValidHeadersGiveTheirAddressesAndLengthWhateverFollowsAndTheirBeginningsAskForTheRest) {
     for (const valid_row &r : kValid) {
         SCOPED_TRACE(testing::PrintToString(r.header));
         for (const std::string &after : {std::string(), std::string("USER alice\r\n"), std::string("\r\n\r\n\0", 5)}) {
@@ -111,14 +104,6 @@ TEST(ProxyHeader, ValidHeadersGiveTheirAddressesAndLengthWhateverFollows) {
             EXPECT_EQ(text_of(h.src), r.src);
             EXPECT_EQ(text_of(h.dst), r.dst);
         }
-    }
-}
-
-// Every proper beginning of a valid header asks for more, never for fewer bytes than it is short
-// of nor for more than the whole header: a reader that takes that many never reads past it.
-TEST(ProxyHeader, EveryBeginningOfAValidHeaderAsksForNoMoreThanTheRest) {
-    for (const valid_row &r : kValid) {
-        SCOPED_TRACE(testing::PrintToString(r.header));
         for (size_t n = 0; n < r.header.size(); n++) {
             ftp_proxy_header h;
             ASSERT_EQ(ftp_proxy_parse(r.header.data(), n, &h), FTP_PROXY_NEED_MORE) << n;
@@ -139,69 +124,46 @@ TEST(ProxyHeader, InvalidHeadersAreRefusedOnceTheirFaultHasArrived) {
     }
 }
 
-class ProxyReadTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        server_.reset(sv[0]);
-        client_.reset(sv[1]);
-    }
-    void send_all(const std::string &s) { ASSERT_EQ(write(client_.get(), s.data(), s.size()), (ssize_t)s.size()); }
-    // What is left in the socket after the header, up to the client's end.
-    std::string rest() {
-        client_.reset();
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(server_.get(), buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
-
-    unique_fd server_;
-    unique_fd client_;
-    sockaddr_storage src_ = {};
-    sockaddr_storage dst_ = {};
-};
-
-TEST_F(ProxyReadTest, TakesExactlyTheHeaderAndLeavesTheCommandsThatFollow) {
+// The reader on a connection: what the client sends, in pieces of `piece` bytes (0: at once),
+// then closes or (src nullptr) keeps open; what the reader takes within `ms`, and what it leaves
+// for the commands.
+TEST(ProxyRead, TakesExactlyTheHeaderAndFailsOnMalformedClosedOrLateOnes) {
     const std::string tlv = std::string("\x04\x0b\xb8", 3) + std::string(3000, 'n');  // beyond the first buffer
-    for (const std::string &header : {kValid[0].header, kValid[5].header, v2(0x21, 0x11, kV4Body + tlv)}) {
-        SCOPED_TRACE(testing::PrintToString(header.substr(0, 20)));
-        SetUp();
-        send_all(header + "USER alice\r\nPASS x\r\n");
-        ASSERT_EQ(ftp_proxy_read(server_.get(), 5000, &src_, &dst_), 0);
-        EXPECT_EQ(text_of(src_), header[0] == 'P' && header[6] == 'U' ? "own" : "192.0.2.1 54321");
-        EXPECT_EQ(rest(), "USER alice\r\nPASS x\r\n");
+    const std::string cmds = "USER alice\r\nPASS x\r\n";
+    const struct {
+        std::string sent;
+        size_t piece;
+        int ms, rc;
+        const char *src;
+    } rows[] = {
+        {kValid[0].header + cmds, 0, 5000, 0, "192.0.2.1 54321"},
+        {kValid[5].header + cmds, 0, 5000, 0, "own"},
+        {v2(0x21, 0x11, kV4Body + tlv) + cmds, 0, 5000, 0, "192.0.2.1 54321"},
+        {kValid[2].header + cmds, 7, 5000, 0, "2001:db8::7 80"},  // joined from its pieces
+        {"PROXY TCP4 192.0.2.1 10.0.0.1 1 02\r\n" + cmds, 0, 5000, -1, ""},
+        {"PROXY TCP4 192.0.2.1", 0, 5000, -1, ""},                     // closed before its end
+        {v2(0x21, 0x11, kV4Body).substr(0, 20), 0, 100, -1, nullptr},  // the rest never comes
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(testing::PrintToString(r.sent.substr(0, 20)));
+        ftpd_socket_pair pair;
+        std::thread client([&] {
+            const size_t piece = r.piece != 0 ? r.piece : r.sent.size();
+            for (size_t at = 0; at < r.sent.size(); at += piece) {
+                ASSERT_GT(send(pair.far(), r.sent.data() + at, std::min(piece, r.sent.size() - at), 0), 0);
+                usleep(2000);
+            }
+            if (r.src != nullptr) pair.close_far();
+        });
+        sockaddr_storage src = {}, dst = {};
+        EXPECT_EQ(ftp_proxy_read(pair.near(), r.ms, &src, &dst), r.rc);
+        client.join();
+        if (r.rc != 0) continue;
+        EXPECT_EQ(text_of(src), r.src);
+        EXPECT_EQ(ftpd_read_all(pair.near()), cmds);
     }
-}
-
-TEST_F(ProxyReadTest, AHeaderArrivingInPiecesIsJoined) {
-    const std::string header = kValid[2].header;
-    std::thread writer([&] {
-        for (size_t at = 0; at < header.size(); at += 7) {
-            send_all(header.substr(at, 7) + (at + 7 >= header.size() ? "NOOP\r\n" : ""));
-            usleep(2000);
-        }
-    });
-    int rc = ftp_proxy_read(server_.get(), 5000, &src_, &dst_);
-    writer.join();
-    ASSERT_EQ(rc, 0);
-    EXPECT_EQ(text_of(src_), "2001:db8::7 80");
-    EXPECT_EQ(rest(), "NOOP\r\n");
-}
-
-TEST_F(ProxyReadTest, MalformedClosedOrLateHeadersFail) {
-    send_all("PROXY TCP4 192.0.2.1 10.0.0.1 1 02\r\nUSER x\r\n");
-    EXPECT_EQ(ftp_proxy_read(server_.get(), 5000, &src_, &dst_), -1);
-    SetUp();
-    send_all("PROXY TCP4 192.0.2.1");
-    client_.reset();
-    EXPECT_EQ(ftp_proxy_read(server_.get(), 5000, &src_, &dst_), -1);
-    SetUp();
-    send_all(v2(0x21, 0x11, kV4Body).substr(0, 20));  // the rest never comes
-    EXPECT_EQ(ftp_proxy_read(server_.get(), 100, &src_, &dst_), -1);
-    EXPECT_EQ(ftp_proxy_read(-1, 100, &src_, &dst_), -1);
+    sockaddr_storage src, dst;
+    EXPECT_EQ(ftp_proxy_read(-1, 100, &src, &dst), -1);
 }
 
 }  // namespace

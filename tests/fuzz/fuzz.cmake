@@ -1,6 +1,7 @@
 # libFuzzer targets, one executable per tests/fuzz/fuzz_*.cpp. Built only by clang with
 # -DFTPS_FUZZ=ON (CC=clang CXX=clang++, a build directory of its own): the daemon's libraries are
-# then instrumented for coverage, ASan and UBSan, and each target links the fuzzer's driver.
+# then instrumented for coverage, ASan and UBSan, and each target links the fuzzer's driver and the
+# fixtures of tests/support.
 # tests/fuzz/run.sh builds and runs them; "make fuzz" calls it.
 option(FTPS_FUZZ "build the libFuzzer targets (clang only)" OFF)
 
@@ -14,7 +15,8 @@ if(FTPS_FUZZ AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   add_custom_target(fuzz_targets)
   foreach(src ${FTPS_FUZZ_SRC})
     get_filename_component(name ${src} NAME_WE)
-    add_executable(${name} ${src})
+    add_executable(${name} ${src} ${FTPS_UNIT_SUPPORT})
+    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/support)
     target_compile_options(${name} PRIVATE ${FTPS_WARNINGS} -fno-exceptions -fsanitize=fuzzer ${FTPS_FUZZ_FLAGS})
     target_link_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
     target_link_libraries(${name} PRIVATE ftpd_core ftps_app ftps_platform)

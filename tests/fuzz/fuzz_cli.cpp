@@ -4,17 +4,17 @@
 // that a crash reproduces from its one input.
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
-#include "cli.h"
-#include "cli_internal.h"
-#include "base/ftpd.h"
 #include "admin/admin.h"
+#include "base/ftpd.h"
 #include "base/settings.h"
 #include "base/users.h"
+#include "cli.h"
+#include "cli_internal.h"
+#include "ftpd_test_support.h"
+#include "harness.h"
 #include "login_pwd.h"
-#include "platform_conf.h"
 
 namespace {
 void reset_settings() {
@@ -30,24 +30,18 @@ void reset_settings() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    // A private TMPDIR: "no ftp-server enable" sends its stop datagram below it.
-    char tmpl[] = "/tmp/ftps-fuzz-cli-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) abort();
-    setenv("TMPDIR", tmpl, 1);
+    // A private TMPDIR, also the flash storage: "no ftp-server enable" sends its stop datagram below it.
+    static const ftpd_temp_tree tmp;
+    setenv("TMPDIR", tmp.path().c_str(), 1);
     ftpd_mem_init();
-    platform_conf conf;
-    platform_conf_set_defaults(&conf);
-    if (conf.storages.size() > 1) conf.storages[1].dir = tmpl;
-    conf.log_syslog = false;
-    platform_set_for_test(conf);
+    ftpd_use_platform({{1, tmp.path()}});
     if (cli_builtin_register() != 0 || cfg_ftp_server_init() != 0) abort();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 1024) return 0;
-    std::string line(reinterpret_cast<const char *>(data), size);
-    if (line.find('\0') != std::string::npos) line.resize(line.find('\0'));
+    std::string line = fuzz_string(data, size);
     std::string out;
     int err_offset = -1;
     if (!line.empty() && line.back() == '?')

@@ -1,20 +1,11 @@
 // Fuzz target: the wildcard matcher of LIST and NLST. The input is a file name and a pattern
 // separated by the first zero byte; both are bounded as the listing bounds them.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #include "base/ftpd.h"
 #include "files/entries.h"
-
-namespace {
-char *copy_of(const uint8_t *p, size_t n) {
-    char *s = static_cast<char *>(malloc(n + 1));
-    memcpy(s, p, n);
-    s[n] = '\0';
-    return s;
-}
-}  // namespace
+#include "harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t *zero = static_cast<const uint8_t *>(memchr(data, 0, size));
@@ -22,15 +13,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     size_t pat_off = zero != nullptr ? name_len + 1 : name_len;
     size_t pat_len = size - pat_off;
     if (name_len > FTP_BUF_SIZE || pat_len > FTP_BUF_SIZE) return 0;
-    char *name = copy_of(data, name_len);
-    char *pattern = copy_of(data + pat_off, pat_len);
-    int r = ftpd_is_match(name, pattern);
+    auto name = fuzz_text(data, name_len);
+    auto pattern = fuzz_text(data + pat_off, pat_len);
+    int r = ftpd_is_match(name.get(), pattern.get());
     if (r != 0 && r != 1) __builtin_trap();
     // A pattern without wildcards matches exactly the name it spells (both non-empty).
-    if (name[0] != '\0' && strpbrk(pattern, "*?") == nullptr && strlen(pattern) < 256 && strlen(name) < 256 &&
-        r != (strcmp(name, pattern) == 0 ? 1 : 0))
+    if (name[0] != '\0' && strpbrk(pattern.get(), "*?") == nullptr && strlen(pattern.get()) < 256 &&
+        strlen(name.get()) < 256 && r != (strcmp(name.get(), pattern.get()) == 0 ? 1 : 0))
         __builtin_trap();
-    free(pattern);
-    free(name);
     return 0;
 }

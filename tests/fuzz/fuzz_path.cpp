@@ -5,54 +5,32 @@
 //
 // Input: byte 0 picks the top directory, byte 1 the buffer size; the rest is the session's
 // current directory (below the top) and the client's path, separated by the first zero byte.
+#include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "base/ftpd.h"
 #include "base/path.h"
-#include "platform_conf.h"
+#include "ftpd_test_support.h"
 
 namespace {
 
 const char *const kTops[] = {"/", "/flash", "/flash/ftp", "/mnt/usb0", "/tmp/a/b/c"};
 
-// Textual resolution of "." and ".." (".." at "/" stays at "/").
-std::string resolve(const std::string &p) {
-    std::vector<std::string> parts;
-    size_t i = 0;
-    while (i <= p.size()) {
-        size_t j = p.find('/', i);
-        if (j == std::string::npos) j = p.size();
-        std::string c = p.substr(i, j - i);
-        if (c == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!c.empty() && c != ".") {
-            parts.push_back(c);
-        }
-        i = j + 1;
-    }
-    std::string out;
-    for (auto &c : parts) out += "/" + c;
-    return out.empty() ? "/" : out;
-}
-
+// Whether path, its "." and ".." resolved as text (".." at "/" stays at "/"), is at or below top.
 bool below(const std::string &path, const std::string &top) {
-    if (top == "/") return true;
-    return path == top || (path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
+    std::string p = std::filesystem::path(path).lexically_normal().string();
+    return top == "/" || p == top || (p.compare(0, top.size(), top) == 0 && p[top.size()] == '/');
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     ftpd_mem_init();
-    platform_conf conf;
-    platform_conf_set_defaults(&conf);
-    if (conf.storages.size() > 1) conf.storages[1].dir = "/flash";
-    conf.log_syslog = false;
-    platform_set_for_test(conf);
+    ftpd_use_platform({{1, "/flash"}});
     return 0;
 }
 
@@ -64,9 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string rest(reinterpret_cast<const char *>(data + 2), size - 2);
     size_t zero = rest.find('\0');
     std::string cur_rel = zero == std::string::npos ? "" : rest.substr(0, zero);
-    std::string client = zero == std::string::npos ? rest : rest.substr(zero + 1);
-    if (client.find('\0') != std::string::npos) client.resize(client.find('\0'));
-    if (client.size() > FTP_BUF_SIZE - 1) client.resize(FTP_BUF_SIZE - 1);
+    // The client's path ends at a further zero byte, as a received line would.
+    std::string client = rest.substr(zero == std::string::npos ? 0 : zero + 1);
+    client = client.substr(0, std::min<size_t>(client.find('\0'), FTP_BUF_SIZE - 1));
 
     char rootdir[FTP_ROOTDIR_LEN];
     if (!ftpd_strlcpy(rootdir, top, sizeof rootdir)) return 0;
@@ -99,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     if (ftpd_relative_to_absolute_path(rootdir, outpath.data(), inpath.data(), bufsize) == nullptr) return 0;
     // Confinement: a real path that fit never leaves the top directory.
-    if (outpath[0] == '/' && !below(resolve(inpath.data()), top)) __builtin_trap();
+    if (outpath[0] == '/' && !below(inpath.data(), top)) __builtin_trap();
     (void)is_access_path(inpath.data());
 
     char back[FTP_CURRENTDIR_LEN];

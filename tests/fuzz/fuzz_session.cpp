@@ -2,8 +2,7 @@
 // profile the first byte picks. Commands that would wait for a data connection are left out; the
 // rest run against a private top directory. After every line: the current directory is still at or
 // below the top directory, and a refused PORT or EPRT changed nothing of the data address.
-#include <sys/socket.h>
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,25 +14,22 @@
 #include "base/settings.h"
 #include "control/commands.h"
 #include "control/loop.h"
+#include "ftpd_test_support.h"
 #include "session/session.h"
 
 namespace {
 
-char g_top[64];
+const ftpd_temp_tree g_top;
 
 bool waits_for_data(const ftp_command *c) {
-    static const char *const kData[] = {"RETR", "STOR", "APPE", "LIST", "NLST", "MLSD"};
-    for (const char *w : kData)
-        if (c != nullptr && strcmp(c->word, w) == 0) return true;
-    return false;
+    return c != nullptr &&
+           std::string(" RETR STOR APPE LIST NLST MLSD ").find(" " + std::string(c->word) + " ") != std::string::npos;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    strcpy(g_top, "/tmp/ftps-fuzz-XXXXXX");
-    if (mkdtemp(g_top) == nullptr) abort();
-    mkdir((std::string(g_top) + "/sub").c_str(), 0755);
+    g_top.make_dir("sub");
     ftp_settings_defaults();
     return 0;
 }
@@ -42,19 +38,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const ftp_policy kPolicies[2] = {ftp_policy_of(ftp_profile::device, false),
                                             ftp_policy_of(ftp_profile::standard, false)};
     if (size < 1) return 0;
-    int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv) != 0) return 0;
+    ftpd_socket_pair pair;
+    // The session's end never blocks: a command that would wait for the client finds nothing.
+    int control = dup(pair.near());
+    fcntl(control, F_SETFL, O_NONBLOCK);
     ftp_connect_addr addr{};
     addr.his_addr.sin_family = AF_INET;
     addr.his_addr.sin_addr.s_addr = htonl(0x7f000001);
     addr.ctrl_addr = addr.his_addr;
     {
-        ftp_session s(sv[0], -1, AF_INET, addr, kPolicies[data[0] & 1]);
+        ftp_session s(control, -1, AF_INET, addr, kPolicies[data[0] & 1]);
         if (!s.ready()) abort();
         s.login.logged_in = true;
         s.has_topdir = true;
-        strcpy(s.rootdir.get(), g_top);
-        strcpy(s.currentdir, g_top);
+        strcpy(s.rootdir.get(), g_top.path().c_str());
+        strcpy(s.currentdir, g_top.path().c_str());
         size_t pos = 1;
         while (pos < size) {
             const uint8_t *nl = static_cast<const uint8_t *>(memchr(data + pos, '\n', size - pos));
@@ -70,12 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             int port = s.client_port;
             int family = s.data.addrs().family;
             bool go_on = ftp_dispatch(s);
-            char sink[4096];
-            ssize_t got = read(sv[1], sink, sizeof sink);
-            bool accepted = got >= 4 && memcmp(sink, "200 ", 4) == 0;
-            while (read(sv[1], sink, sizeof sink) > 0) {
-            }
-            if (strncmp(s.currentdir, g_top, strlen(g_top)) != 0) __builtin_trap();
+            bool accepted = pair.drain().rfind("200 ", 0) == 0;
+            if (strncmp(s.currentdir, g_top.path().c_str(), g_top.path().size()) != 0) __builtin_trap();
             // SECURITY: what a refused PORT or EPRT parsed must not survive it.
             bool address = s.cmd != nullptr && (strcmp(s.cmd->word, "PORT") == 0 || strcmp(s.cmd->word, "EPRT") == 0);
             if (address && !accepted &&
@@ -84,6 +78,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (!go_on) break;
         }
     }
-    close(sv[1]);
     return 0;
 }

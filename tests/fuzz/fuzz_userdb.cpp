@@ -10,12 +10,10 @@
 #include <string>
 
 #include "aaa.h"
-#include "platform_conf.h"
+#include "ftpd_test_support.h"
+#include "harness.h"
 
 namespace {
-std::string g_paths[2];
-platform_conf g_conf[2];
-unsigned g_turn = 0;
 int g_stderr = -1;
 int g_null = -1;
 
@@ -32,16 +30,6 @@ struct quiet_stderr {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    for (int i = 0; i < 2; i++) {
-        char tmpl[] = "/tmp/ftps-fuzz-users-XXXXXX";
-        int fd = mkstemp(tmpl);
-        if (fd < 0) abort();
-        close(fd);
-        g_paths[i] = tmpl;
-        platform_conf_set_defaults(&g_conf[i]);
-        g_conf[i].log_syslog = false;
-        g_conf[i].user_database = g_paths[i];
-    }
     if (getenv("FTPS_FUZZ_VERBOSE") == nullptr) {
         g_stderr = dup(2);
         g_null = open("/dev/null", O_WRONLY);
@@ -50,23 +38,16 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    unsigned turn = g_turn++ & 1;
-    int fd = open(g_paths[turn].c_str(), O_WRONLY | O_TRUNC);
-    if (fd < 0) abort();
-    if (write(fd, data, size) != static_cast<ssize_t>(size)) abort();
-    close(fd);
-    platform_set_for_test(g_conf[turn]);
+    static const ftpd_temp_tree tree;
+    static unsigned turn = 0;
+    std::string text(reinterpret_cast<const char *>(data), size);
+    ftpd_use_platform({}, tree.make_file("users" + std::to_string(turn++ & 1), text));
 
     // Look up the first section's name, as a login would.
-    std::string text(reinterpret_cast<const char *>(data), size);
-    std::string name = "alice";
     size_t at = text.find("[user ");
-    if (at != std::string::npos) {
-        size_t end = text.find(']', at);
-        if (end != std::string::npos) name = text.substr(at + 6, end - at - 6);
-    }
-    if (name.find('\0') != std::string::npos) name.resize(name.find('\0'));
-    if (name.size() > 64) name.resize(64);
+    size_t end = at == std::string::npos ? at : text.find(']', at);
+    std::string name = "alice";
+    if (end != std::string::npos) name = fuzz_string(data + at + 6, end - at - 6).substr(0, 64);
     quiet_stderr quiet;
     username_lib_user_s user;
     if (username_lib_copy_user(name.c_str(), &user) == 0) {

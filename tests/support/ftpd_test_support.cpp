@@ -4,12 +4,15 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "platform_conf.h"
 
 ftpd_temp_tree::ftpd_temp_tree() {
     std::string templ = (std::filesystem::temp_directory_path() / "ftps-unit-XXXXXX").string();
@@ -40,11 +43,20 @@ ftpd_socket_pair::ftpd_socket_pair() {
 }
 
 std::string ftpd_socket_pair::drain() const {
+    return ftpd_read_all(far_.get());
+}
+
+std::string ftpd_read_all(int fd) {
     std::string out;
     char buf[4096];
     ssize_t n;
-    while ((n = recv(far_.get(), buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
+    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
     return out;
+}
+
+std::string ftpd_read_all(const std::string &path) {
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return ftpd_read_all(fd.get());
 }
 
 std::string &ftpd_captured() {
@@ -62,3 +74,12 @@ int ftpd_capture(const char *fmt, ...) {
     return n;
 }
 
+void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users, const std::string &product) {
+    platform_conf conf;
+    platform_conf_set_defaults(&conf);
+    for (const auto &[slot, dir] : dirs) conf.storages[static_cast<size_t>(slot)].dir = dir;
+    conf.log_syslog = false;
+    if (!users.empty()) conf.user_database = users;
+    conf.product_name = product;
+    platform_set_for_test(conf);
+}

@@ -1,8 +1,10 @@
-// Fixtures shared by the unit tests: a scoped temporary directory tree, a connected socket pair
-// whose far end the test reads back, report capture and a session record before login.
+// Fixtures shared by the unit tests and the fuzz targets: a scoped temporary directory tree, a
+// connected socket pair whose far end the test reads back, report capture and platform settings.
 #pragma once
 
+#include <initializer_list>
 #include <string>
+#include <utility>
 
 #include "base/ftpd.h"
 
@@ -32,6 +34,7 @@ class ftpd_socket_pair {
     ftpd_socket_pair &operator=(const ftpd_socket_pair &) = delete;
 
     int near() const { return near_.get(); }
+    int far() const { return far_.get(); }
     // Everything queued at the far end; handlers run on the test's thread, so it is complete.
     std::string drain() const;
     // Closes the far end, so that sends on the near end fail.
@@ -42,7 +45,15 @@ class ftpd_socket_pair {
     unique_fd far_;
 };
 
+// What fd gives until its end (or, non-blocking, until nothing is queued); a file's whole text.
+std::string ftpd_read_all(int fd);
+std::string ftpd_read_all(const std::string &path);
+
 // What a report function printed through its printf-like callback; ftpd_capture appends to it.
 std::string &ftpd_captured();
 int ftpd_capture(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
+using ftpd_storage_dirs = std::initializer_list<std::pair<int, std::string>>;
+// Puts the platform's defaults in force without syslog, with the given storage directories (by
+// slot: 1 flash, 3 usb0, ...) and, when not empty, the given user database and product name.
+void ftpd_use_platform(ftpd_storage_dirs dirs, const std::string &users = "", const std::string &product = "");
