@@ -16,16 +16,13 @@ import signal
 import socket
 import ssl
 import subprocess
-import sys
 import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-import clients  # noqa: E402
-from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted, in_parallel,  # noqa: E402
-                          half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
+import clients
+from ftps_harness import (Daemon, DaemonTestCase, ResumingFTP, client_context, ends, ftp_session, greeted,
+                          in_parallel, half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
 
 TLS_PROFILE = {"ftp.profile": "standard"}
 
@@ -35,15 +32,12 @@ def tls_session(port, cls=ResumingFTP):
     return ftp_session(port, cls=cls)
 
 
-class TlsDaemonCase(unittest.TestCase):
-    tls_settings = {}
+class TlsDaemonCase(DaemonTestCase):
+    daemon_kwargs = {"extra_platform": TLS_PROFILE, "tls": True}
 
     @classmethod
     def setUpClass(cls):
-        cls.d = Daemon(extra_platform=dict(TLS_PROFILE, **cls.tls_settings), tls=True)
-        # Also after a failed start: the daemon's exit status is checked and its files go.
-        cls.addClassCleanup(cls.d.stop_checked)
-        cls.d.start()
+        super().setUpClass()
         assert cls.d.cli("debug ftp-server pro")[0] == 0
 
     def tls_in_use(self):
@@ -167,7 +161,8 @@ class RequiredAll(TlsDaemonCase):
     # require = all with require_reuse = no: stock ftplib, whose data connections start new TLS sessions,
     # works; clear data connections do not.
 
-    tls_settings = {"tls.require": "all", "tls.require_reuse": "no"}
+    daemon_kwargs = {"extra_platform": dict(TLS_PROFILE, **{"tls.require": "all", "tls.require_reuse": "no"}),
+                     "tls": True}
 
     def test_every_data_connection_protected(self):
         ftp = ftplib.FTP_TLS(context=client_context(), timeout=30)

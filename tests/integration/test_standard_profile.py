@@ -9,12 +9,10 @@
 import ftplib
 import os
 import socket
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (DaemonTestCase, RawClient, ftp_session, greeted, has_ipv6, logged_in,  # noqa: E402
+from ftps_harness import (DaemonTestCase, RawClient, ftp_session, greeted, has_ipv6, logged_in,
                           memory_idle, pasv_connect, read_file, reset, start_upload, transfer, wait_until)
 
 GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
