@@ -27,11 +27,6 @@ from ftps_harness import (Daemon, DaemonTestCase, ResumingFTP, client_context, e
 TLS_PROFILE = {"ftp.profile": "standard"}
 
 
-def tls_session(port, cls=ResumingFTP):
-    # Logged in over TLS, data connections protected.
-    return ftp_session(port, cls=cls)
-
-
 class TlsDaemonCase(DaemonTestCase):
     daemon_kwargs = {"extra_platform": TLS_PROFILE, "tls": True}
 
@@ -59,7 +54,7 @@ class RequiredLogin(TlsDaemonCase):
         # The library sets up its tables on first use, some only once handshakes overlap: a
         # protected session with a data connection and a burst of handshakes come first. A session
         # thread's own TLS state goes when the thread has ended.
-        ftp = tls_session(self.d.port)
+        ftp = ftp_session(self.d.port, cls=ResumingFTP)
         ftp.nlst()
         ftp.quit()
         in_parallel(lambda _: [tls_handshake(self.d.port) for _ in range(5)], 4)
@@ -94,7 +89,7 @@ class RequiredLogin(TlsDaemonCase):
         with self.subTest(case="handshake cut half-way"):
             half_handshake(self.d.port).close()
         with self.subTest(case="plain data connection under PROT P"):
-            ftp = tls_session(self.d.port)
+            ftp = ftp_session(self.d.port, cls=ResumingFTP)
             ftp.sock.settimeout(30)
             port = pasv_port(ftp.sendcmd("PASV").encode())
             ftp.putcmd("LIST")
@@ -108,7 +103,7 @@ class RequiredLogin(TlsDaemonCase):
             self.assertEqual(ftp.voidcmd("NOOP")[:3], "200")
             ftp.quit()
         with self.subTest(case="data connection that does not resume the session"):
-            ftp = tls_session(self.d.port, cls=ftplib.FTP_TLS)
+            ftp = ftp_session(self.d.port, cls=ftplib.FTP_TLS)
             with self.assertRaises((ftplib.error_temp, ssl.SSLError, OSError)):
                 ftp.nlst()
             ftp.sock.settimeout(10)
@@ -119,32 +114,28 @@ class RequiredLogin(TlsDaemonCase):
                 self.assertEqual(ftp.voidcmd("NOOP")[:3], "200")
             ftp.quit()
         with self.subTest(case="a handshake flood beside a download"):
-            data = os.urandom(8 << 20)
+            data, got, stop = os.urandom(8 << 20), io.BytesIO(), threading.Event()
             self.d.put("flood.bin", data)
-            stop = threading.Event()
 
-            def flood():
+            def download_or_flood(i):
+                # One download; beside it twelve clients start handshakes until it has ended.
+                if i == 0:
+                    try:
+                        ftp = ftp_session(self.d.port, cls=ResumingFTP)
+                        ftp.retrbinary("RETR flood.bin", got.write)
+                        ftp.quit()
+                    finally:
+                        stop.set()
                 while not stop.is_set():
                     try:
                         tls_handshake(self.d.port)
                     except (OSError, EOFError, AssertionError):  # refused or cut: the flood goes on
                         pass
 
-            threads = [threading.Thread(target=flood) for _ in range(12)]
-            for t in threads:
-                t.start()
-            try:
-                ftp = tls_session(self.d.port)
-                got = io.BytesIO()
-                ftp.retrbinary("RETR flood.bin", got.write)
-                ftp.quit()
-            finally:
-                stop.set()
-                for t in threads:
-                    t.join()
+            in_parallel(download_or_flood, 13)
             self.assertEqual(got.getvalue(), data)
         with self.subTest(case="the daemon goes on"):
-            tls_session(self.d.port).quit()
+            ftp_session(self.d.port, cls=ResumingFTP).quit()
         self.settled(fds, tls)
 
     def test_sighup_takes_up_a_new_certificate(self):

@@ -312,7 +312,7 @@ class StandardProfileTest(ProfileCase):
             h.close()
         self.d.cli("no ftp-server max-user-connect")
 
-    def test_options_dot_files_directories_and_prefixes(self):
+    def test_listing_options_dot_files_prefixes_and_unlistable_paths(self):
         dots = TOP | {".hidden"}
         cases = [
             ("LIST", TOP), ("LIST -l", TOP), ("LIST -la", dots), ("LIST -A", dots),
@@ -330,20 +330,18 @@ class StandardProfileTest(ProfileCase):
         for verb, names in cases:
             with self.subTest(verb=verb):
                 self.assertEqual(listed(c, verb), names)
-        c.close()
-
-    def test_unlistable_path_is_refused_before_any_data_connection(self):
-        cases = [("LIST nope", b"550", b'"nope"'), ("NLST -a sub/none", b"550", b'"sub/none"'),
-                 ("LIST missing/*.txt", b"550", b'"missing/*.txt"'), ("MLSD ../../nope", b"550", b'"../../nope"'),
-                 ("MLSD a.txt", b"501", b'"a.txt"')]
-        c = logged_in(self.d.port)
-        for verb, code, echo in cases:
+        # An unlistable path is refused before any data connection, without the real path; the session goes on.
+        for verb, code, echo in (("LIST nope", b"550", b'"nope"'), ("NLST -a sub/none", b"550", b'"sub/none"'),
+                                 ("LIST missing/*.txt", b"550", b'"missing/*.txt"'),
+                                 ("MLSD ../../nope", b"550", b'"../../nope"'), ("MLSD a.txt", b"501", b'"a.txt"')):
             with self.subTest(verb=verb):
                 replies, _ = transfer(c, verb)
                 self.assertTrue(replies.startswith(code + b" ") and echo in replies, replies)
                 self.assertNotIn(self.d.dir.encode(), replies)
-                self.assertEqual(listed(c, "NLST sub/*.txt"), {"sub/x.txt"})  # the session goes on
+                self.assertEqual(listed(c, "NLST sub/*.txt"), {"sub/x.txt"})
         c.close()
+        self.assertEqual(self.d.listing_temporaries(), [])
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
         self.assertEqual(self.d.listing_temporaries(), [])
         self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
