@@ -29,8 +29,8 @@ import time
 import unittest
 
 import clients
-from ftps_harness import DaemonTestCase, ResumingFTP, Terminal, ftp_session, has_ipv6, memory_idle, read_file, \
-    write_file
+from ftps_harness import DaemonTestCase, ResumingFTP, Terminal, ftp_session, has_ipv6, logged_in, memory_idle, \
+    read_file, transfer, write_file
 
 USER, PASSWORD = "alice", "secret1"
 FAMILIES = [("IPv4", "127.0.0.1")] + ([("IPv6", "::1")] if has_ipv6() else [])
@@ -80,10 +80,6 @@ def iso_stamp(text):
     return stamp.astimezone(datetime.timezone.utc).strftime("%Y%m%d%H%M%S")
 
 
-def url_host(host):
-    return "[%s]" % host if ":" in host else host
-
-
 def tail(text, lines=60):
     parts = (text.decode(errors="replace") if isinstance(text, bytes) else text).splitlines()
     return "\n".join(["[... %d lines before]" % (len(parts) - lines)] * (len(parts) > lines) + parts[-lines:])
@@ -103,6 +99,7 @@ class RealClientCase:
     curl_modes = ("epsv", "pasv", "eprt", "port")  # curl's data-connection modes (CURL_MODES)
     rclone_options = ""      # lines of the rclone remote
     ftplib_class = ftplib.FTP
+    maxDiff = None
 
     @classmethod
     def setUpClass(cls):
@@ -176,16 +173,10 @@ class RealClientCase:
         return r
 
     def assertSameTree(self, expected_root, actual_root, what, ignore=()):
-        if not os.path.isdir(actual_root):
-            self.fail("%s: %s does not exist\n%s" % (what, actual_root, self.conversation()))
+        # The difference shows as a diff of path -> "dir" or (size, sha256).
         want, got = snapshot(expected_root, ignore), snapshot(actual_root, ignore)
-        describe = lambda e: e if e == "dir" else "%d bytes, sha256 %s..." % (e[0], e[1][:16])  # noqa: E731
-        lines = ["missing:    %s" % p for p in sorted(set(want) - set(got))]
-        lines += ["unexpected: %s" % p for p in sorted(set(got) - set(want))]
-        lines += ["differs:    %s (expected %s, got %s)" % (p, describe(want[p]), describe(got[p]))
-                  for p in sorted(set(want) & set(got)) if want[p] != got[p]]
-        if lines:
-            self.fail("%s is not the tree it should be:\n%s\n%s" % (what, "\n".join(lines), self.conversation()))
+        if got != want:
+            self.assertEqual(got, want, "%s is not the tree it should be\n%s" % (what, self.conversation()))
 
     def assertSameBytes(self, got, want, what):
         if got != want:
@@ -198,8 +189,8 @@ class RealClientCase:
                 if v != "dir" and utc_stamp(os.path.join(root, p)) != utc_stamp(os.path.join(served, p))]
 
     def lftp(self, host, commands, settings=""):
-        script = "%sopen -u %s,%s ftp://%s:%d; %s" % (settings, USER, PASSWORD, url_host(host),
-                                                     self.d.port, commands)
+        script = "%sopen -u %s,%s ftp://%s:%d; %s" % (settings, USER, PASSWORD, "[%s]" % host if ":" in host
+                                                     else host, self.d.port, commands)
         return self.run_client([clients.binary("lftp"), "-c", script])
 
     def curl(self, *args):
@@ -461,16 +452,9 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
                "steps": [["list", "tree"], ["list", "tree/ünïcödé"],
                          ["uploadFromDir", self.tree, remote], ["downloadToDir", down, remote]]}
         self.mark()
-        r = self.run_client([clients.binary("node"), "basic_ftp_steps.js", json.dumps(job)], cwd=clients.node_dir(),
-                            check=False)
-        try:
-            result = json.loads(r.out.strip().splitlines()[-1])
-        except (ValueError, IndexError):
-            result = {"error": "no result (exit status %d)" % r.returncode}
-        if "error" in result:
-            self.fail("basic-ftp failed at step %s: %s\nclient log:\n%s\n%s" % (
-                result.get("step"), result["error"], tail(r.err), self.conversation()))
-        listed, sub = result["results"][:2]
+        # A failed step exits 1: its number and error in the output, the client's log in its errors.
+        r = self.run_client([clients.binary("node"), "basic_ftp_steps.js", json.dumps(job)], cwd=clients.node_dir())
+        listed, sub = json.loads(r.out.strip().splitlines()[-1])["results"][:2]
         self.assertEqual({e["name"]: ("dir" if e["isDirectory"] else e["size"]) for e in listed},
                          {name: "dir" if v == "dir" else v[0] for name, v in snapshot(self.tree).items()
                           if "/" not in name}, "basic-ftp list(\"tree\")\n" + self.conversation())
@@ -494,16 +478,13 @@ class DeviceProfileClients(ClearTextClientCase, DaemonTestCase):
 
     def test_ascii_type_converts_line_ends(self):
         write_file(self.served("lines.txt"), b"one\ntwo\nthree\n")
-        ftp = ftp_session(self.d.port)
-        ftp.sendcmd("TYPE A")
-        conn, raw = ftp.transfercmd("RETR lines.txt"), b""
-        while chunk := conn.recv(4096):
-            raw += chunk
-        conn.close()
-        self.assertEqual((ftp.voidresp(), raw), ("226 Closing data connection.", b"one\r\ntwo\r\nthree\r\n"))
-        ftp.storlines("STOR up.txt", io.BytesIO(b"a\r\nb\r\n"))
+        c = logged_in(self.d.port)
+        c.cmd("TYPE A")
+        self.assertEqual(transfer(c, "RETR lines.txt"), (b"150 Opening ASCII mode data connection.\r\n226 Closing "
+                                                          b"data connection.\r\n", b"one\r\ntwo\r\nthree\r\n"))
+        transfer(c, "STOR up.txt", b"a\r\nb\r\n")
         self.assertEqual(read_file(self.served("up.txt")), b"a\nb\n")
-        ftp.quit()
+        c.close()
 
     def rclone_source(self):
         # A flat directory into one that exists: the device answers LIST of a missing directory
