@@ -159,7 +159,8 @@ class RealClientCase:
 
     def run_client(self, argv, cwd=None, input=None, env=None, check=True):
         # Runs one client command; a time-out or (with check) a non-zero exit status fails with its
-        # output and the conversation.
+        # output and the conversation. A failure after it shows the conversation from its start on.
+        self.mark()
         try:
             r = subprocess.run(argv, cwd=cwd or self.work, input=input, env=env or self.client_env,
                                capture_output=True, timeout=CLIENT_TIMEOUT)
@@ -268,12 +269,10 @@ class RealClientCase:
                 self.assertEqual([n for n in os.listdir(self.served()) if n.startswith(name)], [])
 
     def test_rclone_copy_both_ways(self):
-        self.mark()
         source, served = self.rclone_source(), self.served("rclone", "copy")
         os.makedirs(served)
         self.rclone("copy", "--create-empty-src-dirs", source, "ftp:rclone/copy")
         self.assertSameTree(source, served, "the tree rclone copy uploaded")
-        self.mark()
         self.rclone("copy", "--create-empty-src-dirs", "ftp:rclone/copy", self.local("rclone-down"))
         self.assertSameTree(source, self.local("rclone-down"), "the tree rclone copy downloaded")
         self.rclone_more()
@@ -305,7 +304,6 @@ class ClearTextClientCase(RealClientCase):
         data = os.urandom(100_000) + b"a\r\nb\nc\rd\r\r\n\x00\xff" * 100 + b"\r"
         src, back = write_file(self.local("inetutils.src"), data), self.local("inetutils.back")
         script = "user %s %s\nput %s up.bin\nget up.bin %s\nquit\n" % (USER, PASSWORD, src, back)
-        self.mark()
         r = self.run_client([clients.binary("inetutils-ftp"), "-n", "-v", "127.0.0.1", str(self.d.port)],
                             input=script.encode())
         self.assertSameBytes(read_file(self.served("up.bin")), data, "put\n" + r.out)
@@ -324,9 +322,7 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
     def rclone_more(self):
         served = self.served("rclone", "copy")
         # Without hashes on FTP, a plain check compares names and sizes.
-        self.mark()
         self.rclone("check", self.tree, "ftp:rclone/copy")
-        self.mark()
         wrong = [e for e in json.loads(self.rclone("lsjson", "-R", "ftp:rclone/copy").out) if not e["IsDir"]
                  and iso_stamp(e["ModTime"]) != utc_stamp(os.path.join(served, e["Path"]))]
         self.assertEqual(wrong, [], "rclone lsjson ModTime\n" + self.conversation())
@@ -340,18 +336,14 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
         write_file(os.path.join(changed, "block-1024.bin"), os.urandom(2000))
         write_file(os.path.join(changed, "ünïcödé", "neu €.txt"), os.urandom(1500))
         os.makedirs(os.path.join(changed, "new empty"))
-        self.mark()
         self.rclone("sync", "--create-empty-src-dirs", changed, "ftp:rclone/copy")
         self.assertSameTree(changed, served, "the tree after rclone sync")
         # Compares the contents themselves: at the default concurrency (8 checkers) rclone
         # holds more sessions at once than for a copy.
-        self.mark()
         self.rclone("check", "--download", changed, "ftp:rclone/copy")
-        self.mark()
         self.rclone("mkdir", "ftp:rclone/made/on/demand")
         self.assertTrue(os.path.isdir(self.served("rclone", "made", "on", "demand")),
                         "rclone mkdir of a nested path\n" + self.conversation())
-        self.mark()
         self.rclone("purge", "ftp:rclone")
         self.assertFalse(os.path.exists(self.served("rclone")), "rclone purge left the directory\n"
                          + self.conversation())
@@ -411,7 +403,6 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
                 f.write(os.urandom(65536 if offset == size - 65536 else 4096))
         # One stream: rclone 1.60 closes its own extra multi-thread streams early and counts the
         # server's 426 for each as an error, against any server.
-        self.mark()
         self.rclone("copy", "--multi-thread-streams", "0", "ftp:big/300MiB.bin", self.local("big"))
         got = self.local("big", "300MiB.bin")
         self.assertEqual((os.path.getsize(got), file_sha256(got)), (size, file_sha256(big)),
@@ -439,10 +430,8 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
         login = ["-u", USER, "-p", PASSWORD, "-P", str(self.d.port), "127.0.0.1"]
         dest = self.local("ncftpget")
         os.makedirs(dest)
-        self.mark()
         self.run_client([clients.binary("ncftpget"), "-R", "-V", *login, dest, "/tree"])
         self.assertSameTree(self.tree, os.path.join(dest, "tree"), "the tree ncftpget -R downloaded")
-        self.mark()
         self.run_client([clients.binary("ncftpput"), "-R", "-V", "-m", *login, "/ncftpput/into", self.tree])
         self.assertSameTree(self.tree, self.served("ncftpput", "into", "tree"), "the tree ncftpput -R uploaded")
 
@@ -451,7 +440,6 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
         job = {"host": "127.0.0.1", "port": self.d.port, "user": USER, "password": PASSWORD, "verbose": True,
                "steps": [["list", "tree"], ["list", "tree/ünïcödé"],
                          ["uploadFromDir", self.tree, remote], ["downloadToDir", down, remote]]}
-        self.mark()
         # A failed step exits 1: its number and error in the output, the client's log in its errors.
         r = self.run_client([clients.binary("node"), "basic_ftp_steps.js", json.dumps(job)], cwd=clients.node_dir())
         listed, sub = json.loads(r.out.strip().splitlines()[-1])["results"][:2]
