@@ -61,16 +61,12 @@ class OperationsTest(DaemonTestCase):
         cls.xferlog = os.path.join(os.path.dirname(cls.d.platform), "xfer.log")
 
     def login(self, user, password, source="127.0.0.1", header=None):
-        c = self.connect(source) if header is None else self.proxied(header)
-        c.login(user, password)
-        return c
-
-    def connect(self, source):
-        return RawClient(self.d.port, "::1" if ":" in source else "127.0.0.1", 20, source)
+        return (RawClient(self.d.port, "127.0.0.1", 20, source) if header is None else self.proxied(header)).login(
+            user, password)
 
     def proxied(self, header):
         # From the balancer's address, opening with a PROXY header.
-        c = self.connect("127.0.0.5")
+        c = RawClient(self.d.port, "127.0.0.1", 20, "127.0.0.5")
         c.send(header)
         return c
 
