@@ -2,9 +2,14 @@
 # configuration and free control port, and drives it over sockets and ftps-cli.
 
 import concurrent.futures
+import errno
+import fcntl
 import ftplib
 import hashlib
 import os
+import pty
+import re
+import select
 import shutil
 import signal
 import socket
@@ -12,6 +17,7 @@ import ssl
 import struct
 import subprocess
 import tempfile
+import termios
 import time
 import unittest
 
@@ -29,17 +35,11 @@ MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PC
 
 
 def free_port():
-    # Free on both families: the daemon binds the any-address of each.
-    for _ in range(50):
-        with socket.socket(socket.AF_INET) as s4, socket.socket(socket.AF_INET6) as s6:
-            s4.bind(("0.0.0.0", 0))
-            s6.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
-            try:
-                s6.bind(("::", s4.getsockname()[1]))
-                return s4.getsockname()[1]
-            except OSError:
-                pass
-    raise RuntimeError("no free port")
+    # Free on both families (a dual-stack socket takes it on both): the daemon binds the any-address of each.
+    with socket.socket(socket.AF_INET6) as s:
+        s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 0)
+        s.bind(("::", 0))
+        return s.getsockname()[1]
 
 
 def listening(port):
@@ -73,51 +73,30 @@ class Daemon:
                  tls=False):
         # A short TMPDIR: the daemon's socket paths must fit 64 bytes.
         self.dir = tempfile.mkdtemp(prefix="ftps", dir="/tmp")
-        self.tmpdir = os.path.join(self.dir, "t")
-        self.flash = os.path.join(self.dir, "flash")
+        self.tmpdir, self.flash = os.path.join(self.dir, "t"), os.path.join(self.dir, "flash")
         os.makedirs(self.tmpdir)
         os.makedirs(self.flash)
-        self.port = free_port()
-        self.log = os.path.join(self.dir, "daemon.log")
-        self.platform = os.path.join(self.dir, "platform.conf")
-        self.startup = os.path.join(self.dir, "startup.conf")
-        self.proc = None
-        self.sessions = []
-        lines = []
-        if topdir:
-            lines.append("ftp-server topdir %s" % topdir)
-        lines += startup if startup is not None else ["ftp-server username alice password secret1"]
-        if enable:
-            lines.append("ftp-server enable")
-        with open(self.startup, "w") as f:
-            f.write("\n".join(lines) + "\n")
-        sections = {
-            "device": {"product_name": "TESTSW"},
-            "ftp": {"control_port": str(self.port)},
-            "storage": {"flash": self.flash},
-            "cli": {"startup_config": self.startup},
-            "log": {"syslog": "no", "file": self.log, "stderr": "no"},
-            "aaa": {},
-            # The advisory password policy would comment on the tests' short passwords.
-            "security": {"pwquality": "minlen=6 dictcheck=0"},
-        }
+        self.port, self.proc, self.sessions, self.enabled = free_port(), None, [], enable
+        self.log, self.platform = (os.path.join(self.dir, name) for name in ("daemon.log", "platform.conf"))
+        lines = (["ftp-server topdir " + topdir] if topdir else []) \
+            + (startup if startup is not None else ["ftp-server username alice password secret1"]) \
+            + (["ftp-server enable"] if enable else [])
+        self.startup = write_file(os.path.join(self.dir, "startup.conf"), "\n".join(lines) + "\n")
+        # The advisory password policy would comment on the tests' short passwords.
+        sections = {"device": {"product_name": "TESTSW"}, "ftp": {"control_port": self.port},
+                    "storage": {"flash": self.flash}, "cli": {"startup_config": self.startup},
+                    "log": {"syslog": "no", "file": self.log, "stderr": "no"}, "aaa": {},
+                    "security": {"pwquality": "minlen=6 dictcheck=0"}}
         if user_database is not None:
-            db = os.path.join(self.dir, "users.ini")
-            with open(db, "w") as f:
-                f.write(user_database)
-            sections["aaa"]["user_database"] = db
+            sections["aaa"]["user_database"] = write_file(os.path.join(self.dir, "users.ini"), user_database)
         if tls:
             self.cert, self.key = make_certificate(self.dir, "server")
             sections["tls"] = {"certificate": self.cert, "key": self.key}
         for key, value in (extra_platform or {}).items():
             section, name = key.split(".", 1)
             sections.setdefault(section, {})[name] = value
-        with open(self.platform, "w") as f:
-            for section, keys in sections.items():
-                f.write("[%s]\n" % section)
-                for k, v in keys.items():
-                    f.write("%s = %s\n" % (k, v))
-        self.enabled = enable
+        write_file(self.platform, "".join("[%s]\n" % name + "".join("%s = %s\n" % kv for kv in keys.items())
+                                          for name, keys in sections.items()))
 
     def env(self):
         env = dict(os.environ)
@@ -144,30 +123,26 @@ class Daemon:
         return self
 
     def wait_ready(self):
-        deadline = time.time() + START_WAIT
-        while time.time() < deadline:
-            if self.proc.poll() is not None:
-                out, err = self.proc.communicate()
-                raise AssertionError("daemon exited early: %d %s" % (self.proc.returncode, err.decode()))
-            # Seen without connecting: a probe session would take allocations of its own (and move
-            # an injected failure).
-            if self.cli_ok() and (not self.enabled or listening(self.port)):
-                return
-            time.sleep(0.1)
-        raise AssertionError("daemon not ready")
+        # Seen without connecting: a probe session would take allocations of its own (and move
+        # an injected failure).
+        if not wait_until(lambda: self.proc.poll() is not None or self.cli_ok() and
+                          (not self.enabled or listening(self.port)), START_WAIT, 0.1):
+            raise AssertionError("daemon not ready")
+        if self.proc.poll() is not None:
+            raise AssertionError("daemon exited early: %d %s" % (self.proc.returncode,
+                                                                   self.proc.communicate()[1].decode()))
 
     def cli_ok(self):
         try:
-            rc, _ = self.cli("show ftp-server memory", timeout=5)
-            return rc == 0
+            return self.cli("show ftp-server memory", timeout=5)[0] == 0
         except subprocess.TimeoutExpired:
             return False
 
     def port_open(self, family=socket.AF_INET):
-        host = "127.0.0.1" if family == socket.AF_INET else "::1"
+        host = "::1" if family == socket.AF_INET6 else "127.0.0.1"
         try:
-            with socket.create_connection((host, self.port), timeout=1):
-                return True
+            socket.create_connection((host, self.port), 1).close()
+            return True
         except OSError:
             return False
 
@@ -179,17 +154,13 @@ class Daemon:
         return r.returncode, r.stdout.decode(errors="replace") + r.stderr.decode(errors="replace")
 
     def keymsg(self):
-        return (read_file(os.path.join(self.tmpdir, "app", "ftps", ".init_msg.txt")) or b"").decode(errors="replace")
+        return read_text(os.path.join(self.tmpdir, "app", "ftps", ".init_msg.txt"))
 
     def logtext(self):
-        return (read_file(self.log) or b"").decode(errors="replace")
+        return read_text(self.log)
 
     def put(self, rel, data=b""):
-        path = os.path.join(self.flash, rel)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "wb") as f:
-            f.write(data)
-        return path
+        return write_file(os.path.join(self.flash, rel), data)
 
     def many(self, rel, n=40000):
         # Empty files with long names: the listing is far larger than any socket buffer.
@@ -232,13 +203,11 @@ class Daemon:
         # Read the output while waiting: a daemon that writes much (sanitizer reports) at exit
         # would otherwise block on a full pipe and be taken for hung.
         try:
-            out, err = self.proc.communicate(timeout=START_WAIT)
+            err = self.proc.communicate(timeout=START_WAIT)[1]
         except subprocess.TimeoutExpired:
             self.proc.kill()
-            out, err = self.proc.communicate()
-        self.stderr = err.decode(errors="replace")
-        rc = self.proc.returncode
-        self.proc = None
+            err = self.proc.communicate()[1]
+        self.stderr, rc, self.proc = err.decode(errors="replace"), self.proc.returncode, None
         return rc
 
     def cleanup(self):
@@ -248,30 +217,39 @@ class Daemon:
     def stop_checked(self):
         # A non-zero exit (a crash, a sanitizer report) fails.
         rc = self.stop()
-        stderr = getattr(self, "stderr", "")
         self.cleanup()
         if rc != 0:
-            raise AssertionError("daemon exit status %s: %s" % (rc, stderr[-4000:]))
+            raise AssertionError("daemon exit status %s: %s" % (rc, getattr(self, "stderr", "")[-4000:]))
+
+    def start_for(self, test, env=None):
+        # Started for a test (or a test class, at class level): its exit status is checked at the end,
+        # and its files go, also after a failed start.
+        (test.addClassCleanup if isinstance(test, type) else test.addCleanup)(self.stop_checked)
+        return self.start(env=dict(self.env(), **(env or {})))
 
 
 class DaemonTestCase(unittest.TestCase):
-    # One daemon per test case class.
-
-    daemon_kwargs = {}
+    # One daemon per test case class; daemon_env: extra environment of the daemon.
+    daemon_kwargs, daemon_env = {}, {}
 
     @classmethod
     def setUpClass(cls):
-        cls.d = Daemon(**cls.daemon_kwargs).start()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.d.stop_checked()
+        cls.d = Daemon(**cls.daemon_kwargs).start_for(cls, cls.daemon_env)
 
 
 def in_parallel(fn, n, timeout=None):
-    # fn(0) ... fn(n - 1) at the same time, each in a thread of its own; their results (or the first exception).
+    # fn(0) ... fn(n - 1) at the same time, each in a thread of its own: their results, or the first
+    # exception.
     with concurrent.futures.ThreadPoolExecutor(n) as pool:
         return list(pool.map(fn, range(n), timeout=timeout))
+
+
+def write_file(path, data=b""):
+    # Bytes or text; the directories on the way are made.
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb" if isinstance(data, bytes) else "w") as f:
+        f.write(data)
+    return path
 
 
 def read_file(path):
@@ -280,6 +258,10 @@ def read_file(path):
             return f.read()
     except FileNotFoundError:
         return None
+
+
+def read_text(path):
+    return (read_file(path) or b"").decode(errors="replace")
 
 
 def wait_until(predicate, timeout=10.0, step=0.05):
@@ -298,8 +280,7 @@ class BackEnd:
         self.dir = tempfile.mkdtemp(prefix=prefix)
         self.port = free_udp_port()
         for name, text in files.items():
-            with open(os.path.join(self.dir, name), "w") as f:
-                f.write(text.format(dir=self.dir, port=self.port))
+            write_file(os.path.join(self.dir, name), text.format(dir=self.dir, port=self.port))
         self.out = open(os.path.join(self.dir, "out.log"), "w+")
         argv = [a.format(dir=self.dir, port=self.port) for a in argv]
         env = dict(os.environ, **{k: v.format(dir=self.dir) for k, v in (env or {}).items()})
@@ -344,16 +325,11 @@ class RawClient:
         return line + b"\n"
 
     def reply(self):
-        # Multi-line replies up to their last line.
-        first = self.recv_line()
-        out = first
-        if len(first) >= 4 and first[3:4] == b"-":
-            code = first[:3]
-            while True:
-                line = self.recv_line()
-                out += line
-                if line[:3] == code and line[3:4] == b" ":
-                    break
+        # Multi-line replies up to their last line (the code and a blank).
+        out = line = self.recv_line()
+        while out[3:4] == b"-" and not line.startswith(out[:3] + b" "):
+            line = self.recv_line()
+            out += line
         return out
 
     def send(self, text):
@@ -380,7 +356,7 @@ class RawClient:
         assert self.cmd("USER " + user).startswith(b"331"), "USER refused"
         r = self.cmd("PASS " + password)
         assert r.startswith(b"230"), r
-        return r
+        return self
 
     def pass_replies(self, user, password):
         # Every reply to PASS: NOOP (not served) marks where they end, and that a session that
@@ -401,9 +377,7 @@ def greeted(port, **kw):
 
 
 def logged_in(port, host="127.0.0.1"):
-    c = RawClient(port, host)
-    c.login()
-    return c
+    return RawClient(port, host).login()
 
 
 def ftp_session(port, host="127.0.0.1", cls=ftplib.FTP, user="alice", password="secret1"):
@@ -429,12 +403,11 @@ def pasv_port(reply):
 
 def pasv_connect(c, rcvbuf=None):
     # A small receive buffer for a client that stops reading.
-    port = pasv_port(c.cmd("PASV"))
     s = socket.socket()
     s.settimeout(20)
     if rcvbuf:
         s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
-    s.connect(("127.0.0.1", port))
+    s.connect(("127.0.0.1", pasv_port(c.cmd("PASV"))))
     return s
 
 
@@ -566,3 +539,48 @@ def half_handshake(port):
     hello = bios[1].read()
     c.send(hello[:len(hello) // 2])
     return c
+
+
+class Terminal:
+    # A program with a pseudo-terminal of its own as its controlling terminal, columns wide.
+
+    def __init__(self, argv, env, columns=80):
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:
+            try:
+                fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 50, columns, 0, 0))
+                os.execve(argv[0], argv, env)
+            finally:
+                os._exit(127)
+        self.raw = b""
+
+    def read(self, timeout):
+        if select.select([self.fd], [], [], timeout)[0]:
+            try:
+                self.raw += os.read(self.fd, 4096)
+            except OSError as e:
+                if e.errno != errno.EIO:  # EIO: the program has ended
+                    raise
+
+    def text(self):
+        # The output without cursor movements, bells and carriage returns.
+        return re.sub(r"\x1b\[[0-9;?]*[A-Za-z]|\r|\x07", "", self.raw.decode(errors="replace"))
+
+    def expect(self, predicate, what, timeout=START_WAIT):
+        deadline = time.time() + timeout
+        while time.time() < deadline:
+            if predicate(self.text()):
+                return self.text()
+            self.read(0.1)
+        raise AssertionError("terminal never showed %s; it shows:\n%s" % (what, self.text()[-3000:]))
+
+    def type(self, keys):
+        os.write(self.fd, keys.encode())
+
+    def close(self):
+        try:
+            os.kill(self.pid, signal.SIGKILL)
+            os.waitpid(self.pid, 0)
+        except OSError:
+            pass
+        os.close(self.fd)

@@ -16,34 +16,23 @@ import signal
 import socket
 import ssl
 import subprocess
-import sys
 import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-import clients  # noqa: E402
-from ftps_harness import (Daemon, ResumingFTP, client_context, ends, ftp_session, greeted, in_parallel,  # noqa: E402
-                          half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
+import clients
+from ftps_harness import (Daemon, DaemonTestCase, ResumingFTP, client_context, ends, ftp_session, greeted,
+                          in_parallel, half_handshake, make_certificate, pasv_port, tls_handshake, wait_until)
 
 TLS_PROFILE = {"ftp.profile": "standard"}
 
 
-def tls_session(port, cls=ResumingFTP):
-    # Logged in over TLS, data connections protected.
-    return ftp_session(port, cls=cls)
-
-
-class TlsDaemonCase(unittest.TestCase):
-    tls_settings = {}
+class TlsDaemonCase(DaemonTestCase):
+    daemon_kwargs = {"extra_platform": TLS_PROFILE, "tls": True}
 
     @classmethod
     def setUpClass(cls):
-        cls.d = Daemon(extra_platform=dict(TLS_PROFILE, **cls.tls_settings), tls=True)
-        # Also after a failed start: the daemon's exit status is checked and its files go.
-        cls.addClassCleanup(cls.d.stop_checked)
-        cls.d.start()
+        super().setUpClass()
         assert cls.d.cli("debug ftp-server pro")[0] == 0
 
     def tls_in_use(self):
@@ -65,7 +54,7 @@ class RequiredLogin(TlsDaemonCase):
         # The library sets up its tables on first use, some only once handshakes overlap: a
         # protected session with a data connection and a burst of handshakes come first. A session
         # thread's own TLS state goes when the thread has ended.
-        ftp = tls_session(self.d.port)
+        ftp = ftp_session(self.d.port, cls=ResumingFTP)
         ftp.nlst()
         ftp.quit()
         in_parallel(lambda _: [tls_handshake(self.d.port) for _ in range(5)], 4)
@@ -100,7 +89,7 @@ class RequiredLogin(TlsDaemonCase):
         with self.subTest(case="handshake cut half-way"):
             half_handshake(self.d.port).close()
         with self.subTest(case="plain data connection under PROT P"):
-            ftp = tls_session(self.d.port)
+            ftp = ftp_session(self.d.port, cls=ResumingFTP)
             ftp.sock.settimeout(30)
             port = pasv_port(ftp.sendcmd("PASV").encode())
             ftp.putcmd("LIST")
@@ -114,7 +103,7 @@ class RequiredLogin(TlsDaemonCase):
             self.assertEqual(ftp.voidcmd("NOOP")[:3], "200")
             ftp.quit()
         with self.subTest(case="data connection that does not resume the session"):
-            ftp = tls_session(self.d.port, cls=ftplib.FTP_TLS)
+            ftp = ftp_session(self.d.port, cls=ftplib.FTP_TLS)
             with self.assertRaises((ftplib.error_temp, ssl.SSLError, OSError)):
                 ftp.nlst()
             ftp.sock.settimeout(10)
@@ -125,32 +114,28 @@ class RequiredLogin(TlsDaemonCase):
                 self.assertEqual(ftp.voidcmd("NOOP")[:3], "200")
             ftp.quit()
         with self.subTest(case="a handshake flood beside a download"):
-            data = os.urandom(8 << 20)
+            data, got, stop = os.urandom(8 << 20), io.BytesIO(), threading.Event()
             self.d.put("flood.bin", data)
-            stop = threading.Event()
 
-            def flood():
+            def download_or_flood(i):
+                # One download; beside it twelve clients start handshakes until it has ended.
+                if i == 0:
+                    try:
+                        ftp = ftp_session(self.d.port, cls=ResumingFTP)
+                        ftp.retrbinary("RETR flood.bin", got.write)
+                        ftp.quit()
+                    finally:
+                        stop.set()
                 while not stop.is_set():
                     try:
                         tls_handshake(self.d.port)
                     except (OSError, EOFError, AssertionError):  # refused or cut: the flood goes on
                         pass
 
-            threads = [threading.Thread(target=flood) for _ in range(12)]
-            for t in threads:
-                t.start()
-            try:
-                ftp = tls_session(self.d.port)
-                got = io.BytesIO()
-                ftp.retrbinary("RETR flood.bin", got.write)
-                ftp.quit()
-            finally:
-                stop.set()
-                for t in threads:
-                    t.join()
+            in_parallel(download_or_flood, 13)
             self.assertEqual(got.getvalue(), data)
         with self.subTest(case="the daemon goes on"):
-            tls_session(self.d.port).quit()
+            ftp_session(self.d.port, cls=ResumingFTP).quit()
         self.settled(fds, tls)
 
     def test_sighup_takes_up_a_new_certificate(self):
@@ -167,7 +152,8 @@ class RequiredAll(TlsDaemonCase):
     # require = all with require_reuse = no: stock ftplib, whose data connections start new TLS sessions,
     # works; clear data connections do not.
 
-    tls_settings = {"tls.require": "all", "tls.require_reuse": "no"}
+    daemon_kwargs = {"extra_platform": dict(TLS_PROFILE, **{"tls.require": "all", "tls.require_reuse": "no"}),
+                     "tls": True}
 
     def test_every_data_connection_protected(self):
         ftp = ftplib.FTP_TLS(context=client_context(), timeout=30)

@@ -9,11 +9,9 @@ import os
 import re
 import signal
 import socket
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient, ends, greeted, pasv_port, transfer, wait_until  # noqa: E402
+from ftps_harness import DaemonTestCase, RawClient, ends, greeted, pasv_port, transfer, wait_until
 
 USERS = """
 [user reader]
@@ -48,34 +46,27 @@ def silent_end(sock, timeout=15):
     return got
 
 
-class OperationsTest(unittest.TestCase):
+class OperationsTest(DaemonTestCase):
+    daemon_kwargs = {"user_database": USERS, "extra_platform": {
+        "ftp.profile": "standard", "ftp.login_fail_delay": "0", "aaa.list.default": "local",
+        "ftp.max_per_address": "3", "ftp.passive_address": "10.1.2.3", "ftp.passive_ports": "40100-40109",
+        "ftp.proxy_from": "127.0.0.5", "log.transfer_log": "xfer.log"}}
+
     @classmethod
     def setUpClass(cls):
-        cls.d = Daemon(user_database=USERS, extra_platform={
-            "ftp.profile": "standard", "ftp.login_fail_delay": "0", "aaa.list.default": "local",
-            "ftp.max_per_address": "3", "ftp.passive_address": "10.1.2.3", "ftp.passive_ports": "40100-40109",
-            "ftp.proxy_from": "127.0.0.5", "log.transfer_log": "xfer.log"})
+        super().setUpClass()
         for name, data in (("homes/reader/r.txt", b"read me\n"), ("homes/writer/keep.txt", b"k\n"),
                            ("secret.txt", b"not for homes\n")):
             cls.d.put(name, data)
-        cls.d.start()
         cls.xferlog = os.path.join(os.path.dirname(cls.d.platform), "xfer.log")
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.d.stop_checked()
-
     def login(self, user, password, source="127.0.0.1", header=None):
-        c = self.connect(source) if header is None else self.proxied(header)
-        c.login(user, password)
-        return c
-
-    def connect(self, source):
-        return RawClient(self.d.port, "::1" if ":" in source else "127.0.0.1", 20, source)
+        return (RawClient(self.d.port, "127.0.0.1", 20, source) if header is None else self.proxied(header)).login(
+            user, password)
 
     def proxied(self, header):
         # From the balancer's address, opening with a PROXY header.
-        c = self.connect("127.0.0.5")
+        c = RawClient(self.d.port, "127.0.0.1", 20, "127.0.0.5")
         c.send(header)
         return c
 

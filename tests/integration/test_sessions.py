@@ -4,13 +4,11 @@
 # gives back its memory once they end. (The device's HELP, SYST and STAT texts: test_standard_profile.py.)
 
 import os
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (SANITIZED, DaemonTestCase, RawClient, greeted, in_parallel, logged_in, pasv_connect,  # noqa: E402
-                          read_file, start_upload, wait_until)
+from ftps_harness import (MEMORY_ROWS, SANITIZED, DaemonTestCase, RawClient, greeted, in_parallel, logged_in,
+                          pasv_connect, read_file, start_upload, wait_until)
 
 SESSIONS = 20
 SIZE = (1 << 20) if SANITIZED else (4 << 20)
@@ -29,44 +27,40 @@ class SessionTest(DaemonTestCase):
 
     def test_per_user_limit_and_status_report(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 2")[0], 0)
-        try:
-            a = logged_in(self.d.port)
-            # The slot is a snapshot taken at USER (and refreshed around data connections).
-            self.assertTrue(a.cmd("TYPE I").startswith(b"200"))
-            b = logged_in(self.d.port)
-            c = greeted(self.d.port)
-            self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
-            # No slot left: the table password is not even compared; AAA refuses with two 530s.
-            self.assertEqual(c.cmd("PASS secret1") + c.reply(), b"530 Password access denied.\r\n" * 2)
-            rc, out = self.d.cli("show ftp-server")
-            self.assertEqual(rc, 0)
-            self.assertIn("username:alice\npassword:(PLAINT)secret1\nconnect num[2]\n", out)
-            for slot in (0, 1):
-                self.assertIn("    [%d]trans-type:ASCII (ctrl)server IP:127.0.0.1[%d]\n" % (slot, self.d.port), out)
-            self.assertEqual(out.count("                               client IP:127.0.0.1["), 2)
-            self.check_tech_support(a.sock.getsockname()[1])
-            for x in (a, b, c):
-                x.close()
-        finally:
-            self.d.cli("ftp-server max-user-connect 10")
+        self.addCleanup(self.d.cli, "ftp-server max-user-connect 10")
+        a = logged_in(self.d.port)
+        # The slot is a snapshot taken at USER (and refreshed around data connections).
+        self.assertTrue(a.cmd("TYPE I").startswith(b"200"))
+        b = logged_in(self.d.port)
+        c = greeted(self.d.port)
+        self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+        # No slot left: the table password is not even compared; AAA refuses with two 530s.
+        self.assertEqual(c.cmd("PASS secret1") + c.reply(), b"530 Password access denied.\r\n" * 2)
+        rc, out = self.d.cli("show ftp-server")
+        self.assertEqual(rc, 0)
+        self.assertIn("username:alice\npassword:(PLAINT)secret1\nconnect num[2]\n", out)
+        for slot in (0, 1):
+            self.assertIn("    [%d]trans-type:ASCII (ctrl)server IP:127.0.0.1[%d]\n" % (slot, self.d.port), out)
+        self.assertEqual(out.count("                               client IP:127.0.0.1["), 2)
+        self.check_tech_support(a.sock.getsockname()[1])
+        for x in (a, b, c):
+            x.close()
 
     def test_a_session_gives_back_only_the_slot_it_took(self):
         self.assertEqual(self.d.cli("ftp-server max-user-connect 1")[0], 0)
-        try:
-            a = logged_in(self.d.port)
-            self.assertEqual(self.d.cli("no ftp-server username alice")[0], 0)
-            self.assertEqual(self.d.cli("ftp-server username alice password secret1")[0], 0)
-            b = logged_in(self.d.port)
-            a.cmd("QUIT")
-            a.close()
-            time.sleep(0.5)
-            # b still holds the only slot: a third session cannot log in as alice.
-            c = RawClient(self.d.port)
-            self.assertTrue(c.pass_replies("alice", "secret1")[-1].startswith(b"530"))
-            for x in (b, c):
-                x.close()
-        finally:
-            self.d.cli("ftp-server max-user-connect 10")
+        self.addCleanup(self.d.cli, "ftp-server max-user-connect 10")
+        a = logged_in(self.d.port)
+        self.assertEqual(self.d.cli("no ftp-server username alice")[0], 0)
+        self.assertEqual(self.d.cli("ftp-server username alice password secret1")[0], 0)
+        b = logged_in(self.d.port)
+        a.cmd("QUIT")
+        a.close()
+        time.sleep(0.5)
+        # b still holds the only slot: a third session cannot log in as alice.
+        c = RawClient(self.d.port)
+        self.assertTrue(c.pass_replies("alice", "secret1")[-1].startswith(b"530"))
+        for x in (b, c):
+            x.close()
 
     def check_tech_support(self, client_port):
         # The server's section of show tech-support: under its header, the running line, the status
@@ -79,11 +73,9 @@ class SessionTest(DaemonTestCase):
         for line in ["      ftp-server information\n", "  enable : Y\n", "  topdir : flash:/\n",
                      "  timeout: 10min\n", "  username:alice\n", "client IP:127.0.0.1[%d]" % client_port]:
             self.assertIn(line, out)
-        # Compared up to the counters, which the show commands themselves may move.
-        rows = [l for l in self.d.cli("show ftp-server memory")[1].splitlines() if l.strip() and l.startswith("  ")]
-        self.assertGreater(len(rows), 10)
-        for row in rows:
-            self.assertIn("\n  " + row[:19], out)
+        # Up to the counters, which the show commands themselves may move.
+        for name in ["Memory Block", "-" * 15] + MEMORY_ROWS:
+            self.assertIn("\n    %-15s  " % name, out)
         self.assertEqual(out.count("FTPD Dynamic Memory Usage:"), 1)
 
     def fail_pass(self, c):
@@ -93,12 +85,11 @@ class SessionTest(DaemonTestCase):
 
     def test_failed_logins_end_the_session_at_the_limit(self):
         c = greeted(self.d.port)
-        self.fail_pass(c)
-        self.fail_pass(c)
         # Any PASS that is not refused resets the counts, the 503 of one out of sequence too.
-        self.assertEqual(c.cmd("PASS again"), b"503 Bad sequence of commands.\r\n")
-        self.fail_pass(c)
-        self.fail_pass(c)
+        for _ in range(2):
+            self.fail_pass(c)
+            self.fail_pass(c)
+            self.assertEqual(c.cmd("PASS again"), b"503 Bad sequence of commands.\r\n")
         c.cmd("USER alice")
         self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
         c.close()
