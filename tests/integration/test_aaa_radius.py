@@ -19,34 +19,19 @@ confdir = {dir}
 raddbdir = ${{confdir}}
 logdir = ${{confdir}}
 run_dir = ${{confdir}}
-db_dir = ${{confdir}}
 pidfile = ${{run_dir}}/radiusd.pid
 correct_escapes = true
-log {{
-  destination = stdout
-}}
-security {{
-  reject_delay = 0
-  status_server = no
-}}
+log {{ destination = stdout }}
+security {{ reject_delay = 0 }}
 client test {{
   ipaddr = 127.0.0.1
   secret = t3stsecret
   require_message_authenticator = no
 }}
 modules {{
-  files {{
-    filename = ${{confdir}}/users
-  }}
-  pap {{
-    normalise = yes
-  }}
-  always handled {{
-    rcode = handled
-  }}
-  always reject {{
-    rcode = reject
-  }}
+  files {{ filename = ${{confdir}}/users }}
+  pap {{ normalise = yes }}
+  always handled {{ rcode = handled }}
 }}
 server test {{
   listen {{
@@ -62,9 +47,7 @@ server test {{
         &Reply-Message := "challenge"
         &State := 0x7a7a
       }}
-      update control {{
-        &Response-Packet-Type := 11
-      }}
+      update control {{ &Response-Packet-Type := 11 }}
       handled
     }}
     files
@@ -87,12 +70,10 @@ DEFAULT   Auth-Type := Reject
 
 OK = b"230 User logged in, proceed.\r\n"
 # A refusal: the verdict's own reply, then the login sequence's.
-REJECTED = [b"530 Password access denied.\r\n", b"530 Password access denied.\r\n"]
+REJECTED = [b"530 Password access denied.\r\n"] * 2
 NOT_LOGGED_IN = [b"530 Not logged in.\r\n", b"530 Password access denied.\r\n"]
 
-LOCAL_DB = """[user localbob]
-password = localpass1
-"""
+LOCAL_DB = "[user localbob]\npassword = localpass1\n"
 
 
 @unittest.skipIf(RADIUSD is None, "FreeRADIUS is not installed (scripts/setup.sh installs it)")
