@@ -135,29 +135,17 @@ class MemoryFaultTest(unittest.TestCase):
 class DiskFullTest(unittest.TestCase):
     # An upload larger than the file system: 452 and no file left.
 
-    def setUp(self):
-        self.d = new_daemon()
-        self.mounted = False
-        if os.geteuid() != 0:
-            self.d.cleanup()
-            self.skipTest("mounting a small file system needs root")
-        r = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "ftpsfull", self.d.flash],
+    def test_upload_beyond_free_space_is_refused_and_removed(self):
+        d = new_daemon()
+        self.addCleanup(d.cleanup)
+        r = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "ftpsfull", d.flash],
                            capture_output=True, text=True)
         if r.returncode != 0:
-            self.d.cleanup()
-            self.skipTest("mount is not permitted here: " + (r.stderr.strip() or r.stdout.strip()))
-        self.mounted = True
-        self.d.start()
-
-    def tearDown(self):
-        rc = self.d.stop()
-        if self.mounted:
-            subprocess.run(["umount", self.d.flash], capture_output=True)
-        self.d.cleanup()
-        self.assertEqual(rc, 0, self.d.stderr[-4000:])
-
-    def test_upload_beyond_free_space_is_refused_and_removed(self):
-        c = logged_in(self.d.port)
+            self.skipTest("mounting a small file system needs root: " + (r.stderr.strip() or r.stdout.strip()))
+        self.addCleanup(subprocess.run, ["umount", d.flash], capture_output=True)
+        self.addCleanup(d.stop)  # before the file system goes
+        d.start()
+        c = logged_in(d.port)
         for type_cmd in ("TYPE I", "TYPE A"):
             data = start_upload(c, "huge.bin", type_cmd=type_cmd)
             try:
@@ -167,11 +155,12 @@ class DiskFullTest(unittest.TestCase):
             data.close()
             self.assertEqual(c.reply(), b"452 Error writing file.\r\n")
             # Gone by the time the client hears of the failure.
-            self.assertFalse(os.path.exists(os.path.join(self.d.flash, "huge.bin")))
+            self.assertFalse(os.path.exists(os.path.join(d.flash, "huge.bin")))
         # Space is free again: a small upload succeeds.
         self.assertTrue(transfer(c, "STOR small.bin", b"x" * 1000)[0].endswith(b"226 Transfer complete.\r\n"))
-        self.assertEqual(os.path.getsize(os.path.join(self.d.flash, "small.bin")), 1000)
+        self.assertEqual(os.path.getsize(os.path.join(d.flash, "small.bin")), 1000)
         c.close()
+        self.assertEqual(d.stop(), 0, d.stderr[-4000:])
 
 
 if __name__ == "__main__":
