@@ -32,15 +32,13 @@ class Fail2banFilterTest(unittest.TestCase):
 
     def failed_login(self, host, user, password="wrong", then=()):
         c = RawClient(self.d.port, host)
-        try:
-            c.reply()
-            c.cmd("USER " + user)
-            reply = c.cmd("PASS " + password)
-            self.assertTrue(reply.startswith(b"530"), reply)
-            for command in then:
-                c.cmd(command)
-        finally:
-            c.close()
+        c.reply()
+        c.cmd("USER " + user)
+        reply = c.cmd("PASS " + password)
+        self.assertTrue(reply.startswith(b"530"), reply)
+        for command in then:
+            c.cmd(command)
+        c.close()
 
     def failure_lines(self):
         return [line for line in self.d.logtext().splitlines() if line[20:].startswith("%FTPSRV-5-LOGIN_FAIL: ")]
@@ -53,8 +51,7 @@ class Fail2banFilterTest(unittest.TestCase):
         return r.stdout.split()
 
     def test_filter_finds_each_failed_login_with_its_address_and_nothing_else(self):
-        rc, out = self.d.cli("debug ftp-server pro", "debug ftp-server err")
-        self.assertEqual(rc, 0, out)
+        self.assertEqual(self.d.cli("debug ftp-server pro", "debug ftp-server err")[0], 0)
         self.failed_login("127.0.0.1", LINE.format(2), LINE.format(3), then=["SITE " + LINE.format(4)])
         expected = ["127.0.0.1"]
         for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
