@@ -78,6 +78,36 @@ def protected_data(ftp, verb, ctx=None, session=None):
         raise
 
 
+def stranger_first(ftp, verb, ctx, session=None):
+    # A stranger at the client's address, first on the client's protected data port, takes what
+    # verb sends or supplies bytes of its own: what it took, its TLS session if it got one, and the
+    # client's final reply.
+    taken, kept = b"", None
+    try:
+        with protected_data(ftp, verb, ctx, session) as data:
+            kept = data.session
+            if verb.startswith("RETR"):
+                taken = data.makefile("rb").read()
+            else:
+                data.sendall(b"the stranger's bytes " * 1000)
+                data.unwrap()
+    except (ssl.SSLError, OSError):
+        pass
+    return taken, kept, final_reply(ftp)
+
+
+def cut_upload(ftp, name, part, alert):
+    # STOR of part ended with the closing alert or by a bare FIN (the TLS layer goes first: no
+    # alert): the final reply.
+    with protected_data(ftp, "STOR " + name) as data:
+        data.sendall(part)
+        if alert:
+            data.unwrap()
+        else:
+            data.shutdown(socket.SHUT_WR)
+        return final_reply(ftp)
+
+
 def retrieved(ftp, name):
     got = io.BytesIO()
     ftp.retrbinary("RETR " + name, got.write)
@@ -182,13 +212,7 @@ class TlsCase(unittest.TestCase):
             with self.subTest(ending=ending):
                 self.d.put("cut.bin", OLD)
                 victim = tls_session(self.d.port)
-                with protected_data(victim, "STOR cut.bin") as data:
-                    data.sendall(part)
-                    if ending == "bare FIN":
-                        data.shutdown(socket.SHUT_WR)  # drops the TLS layer first: no alert goes out
-                    else:
-                        data.unwrap()
-                    code = final_reply(victim)
+                code = cut_upload(victim, "cut.bin", part, alert=ending == "closing alert")
                 self.assertEqual((code, read_file(os.path.join(self.d.flash, "cut.bin"))), want)
                 victim.quit()
 
@@ -203,21 +227,12 @@ class Attacks(TlsCase):
                 self.d.put("secret.bin", SECRET)
                 self.d.put("target.bin", OLD)
                 victim = tls_session(self.d.port)
-                stranger, kept, taken = client_context(version), None, b""
+                stranger, kept = client_context(version), None
                 # The stranger's second try resumes what its first handshake left, if anything.
                 for attempt in (1, 2):
-                    try:
-                        with protected_data(victim, verb, stranger, kept) as data:
-                            kept = data.session
-                            if verb.startswith("RETR"):
-                                taken += data.makefile("rb").read()
-                            else:
-                                data.sendall(b"the stranger's bytes " * 1000)
-                                data.unwrap()
-                    except (ssl.SSLError, OSError):
-                        pass
-                    self.assertEqual(final_reply(victim), "425", "attempt %d" % attempt)
-                self.assertEqual((taken, read_file(os.path.join(self.d.flash, "target.bin"))), (b"", OLD))
+                    taken, kept, reply = stranger_first(victim, verb, stranger, kept)
+                    self.assertEqual((taken, reply), (b"", "425"), "attempt %d" % attempt)
+                self.assertEqual(read_file(os.path.join(self.d.flash, "target.bin")), OLD)
                 # The victim's own data connections are served as before.
                 self.assertEqual(retrieved(victim, "secret.bin"), SECRET)
                 victim.quit()
