@@ -19,18 +19,15 @@ import socket
 import ssl
 import sys
 import tempfile
-import threading
 import time
-import traceback
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, client_context, expect, memory_idle,  # noqa: E402
+from ftps_harness import (Daemon, RawClient, client_context, expect, in_parallel, memory_idle,  # noqa: E402
                           pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
 from test_tls_attacks import cut_upload, key_update_flood, retrieved, stranger_first, tls_session  # noqa: E402
 
 SMALL = os.urandom(48 * 1024)
-BIG_SIZE = 8 << 20
 # The top directory is deep enough that a name fitting one command line can be too long for its
 # real path.
 TOP = "s" * 40
@@ -234,7 +231,7 @@ class SoakBase:
         # The TLS mix logs in with the attack tests' helpers and passwords.
         self.t = Daemon(startup=users[:1] + ["ftp-server username bob password secret2"], topdir="flash:/" + TOP,
                         tls=True, extra_platform={"ftp.profile": "standard", "ftp.max_per_address": "0"})
-        self.d.put(TOP + "/big.bin", os.urandom(1 << 20) * (BIG_SIZE >> 20))
+        self.d.put(TOP + "/big.bin", os.urandom(1 << 20) * 8)
         self.d.many(TOP + "/many", 3000)
         self.base_files = {self.d: {"small.bin", "big.bin", "many"}, self.t: {"small.bin"}}
         for d in (self.d, self.t):
@@ -275,7 +272,7 @@ class SoakBase:
         # Only the TLS library's context stays between sessions.
         for d in (self.d, self.t):
             self.assertTrue(memory_idle(d, ignore=("TLS",)), d.memory_in_use())
-        baseline, start, errors = self.state(), time.time(), []
+        baseline, start = self.state(), time.time()
 
         def run(seed, user, count, seconds):
             r, i = random.Random(seed), 0
@@ -283,21 +280,10 @@ class SoakBase:
                 self.run_kind(r.choice(kinds), user, "%s_%d" % (seed, i), stats)
                 i += 1
 
-        def worker(w):
-            try:
-                run(w, "alice" if w % 2 else "bob", (self.SESSIONS - sequential) // self.WORKERS, self.DURATION)
-            except Exception:
-                errors.append("worker %d: %s" % (w, traceback.format_exc()))
-
         # A quarter of the count, or of the time, one session after another; the rest at once.
-        sequential = self.SESSIONS // 4
-        run("s", "alice", sequential, (self.DURATION or 0) / 4)
-        threads = [threading.Thread(target=worker, args=(w,)) for w in range(self.WORKERS)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
-        self.assertEqual(errors, [])
+        run("s", "alice", self.SESSIONS // 4, (self.DURATION or 0) / 4)
+        in_parallel(lambda w: run(w, "alice" if w % 2 else "bob", (self.SESSIONS - self.SESSIONS // 4) // self.WORKERS,
+                                  self.DURATION), self.WORKERS)
 
         self.assertTrue(wait_until(lambda: self.state() == baseline, timeout=60),
                         "memory, descriptors, temporary files: %s, were %s" % (self.state(), baseline))
