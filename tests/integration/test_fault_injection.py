@@ -68,27 +68,23 @@ class MemoryFaultTest(unittest.TestCase):
                 self.inject(category, 1, closed)
 
     def test_login_allocation_failures_refuse_that_login_only(self):
-        def refused(user, password, replies, again=True):
-            def scenario(d):
-                c = greeted(d.port)
-                self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
-                c.send("PASS %s\r\n" % password)
-                self.assertEqual(c.reply() + c.reply(), replies)
-                if again:  # the next attempt of the same session succeeds
-                    self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
-                    self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
-                c.close()
-            return scenario
+        def refused(d, user="alice", password="secret1", replies=DENIED + DENIED, again=True):
+            c = greeted(d.port)
+            self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
+            c.send("PASS %s\r\n" % password)
+            self.assertEqual(c.reply() + c.reply(), replies)
+            if again:  # the next attempt of the same session succeeds
+                self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+                self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
+            c.close()
         # The scratch message of USER; the user's connection slots, first and a later one of the
         # batch taken at the user's first login (those already taken are given back); the AAA
         # element buffer of a name outside the table.
-        for category, nth, scenario in ((PCRED_MSG, 1, refused("alice", "secret1", DENIED + DENIED)),
-                                        (USER_CNT, 1, refused("alice", "secret1", DENIED + DENIED)),
-                                        (USER_CNT, 4, refused("alice", "secret1", DENIED + DENIED)),
-                                        (TMP, 1, refused("carol", "whatever", b"530 Not logged in.\r\n" + DENIED,
-                                                         again=False))):
+        for category, nth, how in ((PCRED_MSG, 1, {}), (USER_CNT, 1, {}), (USER_CNT, 4, {}),
+                                   (TMP, 1, {"user": "carol", "password": "whatever", "again": False,
+                                             "replies": b"530 Not logged in.\r\n" + DENIED})):
             with self.subTest(category=ROW[category], nth=nth):
-                self.inject(category, nth, scenario)
+                self.inject(category, nth, lambda d: refused(d, **how))
 
     def test_transfer_listing_and_path_failures(self):
         def exchange(verb, expected, type_cmd=None, upload=None):

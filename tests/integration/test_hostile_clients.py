@@ -47,26 +47,22 @@ class HostileClientsTest(DaemonTestCase):
     def test_concurrent_passive_ports_and_listings(self):
         # Sessions that open passive ports and list at the same moment all succeed, with no session
         # waiting for another's port.
-        n, failures = 16, []
+        n = 16
         barrier = threading.Barrier(n)
 
         def client(i):
-            try:
-                c = RawClient(self.d.port)
-                c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
-                barrier.wait(timeout=30)
-                failures.extend(r for r in (c.cmd("PASV") for _ in range(20)) if not r.startswith(b"227 "))
-                barrier.wait(timeout=60)
-                for round_ in range(10):
-                    replies, listing = transfer(c, "LIST" if (i + round_) % 2 else "NLST")
-                    if not replies.endswith(b"226 Closing data connection.\r\n") or b"f.bin" not in listing:
-                        failures.append(replies)
-                c.close()
-            except Exception as e:  # noqa: BLE001
-                failures.append(repr(e))
+            c = RawClient(self.d.port)
+            c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
+            barrier.wait(timeout=30)
+            passive = [c.cmd("PASV")[:4] for _ in range(20)]
+            barrier.wait(timeout=60)
+            listings = [transfer(c, "LIST" if (i + round_) % 2 else "NLST") for round_ in range(10)]
+            c.close()
+            return passive, [(r[-30:], b"f.bin" in listing) for r, listing in listings]
 
-        in_parallel(client, n, timeout=120)
-        self.assertEqual(failures, [])
+        for passive, listings in in_parallel(client, n, timeout=120):
+            self.assertEqual(passive, [b"227 "] * 20)
+            self.assertEqual(listings, [(b"226 Closing data connection.\r\n", True)] * 10)
         self.assertEqual(self.d.listing_temporaries(), [])
 
     def test_failed_password_is_answered_after_the_delay(self):

@@ -84,13 +84,11 @@ class TimeoutTest(DaemonTestCase):
 
         stalled, data_connections = zip(*(stalled_transfer(self.d.port, "TYPE I", verb, timeout=150)
                                           for verb in ("RETR big.bin", "LIST many")))
-        waiting = []
-        for verb in ("RETR f.txt", "LIST", "STOR never.bin"):
-            c = RawClient(self.d.port, timeout=150)
+        waiting = [RawClient(self.d.port, timeout=150) for _ in range(3)]
+        for c, verb in zip(waiting, ("RETR f.txt", "LIST", "STOR never.bin")):
             c.login()
             self.assertTrue(c.cmd("PASV").startswith(b"227 "))
             c.send(verb + "\r\n")
-            waiting.append(c)
         start = time.time()
         for _ in range(3):  # served while the others wait
             whole_session(logged_in(self.d.port), "f.txt", SMALL)
