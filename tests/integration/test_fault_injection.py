@@ -87,45 +87,40 @@ class MemoryFaultTest(unittest.TestCase):
                 self.inject(category, nth, lambda d: refused(d, **how))
 
     def test_transfer_listing_and_path_failures(self):
-        def exchange(verb, expected, type_cmd=None, upload=None):
+        def exchange(d, verb, expected, type_cmd=None, upload=None):
             # One command (a transfer when it needs data) after login and its exact replies.
-            def scenario(d):
-                c = logged_in(d.port)
-                if type_cmd:
-                    c.cmd(type_cmd)
-                if verb.split()[0] in ("RETR", "STOR", "LIST", "NLST"):
-                    self.assertEqual(transfer(c, verb, upload)[0], expected)
-                else:
-                    self.assertEqual(c.cmd(verb), expected)
-                if upload is not None:
-                    # The partial file is gone before the reply.
-                    self.assertFalse(os.path.exists(os.path.join(d.flash, "up.bin")), "partial upload kept")
-                c.close()
-            return scenario
+            c = logged_in(d.port)
+            if type_cmd:
+                c.cmd(type_cmd)
+            if verb.split()[0] in ("RETR", "STOR", "LIST", "NLST"):
+                self.assertEqual(transfer(c, verb, upload)[0], expected)
+            else:
+                self.assertEqual(c.cmd(verb), expected)
+            if upload is not None:
+                # The partial file is gone before the reply.
+                self.assertFalse(os.path.exists(os.path.join(d.flash, "up.bin")), "partial upload kept")
+            c.close()
 
         binary = b"150 Opening BINARY mode data connection.\r\n"
         ascii_ = b"150 Opening ASCII mode data connection.\r\n"
         not_taken = b"550 Requested action not taken.\r\n"
         cases = [
-            (BUF, 1, exchange("RETR f.txt", binary + MALLOC_451, "TYPE I")),
-            (CHANG_BUF, 1, exchange("RETR f.txt", ascii_ + MALLOC_451, "TYPE A")),
-            (DATA_BUF, 1, exchange("STOR up.bin", binary + MALLOC_451, "TYPE I", CONTENT)),
+            (BUF, 1, ("RETR f.txt", binary + MALLOC_451, "TYPE I")),
+            (CHANG_BUF, 1, ("RETR f.txt", ascii_ + MALLOC_451, "TYPE A")),
+            (DATA_BUF, 1, ("STOR up.bin", binary + MALLOC_451, "TYPE I", CONTENT)),
             # The session's own waiter is the first, the passive wait the second.
-            (EPOLL, 3, exchange("RETR f.txt", binary + EPOLL_451, "TYPE I")),
-            (EPOLL, 3, exchange("STOR up.bin", binary + EPOLL_451, "TYPE I", CONTENT)),
+            (EPOLL, 3, ("RETR f.txt", binary + EPOLL_451, "TYPE I")),
+            (EPOLL, 3, ("STOR up.bin", binary + EPOLL_451, "TYPE I", CONTENT)),
             # A listing is sent by the transfer engine, with its buffers.
-            (BUF, 1, exchange("LIST", ascii_ + MALLOC_451)),
-            (CHANG_BUF, 1, exchange("NLST", ascii_ + MALLOC_451)),
-            (EPOLL, 2, exchange("LIST", b"425 Can't open data connection.\r\n")),
-            (TMP, 1, exchange("CWD sub", b'550 "sub": No such file or directory.\r\n')),
-            (TMP, 1, exchange("RETR f.txt", LOCAL_451)),
-            (WHOLE_BUF, 2, exchange("CWD sub", not_taken)),
-            (WHOLE_BUF, 2, exchange("RETR f.txt", LOCAL_451)),
-            (OUTPATH, 1, exchange("PWD", not_taken)),
+            (BUF, 1, ("LIST", ascii_ + MALLOC_451)), (CHANG_BUF, 1, ("NLST", ascii_ + MALLOC_451)),
+            (EPOLL, 2, ("LIST", b"425 Can't open data connection.\r\n")),
+            (TMP, 1, ("CWD sub", b'550 "sub": No such file or directory.\r\n')), (TMP, 1, ("RETR f.txt", LOCAL_451)),
+            (WHOLE_BUF, 2, ("CWD sub", not_taken)), (WHOLE_BUF, 2, ("RETR f.txt", LOCAL_451)),
+            (OUTPATH, 1, ("PWD", not_taken)),
         ]
-        for category, nth, scenario in cases:
-            with self.subTest(category=ROW[category], nth=nth):
-                self.inject(category, nth, scenario)
+        for category, nth, how in cases:
+            with self.subTest(category=ROW[category], nth=nth, verb=how[0]):
+                self.inject(category, nth, lambda d: exchange(d, *how))
 
 
 class DiskFullTest(unittest.TestCase):
