@@ -108,21 +108,6 @@ class HostileClientsTest(DaemonTestCase):
         c.close()
 
 
-def listener(host):
-    # A listening socket on host at a free port, and that port.
-    s = socket.create_server((host, 0))
-    s.settimeout(10)
-    return s, s.getsockname()[1]
-
-
-def accepted(s):
-    try:
-        s.accept()[0].close()
-        return True
-    except socket.timeout:
-        return False
-
-
 def each_profile(test):
     # The test once against each profile's daemon, which has one slot per user: the sessions of
     # the run before must have ended.
@@ -155,8 +140,8 @@ class SecondRoundTest(unittest.TestCase):
 
     @each_profile
     def test_a_refused_address_command_changes_nothing(self, profile, d):
-        good, port = listener("127.0.0.1")
-        stray, stray_port = listener("127.0.0.2")
+        good, stray = socket.create_server(("127.0.0.1", 0)), socket.create_server(("127.0.0.2", 0))
+        port, stray_port = good.getsockname()[1], stray.getsockname()[1]
         c = logged_in(d.port)
         self.assertEqual(c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255)), b"200 PORT Command okay.\r\n")
         # Garbage, a privileged port, and (standard) a stranger's address: refused and forgotten.
@@ -166,9 +151,11 @@ class SecondRoundTest(unittest.TestCase):
         for cmd in bad:
             self.assertFalse(c.cmd(cmd).startswith(b"200"), cmd)
         c.send("NLST\r\n")
-        self.assertTrue(accepted(good))
+        good.settimeout(10)
+        good.accept()[0].close()
         stray.settimeout(0.5)
-        self.assertFalse(accepted(stray))
+        with self.assertRaises(socket.timeout):
+            stray.accept()
         for sock in (c, good, stray):
             sock.close()
 

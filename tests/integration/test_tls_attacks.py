@@ -7,14 +7,12 @@
 # or taken (lenient); a client flooding TLS 1.3 KeyUpdates before its login and then holding the
 # connection keeps the daemon neither busy nor beyond the login time-out.
 
-import ctypes
 import ctypes.util
 import fcntl
 import ftplib
 import hashlib
 import hmac
 import io
-import itertools
 import os
 import socket
 import ssl
@@ -27,8 +25,7 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import clients  # noqa: E402
-from ftps_harness import (SANITIZED, Daemon, ResumingFTP, client_context, ends, in_parallel, read_file,  # noqa: E402
-                          wait_until)
+from ftps_harness import SANITIZED, Daemon, ResumingFTP, client_context, ends, in_parallel, read_file  # noqa: E402
 
 USERS = {"alice": "secret1", "bob": "secret2"}
 SECRET = b"the victim's file " * 4000
@@ -215,28 +212,26 @@ class Attacks(TlsCase):
     # The defaults with a certificate: require = login, require_reuse = yes, upload_eof = strict.
 
     def test_a_first_comer_neither_takes_nor_supplies_protected_data(self):
-        for verb, version in itertools.product(("RETR secret.bin", "STOR target.bin"),
-                                               (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3)):
-            with self.subTest(verb=verb, stranger=version.name):
-                self.d.put("secret.bin", SECRET)
-                self.d.put("target.bin", OLD)
-                victim = tls_session(self.d.port)
-                stranger, kept = client_context(version), None
-                # The stranger's second try resumes what its first handshake left, if anything.
-                for attempt in (1, 2):
-                    taken, kept, reply = stranger_first(victim, verb, stranger, kept)
-                    self.assertEqual((taken, reply), (b"", "425"), "attempt %d" % attempt)
-                self.assertEqual(read_file(os.path.join(self.d.flash, "target.bin")), OLD)
-                # The victim's own data connections are served as before.
-                self.assertEqual(retrieved(victim, "secret.bin"), SECRET)
-                victim.quit()
+        for verb in ("RETR secret.bin", "STOR target.bin"):
+            for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
+                with self.subTest(verb=verb, stranger=version.name):
+                    self.d.put("secret.bin", SECRET)
+                    self.d.put("target.bin", OLD)
+                    victim = tls_session(self.d.port)
+                    stranger, kept = client_context(version), None
+                    # The stranger's second try resumes what its first handshake left, if anything.
+                    for attempt in (1, 2):
+                        taken, kept, reply = stranger_first(victim, verb, stranger, kept)
+                        self.assertEqual((taken, reply), (b"", "425"), "attempt %d" % attempt)
+                    self.assertEqual(read_file(os.path.join(self.d.flash, "target.bin")), OLD)
+                    # The victim's own data connections are served as before.
+                    self.assertEqual(retrieved(victim, "secret.bin"), SECRET)
+                    victim.quit()
 
     def test_the_session_of_the_control_handshake_resumes_after_the_login(self):
-        rows = [("TLS 1.3", client_context()),
-                ("TLS 1.2 tickets", client_context(ssl.TLSVersion.TLSv1_2)),
-                ("TLS 1.2 session identifiers", client_context(ssl.TLSVersion.TLSv1_2, tickets=False))]
         self.d.put("secret.bin", SECRET)
-        for name, ctx in rows:
+        for name, ctx in (("TLS 1.3", client_context()), ("TLS 1.2 tickets", client_context(ssl.TLSVersion.TLSv1_2)),
+                          ("TLS 1.2 session identifiers", client_context(ssl.TLSVersion.TLSv1_2, tickets=False))):
             with self.subTest(client=name):
                 alice = tls_session(self.d.port, ctx, keep=True)
                 self.assertIsNotNone(alice.kept)
@@ -301,15 +296,11 @@ class Attacks(TlsCase):
             pass
         # What arrived takes its time to be processed, until the daemon has read it all or has to
         # wait for the client to read; from then on the session must wait without working.
-        last = [unread(raw)]
-
-        def stalled():
+        deadline, last = time.time() + (180 if SANITIZED else 60), None
+        while (now := unread(raw)) != last and time.time() < deadline:
+            last = now
             time.sleep(1)
-            now = unread(raw)
-            same, last[0] = now == last[0], now
-            return same
-
-        self.assertTrue(wait_until(stalled, timeout=180 if SANITIZED else 60, step=0), "the daemon goes on reading")
+        self.assertEqual(now, last, "the daemon goes on reading")
         before = cpu_seconds(self.d.proc.pid)
         time.sleep(3)
         self.assertLess(cpu_seconds(self.d.proc.pid) - before, 0.15, "the daemon stays busy")
