@@ -16,11 +16,7 @@ SECRET = "t3stsecret"
 
 RADIUSD_CONF = """
 confdir = {dir}
-raddbdir = ${{confdir}}
-logdir = ${{confdir}}
 run_dir = ${{confdir}}
-pidfile = ${{run_dir}}/radiusd.pid
-correct_escapes = true
 log {{ destination = stdout }}
 security {{ reject_delay = 0 }}
 client test {{
