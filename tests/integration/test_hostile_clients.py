@@ -47,8 +47,7 @@ class HostileClientsTest(DaemonTestCase):
     def test_concurrent_passive_ports_and_listings(self):
         # Sessions that open passive ports and list at the same moment all succeed, with no session
         # waiting for another's port.
-        n = 16
-        barrier = threading.Barrier(n)
+        barrier = threading.Barrier(16)
 
         def client(i):
             c = RawClient(self.d.port)
@@ -60,7 +59,7 @@ class HostileClientsTest(DaemonTestCase):
             c.close()
             return passive, [(r[-30:], b"f.bin" in listing) for r, listing in listings]
 
-        for passive, listings in in_parallel(client, n, timeout=120):
+        for passive, listings in in_parallel(client, 16, timeout=120):
             self.assertEqual(passive, [b"227 "] * 20)
             self.assertEqual(listings, [(b"226 Closing data connection.\r\n", True)] * 10)
         self.assertEqual(self.d.listing_temporaries(), [])
