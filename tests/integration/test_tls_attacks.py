@@ -25,7 +25,8 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import clients  # noqa: E402
-from ftps_harness import SANITIZED, Daemon, ResumingFTP, client_context, ends, in_parallel, read_file  # noqa: E402
+from ftps_harness import (SANITIZED, Daemon, ResumingFTP, client_context, ends, expect, greeted,  # noqa: E402
+                          in_parallel, read_file)
 
 USERS = {"alice": "secret1", "bob": "secret2"}
 SECRET = b"the victim's file " * 4000
@@ -107,11 +108,9 @@ def retrieved(ftp, name):
 
 
 def bare_handshake(port, ctx):
-    with socket.create_connection(("127.0.0.1", port), timeout=10) as raw:
-        raw.recv(512)
-        raw.sendall(b"AUTH TLS\r\n")
-        raw.recv(512)
-        ctx.wrap_socket(raw).close()
+    c = greeted(port)
+    expect(c.cmd("AUTH TLS"), b"234 ")
+    ctx.wrap_socket(c.sock).close()
 
 
 def cpu_seconds(pid):
