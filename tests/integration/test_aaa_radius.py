@@ -90,9 +90,6 @@ class RadiusTest(unittest.TestCase):
         self.addCleanup(d.stop_checked)
         return d
 
-    def use_list(self, d, name):
-        self.assertEqual(d.cli("ftp-server authentication " + name)[0], 0)
-
     def test_answering_server(self):
         d = self.daemon({"default": "radius", "open": "none radius"}, "127.0.0.1:%d" % self.radius.port)
         c, replies = d.attempt("raduser", "radpass1")
@@ -105,13 +102,13 @@ class RadiusTest(unittest.TestCase):
                                         ("chalonce", "chalpass", [OK])):
             self.assertEqual(d.attempt(user, password)[1], replies, user)
         # A list that starts with none accepts without asking the server.
-        self.use_list(d, "open")
+        self.assertEqual(d.cli("ftp-server authentication open")[0], 0)
         before = self.radius.output().count("Received Access-Request")
         self.assertEqual(d.attempt("anybody", "anything")[1], [OK])
         self.assertEqual(self.radius.output().count("Received Access-Request"), before,
                          "a list starting with none asked the server")
         # A list the platform file does not define refuses every login.
-        self.use_list(d, "nolist")
+        self.assertEqual(d.cli("ftp-server authentication nolist")[0], 0)
         self.assertEqual(d.attempt("raduser", "radpass1")[1], NOT_LOGGED_IN)
 
     def test_silent_server(self):
@@ -120,7 +117,7 @@ class RadiusTest(unittest.TestCase):
         self.assertEqual(d.attempt("localbob", "localpass1")[1], [OK])
         self.assertEqual(d.attempt("localbob", "wrong")[1], REJECTED)
         # Only silent servers and nothing after them: not logged in.
-        self.use_list(d, "strict")
+        self.assertEqual(d.cli("ftp-server authentication strict")[0], 0)
         self.assertEqual(d.attempt("raduser", "radpass1")[1], NOT_LOGGED_IN)
 
 

@@ -48,8 +48,7 @@ class SystemdNotifyTest(unittest.TestCase):
         env = dict(self.d.env(), NOTIFY_SOCKET=notify.getsockname(), WATCHDOG_USEC=str(WATCHDOG_SECS * 1000000),
                    FTPS_TEST_LISTENER_SILENT_AFTER=str(SILENT_AFTER))
         self.d.start(env=env, wait=False)
-        ready = receive(notify, messages, 30 * SLOW, until="READY=1")
-        self.assertIsNotNone(ready, "no READY=1: %s" % messages)
+        self.assertIsNotNone(receive(notify, messages, 30 * SLOW, until="READY=1"), "no READY=1: %s" % messages)
         # Ready means ready: the management socket answers and the port accepts.
         self.assertTrue(self.d.cli_ok())
         self.assertTrue(self.d.port_open())
