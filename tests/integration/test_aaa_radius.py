@@ -16,37 +16,18 @@ SECRET = "t3stsecret"
 
 RADIUSD_CONF = """
 confdir = {dir}
-raddbdir = ${{confdir}}
-logdir = ${{confdir}}
 run_dir = ${{confdir}}
-db_dir = ${{confdir}}
-pidfile = ${{run_dir}}/radiusd.pid
-correct_escapes = true
-log {{
-  destination = stdout
-}}
-security {{
-  reject_delay = 0
-  status_server = no
-}}
+log {{ destination = stdout }}
+security {{ reject_delay = 0 }}
 client test {{
   ipaddr = 127.0.0.1
   secret = t3stsecret
   require_message_authenticator = no
 }}
 modules {{
-  files {{
-    filename = ${{confdir}}/users
-  }}
-  pap {{
-    normalise = yes
-  }}
-  always handled {{
-    rcode = handled
-  }}
-  always reject {{
-    rcode = reject
-  }}
+  files {{ filename = ${{confdir}}/users }}
+  pap {{ normalise = yes }}
+  always handled {{ rcode = handled }}
 }}
 server test {{
   listen {{
@@ -62,9 +43,7 @@ server test {{
         &Reply-Message := "challenge"
         &State := 0x7a7a
       }}
-      update control {{
-        &Response-Packet-Type := 11
-      }}
+      update control {{ &Response-Packet-Type := 11 }}
       handled
     }}
     files
@@ -87,12 +66,10 @@ DEFAULT   Auth-Type := Reject
 
 OK = b"230 User logged in, proceed.\r\n"
 # A refusal: the verdict's own reply, then the login sequence's.
-REJECTED = [b"530 Password access denied.\r\n", b"530 Password access denied.\r\n"]
+REJECTED = [b"530 Password access denied.\r\n"] * 2
 NOT_LOGGED_IN = [b"530 Not logged in.\r\n", b"530 Password access denied.\r\n"]
 
-LOCAL_DB = """[user localbob]
-password = localpass1
-"""
+LOCAL_DB = "[user localbob]\npassword = localpass1\n"
 
 
 @unittest.skipIf(RADIUSD is None, "FreeRADIUS is not installed (scripts/setup.sh installs it)")
@@ -113,29 +90,25 @@ class RadiusTest(unittest.TestCase):
         self.addCleanup(d.stop_checked)
         return d
 
-    def use_list(self, d, name):
-        self.assertEqual(d.cli("ftp-server authentication " + name)[0], 0)
-
     def test_answering_server(self):
         d = self.daemon({"default": "radius", "open": "none radius"}, "127.0.0.1:%d" % self.radius.port)
         c, replies = d.attempt("raduser", "radpass1")
         self.assertEqual(replies, [OK])
         self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
-        for user, password in (("raduser", "wrong"), ("nosuchuser", "radpass1")):
-            self.assertEqual(d.attempt(user, password)[1], REJECTED)
         # One challenge is answered with its State, a second one refuses; the challenge of a
         # refused session does not leak into a fresh attempt of the same user.
-        self.assertEqual(d.attempt("chalonce", "chalpass")[1], [OK])
-        self.assertEqual(d.attempt("chaluser", "chalpass")[1], NOT_LOGGED_IN)
-        self.assertEqual(d.attempt("chalonce", "chalpass")[1], [OK])
+        for user, password, replies in (("raduser", "wrong", REJECTED), ("nosuchuser", "radpass1", REJECTED),
+                                        ("chalonce", "chalpass", [OK]), ("chaluser", "chalpass", NOT_LOGGED_IN),
+                                        ("chalonce", "chalpass", [OK])):
+            self.assertEqual(d.attempt(user, password)[1], replies, user)
         # A list that starts with none accepts without asking the server.
-        self.use_list(d, "open")
+        self.assertEqual(d.cli("ftp-server authentication open")[0], 0)
         before = self.radius.output().count("Received Access-Request")
         self.assertEqual(d.attempt("anybody", "anything")[1], [OK])
         self.assertEqual(self.radius.output().count("Received Access-Request"), before,
                          "a list starting with none asked the server")
         # A list the platform file does not define refuses every login.
-        self.use_list(d, "nolist")
+        self.assertEqual(d.cli("ftp-server authentication nolist")[0], 0)
         self.assertEqual(d.attempt("raduser", "radpass1")[1], NOT_LOGGED_IN)
 
     def test_silent_server(self):
@@ -144,7 +117,7 @@ class RadiusTest(unittest.TestCase):
         self.assertEqual(d.attempt("localbob", "localpass1")[1], [OK])
         self.assertEqual(d.attempt("localbob", "wrong")[1], REJECTED)
         # Only silent servers and nothing after them: not logged in.
-        self.use_list(d, "strict")
+        self.assertEqual(d.cli("ftp-server authentication strict")[0], 0)
         self.assertEqual(d.attempt("raduser", "radpass1")[1], NOT_LOGGED_IN)
 
 

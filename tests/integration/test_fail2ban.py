@@ -23,24 +23,15 @@ LINE = '%FTPSRV-5-LOGIN_FAIL: Failed login for user "a" from 10.0.0.{}.'
 
 
 class Fail2banFilterTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        # Installed by the set-up: a missing one fails, never skips.
-        assert shutil.which("fail2ban-regex"), "fail2ban-regex is not installed: run `make setup`"
-        cls.d = Daemon(extra_platform={"ftp.profile": "standard", "ftp.login_fail_delay": "0"}).start()
-        cls.addClassCleanup(cls.d.stop_checked)
-
     def failed_login(self, host, user, password="wrong", then=()):
         c = RawClient(self.d.port, host)
-        try:
-            c.reply()
-            c.cmd("USER " + user)
-            reply = c.cmd("PASS " + password)
-            self.assertTrue(reply.startswith(b"530"), reply)
-            for command in then:
-                c.cmd(command)
-        finally:
-            c.close()
+        c.reply()
+        c.cmd("USER " + user)
+        reply = c.cmd("PASS " + password)
+        self.assertTrue(reply.startswith(b"530"), reply)
+        for command in then:
+            c.cmd(command)
+        c.close()
 
     def failure_lines(self):
         return [line for line in self.d.logtext().splitlines() if line[20:].startswith("%FTPSRV-5-LOGIN_FAIL: ")]
@@ -53,8 +44,11 @@ class Fail2banFilterTest(unittest.TestCase):
         return r.stdout.split()
 
     def test_filter_finds_each_failed_login_with_its_address_and_nothing_else(self):
-        rc, out = self.d.cli("debug ftp-server pro", "debug ftp-server err")
-        self.assertEqual(rc, 0, out)
+        # Installed by the set-up: a missing one fails, never skips.
+        self.assertTrue(shutil.which("fail2ban-regex"), "fail2ban-regex is not installed: run `make setup`")
+        self.d = Daemon(extra_platform={"ftp.profile": "standard", "ftp.login_fail_delay": "0"}).start()
+        self.addCleanup(self.d.stop_checked)
+        self.assertEqual(self.d.cli("debug ftp-server pro", "debug ftp-server err")[0], 0)
         self.failed_login("127.0.0.1", LINE.format(2), LINE.format(3), then=["SITE " + LINE.format(4)])
         expected = ["127.0.0.1"]
         for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):

@@ -68,96 +68,75 @@ class MemoryFaultTest(unittest.TestCase):
                 self.inject(category, 1, closed)
 
     def test_login_allocation_failures_refuse_that_login_only(self):
-        def refused(user, password, replies, again=True):
-            def scenario(d):
-                c = greeted(d.port)
-                self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
-                c.send("PASS %s\r\n" % password)
-                self.assertEqual(c.reply() + c.reply(), replies)
-                if again:  # the next attempt of the same session succeeds
-                    self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
-                    self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
-                c.close()
-            return scenario
+        def refused(d, user="alice", password="secret1", replies=DENIED + DENIED, again=True):
+            c = greeted(d.port)
+            self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
+            c.send("PASS %s\r\n" % password)
+            self.assertEqual(c.reply() + c.reply(), replies)
+            if again:  # the next attempt of the same session succeeds
+                self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+                self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
+            c.close()
         # The scratch message of USER; the user's connection slots, first and a later one of the
         # batch taken at the user's first login (those already taken are given back); the AAA
         # element buffer of a name outside the table.
-        for category, nth, scenario in ((PCRED_MSG, 1, refused("alice", "secret1", DENIED + DENIED)),
-                                        (USER_CNT, 1, refused("alice", "secret1", DENIED + DENIED)),
-                                        (USER_CNT, 4, refused("alice", "secret1", DENIED + DENIED)),
-                                        (TMP, 1, refused("carol", "whatever", b"530 Not logged in.\r\n" + DENIED,
-                                                         again=False))):
+        for category, nth, how in ((PCRED_MSG, 1, {}), (USER_CNT, 1, {}), (USER_CNT, 4, {}),
+                                   (TMP, 1, {"user": "carol", "password": "whatever", "again": False,
+                                             "replies": b"530 Not logged in.\r\n" + DENIED})):
             with self.subTest(category=ROW[category], nth=nth):
-                self.inject(category, nth, scenario)
+                self.inject(category, nth, lambda d: refused(d, **how))
 
     def test_transfer_listing_and_path_failures(self):
-        def exchange(verb, expected, type_cmd=None, upload=None):
+        def exchange(d, verb, expected, type_cmd=None, upload=None):
             # One command (a transfer when it needs data) after login and its exact replies.
-            def scenario(d):
-                c = logged_in(d.port)
-                if type_cmd:
-                    c.cmd(type_cmd)
-                if verb.split()[0] in ("RETR", "STOR", "LIST", "NLST"):
-                    self.assertEqual(transfer(c, verb, upload)[0], expected)
-                else:
-                    self.assertEqual(c.cmd(verb), expected)
-                if upload is not None:
-                    # The partial file is gone before the reply.
-                    self.assertFalse(os.path.exists(os.path.join(d.flash, "up.bin")), "partial upload kept")
-                c.close()
-            return scenario
+            c = logged_in(d.port)
+            if type_cmd:
+                c.cmd(type_cmd)
+            if verb.split()[0] in ("RETR", "STOR", "LIST", "NLST"):
+                self.assertEqual(transfer(c, verb, upload)[0], expected)
+            else:
+                self.assertEqual(c.cmd(verb), expected)
+            if upload is not None:
+                # The partial file is gone before the reply.
+                self.assertFalse(os.path.exists(os.path.join(d.flash, "up.bin")), "partial upload kept")
+            c.close()
 
         binary = b"150 Opening BINARY mode data connection.\r\n"
         ascii_ = b"150 Opening ASCII mode data connection.\r\n"
         not_taken = b"550 Requested action not taken.\r\n"
         cases = [
-            (BUF, 1, exchange("RETR f.txt", binary + MALLOC_451, "TYPE I")),
-            (CHANG_BUF, 1, exchange("RETR f.txt", ascii_ + MALLOC_451, "TYPE A")),
-            (DATA_BUF, 1, exchange("STOR up.bin", binary + MALLOC_451, "TYPE I", CONTENT)),
+            (BUF, 1, ("RETR f.txt", binary + MALLOC_451, "TYPE I")),
+            (CHANG_BUF, 1, ("RETR f.txt", ascii_ + MALLOC_451, "TYPE A")),
+            (DATA_BUF, 1, ("STOR up.bin", binary + MALLOC_451, "TYPE I", CONTENT)),
             # The session's own waiter is the first, the passive wait the second.
-            (EPOLL, 3, exchange("RETR f.txt", binary + EPOLL_451, "TYPE I")),
-            (EPOLL, 3, exchange("STOR up.bin", binary + EPOLL_451, "TYPE I", CONTENT)),
+            (EPOLL, 3, ("RETR f.txt", binary + EPOLL_451, "TYPE I")),
+            (EPOLL, 3, ("STOR up.bin", binary + EPOLL_451, "TYPE I", CONTENT)),
             # A listing is sent by the transfer engine, with its buffers.
-            (BUF, 1, exchange("LIST", ascii_ + MALLOC_451)),
-            (CHANG_BUF, 1, exchange("NLST", ascii_ + MALLOC_451)),
-            (EPOLL, 2, exchange("LIST", b"425 Can't open data connection.\r\n")),
-            (TMP, 1, exchange("CWD sub", b'550 "sub": No such file or directory.\r\n')),
-            (TMP, 1, exchange("RETR f.txt", LOCAL_451)),
-            (WHOLE_BUF, 2, exchange("CWD sub", not_taken)),
-            (WHOLE_BUF, 2, exchange("RETR f.txt", LOCAL_451)),
-            (OUTPATH, 1, exchange("PWD", not_taken)),
+            (BUF, 1, ("LIST", ascii_ + MALLOC_451)), (CHANG_BUF, 1, ("NLST", ascii_ + MALLOC_451)),
+            (EPOLL, 2, ("LIST", b"425 Can't open data connection.\r\n")),
+            (TMP, 1, ("CWD sub", b'550 "sub": No such file or directory.\r\n')), (TMP, 1, ("RETR f.txt", LOCAL_451)),
+            (WHOLE_BUF, 2, ("CWD sub", not_taken)), (WHOLE_BUF, 2, ("RETR f.txt", LOCAL_451)),
+            (OUTPATH, 1, ("PWD", not_taken)),
         ]
-        for category, nth, scenario in cases:
-            with self.subTest(category=ROW[category], nth=nth):
-                self.inject(category, nth, scenario)
+        for category, nth, how in cases:
+            with self.subTest(category=ROW[category], nth=nth, verb=how[0]):
+                self.inject(category, nth, lambda d: exchange(d, *how))
 
 
 class DiskFullTest(unittest.TestCase):
     # An upload larger than the file system: 452 and no file left.
 
-    def setUp(self):
-        self.d = new_daemon()
-        self.mounted = False
-        if os.geteuid() != 0:
-            self.d.cleanup()
-            self.skipTest("mounting a small file system needs root")
-        r = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "ftpsfull", self.d.flash],
+    def test_upload_beyond_free_space_is_refused_and_removed(self):
+        d = new_daemon()
+        self.addCleanup(d.cleanup)
+        r = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "ftpsfull", d.flash],
                            capture_output=True, text=True)
         if r.returncode != 0:
-            self.d.cleanup()
-            self.skipTest("mount is not permitted here: " + (r.stderr.strip() or r.stdout.strip()))
-        self.mounted = True
-        self.d.start()
-
-    def tearDown(self):
-        rc = self.d.stop()
-        if self.mounted:
-            subprocess.run(["umount", self.d.flash], capture_output=True)
-        self.d.cleanup()
-        self.assertEqual(rc, 0, self.d.stderr[-4000:])
-
-    def test_upload_beyond_free_space_is_refused_and_removed(self):
-        c = logged_in(self.d.port)
+            self.skipTest("mounting a small file system needs root: " + (r.stderr.strip() or r.stdout.strip()))
+        self.addCleanup(subprocess.run, ["umount", d.flash], capture_output=True)
+        self.addCleanup(d.stop)  # before the file system goes
+        d.start()
+        c = logged_in(d.port)
         for type_cmd in ("TYPE I", "TYPE A"):
             data = start_upload(c, "huge.bin", type_cmd=type_cmd)
             try:
@@ -167,11 +146,12 @@ class DiskFullTest(unittest.TestCase):
             data.close()
             self.assertEqual(c.reply(), b"452 Error writing file.\r\n")
             # Gone by the time the client hears of the failure.
-            self.assertFalse(os.path.exists(os.path.join(self.d.flash, "huge.bin")))
+            self.assertFalse(os.path.exists(os.path.join(d.flash, "huge.bin")))
         # Space is free again: a small upload succeeds.
         self.assertTrue(transfer(c, "STOR small.bin", b"x" * 1000)[0].endswith(b"226 Transfer complete.\r\n"))
-        self.assertEqual(os.path.getsize(os.path.join(self.d.flash, "small.bin")), 1000)
+        self.assertEqual(os.path.getsize(os.path.join(d.flash, "small.bin")), 1000)
         c.close()
+        self.assertEqual(d.stop(), 0, d.stderr[-4000:])
 
 
 if __name__ == "__main__":

@@ -19,16 +19,14 @@ from ftps_harness import (Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, 
 CONTENT = bytes(range(256)) * 64
 # Deep enough that a name fitting one command line can be too long for its real path.
 TOP = "t" * 60
+USERS = ["ftp-server username alice password secret1", "ftp-server username bob password secret2"]
 
 
 class HostileClientsTest(DaemonTestCase):
-    daemon_kwargs = {"startup": ["ftp-server username alice password secret1",
-                                 "ftp-server username bob password secret2"], "topdir": "flash:/" + TOP}
-
     @classmethod
     def setUpClass(cls):
         # The top directory exists before the start.
-        cls.d = Daemon(**cls.daemon_kwargs)
+        cls.d = Daemon(startup=USERS, topdir="flash:/" + TOP)
         cls.d.put(TOP + "/f.bin", CONTENT)
         cls.d.start()
 
@@ -49,27 +47,21 @@ class HostileClientsTest(DaemonTestCase):
     def test_concurrent_passive_ports_and_listings(self):
         # Sessions that open passive ports and list at the same moment all succeed, with no session
         # waiting for another's port.
-        n = 16
-        failures = []
-        barrier = threading.Barrier(n)
+        barrier = threading.Barrier(16)
 
         def client(i):
-            try:
-                c = RawClient(self.d.port)
-                c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
-                barrier.wait(timeout=30)
-                failures.extend(r for r in (c.cmd("PASV") for _ in range(20)) if not r.startswith(b"227 "))
-                barrier.wait(timeout=60)
-                for round_ in range(10):
-                    replies, listing = transfer(c, "LIST" if (i + round_) % 2 else "NLST")
-                    if not replies.endswith(b"226 Closing data connection.\r\n") or b"f.bin" not in listing:
-                        failures.append(replies)
-                c.close()
-            except Exception as e:  # noqa: BLE001
-                failures.append(repr(e))
+            c = RawClient(self.d.port)
+            c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
+            barrier.wait(timeout=30)
+            passive = [c.cmd("PASV")[:4] for _ in range(20)]
+            barrier.wait(timeout=60)
+            listings = [transfer(c, "LIST" if (i + round_) % 2 else "NLST") for round_ in range(10)]
+            c.close()
+            return passive, [(r[-30:], b"f.bin" in listing) for r, listing in listings]
 
-        in_parallel(client, n, timeout=120)
-        self.assertEqual(failures, [])
+        for passive, listings in in_parallel(client, 16, timeout=120):
+            self.assertEqual(passive, [b"227 "] * 20)
+            self.assertEqual(listings, [(b"226 Closing data connection.\r\n", True)] * 10)
         self.assertEqual(self.d.listing_temporaries(), [])
 
     def test_failed_password_is_answered_after_the_delay(self):
@@ -98,8 +90,7 @@ class HostileClientsTest(DaemonTestCase):
                 if verb == "RMD":
                     os.mkdir(victim)
                 else:
-                    with open(victim, "wb") as f:
-                        f.write(b"victim")
+                    self.d.put(victim, b"victim")
                 data = pasv_connect(c) if verb == "STOR" else None
                 if verb == "RNTO":
                     self.assertTrue(c.cmd("RNFR f.bin").startswith(b"350"))
@@ -107,34 +98,24 @@ class HostileClientsTest(DaemonTestCase):
                 if data:
                     data.close()
                 self.assertTrue(r.startswith(b"553 " if verb == "RNTO" else b"550 "), r)
-                if verb == "RMD":
-                    self.assertTrue(os.path.isdir(victim))
-                    os.rmdir(victim)
-                else:
+                # The victim as it was, and nothing new beside it.
+                self.assertEqual(os.listdir(real), [os.path.basename(victim)])
+                if verb != "RMD":
                     self.assertEqual(read_file(victim), b"victim")
-                    os.unlink(victim)
-                self.assertEqual(os.listdir(real), [])
+                (os.rmdir if verb == "RMD" else os.unlink)(victim)
         self.assertTrue(os.path.exists(os.path.join(self.d.flash, TOP, "f.bin")))
         c.close()
 
 
-def listener(host="127.0.0.1"):
-    # A listening socket on host at a free port, and that port.
-    family = socket.AF_INET6 if ":" in host else socket.AF_INET
-    s = socket.socket(family)
-    s.bind((host, 0))
-    s.listen(4)
-    s.settimeout(10)
-    return s, s.getsockname()[1]
-
-
-def accepted(s):
-    try:
-        conn, _ = s.accept()
-        conn.close()
-        return True
-    except socket.timeout:
-        return False
+def each_profile(test):
+    # The test once against each profile's daemon, which has one slot per user: the sessions of
+    # the run before must have ended.
+    def run(self):
+        for profile, d in self.daemons.items():
+            with self.subTest(profile=profile):
+                self.assertTrue(memory_idle(d), d.memory_in_use())
+                test(self, profile, d)
+    return run
 
 
 class SecondRoundTest(unittest.TestCase):
@@ -143,110 +124,93 @@ class SecondRoundTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        startup = ["ftp-server username alice password secret1", "ftp-server username bob password secret2",
-                   "ftp-server max-user-connect 1"]
-        cls.daemons = {p: Daemon(startup=startup, topdir="flash:/top",
+        cls.daemons = {p: Daemon(startup=USERS + ["ftp-server max-user-connect 1"], topdir="flash:/top",
                                  extra_platform={"ftp.profile": p, "ftp.login_fail_delay": "0"})
                        for p in ("device", "standard")}
         for d in cls.daemons.values():
             os.makedirs(os.path.join(d.flash, "top"))
             d.start()
-
-    @classmethod
-    def tearDownClass(cls):
-        for d in cls.daemons.values():
-            d.stop_checked()
-
-    def each(self, body):
-        for profile, d in self.daemons.items():
-            with self.subTest(profile=profile):
-                # One slot per user: the sessions of the test before must have ended.
-                self.assertTrue(memory_idle(d), d.memory_in_use())
-                body(profile, d)
+            cls.addClassCleanup(d.stop_checked)
 
     @staticmethod
     def alice_slots(d):
         text = d.cli("show ftp-server")[1]
         return int(re.search(r"username:alice\n.*\nconnect num\[(\d+)\]", text).group(1))
 
-    def test_a_refused_address_command_changes_nothing(self):
-        def body(profile, d):
-            good, port = listener("127.0.0.1")
-            stray, stray_port = listener("127.0.0.2")
-            c = logged_in(d.port)
-            self.assertEqual(c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255)), b"200 PORT Command okay.\r\n")
-            # Garbage, a privileged port, and (standard) a stranger's address: refused and forgotten.
-            bad = ["EPRT |2|zz::|%d|" % stray_port, "PORT 127,0,0,2,0,1"]
-            if profile == "standard":
-                bad += ["EPRT |1|127.0.0.2|%d|" % stray_port,
-                        "PORT 127,0,0,2,%d,%d" % (stray_port >> 8, stray_port & 255)]
-            for cmd in bad:
-                self.assertFalse(c.cmd(cmd).startswith(b"200"), cmd)
-            c.send("NLST\r\n")
-            self.assertTrue(accepted(good))
-            stray.settimeout(0.5)
-            self.assertFalse(accepted(stray))
-            for sock in (c, good, stray):
-                sock.close()
-        self.each(body)
+    @each_profile
+    def test_a_refused_address_command_changes_nothing(self, profile, d):
+        good, stray = socket.create_server(("127.0.0.1", 0)), socket.create_server(("127.0.0.2", 0))
+        port, stray_port = good.getsockname()[1], stray.getsockname()[1]
+        c = logged_in(d.port)
+        self.assertEqual(c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255)), b"200 PORT Command okay.\r\n")
+        # Garbage, a privileged port, and (standard) a stranger's address: refused and forgotten.
+        bad = ["EPRT |2|zz::|%d|" % stray_port, "PORT 127,0,0,2,0,1"]
+        if profile == "standard":
+            bad += ["EPRT |1|127.0.0.2|%d|" % stray_port, "PORT 127,0,0,2,%d,%d" % (stray_port >> 8, stray_port & 255)]
+        for cmd in bad:
+            self.assertFalse(c.cmd(cmd).startswith(b"200"), cmd)
+        c.send("NLST\r\n")
+        good.settimeout(10)
+        good.accept()[0].close()
+        stray.settimeout(0.5)
+        with self.assertRaises(socket.timeout):
+            stray.accept()
+        for sock in (c, good, stray):
+            sock.close()
 
-    def test_a_second_user_ends_the_login_and_its_slot(self):
-        def body(profile, d):
+    @each_profile
+    def test_a_second_user_ends_the_login_and_its_slot(self, profile, d):
+        a = logged_in(d.port)
+        self.assertEqual(a.cmd("USER nobody"), b"331 User name okay, need password.\r\n")
+        self.assertEqual(a.cmd("MKD x"), b"530 Not logged in.\r\n")
+        b = logged_in(d.port)  # alice's only slot is free again
+        self.assertEqual(a.cmd("USER alice"), b"331 User name okay, need password.\r\n")
+        self.assertNotEqual(a.cmd("PASS secret1")[:3], b"230")  # b holds it now
+        self.assertEqual(self.alice_slots(d), 1)
+        a.close()
+        b.close()
+        self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0))
+
+    @each_profile
+    def test_a_client_that_leaves_while_its_data_connection_is_awaited_frees_its_slot(self, profile, d):
+        for verb in ("RETR f.bin", "STOR up.bin", "LIST"):
+            d.put("top/f.bin", b"x")
             a = logged_in(d.port)
-            self.assertEqual(a.cmd("USER nobody"), b"331 User name okay, need password.\r\n")
-            self.assertEqual(a.cmd("MKD x"), b"530 Not logged in.\r\n")
-            b = logged_in(d.port)  # alice's only slot is free again
-            self.assertEqual(a.cmd("USER alice"), b"331 User name okay, need password.\r\n")
-            self.assertNotEqual(a.cmd("PASS secret1")[:3], b"230")  # b holds it now
-            self.assertEqual(self.alice_slots(d), 1)
+            a.cmd("PASV")
+            a.send(verb + "\r\n")
+            time.sleep(0.2)
             a.close()
-            b.close()
-            self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0))
-        self.each(body)
+            # The session ends at once, not at the idle time-out: the slot is free.
+            self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
+            self.assertEqual([n for n in os.listdir(os.path.join(d.flash, "top")) if n.startswith(".")], [])
+            logged_in(d.port).close()
+            self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
 
-    def test_a_client_that_leaves_while_its_data_connection_is_awaited_frees_its_slot(self):
-        def body(profile, d):
-            for verb in ("RETR f.bin", "STOR up.bin", "LIST"):
-                d.put("top/f.bin", b"x")
-                a = logged_in(d.port)
-                a.cmd("PASV")
-                a.send(verb + "\r\n")
-                time.sleep(0.2)
-                a.close()
-                # The session ends at once, not at the idle time-out: the slot is free.
-                self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
-                self.assertEqual([n for n in os.listdir(os.path.join(d.flash, "top")) if n.startswith(".")], [])
-                logged_in(d.port).close()
-                self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
-        self.each(body)
+    @each_profile
+    def test_the_top_directory_is_neither_removed_nor_renamed(self, profile, d):
+        c = logged_in(d.port)
+        for cmd in ("RMD /", "RMD .", "RMD .."):
+            self.assertTrue(c.cmd(cmd).startswith(b"550 "), cmd)
+        self.assertEqual(c.cmd("RNFR /"), b"550 Requested action not taken.\r\n")
+        self.assertTrue(os.path.isdir(os.path.join(d.flash, "top")))
+        c.close()
 
-    def test_the_top_directory_is_neither_removed_nor_renamed(self):
-        def body(profile, d):
-            c = logged_in(d.port)
-            for cmd in ("RMD /", "RMD .", "RMD .."):
-                self.assertTrue(c.cmd(cmd).startswith(b"550 "), cmd)
-            self.assertEqual(c.cmd("RNFR /"), b"550 Requested action not taken.\r\n")
-            self.assertTrue(os.path.isdir(os.path.join(d.flash, "top")))
-            c.close()
-        self.each(body)
-
-    def test_passive_listeners_take_the_client_of_the_control_family_only(self):
-        def body(profile, d):
-            c = logged_in(d.port)
-            r = c.cmd("EPSV 2")
-            if profile == "standard":
-                self.assertEqual(r, b"522 Network protocol not supported, use (1).\r\n")
-            elif has_ipv6():
-                port = int(r.split(b"|||")[1].split(b"|")[0])
-                with self.assertRaises(OSError):
-                    socket.create_connection(("::1", port), timeout=2).close()
-            c.close()
-            if has_ipv6():
-                v6 = RawClient(d.port, host="::1")
-                v6.login("bob", "secret2")  # alice's one slot may not be given back yet
-                self.assertEqual(v6.cmd("PASV"), b"425 Can't open data connection.\r\n")
-                v6.close()
-        self.each(body)
+    @each_profile
+    def test_passive_listeners_take_the_client_of_the_control_family_only(self, profile, d):
+        c = logged_in(d.port)
+        r = c.cmd("EPSV 2")
+        if profile == "standard":
+            self.assertEqual(r, b"522 Network protocol not supported, use (1).\r\n")
+        elif has_ipv6():
+            port = int(r.split(b"|||")[1].split(b"|")[0])
+            with self.assertRaises(OSError):
+                socket.create_connection(("::1", port), timeout=2).close()
+        c.close()
+        if has_ipv6():
+            v6 = RawClient(d.port, host="::1")
+            v6.login("bob", "secret2")  # alice's one slot may not be given back yet
+            self.assertEqual(v6.cmd("PASV"), b"425 Can't open data connection.\r\n")
+            v6.close()
 
 
 if __name__ == "__main__":

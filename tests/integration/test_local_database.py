@@ -36,21 +36,15 @@ TOO_LONG_LINE = USER_DATABASE.splitlines().index("[user %s]" % ("a" * 65)) + 1
 
 
 class LocalDatabaseBase:
-    new_model = "yes"
-
     def setUp(self):
         self.d = Daemon(user_database=USER_DATABASE,
-                        extra_platform={"aaa.new_model": self.new_model, "aaa.list.default": "local"})
-        self.d.start()
+                        extra_platform={"aaa.new_model": self.new_model, "aaa.list.default": "local"}).start()
         self.addCleanup(self.d.stop_checked)
 
     def test_online_limit_and_account_checks(self):
-        first, replies = self.d.attempt("limited", "lim1ted")
-        self.assertEqual(replies, [OK])
-        self.assertEqual(self.d.attempt("limited", "lim1ted")[1], [OK])
-        self.assertEqual(self.d.attempt("limited", "lim1ted")[1], REFUSED_BY_ACCOUNT)
-        lines = [l for l in self.d.logtext().splitlines() if "%LOGIN-" in l]
-        self.assertTrue(lines, "no LIMIT line in the log")
+        (first, replies), second, third = (self.d.attempt("limited", "lim1ted") for _ in range(3))
+        self.assertEqual([replies, second[1], third[1]], [[OK], [OK], REFUSED_BY_ACCOUNT])
+        lines = [l for l in self.d.logtext().splitlines() if "%LOGIN-" in l] or ["no LIMIT line in the log"]
         self.assertRegex(lines[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %LOGIN-5-LIMIT: "
                          + re.escape("The number of online users 2 has reached the upper limit 2.") + "$")
         # Given back as a session ends, on either path to the database, to the account that took it

@@ -18,7 +18,8 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ends, ftp_session, greeted, has_ipv6,  # noqa: E402
-                          logged_in, memory_idle, pasv_connect, start_upload, wait_until)
+                          logged_in, memory_idle, start_upload, wait_until)
+from test_stalled_transfer import stalled_transfer  # noqa: E402
 
 # Management socket framing: 4-byte length, 1-byte kind, payload.
 REQ_EXEC, REQ_PROMPT, RSP_OUTPUT, RSP_END = 1, 4, 0x81, 0x82
@@ -44,16 +45,8 @@ class ServiceTest(DaemonTestCase):
         idle = [logged_in(self.d.port) for _ in range(3)]
         up = logged_in(self.d.port)
         updata = start_upload(up, "partial.bin", b"y" * 50_000)
-        down = logged_in(self.d.port)
-        down.cmd("TYPE I")
-        ddata = pasv_connect(down, rcvbuf=4096)  # and never read: the download is under way
-        down.send("RETR big.bin\r\n")
-        self.assertTrue(down.reply().startswith(b"150 "))
-        lister = logged_in(self.d.port)
-        lister.cmd("CWD many")
-        ldata = pasv_connect(lister, rcvbuf=4096)
-        lister.send("LIST\r\n")
-        self.assertTrue(lister.reply().startswith(b"150 "))
+        down, ddata = stalled_transfer(self.d.port, "TYPE I", "RETR big.bin")
+        lister, ldata = stalled_transfer(self.d.port, "CWD many", "LIST")
         ldata.recv(100)  # the listing is under way; then the client stops reading
         time.sleep(1)
         self.assertEqual(self.d.cli("no ftp-server enable"), (0, ""))
@@ -91,11 +84,8 @@ class ServiceTest(DaemonTestCase):
 
     def test_disable_then_enable_at_once_with_sessions_open_reopens_both_ports_every_time(self):
         for attempt in range(10):
-            clients = []
-            for _ in range(19):
-                c = RawClient(self.d.port)
-                self.assertTrue(c.reply().startswith(b"220 "))
-                clients.append(c)
+            clients = [RawClient(self.d.port) for _ in range(19)]
+            self.assertTrue(all(c.reply().startswith(b"220 ") for c in clients))
             self.assertEqual(self.d.cli("no ftp-server enable", "ftp-server enable"), (0, ""))
             # A deadline that proves the listener did not sit out a retry.
             for family in (socket.AF_INET, socket.AF_INET6):
@@ -106,36 +96,37 @@ class ServiceTest(DaemonTestCase):
             # The next attempt's 19 fit the limit only once these sessions have ended.
             self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
-    def test_stop_message_while_enabled_starts_no_session(self):
+    def whole_quiet_session(self):
+        # With the process lines on, a session that ends writes its start and its end to the log.
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
-        started, ended = (lambda: self.d.logtext().count("ftp user connected."),
-                          lambda: self.d.logtext().count("FTP_SERVER_END"))
         c = greeted(self.d.port)
         c.cmd("QUIT")
         c.close()
-        self.assertTrue(wait_until(lambda: ended() == started()), (started(), ended()))
-        before = started()
+        self.assertTrue(wait_until(lambda: self.d.logtext().count("FTP_SERVER_END") == self.started(),
+                                   timeout=START_WAIT))
+
+    def started(self):
+        return self.d.logtext().count("ftp user connected.")
+
+    def test_stop_message_while_enabled_starts_no_session(self):
+        self.whole_quiet_session()
+        before = self.started()
         # No session is left to take them: only the listener reads the channel.
         channel = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         for _ in range(3):
             channel.sendto(b"stop ftp server", os.path.join(self.d.tmpdir, "app", "ftps", ".server_ftp"))
         channel.close()
         time.sleep(1)
-        self.assertEqual(started(), before, "a session was started for a descriptor handed on before")
+        self.assertEqual(self.started(), before, "a session was started for a descriptor handed on before")
         c = RawClient(self.d.port)
         self.assertTrue(c.reply().startswith(b"220 "))
         c.close()
-        self.assertEqual(started(), before + 1)
+        self.assertEqual(self.started(), before + 1)
 
     def test_sighup_reopens_the_log_file_and_changes_nothing_else(self):
-        self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
-        # A whole session writes process lines, so the log file exists whatever the tests before
-        # did; it has ended before the file is moved away.
-        ends = self.d.logtext().count("FTP_SERVER_END")
-        c = greeted(self.d.port)
-        c.cmd("QUIT")
-        c.close()
-        self.assertTrue(wait_until(lambda: self.d.logtext().count("FTP_SERVER_END") > ends, timeout=START_WAIT))
+        # The log file exists whatever the tests before did; the session has ended before the file
+        # is moved away.
+        self.whole_quiet_session()
         rotated = self.d.log + ".1"
         os.rename(self.d.log, rotated)
         self.d.proc.send_signal(signal.SIGHUP)
@@ -145,9 +136,7 @@ class ServiceTest(DaemonTestCase):
         self.assertRegex(self.d.logtext(), r"(?m)^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %LOG-6-REOPEN: log reopened$")
         self.assertTrue(os.path.exists(rotated))
         self.assertEqual(os.stat(self.d.log).st_mode & 0o777, 0o640)
-        c = RawClient(self.d.port)
-        c.login()
-        c.close()
+        logged_in(self.d.port).close()
         self.assertEqual(self.d.cli("show ftp-server")[0], 0)
 
     def test_quiet_management_connections_never_lock_the_administrator_out(self):
@@ -187,16 +176,12 @@ class SystemRootTest(DaemonTestCase):
         names = ftp.nlst("/")
         listing = []
         ftp.retrlines("LIST /", listing.append)
-        for hidden in ("proc", "dev"):
-            self.assertNotIn(hidden, names)
-            self.assertFalse(any(l.endswith(" " + hidden) for l in listing))
-        self.assertTrue(any(l.endswith(" etc") for l in listing))
-        with self.assertRaises(ftplib.error_perm):
-            ftp.cwd("/proc")
-        with self.assertRaises(ftplib.error_perm):
-            ftp.retrbinary("RETR /proc/version", lambda b: None)
-        with self.assertRaises(ftplib.error_temp):
-            ftp.size("/dev/null")
+        self.assertEqual({"proc", "dev", "etc"} & (set(names) | {l.rsplit(" ", 1)[-1] for l in listing}), {"etc"})
+        for error, call in ((ftplib.error_perm, lambda: ftp.cwd("/proc")),
+                            (ftplib.error_perm, lambda: ftp.retrbinary("RETR /proc/version", lambda b: None)),
+                            (ftplib.error_temp, lambda: ftp.size("/dev/null"))):
+            with self.assertRaises(error):
+                call()
         ftp.quit()
 
 

@@ -19,18 +19,16 @@ import socket
 import ssl
 import sys
 import tempfile
-import threading
 import time
-import traceback
 import unittest
+from functools import partial
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, client_context, expect, memory_idle,  # noqa: E402
+from ftps_harness import (Daemon, RawClient, client_context, expect, in_parallel, memory_idle,  # noqa: E402
                           pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
-from test_tls_attacks import epsv_port, final_reply, key_update_flood, tls_session  # noqa: E402
+from test_tls_attacks import cut_upload, key_update_flood, retrieved, stranger_first, tls_session  # noqa: E402
 
 SMALL = os.urandom(48 * 1024)
-BIG_SIZE = 8 << 20
 # The top directory is deep enough that a name fitting one command line can be too long for its
 # real path.
 TOP = "s" * 40
@@ -61,60 +59,38 @@ def whole(port, user, tag):
     whole_session(session(port, user), "small.bin", SMALL, tag)
 
 
-def vanish_before_greeting(port, user, tag):
-    reset(socket.create_connection(("127.0.0.1", port), timeout=30))
-
-
-def vanish_after_login(port, user, tag):
-    reset(session(port, user).sock)
-
-
-def vanish_in_transfer(verb, type_="I", stall=0.0):
+def vanish_in_transfer(verb, type_, stall, port, user, tag):
     # Vanishes once some bytes moved (after a while of not reading, with stall).
-    def kind(port, user, tag):
-        c = session(port, user)
-        c.cmd("TYPE " + type_)
-        d = pasv_connect(c)
-        c.send(verb.replace("%s", tag) + "\r\n")
-        expect(c.reply(), b"150")
-        if verb.startswith("STOR"):
-            d.sendall(SMALL[:10000])
-        else:
-            d.recv(65536)
-        time.sleep(stall)
-        reset(d)
-        reset(c.sock)
-    return kind
-
-
-def half_line(port, user, tag):
     c = session(port, user)
-    c.send(b"LIS")
+    c.cmd("TYPE " + type_)
+    d = pasv_connect(c)
+    c.send(verb.replace("%s", tag) + "\r\n")
+    expect(c.reply(), b"150")
+    if verb.startswith("STOR"):
+        d.sendall(SMALL[:10000])
+    else:
+        d.recv(65536)
+    time.sleep(stall)
+    reset(d)
+    reset(c.sock)
+
+
+def half_closed(login, port, user, tag):
+    # A client that shuts its sending side gets at most one reply, then the session ends.
+    c = session(port, user, login=login)
+    c.sock.shutdown(socket.SHUT_WR)
+    got = c.sock.makefile("rb").read()
+    assert got.count(b"\r\n") <= 1, got[:200]
     c.close()
 
 
-def half_closed(login):
-    # A client that shuts its sending side gets at most one reply, then the session ends.
-    def kind(port, user, tag):
-        c = session(port, user, login=login)
-        c.sock.shutdown(socket.SHUT_WR)
-        got = b""
-        while chunk := c.sock.recv(65536):
-            got += chunk
-        assert got.count(b"\r\n") <= 1, got[:200]
-        c.close()
-    return kind
-
-
-def passive_flood(count):
+def passive_flood(count, port, user, tag):
     # Asks for count passive ports (the last one unused) and quits.
-    def kind(port, user, tag):
-        c = session(port, user)
-        for _ in range(count):
-            expect(c.cmd("EPSV" if tag.endswith("1") else "PASV"), b"22")
-        expect(c.cmd("QUIT"), b"221")
-        c.close()
-    return kind
+    c = session(port, user)
+    for _ in range(count):
+        expect(c.cmd("EPSV" if tag.endswith("1") else "PASV"), b"22")
+    expect(c.cmd("QUIT"), b"221")
+    c.close()
 
 
 def passive_thief(port, user, tag):
@@ -127,27 +103,18 @@ def passive_thief(port, user, tag):
     c.send("RETR small.bin\r\n")
     assert thief.recv(65536) == b"", "the third party got data"
     thief.close()
-    d = socket.create_connection(("127.0.0.1", data_port), timeout=30)
-    expect(c.reply(), b"150 ")
-    got = bytearray()
-    while chunk := d.recv(65536):
-        got += chunk
-    d.close()
-    r = c.reply()
-    assert r == b"226 Closing data connection.\r\n" and got == SMALL, (r, len(got))
+    with socket.create_connection(("127.0.0.1", data_port), timeout=30) as d:
+        expect(c.reply(), b"150 ")
+        got = d.makefile("rb").read()
+    assert (c.reply(), got) == (b"226 Closing data connection.\r\n", SMALL), "the client's own transfer failed"
     c.close()
 
 
 def long_name(port, user, tag):
     c = session(port, user)
-    name = "x" * 200 + "/" + "y" * 255
     for verb in ("DELE", "MKD", "SIZE"):
-        expect(c.cmd("%s %s" % (verb, name)), b"550")
+        expect(c.cmd("%s %s/%s" % (verb, "x" * 200, "y" * 255)), b"550")
     c.close()
-
-
-def wrong_password(port, user, tag):
-    session(port, user, "wrong", b"530").close()
 
 
 def never_reads(port, user, tag):
@@ -162,10 +129,25 @@ def never_reads(port, user, tag):
     reset(c.sock)
 
 
-KINDS = [whole, whole, whole, whole, vanish_before_greeting, vanish_after_login,
-         vanish_in_transfer("RETR big.bin"), vanish_in_transfer("STOR p%s.bin"),
-         vanish_in_transfer("LIST many", "A", 0.2), half_line, passive_flood(1), passive_flood(20),
-         half_closed(False), half_closed(True), passive_thief, long_name, wrong_password, never_reads]
+def vanish(port, user, tag):
+    reset(session(port, user).sock)
+
+
+def half_line(port, user, tag):
+    c = session(port, user)
+    c.send(b"LIS")
+    c.close()
+
+
+def wrong_password(port, user, tag):
+    session(port, user, "wrong", b"530").close()
+
+
+KINDS = [whole, whole, whole, whole, vanish, half_line, wrong_password, passive_thief, long_name, never_reads,
+         lambda port, user, tag: reset(socket.create_connection(("127.0.0.1", port), 30)),  # before the greeting
+         partial(vanish_in_transfer, "RETR big.bin", "I", 0), partial(vanish_in_transfer, "STOR p%s.bin", "I", 0),
+         partial(vanish_in_transfer, "LIST many", "A", 0.2), partial(passive_flood, 1), partial(passive_flood, 20),
+         partial(half_closed, False), partial(half_closed, True)]
 
 
 # --- The TLS mix, against the daemon that serves FTPS
@@ -177,38 +159,18 @@ def tls_login(port, user):
         raise Refused()
 
 
-def protected_data(ftp, verb, stranger=False):
-    # The data connection of verb after EPSV: the client's own, resuming its session, or a
-    # stranger's, at the client's address and first on the port, with a session of its own.
-    port = epsv_port(ftp)
-    ftp.putcmd(verb)
-    sock = socket.create_connection(("127.0.0.1", port), timeout=30)
-    expect(final_reply(ftp).encode(), b"150")
-    if stranger:
-        return client_context().wrap_socket(sock)
-    return ftp.context.wrap_socket(sock, session=ftp.sock.session)
-
-
 def tls_whole(port, user, tag):
     ftp = tls_login(port, user)
     ftp.storbinary("STOR t%s.bin" % tag, io.BytesIO(SMALL))
-    got = io.BytesIO()
-    ftp.retrbinary("RETR t%s.bin" % tag, got.write)
-    assert got.getvalue() == SMALL, len(got.getvalue())
+    assert retrieved(ftp, "t%s.bin" % tag) == SMALL
     ftp.delete("t%s.bin" % tag)
     ftp.quit()
 
 
 def tls_first_comer(port, user, tag):
+    # A stranger at the client's address, first on its protected data port, with a session of its own.
     ftp = tls_login(port, user)
-    taken = b""
-    try:
-        with protected_data(ftp, "RETR small.bin", stranger=True) as data:
-            while chunk := data.recv(65536):
-                taken += chunk
-    except (ssl.SSLError, OSError):
-        pass
-    assert (taken, final_reply(ftp)) == (b"", "425"), "the stranger was served"
+    assert stranger_first(ftp, "RETR small.bin", client_context())[::2] == (b"", "425"), "the stranger was served"
     ftp.quit()
 
 
@@ -238,11 +200,7 @@ def tls_key_updates(port, user, tag):
 
 def tls_cut_upload(port, user, tag):
     ftp = tls_login(port, user)
-    data = protected_data(ftp, "STOR c%s.bin" % tag)
-    data.sendall(SMALL)
-    data.shutdown(socket.SHUT_WR)  # the TLS layer goes first: no closing alert
-    assert final_reply(ftp) == "426", "an upload cut without its closing alert was taken"
-    data.close()
+    assert cut_upload(ftp, "c%s.bin" % tag, SMALL, alert=False) == "426", "an upload cut without its alert was taken"
     ftp.quit()
 
 
@@ -267,7 +225,7 @@ class SoakBase:
         # The TLS mix logs in with the attack tests' helpers and passwords.
         self.t = Daemon(startup=users[:1] + ["ftp-server username bob password secret2"], topdir="flash:/" + TOP,
                         tls=True, extra_platform={"ftp.profile": "standard", "ftp.max_per_address": "0"})
-        self.d.put(TOP + "/big.bin", os.urandom(1 << 20) * (BIG_SIZE >> 20))
+        self.d.put(TOP + "/big.bin", os.urandom(1 << 20) * 8)
         self.d.many(TOP + "/many", 3000)
         self.base_files = {self.d: {"small.bin", "big.bin", "many"}, self.t: {"small.bin"}}
         for d in (self.d, self.t):
@@ -275,17 +233,16 @@ class SoakBase:
             d.start()
             self.addCleanup(d.stop_checked)
 
-    def top_files(self, d):
-        return set(os.listdir(os.path.join(d.flash, TOP)))
-
     def state(self):
         return [(d.memory_in_use(), d.descriptors(), files_below(d.tmpdir)) for d in (self.d, self.t)]
 
+    def top_files(self):
+        return {d: set(os.listdir(os.path.join(d.flash, TOP))) for d in (self.d, self.t)}
+
     def run_kind(self, kind, user, tag, stats):
-        port = self.t.port if kind in TLS_KINDS else self.d.port
         for _ in range(50):
             try:
-                kind(port, user, tag)
+                kind(self.t.port if kind in TLS_KINDS else self.d.port, user, tag)
                 stats["done"] += 1
                 return
             except Refused:
@@ -297,23 +254,19 @@ class SoakBase:
     def test_sessions_leave_nothing_behind(self):
         # One of each kind first, so that everything opened once for the life of the process is
         # open before the baseline is taken.
-        stats = {"done": 0, "refused": 0}
-        kinds = KINDS + TLS_KINDS
+        stats, kinds = {"done": 0, "refused": 0}, KINDS + TLS_KINDS
         # The TLS library makes the key's blinding for threads other than its first user once two
         # sessions sign at the same time: one session stays open while the others run.
         held = tls_login(self.t.port, "bob")
         for i, kind in enumerate(kinds):
             self.run_kind(kind, "alice", "warm%d" % i, stats)
         held.quit()
-        for d, files in self.base_files.items():
-            self.assertTrue(wait_until(lambda: self.top_files(d) == files, timeout=30), self.top_files(d))
+        self.assertTrue(wait_until(lambda: self.top_files() == self.base_files, 30), self.top_files())
         time.sleep(1)
         # Only the TLS library's context stays between sessions.
         for d in (self.d, self.t):
             self.assertTrue(memory_idle(d, ignore=("TLS",)), d.memory_in_use())
-        baseline = self.state()
-
-        start, errors = time.time(), []
+        baseline, start = self.state(), time.time()
 
         def run(seed, user, count, seconds):
             r, i = random.Random(seed), 0
@@ -321,26 +274,14 @@ class SoakBase:
                 self.run_kind(r.choice(kinds), user, "%s_%d" % (seed, i), stats)
                 i += 1
 
-        def worker(w):
-            try:
-                run(w, "alice" if w % 2 else "bob", (self.SESSIONS - sequential) // self.WORKERS, self.DURATION)
-            except Exception:
-                errors.append("worker %d: %s" % (w, traceback.format_exc()))
-
         # A quarter of the count, or of the time, one session after another; the rest at once.
-        sequential = self.SESSIONS // 4
-        run("s", "alice", sequential, (self.DURATION or 0) / 4)
-        threads = [threading.Thread(target=worker, args=(w,)) for w in range(self.WORKERS)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
-        self.assertEqual(errors, [])
+        run("s", "alice", self.SESSIONS // 4, (self.DURATION or 0) / 4)
+        in_parallel(lambda w: run(w, "alice" if w % 2 else "bob", (self.SESSIONS - self.SESSIONS // 4) // self.WORKERS,
+                                  self.DURATION), self.WORKERS)
 
         self.assertTrue(wait_until(lambda: self.state() == baseline, timeout=60),
                         "memory, descriptors, temporary files: %s, were %s" % (self.state(), baseline))
-        for d, files in self.base_files.items():
-            self.assertEqual(self.top_files(d), files)
+        self.assertEqual(self.top_files(), self.base_files)
         whole(self.d.port, "alice", "final")
         tls_whole(self.t.port, "alice", "final")
         sys.stderr.write("soak: %d sessions in %.0f s, %d refused while others were ending; in use at the end: "

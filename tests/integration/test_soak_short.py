@@ -1,5 +1,5 @@
-"""The soak in a short form for every test run: a few hundred mixed sessions, sequential and
-overlapping, then the same checks that nothing is left behind."""
+# The soak in a short form for every test run: a few hundred mixed sessions, sequential and
+# overlapping, then the same checks that nothing is left behind.
 
 import os
 import sys

@@ -15,14 +15,14 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, half_handshake, logged_in,  # noqa: E402
+from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, expect, half_handshake, logged_in,  # noqa: E402
                           memory_idle, pasv_connect, wait_until, whole_session)
 
 SMALL = b"x" * 100000
 
 
 def keep_sending(sock, piece):
-    """Sends piece every five seconds until the daemon closes the connection."""
+    # Sends piece every five seconds until the daemon closes the connection.
     def run():
         try:
             for _ in range(40):
@@ -31,6 +31,17 @@ def keep_sending(sock, piece):
         except OSError:
             pass
     threading.Thread(target=run, daemon=True).start()
+
+
+def stalled_transfer(port, setup, verb, timeout=10):
+    # A transfer under way (150) to a client that does not read: its small receive buffer is soon full.
+    c = RawClient(port, timeout=timeout)
+    c.login()
+    c.cmd(setup)
+    data = pasv_connect(c, rcvbuf=4096)
+    c.send(verb + "\r\n")
+    expect(c.reply(), b"150 ")
+    return c, data
 
 
 class TimeoutTest(DaemonTestCase):
@@ -71,22 +82,13 @@ class TimeoutTest(DaemonTestCase):
             self.assertTrue(c.reply().startswith(b"220 "))
             keep_sending(c.sock, piece)
 
-        stalled, data_connections = [], []
-        for verb in ("RETR big.bin", "LIST many"):
-            c = RawClient(self.d.port, timeout=150)
-            c.login()
-            c.cmd("TYPE I")
-            data_connections.append(pasv_connect(c, rcvbuf=4096))
-            c.send(verb + "\r\n")
-            self.assertTrue(c.reply().startswith(b"150 "))
-            stalled.append(c)
-        waiting = []
-        for verb in ("RETR f.txt", "LIST", "STOR never.bin"):
-            c = RawClient(self.d.port, timeout=150)
+        stalled, data_connections = zip(*(stalled_transfer(self.d.port, "TYPE I", verb, timeout=150)
+                                          for verb in ("RETR big.bin", "LIST many")))
+        waiting = [RawClient(self.d.port, timeout=150) for _ in range(3)]
+        for c, verb in zip(waiting, ("RETR f.txt", "LIST", "STOR never.bin")):
             c.login()
             self.assertTrue(c.cmd("PASV").startswith(b"227 "))
             c.send(verb + "\r\n")
-            waiting.append(c)
         start = time.time()
         for _ in range(3):  # served while the others wait
             whole_session(logged_in(self.d.port), "f.txt", SMALL)
@@ -106,10 +108,10 @@ class TimeoutTest(DaemonTestCase):
                 r = c.reply()
             self.assertEqual(r, b"425 Can't open data connection.\r\n")
         self.assertGreater(time.time() - start, 50)
-        for c in [busy] + stalled + waiting:
+        for c in [busy, *stalled, *waiting]:
             self.assertTrue(c.cmd("SYST").startswith(b"215 "))
             c.close()
-        for s in data_connections + [silent.sock]:
+        for s in [*data_connections, silent.sock]:
             s.close()
         # The deaf client's replies could not go out for a whole login time-out: it is gone too.
         self.assertTrue(wait_until(lambda: self.d.descriptors() <= baseline, timeout=40),

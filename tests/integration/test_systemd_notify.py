@@ -9,67 +9,46 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import SANITIZED, Daemon, wait_until  # noqa: E402
+from ftps_harness import SANITIZED, Daemon, read_file, wait_until  # noqa: E402
 
 WATCHDOG_SECS = 2  # the daemon checks every half period
 SILENT_AFTER = 8   # seconds after the listener starts; READY=1 comes at 5
 SLOW = 3 if SANITIZED else 1
 
 
-class NotifySocket:
-    # A datagram socket standing in for systemd's; remembers (time, line) pairs.
-
-    def __init__(self, directory):
-        self.path = os.path.join(directory, "notify")
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind(self.path)
-        self.messages = []
-
-    def receive(self, timeout, until=None):
-        # Reads datagrams (each may carry several lines) for up to timeout seconds, or until a line
-        # equal to until arrived; returns that line's time or None.
-        deadline = time.time() + timeout
-        while True:
-            for at, line in self.messages:
-                if line == until:
-                    return at
-            if (left := deadline - time.time()) <= 0:
-                return None
-            self.sock.settimeout(left)
-            try:
-                data = self.sock.recv(4096)
-            except socket.timeout:
-                return None
-            self.messages += [(time.time(), line) for line in data.decode(errors="replace").splitlines()]
+def receive(sock, messages, timeout, until=None):
+    # Reads datagrams (each may carry several lines) into messages, as (time, line) pairs, for up to
+    # timeout seconds or until a line equal to until has come; returns that line's time or None.
+    deadline = time.time() + timeout
+    while not (found := [at for at, line in messages if line == until]) and (left := deadline - time.time()) > 0:
+        sock.settimeout(left)
+        try:
+            messages += [(time.time(), line) for line in sock.recv(4096).decode(errors="replace").splitlines()]
+        except socket.timeout:
+            break
+    return found[0] if found else None
 
 
 def task_named(pid, name):
     # Thread id of the daemon's thread with that name, or None.
     for tid in os.listdir("/proc/%d/task" % pid):
-        try:
-            with open("/proc/%d/task/%s/comm" % (pid, tid)) as f:
-                if f.read().strip() == name:
-                    return int(tid)
-        except OSError:
-            pass
+        if (read_file("/proc/%d/task/%s/comm" % (pid, tid)) or b"").strip() == name.encode():
+            return int(tid)
     return None
 
 
 class SystemdNotifyTest(unittest.TestCase):
-    def setUp(self):
-        self.d = Daemon()
-        self.notify = NotifySocket(self.d.dir)
-
-    def tearDown(self):
-        self.notify.sock.close()
-        self.d.cleanup()
-
     def test_ready_once_serving_then_watchdog_until_the_listener_is_silenced(self):
-        env = dict(self.d.env(), NOTIFY_SOCKET=self.notify.path, WATCHDOG_USEC=str(WATCHDOG_SECS * 1000000),
+        # A datagram socket standing in for systemd's.
+        self.d = Daemon()
+        self.addCleanup(self.d.cleanup)
+        notify, messages = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM), []
+        self.addCleanup(notify.close)
+        notify.bind(os.path.join(self.d.dir, "notify"))
+        env = dict(self.d.env(), NOTIFY_SOCKET=notify.getsockname(), WATCHDOG_USEC=str(WATCHDOG_SECS * 1000000),
                    FTPS_TEST_LISTENER_SILENT_AFTER=str(SILENT_AFTER))
         self.d.start(env=env, wait=False)
-        ready = self.notify.receive(30 * SLOW, until="READY=1")
-        self.assertIsNotNone(ready, "no READY=1: %s" % self.notify.messages)
+        self.assertIsNotNone(receive(notify, messages, 30 * SLOW, until="READY=1"), "no READY=1: %s" % messages)
         # Ready means ready: the management socket answers and the port accepts.
         self.assertTrue(self.d.cli_ok())
         self.assertTrue(self.d.port_open())
@@ -81,14 +60,13 @@ class SystemdNotifyTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: "watchdog withheld" in self.d.logtext(), timeout=30 * SLOW),
                         self.d.logtext())
         self.assertIn("thread %d has not notified" % listener, self.d.logtext())
-        self.notify.receive(0.5)  # a beat sent just before the verdict may still be in flight
-        lines = [line for _, line in self.notify.messages]
+        receive(notify, messages, 0.5)  # a beat sent just before the verdict may still be in flight
+        lines = [line for _, line in messages]
         self.assertGreaterEqual(lines[lines.index("READY=1"):].count("WATCHDOG=1"), 2, lines)
         stopped_at = time.time()
-        self.notify.receive(3 * WATCHDOG_SECS * SLOW)
-        late = [line for at, line in self.notify.messages if at > stopped_at and line == "WATCHDOG=1"]
-        self.assertEqual(late, [])
-        self.assertEqual([line for _, line in self.notify.messages if line == "READY=1"], ["READY=1"])
+        receive(notify, messages, 3 * WATCHDOG_SECS * SLOW)
+        self.assertEqual([line for at, line in messages if at > stopped_at and line == "WATCHDOG=1"], [])
+        self.assertEqual([line for _, line in messages if line == "READY=1"], ["READY=1"])
         self.assertIsNone(self.d.proc.poll(), "the daemon itself keeps running")
         self.assertTrue(self.d.cli_ok())
         self.assertEqual(self.d.stop(), 0)

@@ -13,7 +13,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6  # noqa: E402
+from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6, read_file  # noqa: E402
 
 STRACE = shutil.which("strace")
 IPPROTO_IP, IPPROTO_IPV6 = 0, 41
@@ -22,36 +22,15 @@ DEVICE_OPTIONS = {(IPPROTO_IP, 51), (IPPROTO_IP, 53), (IPPROTO_IPV6, 102), (IPPR
 CALL = re.compile(r"setsockopt\(\d+, (0x[0-9a-f]+|\d+), (0x[0-9a-f]+|\d+),")
 
 
-def traceable():
-    if STRACE is None:
-        return False
-    r = subprocess.run([STRACE, "-qq", "-o", os.devnull, "true"], capture_output=True)
-    return r.returncode == 0
-
-
-@unittest.skipUnless(traceable(), "strace is missing or cannot trace here")
+@unittest.skipUnless(STRACE and subprocess.run([STRACE, "-qq", "-o", os.devnull, "true"]).returncode == 0,
+                     "strace is missing or cannot trace here")
 class VrfSockoptTest(unittest.TestCase):
-    def setUp(self):
-        self.d = Daemon()
-        self.trace = os.path.join(self.d.dir, "strace.txt")
-        env = self.d.env()
-        # The leak checker cannot run under a tracer (it traces the process itself at exit).
-        if "ASAN_OPTIONS" in env:
-            env["ASAN_OPTIONS"] = env["ASAN_OPTIONS"].replace("detect_leaks=1", "detect_leaks=0")
-        self.d.proc = subprocess.Popen(
-            [STRACE, "-f", "-qq", "-X", "raw", "-e", "trace=setsockopt", "-o", self.trace, DAEMON],
-            env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(self.d.cleanup)
-        self.addCleanup(lambda: self.d.proc and self.stop())
-        self.d.wait_ready()
-
     def stop(self):
         # Ends the daemon, strace's child; strace ends with it and with its status.
         proc, self.d.proc = self.d.proc, None
         if proc.poll() is None:
-            with open("/proc/%d/task/%d/children" % (proc.pid, proc.pid)) as f:
-                for pid in f.read().split():
-                    os.kill(int(pid), signal.SIGTERM)
+            for pid in read_file("/proc/%d/task/%d/children" % (proc.pid, proc.pid)).split():
+                os.kill(int(pid), signal.SIGTERM)
             try:
                 proc.wait(timeout=30)
             except subprocess.TimeoutExpired:
@@ -59,27 +38,33 @@ class VrfSockoptTest(unittest.TestCase):
                 proc.wait()
         return proc.returncode
 
-    def transfer(self, host, passive):
-        ftp = ftp_session(self.d.port, host)
-        ftp.set_pasv(passive)
-        name = "f-%s-%d.bin" % ("v6" if ":" in host else "v4", passive)
-        data = os.urandom(20000)
-        ftp.storbinary("STOR " + name, io.BytesIO(data))
-        got = io.BytesIO()
-        ftp.retrbinary("RETR " + name, got.write)
-        self.assertEqual(got.getvalue(), data)
-        ftp.nlst()
-        ftp.quit()
-
     def test_transfers_never_pass_device_vrf_options(self):
+        self.d = Daemon()
+        self.addCleanup(self.d.cleanup)
+        trace, env = os.path.join(self.d.dir, "strace.txt"), self.d.env()
+        # The leak checker cannot run under a tracer (it traces the process itself at exit).
+        if "ASAN_OPTIONS" in env:
+            env["ASAN_OPTIONS"] = env["ASAN_OPTIONS"].replace("detect_leaks=1", "detect_leaks=0")
+        self.d.proc = subprocess.Popen([STRACE, "-f", "-qq", "-X", "raw", "-e", "trace=setsockopt", "-o", trace,
+                                        DAEMON], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(lambda: self.d.proc and self.stop())
+        self.d.wait_ready()
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
         for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
             for passive in (True, False):
-                self.transfer(host, passive)
+                ftp = ftp_session(self.d.port, host)
+                ftp.set_pasv(passive)
+                name, data = "f-%s-%d.bin" % (host, passive), os.urandom(20000)
+                ftp.storbinary("STOR " + name, io.BytesIO(data))
+                got = io.BytesIO()
+                ftp.retrbinary("RETR " + name, got.write)
+                self.assertEqual(got.getvalue(), data)
+                ftp.nlst()
+                ftp.quit()
         # The trace is complete once the daemon has ended.
         self.assertEqual(self.stop(), 0)
-        with open(self.trace, errors="replace") as f:
-            calls = [(int(m.group(1), 0), int(m.group(2), 0)) for m in CALL.finditer(f.read())]
+        calls = [(int(m.group(1), 0), int(m.group(2), 0))
+                 for m in CALL.finditer(read_file(trace).decode(errors="replace"))]
         self.assertTrue(calls, "strace saw no setsockopt at all: the trace is not working")
         self.assertEqual([c for c in calls if c in DEVICE_OPTIONS], [])
         log = self.d.logtext()
