@@ -200,7 +200,7 @@ def tls_key_updates(port, user, tag):
 
 def tls_cut_upload(port, user, tag):
     ftp = tls_login(port, user)
-    assert cut_upload(ftp, "c%s.bin" % tag, SMALL, alert=False) == "426", "an upload cut without its alert was taken"
+    assert cut_upload(ftp, "c%s.bin" % tag, SMALL) == "426", "an upload cut without its alert was taken"
     ftp.quit()
 
 
