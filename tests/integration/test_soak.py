@@ -5,9 +5,10 @@
 # passive port, names too long for their real path, a wrong password, replies never read), and
 # against a second daemon serving FTPS a TLS mix (whole protected sessions, strangers first on a
 # protected data port, floods of unauthenticated handshakes, KeyUpdate floods, uploads cut without
-# the closing alert). One session of each kind runs before the baseline. Afterwards memory and
-# descriptors of both daemons are at the baseline, no temporary or partial file is left, and both
-# still serve. The long form runs for twenty minutes.
+# the closing alert, garbage instead of a ClientHello, plain data connections under PROT P). One
+# session of each kind runs before the baseline. Afterwards memory and descriptors of both daemons
+# are at the baseline, no temporary or partial file is left, and both still serve. The long form
+# runs for twenty minutes.
 
 # ctest-labels: long
 
@@ -24,9 +25,10 @@ import unittest
 from functools import partial
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, client_context, expect, in_parallel, memory_idle,  # noqa: E402
-                          pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
-from test_tls_attacks import cut_upload, key_update_flood, retrieved, stranger_first, tls_session  # noqa: E402
+from ftps_harness import (Daemon, RawClient, client_context, ends, expect, greeted, in_parallel,  # noqa: E402
+                          memory_idle, pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
+from test_tls_attacks import (cut_upload, final_reply, key_update_flood, retrieved, stranger_first,  # noqa: E402
+                              tls_session)
 
 SMALL = os.urandom(48 * 1024)
 # The top directory is deep enough that a name fitting one command line can be too long for its
@@ -204,7 +206,33 @@ def tls_cut_upload(port, user, tag):
     ftp.quit()
 
 
-TLS_KINDS = [tls_whole, tls_whole, tls_first_comer, tls_handshake_flood, tls_key_updates, tls_cut_upload]
+def tls_garbage_hello(port, user, tag):
+    # Garbage where the ClientHello belongs ends the connection.
+    try:
+        c = greeted(port)
+    except (EOFError, ConnectionError):
+        raise Refused()
+    expect(c.cmd("AUTH TLS"), b"234 ")
+    c.send(b"GET / HTTP/1.1\r\n\r\n" + os.urandom(300))
+    assert ends(c.sock), "the connection stayed open after garbage instead of a ClientHello"
+    c.close()
+
+
+def tls_plain_data(port, user, tag):
+    # A plain data connection under PROT P is refused with 425; the session goes on.
+    ftp = tls_login(port, user)
+    address = ftplib.parse229(ftp.sendcmd("EPSV"), ftp.sock.getpeername())
+    ftp.putcmd("LIST")
+    with socket.create_connection(address, timeout=30) as plain:
+        assert final_reply(ftp) == "150"
+        plain.sendall(b"not a handshake\r\n" * 20)
+        assert final_reply(ftp) == "425", "a plain data connection was served under PROT P"
+    assert ftp.voidcmd("NOOP")[:3] == "200"
+    ftp.quit()
+
+
+TLS_KINDS = [tls_whole, tls_whole, tls_first_comer, tls_handshake_flood, tls_key_updates, tls_cut_upload,
+             tls_garbage_hello, tls_plain_data]
 
 
 def files_below(top):
