@@ -6,11 +6,9 @@
 import os
 import secrets
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon  # noqa: E402
+from ftps_harness import Daemon
 
 OK = b"230 User logged in, proceed.\r\n"
 REJECTED = [b"530 Password access denied.\r\n"] * 2
@@ -28,8 +26,7 @@ class PamTest(unittest.TestCase):
         with open(os.path.join("/etc/pam.d", service), "x") as f:
             self.addCleanup(os.unlink, f.name)
             f.write("auth     required pam_unix.so\naccount  required pam_unix.so\n")
-        d = Daemon(extra_platform={"pam.service": service, "aaa.list.default": "pam"}).start()
-        self.addCleanup(d.stop_checked)
+        d = Daemon(extra_platform={"pam.service": service, "aaa.list.default": "pam"}).start_for(self)
         self.assertEqual(d.attempt(user, password)[1], [OK])
         self.assertEqual(d.attempt(user, password + "x")[1], REJECTED)
         self.assertEqual(d.attempt("ftpst-no-such-user", password)[1], REJECTED)

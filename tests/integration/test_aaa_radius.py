@@ -3,13 +3,10 @@
 # with none, and an unknown list name.
 # ctest-labels: radius
 
-import os
 import shutil
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BackEnd, Daemon, free_udp_port  # noqa: E402
+from ftps_harness import BackEnd, Daemon, free_udp_port
 
 RADIUSD = shutil.which("freeradius") or shutil.which("radiusd")
 SECRET = "t3stsecret"
@@ -86,9 +83,7 @@ class RadiusTest(unittest.TestCase):
                     "radius.retries": "1"}
         for name, methods in lists.items():
             platform["aaa.list." + name] = methods
-        d = Daemon(extra_platform=platform, user_database=LOCAL_DB).start()
-        self.addCleanup(d.stop_checked)
-        return d
+        return Daemon(extra_platform=platform, user_database=LOCAL_DB).start_for(self)
 
     def test_answering_server(self):
         d = self.daemon({"default": "radius", "open": "none radius"}, "127.0.0.1:%d" % self.radius.port)

@@ -7,12 +7,10 @@
 import os
 import shutil
 import subprocess
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, RawClient, has_ipv6, logged_in, wait_until  # noqa: E402
+from ftps_harness import Daemon, RawClient, has_ipv6, logged_in, wait_until
 
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 FILTER = os.path.join(TOP, "packaging", "fail2ban", "filter.d", "ftps.conf")
@@ -46,8 +44,7 @@ class Fail2banFilterTest(unittest.TestCase):
     def test_filter_finds_each_failed_login_with_its_address_and_nothing_else(self):
         # Installed by the set-up: a missing one fails, never skips.
         self.assertTrue(shutil.which("fail2ban-regex"), "fail2ban-regex is not installed: run `make setup`")
-        self.d = Daemon(extra_platform={"ftp.profile": "standard", "ftp.login_fail_delay": "0"}).start()
-        self.addCleanup(self.d.stop_checked)
+        self.d = Daemon(extra_platform={"ftp.profile": "standard", "ftp.login_fail_delay": "0"}).start_for(self)
         self.assertEqual(self.d.cli("debug ftp-server pro", "debug ftp-server err")[0], 0)
         self.failed_login("127.0.0.1", LINE.format(2), LINE.format(3), then=["SITE " + LINE.format(4)])
         expected = ["127.0.0.1"]

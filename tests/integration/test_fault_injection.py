@@ -5,11 +5,9 @@
 
 import os
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (MEMORY_ROWS as ROW, Daemon, RawClient, greeted, logged_in, memory_idle,  # noqa: E402
+from ftps_harness import (MEMORY_ROWS as ROW, Daemon, RawClient, greeted, logged_in, memory_idle,
                           start_upload, transfer, whole_session)
 
 INIT, TMP, PCRED_NAME, PCRED_PWD, PCRED_MSG, PCRED_DIR, BUF, CHANG_BUF, WHOLE_BUF, STRING, \

@@ -8,13 +8,11 @@ import os
 import shutil
 import socket
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import clients  # noqa: E402
-from ftps_harness import Daemon, free_port, listening, read_file, wait_until  # noqa: E402
+import clients
+from ftps_harness import Daemon, free_port, listening, read_file, wait_until
 
 BALANCER, CLIENT = "127.0.0.5", "127.0.0.9"  # the balancer's source address; the clients'
 BACKENDS = ("127.0.0.2", "127.0.0.3")
@@ -49,8 +47,7 @@ class HaproxyTest(unittest.TestCase):
             d = Daemon(extra_platform={"ftp.profile": "standard", "storage.flash": cls.shared,
                                        "ftp.passive_address": "127.0.0.1", "ftp.passive_ports": "%d-%d" % (low, low + 9),
                                        "ftp.proxy_from": BALANCER, "log.transfer_log": "xfer.log"})
-            cls.daemons.append(d.start())
-            cls.addClassCleanup(d.stop_checked)
+            cls.daemons.append(d.start_for(cls))
             control += ["  server d%d %s:%d send-proxy-v2" % (i, host, d.port)]
             passive += ["frontend pasv%d" % i, "  bind 127.0.0.1:%d-%d" % (low, low + 9), "  default_backend pasv%d" % i,
                        "backend pasv%d" % i, "  source %s" % BALANCER, "  server d%d %s send-proxy-v2" % (i, host)]

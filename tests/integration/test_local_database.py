@@ -4,11 +4,9 @@
 
 import os
 import re
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import Daemon, wait_until  # noqa: E402
+from ftps_harness import Daemon, wait_until
 
 OK = b"230 User logged in, proceed.\r\n"
 # The account checks refuse after the password was accepted: one reply only.
@@ -38,8 +36,7 @@ TOO_LONG_LINE = USER_DATABASE.splitlines().index("[user %s]" % ("a" * 65)) + 1
 class LocalDatabaseBase:
     def setUp(self):
         self.d = Daemon(user_database=USER_DATABASE,
-                        extra_platform={"aaa.new_model": self.new_model, "aaa.list.default": "local"}).start()
-        self.addCleanup(self.d.stop_checked)
+                        extra_platform={"aaa.new_model": self.new_model, "aaa.list.default": "local"}).start_for(self)
 
     def test_online_limit_and_account_checks(self):
         (first, replies), second, third = (self.d.attempt("limited", "lim1ted") for _ in range(3))

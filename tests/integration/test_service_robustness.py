@@ -12,14 +12,12 @@ import os
 import signal
 import socket
 import struct
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ends, ftp_session, greeted, has_ipv6,  # noqa: E402
+from ftps_harness import (START_WAIT, DaemonTestCase, RawClient, ends, ftp_session, greeted, has_ipv6,
                           logged_in, memory_idle, start_upload, wait_until)
-from test_stalled_transfer import stalled_transfer  # noqa: E402
+from test_stalled_transfer import stalled_transfer
 
 # Management socket framing: 4-byte length, 1-byte kind, payload.
 REQ_EXEC, REQ_PROMPT, RSP_OUTPUT, RSP_END = 1, 4, 0x81, 0x82

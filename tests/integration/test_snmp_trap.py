@@ -3,14 +3,11 @@
 # that nobody listens on gets its copies.
 # ctest-labels: snmp
 
-import os
 import shutil
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BackEnd, Daemon, RawClient, free_udp_port, greeted, wait_until  # noqa: E402
+from ftps_harness import BackEnd, Daemon, RawClient, free_udp_port, greeted, wait_until
 
 SNMPTRAPD = shutil.which("snmptrapd")
 # SNMPv2-MIB::authenticationFailure, printed by number (-On) whether or not the MIB files are
@@ -39,8 +36,7 @@ class SnmpTrapTest(unittest.TestCase):
         self.before = self.traps()
         sinks = "127.0.0.1:%d 127.0.0.1:%d" % (free_udp_port(), self.receiver.port)
         d = Daemon(user_database="[user localbob]\npassword = localpass1\n",
-                   extra_platform={"snmp.trap_sink": sinks, "aaa.registered": registered}).start()
-        self.addCleanup(d.stop_checked)
+                   extra_platform={"snmp.trap_sink": sinks, "aaa.registered": registered}).start_for(self)
         c = RawClient(d.port)
         self.addCleanup(c.close)
         return d, c

@@ -24,10 +24,9 @@ import time
 import unittest
 from functools import partial
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, RawClient, client_context, ends, expect, greeted, in_parallel,  # noqa: E402
+from ftps_harness import (Daemon, RawClient, client_context, ends, expect, greeted, in_parallel,
                           memory_idle, pasv_connect, pasv_port, reset, tls_handshake, wait_until, whole_session)
-from test_tls_attacks import (cut_upload, final_reply, key_update_flood, retrieved, stranger_first,  # noqa: E402
+from test_tls_attacks import (cut_upload, final_reply, key_update_flood, retrieved, stranger_first,
                               tls_session)
 
 SMALL = os.urandom(48 * 1024)
@@ -258,8 +257,7 @@ class SoakBase:
         self.base_files = {self.d: {"small.bin", "big.bin", "many"}, self.t: {"small.bin"}}
         for d in (self.d, self.t):
             d.put(TOP + "/small.bin", SMALL)
-            d.start()
-            self.addCleanup(d.stop_checked)
+            d.start_for(self)
 
     def state(self):
         return [(d.memory_in_use(), d.descriptors(), files_below(d.tmpdir)) for d in (self.d, self.t)]

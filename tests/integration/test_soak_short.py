@@ -1,13 +1,10 @@
 # The soak in a short form for every test run: a few hundred mixed sessions, sequential and
 # overlapping, then the same checks that nothing is left behind.
 
-import os
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import SANITIZED  # noqa: E402
-from test_soak import SoakBase  # noqa: E402
+from ftps_harness import SANITIZED
+from test_soak import SoakBase
 
 
 class ShortSoakTest(SoakBase, unittest.TestCase):

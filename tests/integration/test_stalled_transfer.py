@@ -7,15 +7,12 @@
 # time-out too. Other clients are served meanwhile, logged-in sessions go on, and descriptors and memory
 # come back to where they were.
 
-import os
 import socket
-import sys
 import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, expect, half_handshake, logged_in,  # noqa: E402
+from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, expect, half_handshake, logged_in,
                           memory_idle, pasv_connect, wait_until, whole_session)
 
 SMALL = b"x" * 100000
@@ -49,8 +46,7 @@ class TimeoutTest(DaemonTestCase):
 
     def test_login_and_data_timeouts(self):
         # A standard daemon with TLS and a client that stops in the middle of its handshake.
-        tls_daemon = Daemon(extra_platform={"ftp.profile": "standard"}, tls=True, **self.daemon_kwargs).start()
-        self.addCleanup(tls_daemon.stop_checked)
+        tls_daemon = Daemon(extra_platform={"ftp.profile": "standard"}, tls=True, **self.daemon_kwargs).start_for(self)
         tls_baseline = tls_daemon.descriptors()
         half = half_handshake(tls_daemon.port)
         self.d.put("big.bin", b"z" * (64 << 20))

@@ -4,12 +4,10 @@
 
 import os
 import socket
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import SANITIZED, Daemon, read_file, wait_until  # noqa: E402
+from ftps_harness import SANITIZED, Daemon, read_file, wait_until
 
 WATCHDOG_SECS = 2  # the daemon checks every half period
 SILENT_AFTER = 8   # seconds after the listener starts; READY=1 comes at 5

@@ -18,14 +18,12 @@ import socket
 import ssl
 import struct
 import subprocess
-import sys
 import termios
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import clients  # noqa: E402
-from ftps_harness import (SANITIZED, Daemon, ResumingFTP, client_context, ends, expect, greeted,  # noqa: E402
+import clients
+from ftps_harness import (SANITIZED, Daemon, ResumingFTP, client_context, ends, expect, greeted,
                           in_parallel, read_file)
 
 USERS = {"alice": "secret1", "bob": "secret2"}
@@ -188,8 +186,7 @@ class TlsCase(unittest.TestCase):
         cls.d = Daemon(extra_platform=dict({"ftp.profile": "standard"}, **cls.tls_settings), tls=True,
                        startup=["ftp-server username alice password secret1", "ftp-server username bob password "
                                 "secret2", "ftp-server max-user-connect 20", "ftp-server login timeout 1"])
-        cls.addClassCleanup(cls.d.stop_checked)
-        cls.d.start()
+        cls.d.start_for(cls)
         assert cls.d.cli("debug ftp-server pro")[0] == 0
 
     def cut_upload_over_target(self, taken):

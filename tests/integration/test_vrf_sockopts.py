@@ -9,11 +9,9 @@ import re
 import shutil
 import signal
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6, read_file  # noqa: E402
+from ftps_harness import DAEMON, Daemon, ftp_session, has_ipv6, read_file
 
 STRACE = shutil.which("strace")
 IPPROTO_IP, IPPROTO_IPV6 = 0, 41
