@@ -1078,7 +1078,8 @@ def report(bench, args, left_out, load, commit):
     negotiated = "; ".join("%s %s" % kv for kv in sorted(bench.negotiated.items()))
     paras = [
         "Measured side by side on loopback by `make bench` (bench/run.py) from the daemon built at "
-        "commit %s. The run starts this daemon in its standard profile and the black-box %s, each "
+        "commit %s, in its release build (as `make install` builds it, without the test switches). "
+        "The run starts this daemon in its standard profile and the black-box %s, each "
         "with its own configuration and anonymous login, all serving the same tmpfs directory. "
         "Every figure is the median of %d repetitions interleaved between the servers, the "
         "transfers' after one unrecorded round (logins: %d runs of %g s; memory: %d). Server CPU "
@@ -1092,6 +1093,13 @@ def report(bench, args, left_out, load, commit):
         "required by the client, every data connection resuming the control connection's session) "
         "with one self-signed RSA 2048 certificate for every server, its bytes decrypted and "
         "encrypted by OpenSSL in the client. This daemon's TLS: %s. Negotiated: %s." % (tls_path(), negotiated or "-"),
+        "How this daemon moves the bytes measured here: a binary download of a regular file goes out "
+        "by sendfile, 256 KiB per call, without a cork; a binary upload into a regular file is "
+        "spliced from the connection through a 1 MiB pipe into the file, which is synced to its "
+        "storage before the transfer's reply; ASCII and protected data pass through its own "
+        "buffers (protected downloads go through kernel TLS where the kernel offers it). TLS, RADIUS and "
+        "the SNMP sender are modules loaded only when the platform file configures them: the plain "
+        "instances run without them, the TLS instance with the TLS module only.",
         "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
         "began, %.1f when it ended). Single transfers on this virtual machine swing by tens of "
         "percent; the interleaved medians keep the comparison fair, not exact." % (
