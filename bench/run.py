@@ -408,11 +408,13 @@ class Ftps(Server):
         os.makedirs(self.tmpdir)
         self.platform = os.path.join(self.dir, "platform.conf")
         startup = os.path.join(self.dir, "startup.conf")
-        # The server's own user may hold as many sessions as the server admits (no
-        # max-user-connect): the many-sessions rows log it in a thousand times at once.
+        # In the standard profile the server's own user may hold as many sessions as the server
+        # admits (no max-user-connect): the many-sessions rows log it in a thousand times at once.
+        # The device profile's user holds 10 unless raised, to at most its 20 sessions.
+        per_user = "ftp-server max-user-connect 20\n" if profile == "device" else ""
         write_text(startup, "ftp-server topdir flash:/\n"
-                   "ftp-server username %s password %s\n"
-                   "ftp-server enable\n" % (USER, PASSWORD))
+                   "ftp-server username %s password %s\n%s"
+                   "ftp-server enable\n" % (USER, PASSWORD, per_user))
         users = os.path.join(self.dir, "users.ini")
         write_text(users, "[user %s]\npassword = %s\nmax_rate = %d\n\n[user %s]\npassword = %s\n" % (
             RATED_USER, LOCAL_PASSWORD, RATE_KIB, UNRATED_USER, LOCAL_PASSWORD))
