@@ -65,10 +65,11 @@ deb: release
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
-# Side-by-side benchmark against vsftpd (as root; installs the peer); writes docs/performance.md.
-bench: build
+# Side-by-side benchmark against the peers (as root; installs them); writes docs/performance.md.
+# It measures what ships: the release build, without the test switches.
+bench: release
 	@bash bench/setup.sh
-	python3 bench/run.py --build $(BUILD)
+	python3 bench/run.py --build $(RELEASE_BUILD)
 
 lint: build
 	clang-tidy -p $(BUILD) --quiet $$(git ls-files 'ftp_server/*.cpp' 'lib/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | grep -v '_test\.cpp$$')

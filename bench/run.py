@@ -32,6 +32,7 @@ and the peers installed by bench/setup.sh. Run through `make bench`.
 import argparse
 import os
 import pwd
+import resource
 import shutil
 import signal
 import socket
@@ -50,6 +51,17 @@ MIB = 1 << 20
 KIB = 1 << 10
 
 USER, PASSWORD = "bench", "benchpw1"
+# Accounts of this daemon's local user database: one with its own max_rate (KiB/s; 1 GiB then
+# takes 32 s), one without.
+RATED_USER, UNRATED_USER, LOCAL_PASSWORD = "rated", "unrated", "localpw1"
+RATE_KIB = 32 * 1024
+# Many sessions: logged-in idle sessions held at once for the memory per session, and clients
+# logging in at once. The servers' session limits are raised above them.
+IDLE_MANY, BUSY_MANY = 1000, 200
+SESSION_LIMIT = 1000
+# Descriptors the bench's processes (servers and client) may open: the client holds every idle
+# session's socket, and a server holds one or more per session.
+NOFILE = 16384
 LIST_ENTRIES = 10000
 SMALL_FILES, SMALL_SIZE, SMALL_SESSIONS = 2000, 4 * KIB, 4
 HELD_SESSIONS = 19
@@ -396,13 +408,23 @@ class Ftps(Server):
         os.makedirs(self.tmpdir)
         self.platform = os.path.join(self.dir, "platform.conf")
         startup = os.path.join(self.dir, "startup.conf")
+        # In the standard profile the server's own user may hold as many sessions as the server
+        # admits (no max-user-connect): the many-sessions rows log it in a thousand times at once.
+        # The device profile's user holds 10 unless raised, to at most its 20 sessions.
+        per_user = "ftp-server max-user-connect 20\n" if profile == "device" else ""
         write_text(startup, "ftp-server topdir flash:/\n"
-                   "ftp-server username %s password %s\n"
-                   "ftp-server max-user-connect 20\n"
-                   "ftp-server enable\n" % (USER, PASSWORD))
-        conf = ("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\nprofile = %s\n[storage]\n"
+                   "ftp-server username %s password %s\n%s"
+                   "ftp-server enable\n" % (USER, PASSWORD, per_user))
+        users = os.path.join(self.dir, "users.ini")
+        write_text(users, "[user %s]\npassword = %s\nmax_rate = %d\n\n[user %s]\npassword = %s\n" % (
+            RATED_USER, LOCAL_PASSWORD, RATE_KIB, UNRATED_USER, LOCAL_PASSWORD))
+        # The standard profile's session limits raised for the many-sessions rows; the device
+        # profile keeps its own.
+        limits = ("max_sessions = %d\nmax_per_address = 0\n" % SESSION_LIMIT) if profile == "standard" else ""
+        conf = ("[device]\nproduct_name = BENCH\n[ftp]\ncontrol_port = %d\nprofile = %s\n%s[storage]\n"
                 "flash = %s\n[cli]\nstartup_config = %s\n[log]\nsyslog = no\nstderr = no\n"
-                "[security]\npwquality = minlen=6 dictcheck=0\n" % (self.port, profile, share, startup))
+                "[security]\npwquality = minlen=6 dictcheck=0\n[aaa]\nuser_database = %s\nlist.default = local\n"
+                % (self.port, profile, limits, share, startup, users))
         if tls:
             conf += "[tls]\ncertificate = %s\nkey = %s\n" % tls
         write_text(self.platform, conf)
@@ -472,9 +494,10 @@ class PureFtpd(UnpackedPeer):
 
     def command(self):
         # Everything is on its command line (TYPE A is converted without a switch): no syslog, no
-        # name lookups, and a listing cap (2000 by default) above the listing test's directory,
-        # so that every entry is sent.
-        argv = [self.binary, "-S", "127.0.0.1,%d" % self.port, "-4", "-e", "-H", "-f", "none", "-c", "100",
+        # name lookups, a session limit above the many-sessions rows' (-c) and a listing cap (2000
+        # by default) above the listing test's directory, so that every entry is sent.
+        argv = [self.binary, "-S", "127.0.0.1,%d" % self.port, "-4", "-e", "-H", "-f", "none",
+                "-c", str(SESSION_LIMIT + 10),
                 "-L", "%d:5" % (10 * LIST_ENTRIES), "-g", os.path.join(self.work, self.tag + ".pid")]
         if self.tls:
             # TLS allowed, and required for logins (2): as the other servers' TLS instances. Its
@@ -517,14 +540,15 @@ class Proftpd(UnpackedPeer):
                       "TLSRSACertificateFile %s" % self.tls[0], "TLSRSACertificateKeyFile %s" % self.tls[1],
                       "TLSRequired ctrl", "TLSLog none", "TLSVerifyClient off", "TLSRenegotiate none"]
         # Anonymous sessions as for vsftpd, without PAM; uploads go where the ftp user may write
-        # (up/). TYPE A is converted by default. Its login delay (against the timing of user
+        # (up/); a session limit (MaxInstances) above the many-sessions rows'. TYPE A is converted
+        # by default. Its login delay (against the timing of user
         # names) would be measured as login time: off.
         write_text(conf, "\n".join(secure + [
             "ServerType standalone", 'ServerName "bench"', "Port %d" % self.port,
             "DefaultAddress 127.0.0.1", "SocketBindTight on", "UseIPv6 off", "UseReverseDNS off",
             "User nobody", "Group nogroup", "PidFile %s" % os.path.join(self.work, self.tag + ".pid"),
             "ScoreboardFile %s" % os.path.join(self.work, self.tag + ".scoreboard"), "SystemLog NONE",
-            "TransferLog NONE", "WtmpLog off", "MaxInstances 100", "AuthPAM off",
+            "TransferLog NONE", "WtmpLog off", "MaxInstances %d" % (SESSION_LIMIT + 10), "AuthPAM off",
             "AuthOrder mod_auth_unix.c", "UseFtpUsers off",
             "<IfModule mod_delay.c>", "DelayEngine off", "</IfModule>",
             "<IfModule mod_ctrls.c>", "ControlsEngine off", "</IfModule>",
@@ -555,6 +579,9 @@ class Row:
         self.device = kw.get("device", False)
         # Rows measured over TLS as well.
         self.tls = kw.get("tls", False)
+        # Another account than the server's usual one: an account of this daemon's local user
+        # database, so that the row is this daemon's alone.
+        self.user = kw.get("user")
 
 
 SMALL = "%s files of %d KiB" % ("{:,}".format(SMALL_FILES), SMALL_SIZE // KIB)
@@ -574,7 +601,8 @@ ROWS = [
         sessions=SMALL_SESSIONS, device=True, tls=True),
     Row("files-stor4", "STOR %s, %d sessions" % (SMALL, SMALL_SESSIONS), "files", path="up/files-%s",
         size=SMALL_SIZE, sessions=SMALL_SESSIONS, device=True, tls=True),
-    Row("logins", "%d clients connect+login+QUIT" % HELD_SESSIONS, "logins", device=True, tls=True),
+    Row("logins", "%d clients connect+login+QUIT" % HELD_SESSIONS, "logins", sessions=HELD_SESSIONS, device=True,
+        tls=True),
     Row("mretr", "19 concurrent RETR of 10 MiB", "mretr", path="ten.bin"),
     Row("list", "LIST of %d entries (tmpfs)" % LIST_ENTRIES, "list", verb="LIST", path="dir10k", device=True),
     Row("list", "NLST of %d entries (tmpfs)" % LIST_ENTRIES, "list", verb="NLST", path="dir10k", device=True),
@@ -582,6 +610,15 @@ ROWS = [
     Row("mlsd", "MLSD of %d entries (tmpfs)" % LIST_ENTRIES, "list", verb="MLSD", path="dir10k"),
     Row("mlsd", "MLSD of %d entries (disk)" % LIST_ENTRIES, "list", verb="MLSD", path="disk/dir10k"),
     Row("mem", "Memory", "mem", device=True),
+    # max_rate: off costs nothing (the same figure as the plain RETR row of the run), and on it
+    # holds the configured rate over a transfer of about 30 seconds. The peers' own limits are
+    # not measured: each would need an instance of its own configured with one.
+    Row("rate", "RETR 1 GiB binary, max_rate off (local account without one)", "retr", path="big.bin", size=GIB,
+        user=UNRATED_USER),
+    Row("rate", "RETR 1 GiB binary, max_rate %d MiB/s (local account)" % (RATE_KIB // 1024), "rate", path="big.bin",
+        size=GIB, user=RATED_USER),
+    Row("sessions", "{:,} logged-in idle sessions".format(IDLE_MANY), "many", sessions=IDLE_MANY),
+    Row("sessions", "%d clients connect+login+QUIT" % BUSY_MANY, "logins", sessions=BUSY_MANY),
 ]
 ROW_KEYS = sorted({r.key for r in ROWS} | {"tls-" + r.key for r in ROWS if r.tls})
 
@@ -591,7 +628,7 @@ UNITS = {"mibs": ("MiB/s", True), "cpu_gib": ("CPU s/GiB", False), "rate": ("fil
          "failed": ("failed sessions", False), "ms": ("ms", False), "pss_idle": ("idle PSS MiB", False),
          "nonfile_idle": ("idle non-file MiB", False), "pss_session": ("PSS KiB/session", False),
          "nonfile_session": ("non-file KiB/session", False), "client_cpu_gib": ("client CPU s/GiB", False),
-         "client_cpu_ms_file": ("client CPU ms/file", False)}
+         "client_cpu_ms_file": ("client CPU ms/file", False), "of_rate": ("% of max_rate", False)}
 # The throughput a row's best peer is chosen by; CPU is compared with that peer's.
 PRIMARY = ("mibs", "rate", "logins", "ms")
 CLIENT_METRICS = ("client_cpu_gib", "client_cpu_ms_file")
@@ -623,18 +660,18 @@ class Bench:
     def wanted(self, key):
         return self.args.only_set is None or key in self.args.only_set
 
-    def run_client(self, server, argv, flags=(), timeout=900):
-        cmd = [self.client, *flags, argv[0], str(server.port), server.user, server.password,
-               *(str(x) for x in argv[1:])]
+    def run_client(self, server, argv, flags=(), timeout=900, user=None):
+        login = (user, LOCAL_PASSWORD) if user else (server.user, server.password)
+        cmd = [self.client, *flags, argv[0], str(server.port), *login, *(str(x) for x in argv[1:])]
         r = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
         if r.returncode != 0:
             raise RuntimeError("%s: %s: %s" % (server.tag, " ".join(cmd[1:]), r.stderr.strip()))
         return {k: figure(v) for k, v in (w.split("=", 1) for w in r.stdout.split())}
 
-    def measured(self, server, argv, flags=()):
+    def measured(self, server, argv, flags=(), user=None):
         server.settle()
         c0 = server.cpu()
-        out = self.run_client(server, argv, flags)
+        out = self.run_client(server, argv, flags, user=user)
         server.settle()
         out["cpu"] = server.cpu() - c0
         return out
@@ -670,6 +707,8 @@ class Bench:
     def servers_for(self, row, tls):
         if tls:
             return list(self.tls)
+        if row.user:
+            return [s for s in self.plain if s.name == "ftps"]
         return self.plain + ([self.device] if row.device and self.device else [])
 
     def clients_for(self, row, tls):
@@ -677,7 +716,7 @@ class Bench:
         named by --copy-rows. Protected rows have one: their bytes are decrypted in the client."""
         if tls:
             return ["TLS"]
-        if row.kind in ("logins", "mem"):
+        if row.kind in ("logins", "mem", "many"):
             return ["-"]
         if row.kind not in ("retr", "stor", "files"):
             return [self.args.client]
@@ -723,6 +762,12 @@ class Bench:
                 self.interleave(among, reps, lambda s: self.listing(row, title, client, s))
             elif row.kind == "mem":
                 self.interleave(servers, max(3, reps // 2), lambda s: self.memory(row, title, client, s))
+            elif row.kind == "many":
+                # Held once per server: a thousand sessions take seconds to open and to end.
+                self.interleave(servers, 1, lambda s: self.many(row, title, client, s))
+            elif row.kind == "rate":
+                # One transfer of about 30 seconds.
+                self.interleave(servers, 1, lambda s: self.rated(row, title, client, s))
             self.timing.append((title, client, time.time() - t0))
 
     def transfer(self, row, title, client, flags, servers, reps):
@@ -751,7 +796,7 @@ class Bench:
                                        % (s.tag, out["bytes"], SMALL_FILES * row.size))
             else:
                 argv = ["retr", row.type, row.path] + ([row.offset] if row.offset else [])
-                out = self.measured(s, argv, flags)
+                out = self.measured(s, argv, flags, user=row.user)
                 # A download that ended early would pass for a fast one (ASCII: one more byte per
                 # line on the wire).
                 expect = row.size if row.type == "I" else row.size // 64 * 65
@@ -777,7 +822,7 @@ class Bench:
         op = "handshakes" if "--tls" in flags else "logins"
 
         def one(s):
-            out = self.measured(s, [op, HELD_SESSIONS, self.args.login_seconds])
+            out = self.measured(s, [op, row.sessions, self.args.login_seconds])
             self.record(title, client, s, logins=out["rate"], cpu_ms=1000 * out["cpu"] / max(out["sessions"], 1),
                         failed=out["failed"])
         self.interleave(servers, max(3, reps // 2), one)
@@ -791,27 +836,51 @@ class Bench:
         out = self.measured(s, ["list", row.verb, row.path], self.flags(client, row, False))
         self.record(title, client, s, ms=1000 * out["seconds"])
 
-    def memory(self, row, title, client, s):
-        """The idle footprint taken at the server's start, and what each of HELD_SESSIONS
-        logged-in sessions adds to the footprint of the moment."""
-        s.settle()
+    def held(self, s, sessions, settle=5.0):
+        """What each of sessions logged-in sessions adds to the server's footprint of the moment:
+        (PSS, non-file memory or None), bytes per session."""
+        s.settle(settle)
         time.sleep(0.2)
         idle_pss, idle_nonfile = s.pss(), s.nonfile()
-        hold = subprocess.Popen([self.client, "hold", str(s.port), s.user, s.password, str(HELD_SESSIONS)],
+        hold = subprocess.Popen([self.client, "hold", str(s.port), s.user, s.password, str(sessions)],
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         try:
             if hold.stdout.readline().strip() != "ready":
-                raise RuntimeError("%s: %d sessions could not be held" % (s.tag, HELD_SESSIONS))
-            time.sleep(0.5)
+                raise RuntimeError("%s: %d sessions could not be held" % (s.tag, sessions))
+            time.sleep(0.5 + sessions / 1000)
             held_pss, held_nonfile = s.pss(), s.nonfile()
         finally:
             hold.stdin.close()
-            hold.wait(30)
-        figures = {"pss_idle": s.idle[0] / MIB, "pss_session": (held_pss - idle_pss) / HELD_SESSIONS / KIB}
-        if idle_nonfile is not None:
-            figures.update(nonfile_idle=s.idle[1] / MIB,
-                           nonfile_session=(held_nonfile - idle_nonfile) / HELD_SESSIONS / KIB)
+            hold.wait(30 + sessions / 10)
+        s.settle(settle)
+        return ((held_pss - idle_pss) / sessions,
+                None if idle_nonfile is None else (held_nonfile - idle_nonfile) / sessions)
+
+    def memory(self, row, title, client, s):
+        """The idle footprint taken at the server's start, and what each of HELD_SESSIONS
+        logged-in sessions adds to the footprint of the moment."""
+        per_pss, per_nonfile = self.held(s, HELD_SESSIONS)
+        figures = {"pss_idle": s.idle[0] / MIB, "pss_session": per_pss / KIB}
+        if per_nonfile is not None:
+            figures.update(nonfile_idle=s.idle[1] / MIB, nonfile_session=per_nonfile / KIB)
         self.record(title, client, s, **figures)
+
+    def many(self, row, title, client, s):
+        per_pss, per_nonfile = self.held(s, row.sessions, settle=60.0)
+        figures = {"pss_session": per_pss / KIB}
+        if per_nonfile is not None:
+            figures["nonfile_session"] = per_nonfile / KIB
+        self.record(title, client, s, **figures)
+
+    def rated(self, row, title, client, s):
+        """A download under the account's max_rate: the rate achieved, and as a share of the
+        configured one."""
+        out = self.measured(s, ["retr", row.type, row.path], user=row.user)
+        if out["bytes"] != row.size:
+            raise RuntimeError("%s sent %d bytes, not %d" % (s.tag, out["bytes"], row.size))
+        mibs = row.size / MIB / out["seconds"]
+        self.record(title, client, s, mibs=mibs, cpu_gib=out["cpu"] / (row.size / GIB),
+                    of_rate=100 * mibs / (RATE_KIB / KIB))
 
     def run(self):
         for row in ROWS:
@@ -908,13 +977,37 @@ def client_table(bench):
 def targets(bench):
     """The issue's targets, each reached or not (a report, not an assertion): every transfer row
     at or above the best peer of the same run and at or below that peer's CPU per GiB (per file);
-    small files' CPU per file at or below pure-ftpd's; the idle footprint at or below every peer's."""
+    small files' CPU per file at or below pure-ftpd's; the idle footprint, and the memory per
+    session of the many idle sessions, at or below every peer's; logins per second of the many
+    clients at or above the best peer's; max_rate off within 5 % of the plain download of the
+    same run or above, and on within 5 % of the configured rate."""
     lines = ["| Target | ftps | Against | Reached |", "|---|---|---|---|"]
+    kinds = {r.title: r for r in ROWS}
+    plain_retr = median(bench.results.get((ROWS[0].title, bench.args.client, "ftps"), {}).get("mibs", []))
     for title, client in row_order(bench):
         me = columns(bench, title)[0][1]
         mine = bench.results.get((title, client, me), {})
+        row = kinds.get(title[4:] if title.startswith("TLS ") else title)
+        if row is not None and row.key == "rate":
+            if "of_rate" in mine:
+                v = median(mine["of_rate"])
+                lines.append("| %s: within 5 %% of the configured rate | %s %% | %d MiB/s | %s |" % (
+                    title, fmt(v), RATE_KIB // 1024, "yes" if abs(v - 100) <= 5 else "**no**"))
+            elif "mibs" in mine and plain_retr == plain_retr:
+                v = median(mine["mibs"])
+                lines.append("| %s: MiB/s at or above 95 %% of the plain RETR row's | %s | ftps %s | %s |" % (
+                    title, fmt(v), fmt(plain_retr), "yes" if v >= 0.95 * plain_retr else "**no**"))
+            continue
         checks = []
-        if "mibs" in mine or "rate" in mine:
+        if row is not None and row.key == "sessions":
+            for m, higher in (("logins", True), ("pss_session", False), ("nonfile_session", False)):
+                if m not in mine:
+                    continue
+                name, _, ref = best_peer(bench, title, client, m)
+                if name:
+                    checks.append(("%s, %s at or %s every peer's" % (title, UNITS[m][0], "above" if higher else "below"),
+                                   m, ">=" if higher else "<=", ref, name))
+        elif "mibs" in mine or "rate" in mine:
             thr = "mibs" if "mibs" in mine else "rate"
             cpu = "cpu_gib" if thr == "mibs" else "cpu_ms_file"
             name, tag, ref = best_peer(bench, title, client, thr)
@@ -987,7 +1080,8 @@ def report(bench, args, left_out, load, commit):
     negotiated = "; ".join("%s %s" % kv for kv in sorted(bench.negotiated.items()))
     paras = [
         "Measured side by side on loopback by `make bench` (bench/run.py) from the daemon built at "
-        "commit %s. The run starts this daemon in its standard profile and the black-box %s, each "
+        "commit %s, in its release build (as `make install` builds it, without the test switches). "
+        "The run starts this daemon in its standard profile and the black-box %s, each "
         "with its own configuration and anonymous login, all serving the same tmpfs directory. "
         "Every figure is the median of %d repetitions interleaved between the servers, the "
         "transfers' after one unrecorded round (logins: %d runs of %g s; memory: %d). Server CPU "
@@ -1001,6 +1095,13 @@ def report(bench, args, left_out, load, commit):
         "required by the client, every data connection resuming the control connection's session) "
         "with one self-signed RSA 2048 certificate for every server, its bytes decrypted and "
         "encrypted by OpenSSL in the client. This daemon's TLS: %s. Negotiated: %s." % (tls_path(), negotiated or "-"),
+        "How this daemon moves the bytes measured here: a binary download of a regular file goes out "
+        "by sendfile, 256 KiB per call, without a cork; a binary upload into a regular file is "
+        "spliced from the connection through a 1 MiB pipe into the file, which is synced to its "
+        "storage before the transfer's reply; ASCII and protected data pass through its own "
+        "buffers (protected downloads go through kernel TLS where the kernel offers it). TLS, RADIUS and "
+        "the SNMP sender are modules loaded only when the platform file configures them: the plain "
+        "instances run without them, the TLS instance with the TLS module only.",
         "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
         "began, %.1f when it ended). Single transfers on this virtual machine swing by tens of "
         "percent; the interleaved medians keep the comparison fair, not exact." % (
@@ -1037,6 +1138,22 @@ probe session, before any measurement (later, the kernel memory of the run's wor
 uploaded files' dentries and inodes, stays charged to the group). Per session: the footprint
 with {HELD_SESSIONS} logged-in sessions less the one just before, divided by {HELD_SESSIONS}. The device profile rows are this daemon's
 device profile against the same peers' figures.
+
+Many sessions: {"{:,}".format(IDLE_MANY)} logged-in idle sessions held at once (opened four at a time,
+measured once per server), the footprint per session as above; and {BUSY_MANY} clients that connect, log
+in and QUIT in a loop for {bench.args.login_seconds:g} s. A session still under way when the time is up
+gets 5 s to end, else it is cut (neither done nor failed): a server whose listen queue overflows would
+otherwise hold the run while the kernel retries the dropped connections. For these rows every server's
+session limits are raised: this daemon's standard profile with `[ftp] max_sessions = {SESSION_LIMIT}` and
+`max_per_address = 0` (its own user may hold as many), vsftpd without limits (`max_clients=0`,
+`max_per_ip=0`), pure-ftpd with `-c {SESSION_LIMIT + 10}`, proftpd with `MaxInstances {SESSION_LIMIT + 10}`; the
+bench raises its descriptor limit (inherited by the servers and the client) to {NOFILE}.
+
+max_rate: this daemon's local user database holds one account with `max_rate = {RATE_KIB}` (KiB/s) and
+one without; the off row downloads the 1 GiB file as the account without one (its figure beside the
+plain RETR row's of the same run), the on row as the account with one, once (about
+{GIB // (RATE_KIB * KIB)} s), the rate achieved as a share of the configured one. The peers' own limits are
+not measured (n/a): each would need an instance of its own configured with one.
 
 The TLS instances: this daemon in its standard profile with a `[tls]` section (its defaults:
 logins only over TLS, data connections must resume the control connection's session); vsftpd
@@ -1122,6 +1239,12 @@ def main():
     p.add_argument("--doc", default=os.path.join(ROOT, "docs", "performance.md"))
     p.add_argument("--no-doc", action="store_true")
     args = p.parse_args()
+    # The servers and the client inherit the limit: a stock soft limit of 1024 descriptors is
+    # below what a thousand sessions hold.
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    if soft != resource.RLIM_INFINITY and soft < NOFILE:
+        resource.setrlimit(resource.RLIMIT_NOFILE,
+                           (NOFILE, hard if hard == resource.RLIM_INFINITY else max(hard, NOFILE)))
     args.only_set = parse_rows(args.only)
     args.copy_rows = set(filter(None, args.copy_rows.split(",")))
     args.build = os.path.abspath(args.build)

@@ -13,7 +13,6 @@
 #include "app_init.h"
 #include "cli.h"
 #include "fs_info.h"
-#include "ftp_tls.h"
 #include "base/ftpd.h"
 #include "admin/admin.h"
 #include "control/listener.h"
@@ -217,9 +216,6 @@ int init_event_services(struct zq_thread_master *master) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    // Before anything can use the TLS library: its allocations are counted, and its exit handler
-    // kept off, only from its first use.
-    ftp_tls_process_start();
     if (!take_arguments(argc, argv)) return 0;
 
     struct app_init_s init;

@@ -1,86 +1,32 @@
-// The `radius` method: an Access-Request to the servers of the platform file through the radcli
-// client library, configured in memory (no configuration file of its own). Each request builds
-// its own client handle, so that requests on several worker threads never share one.
-#include <radcli/radcli.h>
-
-#include <cstdio>
-#include <cstring>
-#include <memory>
+// The `radius` method, the daemon's side: the servers of the platform file in the client library's
+// form, and the request through the RADIUS module (ftps-radius.so, radcli), loaded at the first
+// request: a daemon whose method lists name no RADIUS never maps the library.
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "aaa_method.h"
+#include "module.h"
+#include "modules.h"
 #include "platform_conf.h"
 #include "syslog_ext.h"
 
 namespace {
 
-// The attributes this client sends or reads, and those the library adds to every request on its
-// own (NAS address, NAS identifier); the library refuses to send an attribute it has no entry for.
-const char kDictionary[] =
-    "ATTRIBUTE User-Name 1 string\n"
-    "ATTRIBUTE Password 2 string\n"
-    "ATTRIBUTE NAS-IP-Address 4 ipv4addr\n"
-    "ATTRIBUTE NAS-Port-Id 5 integer\n"
-    "ATTRIBUTE Service-Type 6 integer\n"
-    "ATTRIBUTE Reply-Message 18 string\n"
-    "ATTRIBUTE State 24 string\n"
-    "ATTRIBUTE Class 25 string\n"
-    "ATTRIBUTE Session-Timeout 27 integer\n"
-    "ATTRIBUTE Idle-Timeout 28 integer\n"
-    "ATTRIBUTE Calling-Station-Id 31 string\n"
-    "ATTRIBUTE NAS-Identifier 32 string\n"
-    "ATTRIBUTE Proxy-State 33 string\n"
-    "ATTRIBUTE Message-Authenticator 80 string\n"
-    "ATTRIBUTE NAS-IPv6-Address 95 ipv6addr\n"
-    "VALUE Service-Type Login-User 1\n";
-
-struct handle_deleter {
-    void operator()(rc_handle *rh) const { rc_destroy(rh); }
-};
-using handle_ptr = std::unique_ptr<rc_handle, handle_deleter>;
-
-// Owns a list of attribute pairs.
-struct pairs {
-    VALUE_PAIR *list = nullptr;
-    pairs() = default;
-    pairs(const pairs &) = delete;
-    pairs &operator=(const pairs &) = delete;
-    ~pairs() {
-        if (list != nullptr) rc_avpair_free(list);
-    }
-};
-
 void log_radius(const char *text, const char *detail) {
     printk_syslog_ext(4, "AAA", "RADIUS", LOG_CLASS_ALWAYS, "%s%s", text, detail);
 }
 
-// A client handle for one request, or null when the settings cannot make one.
-handle_ptr make_handle(const std::string &servers, int timeout, int retries) {
-    handle_ptr rh(rc_new());
-    if (!rh) return rh;
-    if (rc_config_init(rh.get()) == nullptr) {
-        (void)rh.release();  // rc_config_init destroys the handle when it fails
-        return rh;
-    }
-    char timeout_text[16];
-    char retries_text[16];
-    snprintf(timeout_text, sizeof timeout_text, "%d", timeout > 0 ? timeout : 1);
-    // The platform counts tries per server; the library counts resends after the first.
-    snprintf(retries_text, sizeof retries_text, "%d", retries > 1 ? retries - 1 : 0);
-    const char *source = "platform";
-    if (rc_add_config(rh.get(), "authserver", servers.c_str(), source, 0) != 0 ||
-        rc_add_config(rh.get(), "radius_timeout", timeout_text, source, 0) != 0 ||
-        rc_add_config(rh.get(), "radius_retries", retries_text, source, 0) != 0 ||
-        rc_add_config(rh.get(), "radius_deadtime", "0", source, 0) != 0 ||
-        rc_add_config(rh.get(), "bindaddr", "*", source, 0) != 0 || rc_apply_config(rh.get()) != 0 ||
-        rc_read_dictionary_from_buffer(rh.get(), kDictionary, sizeof kDictionary - 1) != 0)
-        rh.reset();
-    return rh;
-}
-
-bool add_pair(rc_handle *rh, VALUE_PAIR **list, int attr, const void *value, int len) {
-    return rc_avpair_add(rh, list, attr, value, len, 0) != nullptr;
+// The module's table, or nullptr (logged once) when it cannot be had.
+const radius_ops *module() {
+    static std::once_flag once;
+    static const radius_ops *ops = nullptr;
+    std::call_once(once, [] {
+        char why[400] = {0};
+        ops = static_cast<const radius_ops *>(platform_module_load("radius", kRadiusModuleVersion, why, sizeof why));
+        if (ops == nullptr) log_radius("no RADIUS client: ", why);
+    });
+    return ops;
 }
 
 }  // namespace
@@ -106,50 +52,9 @@ bool aaa_radius_authen(aaa_method_call *call, aaa_state_t *state) {
         if (!conf.radius_servers.empty()) log_radius("no usable server or secret in the platform file", "");
         return false;
     }
-    handle_ptr rh = make_handle(servers, conf.radius_timeout, conf.radius_retries);
-    if (!rh) {
-        log_radius("cannot set up the client for ", servers.c_str());
-        return false;
-    }
-
-    pairs send;
-    uint32_t service = PW_LOGIN;
-    uint32_t nas_port = call->nas_port;
-    if (!add_pair(rh.get(), &send.list, PW_USER_NAME, call->name.c_str(), static_cast<int>(call->name.size())) ||
-        !add_pair(rh.get(), &send.list, PW_USER_PASSWORD, call->password.c_str(),
-                  static_cast<int>(call->password.size())) ||
-        !add_pair(rh.get(), &send.list, PW_NAS_PORT, &nas_port, 0) ||
-        !add_pair(rh.get(), &send.list, PW_SERVICE_TYPE, &service, 0))
-        return false;
-    if (!call->rem_addr.empty() && !add_pair(rh.get(), &send.list, PW_CALLING_STATION_ID, call->rem_addr.c_str(),
-                                             static_cast<int>(call->rem_addr.size())))
-        return false;
-    if (!call->challenge_state.empty() && !add_pair(rh.get(), &send.list, PW_STATE, call->challenge_state.data(),
-                                                    static_cast<int>(call->challenge_state.size())))
-        return false;
-
-    pairs received;
-    std::vector<char> msg(PW_MAX_MSG_SIZE, '\0');
-    int rc = rc_aaa(rh.get(), nas_port, send.list, &received.list, msg.data(), 0, PW_ACCESS_REQUEST);
-    call->challenge_state.clear();
-    switch (rc) {
-        case OK_RC:
-            *state = AAA_ACCEPT;
-            return true;
-        case REJECT_RC:
-            *state = AAA_REJECT;
-            return true;
-        case CHALLENGE_RC: {
-            VALUE_PAIR *vp = rc_avpair_get(received.list, PW_STATE, 0);
-            char *data = nullptr;
-            unsigned size = 0;
-            if (vp != nullptr && rc_avpair_get_raw(vp, &data, &size) == 0 && data != nullptr)
-                call->challenge_state.assign(data, size);
-            *state = AAA_CHALLENGE;
-            return true;
-        }
-        default:
-            // No server gave a valid answer (time-out, or answers that failed the secret check).
-            return false;
-    }
+    const radius_ops *ops = module();
+    if (ops == nullptr) return false;
+    radius_result r = ops->request(servers, conf.radius_timeout, conf.radius_retries, call, state);
+    if (r == radius_result::no_client) log_radius("cannot set up the client for ", servers.c_str());
+    return r == radius_result::answered;
 }

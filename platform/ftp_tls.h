@@ -1,5 +1,7 @@
 // Explicit TLS for the daemon's connections: the server context made from the platform file's
-// [tls] keys, and one connection's TLS state behind an opaque handle.
+// [tls] keys, and one connection's TLS state behind an opaque handle. The library (in the TLS
+// module) is loaded by ftp_tls_init only when [tls] names a certificate; it then counts its
+// allocations and keeps its exit handler off (session threads may still use it at exit).
 #pragma once
 
 #include <sys/types.h>
@@ -18,9 +20,6 @@ enum platform_tls_upload_eof_e {
     PLATFORM_TLS_UPLOAD_EOF_LENIENT = 1,  // taken as complete
 };
 
-// Before the library's first use: counts OpenSSL's allocations, and keeps the library from
-// tearing down its global state at process exit, which session threads may still be using.
-void ftp_tls_process_start(void);
 // Allocations, failed allocations and releases of the TLS library so far.
 void ftp_tls_memory(unsigned *allocs, unsigned *fails, unsigned *frees);
 

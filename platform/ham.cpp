@@ -2,9 +2,14 @@
 // notifications (READY=1, WATCHDOG=1 while no registered thread is late) when supervised.
 #include "ham.h"
 
-#include <systemd/sd-daemon.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <vector>
@@ -35,6 +40,37 @@ long long monotonic_ms() {
 }
 
 long long (*g_clock)(void) = monotonic_ms;
+
+// The service manager's notification protocol (one datagram to $NOTIFY_SOCKET, "@" for an
+// abstract name), spoken here rather than through libsystemd: that library and the ones it
+// brings cost an idle daemon more memory than the daemon's own state. Unsupervised: nothing.
+void notify_manager(const char *state) {
+    const char *path = getenv("NOTIFY_SOCKET");
+    if (path == nullptr || (path[0] != '/' && path[0] != '@')) return;
+    struct sockaddr_un addr {};
+    size_t len = strlen(path);
+    if (len < 2 || len >= sizeof addr.sun_path) return;
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path, len);
+    if (path[0] == '@') addr.sun_path[0] = '\0';
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return;
+    socklen_t alen = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + len);
+    (void)sendto(fd, state, strlen(state), MSG_NOSIGNAL, reinterpret_cast<struct sockaddr *>(&addr), alen);
+    close(fd);
+}
+
+// The watchdog period the manager asks for ($WATCHDOG_USEC, for this process when
+// $WATCHDOG_PID names one), microseconds; 0 when none.
+uint64_t watchdog_usec() {
+    const char *usec = getenv("WATCHDOG_USEC");
+    if (usec == nullptr) return 0;
+    const char *pid = getenv("WATCHDOG_PID");
+    if (pid != nullptr && strtol(pid, nullptr, 10) != static_cast<long>(getpid())) return 0;
+    char *end = nullptr;
+    unsigned long long v = strtoull(usec, &end, 10);
+    return end != usec && *end == '\0' ? v : 0;
+}
 
 ham_entry *find(pid_t tid) {
     for (ham_entry &e : g_table)
@@ -111,12 +147,12 @@ int ham_cancel_proc(pid_t pid) {
         std::lock_guard<std::mutex> lock(g_lock);
         std::erase_if(g_table, [pid](const ham_entry &e) { return e.pid == pid; });
     }
-    sd_notify(0, "STOPPING=1");
+    notify_manager("STOPPING=1");
     return 0;
 }
 
 void ham_notify_ready(void) {
-    sd_notify(0, "READY=1");
+    notify_manager("READY=1");
 }
 
 int ham_notify_watchdog(void) {
@@ -150,7 +186,7 @@ int ham_notify_watchdog(void) {
     if (log_recovered)
         printk_syslog_ext(5, "HAM", "LATE", LOG_CLASS_ALWAYS, "every thread notifies again, watchdog resumed");
     if (late_tid != 0) return 0;
-    sd_notify(0, "WATCHDOG=1");
+    notify_manager("WATCHDOG=1");
     return 1;
 }
 
@@ -160,8 +196,8 @@ void ham_set_ignored_tid(pid_t tid) {
 }
 
 void ham_watchdog_start(struct zq_thread_master *m) {
-    uint64_t usec = 0;
-    if (m == nullptr || sd_watchdog_enabled(0, &usec) <= 0 || usec == 0) return;
+    uint64_t usec = watchdog_usec();
+    if (m == nullptr || usec == 0) return;
     long period_ms = static_cast<long>(usec / 2000);
     if (period_ms < 1) period_ms = 1;
     zq_thread_add_timer_msec(m, watchdog_tick, reinterpret_cast<void *>(static_cast<intptr_t>(period_ms)), period_ms,

@@ -1,10 +1,8 @@
 // SNMP agent: raises registered notifications as SNMPv2c traps (sysUpTime.0 and snmpTrapOID.0)
-// to every trap sink of the platform file, one UDP send per sink, through net-snmp sessions that
-// are opened once and reused. Without a sink the notification is only logged.
+// to every trap sink of the platform file, one UDP send per sink, through sessions that are opened
+// once and reused. The sessions and the sending are the SNMP module's (ftps-snmp.so, net-snmp),
+// loaded only once there is a sink. Without a sink the notification is only logged.
 #include "snmp_agent.h"
-
-#include <net-snmp/net-snmp-config.h>
-#include <net-snmp/net-snmp-includes.h>
 
 #include <cstring>
 #include <ctime>
@@ -12,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "module.h"
+#include "modules.h"
 #include "platform_conf.h"
 #include "syslog_ext.h"
 
@@ -19,7 +19,7 @@ namespace {
 
 struct trap_record {
     int id;
-    std::vector<oid> trap_oid;
+    std::vector<uint32_t> trap_oid;
 };
 
 struct sink_session {
@@ -32,8 +32,8 @@ struct sink_session {
 // is tried again at most this often, so that raising a trap stays one UDP send.
 const long long kReopenSeconds = 60;
 
-const oid kSysUpTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
-const oid kSnmpTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
+// The longest object identifier SNMP carries.
+constexpr int kMaxOidLen = 128;
 
 // Everything here lives as long as the process and is never destroyed: a session thread may
 // raise a trap while the process exits.
@@ -43,33 +43,31 @@ std::vector<sink_session> &g_sinks = *new std::vector<sink_session>;
 std::string &g_community = *new std::string;  // the sessions' community
 std::string &g_agent_name = *new std::string("ftp_trap");
 
-std::string oid_text(const std::vector<oid> &o) {
+std::string oid_text(const std::vector<uint32_t> &o) {
     std::string s;
-    for (oid v : o) s += "." + std::to_string(v);
+    for (uint32_t v : o) s += "." + std::to_string(v);
     return s;
 }
 
 // Hundredths of a second since boot, as TimeTicks wrap.
-u_long uptime_ticks() {
+unsigned long uptime_ticks() {
     struct timespec ts;
     clock_gettime(CLOCK_BOOTTIME, &ts);
     unsigned long long cs = static_cast<unsigned long long>(ts.tv_sec) * 100 + ts.tv_nsec / 10000000;
-    return static_cast<u_long>(cs & 0xffffffffULL);
+    return static_cast<unsigned long>(cs & 0xffffffffULL);
 }
 
-void *open_session(const std::string &peer, const std::string &community) {
-    netsnmp_session s;
-    snmp_sess_init(&s);
-    s.version = SNMP_VERSION_2c;
-    std::string name = "udp:" + peer;
-    std::vector<char> peername(name.begin(), name.end());
-    peername.push_back('\0');
-    std::vector<u_char> comm(community.begin(), community.end());
-    comm.push_back('\0');
-    s.peername = peername.data();
-    s.community = comm.data();
-    s.community_len = community.size();
-    return snmp_sess_open(&s);  // copies what it keeps
+// The module's table once a sink needs it (under g_lock), or nullptr (logged once).
+const snmp_ops *module() {
+    static bool tried = false;
+    static const snmp_ops *ops = nullptr;
+    if (!tried) {
+        tried = true;
+        char why[400] = {0};
+        ops = static_cast<const snmp_ops *>(platform_module_load("snmp", kSnmpModuleVersion, why, sizeof why));
+        if (ops == nullptr) printk_syslog_ext(3, "SNMP", "TRAP", LOG_CLASS_ALWAYS, "no SNMP sender: %s", why);
+    }
+    return ops;
 }
 
 // The sessions follow the platform file's sink list; it only changes under tests.
@@ -79,7 +77,7 @@ void load_sinks() {
     for (size_t i = 0; same && i < peers.size(); i++) same = peers[i] == g_sinks[i].peer;
     if (same) return;
     for (sink_session &sink : g_sinks)
-        if (sink.sess != nullptr) snmp_sess_close(sink.sess);
+        if (sink.sess != nullptr) module()->close(sink.sess);
     g_sinks.clear();
     g_community = platform_get().snmp_community;
     for (const std::string &peer : peers) g_sinks.push_back({peer, nullptr, -1});
@@ -96,23 +94,14 @@ bool ensure_open(sink_session &sink, const std::string &community) {
     long long now = monotonic_s();
     if (sink.last_open_s >= 0 && now - sink.last_open_s < kReopenSeconds) return false;
     sink.last_open_s = now;
-    sink.sess = open_session(sink.peer, community);
+    const snmp_ops *ops = module();
+    sink.sess = ops != nullptr ? ops->open(sink.peer, community) : nullptr;
     return sink.sess != nullptr;
 }
 
 bool send_to(sink_session &sink, const std::string &community, const trap_record &rec) {
     if (!ensure_open(sink, community)) return false;
-    netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_TRAP2);
-    if (pdu == nullptr) return false;
-    u_long ticks = uptime_ticks();
-    snmp_pdu_add_variable(pdu, kSysUpTime, OID_LENGTH(kSysUpTime), ASN_TIMETICKS, &ticks, sizeof ticks);
-    snmp_pdu_add_variable(pdu, kSnmpTrapOid, OID_LENGTH(kSnmpTrapOid), ASN_OBJECT_ID, rec.trap_oid.data(),
-                          rec.trap_oid.size() * sizeof(oid));
-    if (snmp_sess_send(sink.sess, pdu) == 0) {
-        snmp_free_pdu(pdu);
-        return false;
-    }
-    return true;
+    return module()->send_trap(sink.sess, rec.trap_oid.data(), rec.trap_oid.size(), uptime_ticks());
 }
 
 }  // namespace
@@ -129,7 +118,7 @@ int snmp_agent_init(const char *name, struct zq_thread_master *master) {
 }
 
 int snmp_trap_register(TRAP_REGISTER_INFO *info) {
-    if (info == nullptr || info->m_pTrapOid == nullptr || info->m_nTrapOidLen <= 0 || info->m_nTrapOidLen > MAX_OID_LEN)
+    if (info == nullptr || info->m_pTrapOid == nullptr || info->m_nTrapOidLen <= 0 || info->m_nTrapOidLen > kMaxOidLen)
         return -1;
     trap_record rec;
     rec.id = info->m_TrapID;

@@ -9,7 +9,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 packages=(
   build-essential g++ cmake make pkg-config git
   libgtest-dev libgmock-dev
-  libinih-dev libsystemd-dev libedit-dev libpam0g-dev libcrypt-dev
+  libinih-dev libedit-dev libpam0g-dev libcrypt-dev
   libradcli-dev libsnmp-dev libpwquality-dev libssl-dev openssl cracklib-runtime
   clang clang-format clang-tidy
   python3 curl wget lftp strace procps iproute2

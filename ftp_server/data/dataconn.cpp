@@ -56,8 +56,10 @@ constexpr size_t kRecvBlock = 1024;
 // marked as having more to follow, so segments leave full without a cork. 256 KiB per call beat
 // 1 MiB per call and a 1 MiB spliced pipe on loopback, with zero-copy and copying clients alike.
 constexpr size_t kSendfileChunk = 256 * 1024;
-// Pipe of a binary upload spliced from the connection into the file.
-constexpr int kReceivePipe = 256 * 1024;
+// Pipe of a binary upload spliced from the connection into the file: 1 MiB took a tenth to a
+// fifth less CPU per byte than 256 KiB on loopback (fewer, fuller splices), with both clients.
+// Where the account's pipe pages run out, the pipe keeps its default size and still splices.
+constexpr int kReceivePipe = 1024 * 1024;
 
 const char kCantOpen[] = "425 Can't open data connection.\r\n";
 

@@ -38,9 +38,12 @@ int ftpd_epoll(struct ftp_epoll_s *epoll, int mode) {
     }
 
     for (int i = 0; i < FTP_EPOLL_MAX && epoll->fd[i] != 0; i++) {
+        uint32_t events = mode_events(epoll->mode[i] != 0 ? epoll->mode[i] : mode);
+        // Registrations last: a descriptor is changed only when what it is waited for changes.
+        if (!epoll->first_time && epoll->armed[i] == events) continue;
         memset(&epoll->ev[i], 0, sizeof epoll->ev[i]);
         epoll->ev[i].data.fd = epoll->fd[i];
-        epoll->ev[i].events = mode_events(epoll->mode[i] != 0 ? epoll->mode[i] : mode);
+        epoll->ev[i].events = events;
         int op = epoll->first_time ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
         int ret = epoll_ctl(epoll->efd, op, epoll->fd[i], &epoll->ev[i]);
         if (ret != 0) {
@@ -54,6 +57,7 @@ int ftpd_epoll(struct ftp_epoll_s *epoll, int mode) {
                              why);
             return -1;
         }
+        epoll->armed[i] = events;
     }
     epoll->first_time = false;
 

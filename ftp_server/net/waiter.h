@@ -12,6 +12,7 @@ struct ftp_epoll_s {
     int mode[FTP_EPOLL_MAX];  // per descriptor; 0: the mode of the call
     int efd;
     struct epoll_event ev[FTP_EPOLL_MAX];
+    uint32_t armed[FTP_EPOLL_MAX];  // the events each descriptor is registered for
     bool first_time;
     int timeout;  // seconds
     int wait_n;

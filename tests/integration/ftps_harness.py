@@ -115,8 +115,8 @@ class Daemon:
                            os.path.join(supp, "tsan.supp"))
         return env
 
-    def start(self, wait=True, env=None):
-        self.proc = subprocess.Popen([DAEMON], env=env or self.env(),
+    def start(self, wait=True, env=None, program=DAEMON):
+        self.proc = subprocess.Popen([program], env=env or self.env(),
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         if wait:
             self.wait_ready()

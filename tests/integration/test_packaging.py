@@ -2,8 +2,10 @@
 # that the unit passes systemd-analyze verify, that the example startup configuration works with the real
 # daemon, and what the .deb holds.
 
+import ftplib
 import os
 import shutil
+import ssl
 import stat
 import subprocess
 import sys
@@ -17,7 +19,9 @@ INSTALLED = dict.fromkeys(("usr/sbin/ftp_server.elf", "usr/bin/ftps-cli"), 0o755
     "usr/share/man/man8/ftp_server.elf.8", "usr/share/man/man8/ftps-cli.8", "usr/share/man/man5/ftps-platform.5",
     "lib/systemd/system/ftp_server.service", "usr/share/doc/ftps/examples/platform.conf",
     "usr/share/doc/ftps/examples/startup.conf", "etc/ftps/platform.conf", "etc/fail2ban/filter.d/ftps.conf",
-    "etc/fail2ban/jail.d/ftps.conf"), 0o644)
+    "etc/fail2ban/jail.d/ftps.conf",
+    # The modules the daemon loads when TLS, RADIUS or trap sinks are configured.
+    "usr/lib/ftps/ftps-tls.so", "usr/lib/ftps/ftps-radius.so", "usr/lib/ftps/ftps-snmp.so"), 0o644)
 
 
 def install(destdir, prefix="/usr"):
@@ -60,6 +64,21 @@ class InstallTest(unittest.TestCase):
                       read_file(os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")))
         self.assertTrue(os.access(os.path.join(other, "usr/local/sbin/ftp_server.elf"), os.X_OK))
         self.assertFalse(os.path.exists(os.path.join(other, "lib/systemd")))
+
+    def test_installed_daemon_finds_its_tls_module(self):
+        # Under the other prefix too: the module is looked for relative to the program.
+        other = os.path.join(self.dir, "opt")
+        install(other, prefix="/opt/ftps")
+        for root, prefix in ((self.root, "usr"), (other, "opt/ftps")):
+            d = Daemon(extra_platform={"ftp.profile": "standard"}, tls=True)
+            self.addCleanup(d.cleanup)
+            d.start(program=os.path.join(root, prefix, "sbin/ftp_server.elf"))
+            ftp = ftplib.FTP_TLS(context=ssl._create_unverified_context(), timeout=30)
+            ftp.connect("127.0.0.1", d.port)
+            self.assertTrue(ftp.auth().startswith("234"))
+            self.assertEqual(ftp.voidcmd("PBSZ 0"), "200 PBSZ=0")
+            ftp.close()
+            d.stop()
 
     @unittest.skipIf(shutil.which("systemd-analyze") is None, "systemd-analyze is not installed")
     def test_unit_passes_systemd_analyze_verify(self):
@@ -116,7 +135,8 @@ class DebTest(unittest.TestCase):
         self.assertEqual(files, {p: stat.filemode(stat.S_IFREG | m) for p, m in INSTALLED.items()})
         self.assertEqual(self.dpkg_deb("-f", self.deb, "Package").strip(), "ftps")
         depends = self.dpkg_deb("-f", self.deb, "Depends")
-        for lib in ("libc6", "libedit2", "libinih1", "libsystemd0", "libpam0g", "libpwquality1"):
+        for lib in ("libc6", "libedit2", "libinih1", "libpam0g", "libpwquality1", "libssl3", "libradcli4",
+                    "libsnmp40"):
             self.assertRegex(depends, r"\b%s\b" % lib)
         self.assertEqual(self.dpkg_deb("-I", self.deb, "conffiles").split(),
                          ["/etc/ftps/platform.conf", "/etc/fail2ban/filter.d/ftps.conf",
