@@ -7,14 +7,12 @@
 import os
 import re
 import socket
-import sys
 import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import (Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, in_parallel,  # noqa: E402
-                          logged_in, memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
+from ftps_harness import (Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, in_parallel, logged_in,
+                          memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
 # Deep enough that a name fitting one command line can be too long for its real path.
