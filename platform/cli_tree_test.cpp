@@ -32,13 +32,10 @@ void capture_cmd(cli_cmd *cmd) {
     if (minutes != -1) g_seen += " min=" + std::to_string(minutes);
 }
 
-const char *const kTimeout[] = {"FTP server", "Idle timeout",
-                                "Number of ftp session idle timeout, in minutes (default value: 10)"};
-
 const cli_node_def kConfigDefs[] = {
     {"ftp-server enable", nullptr, record, CLI_F_NO | CLI_F_CONFIG},
     {"ftp-server topdir [(flash:|flash2:|usb0:|tmp:)] PATH", nullptr, record, CLI_F_NO | CLI_F_CONFIG},
-    {"ftp-server timeout <1-3600>", kTimeout, record, CLI_F_NO | CLI_F_CONFIG},
+    {"ftp-server timeout <1-3600>", nullptr, record, CLI_F_NO | CLI_F_CONFIG},
     {"ftp-server login timeout <1-30>", nullptr, record, CLI_F_NO | CLI_F_CONFIG},
     {"ftp-server login times <1-10>", nullptr, record, CLI_F_NO | CLI_F_CONFIG},
     {"ftp-server authentication (default|LISTNAME)", nullptr, record, CLI_F_NO | CLI_F_CONFIG},
@@ -92,24 +89,17 @@ class CliTreeTest : public ::testing::Test {
     }
 };
 
-TEST_F(CliTreeTest, MalformedDefinitionRejectsTheWholeGroup) {
-    for (const char *syntax : {"ftp-server x <5-1>", "ftp-server [x", "ftp-server (a|)", "ftp-server LINE... x", "",
-                               "ftp-server <1-x>", "ftp-server (a|b"}) {
-        cli_node_def defs[] = {{"fresh ok", nullptr, record, 0}, {syntax, nullptr, record, 0}};
-        EXPECT_EQ(-1, cli_add_command("bad", defs, 2)) << syntax;
-    }
-    EXPECT_EQ(12, cli_def_count());
-    EXPECT_EQ("% Unknown command: 'fresh'@0", run("fresh ok"));
-}
+// A malformed definition is refused with its group; the daemon registers only its own, which every
+// management integration test types, so a refusal there shows as missing commands.
 
-// Errors under a word on a real terminal, help texts and completion of a unique keyword: the
-// terminal integration test; lines as the administrator types them: the management one.
+// Errors under a word on a real terminal (an ambiguous and an out-of-range word among them), help
+// texts and completion of a unique keyword: the terminal integration test; lines as the
+// administrator types them: the management one.
 TEST_F(CliTreeTest, KeywordsMatchByUnambiguousPrefixAndNoLeavesOutTrailingArguments) {
     expect_runs({
         {"ftp tim 5", "timeout"},
         {"f lo times 3", "login times"},
         {"  ftp-server\tlogin  timeo 3  ", "login timeout"},
-        {"ftp-server login time 3", "% Ambiguous command: 'time'@17"},
         {"ftp-server timeout 5 extra", "% Unknown command: 'extra'@21"},
         {"show ftp", "show ftp"},
         {"show ftp-", "show ftp-server"},
@@ -141,7 +131,6 @@ TEST_F(CliTreeTest, ArgumentsRangesStorageKeywordsAndRestOfLine) {
         {"cap timeout 1", "cap min=1"},
         {"cap timeout 3600", "cap min=3600"},
         {"no cap timeout", "no cap"},
-        {"cap timeout 3601", "% Number 3601 out of range 1-3600.@12"},
         {"cap timeout 99999999999999999999", "% Number 99999999999999999999 out of range 1-3600.@12"},
         {"cap timeout -5", "% Invalid number: '-5'@12"},
         {"cap topdir /pub", "cap PATH=[/pub]"},
@@ -159,8 +148,6 @@ TEST_F(CliTreeTest, ArgumentsRangesStorageKeywordsAndRestOfLine) {
 }
 
 TEST_F(CliTreeTest, HelpListsNextTokensInOrderAndCompletionTheLastWord) {
-    EXPECT_EQ("  <1-3600>  Number of ftp session idle timeout, in minutes (default value: 10)\n",
-              help("ftp-server timeout "));
     EXPECT_EQ("  <cr>\n", help("ftp-server timeout 5 "));
     EXPECT_EQ("  config\n  memory\n  <cr>\n", help("show ftp-server "));
     std::string h = help("no ftp-server ");

@@ -2,7 +2,6 @@
 // file, line and key, paths relative to the file's own directory, and what the daemon reads back.
 #include "platform_conf.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <stdlib.h>
@@ -14,7 +13,6 @@
 #include <string>
 
 #include "ftp_platform.h"
-#include "ftp_tls.h"
 #include "ftpd_test_support.h"
 #include "zqsys.h"
 
@@ -48,6 +46,7 @@ class PlatformConfTest : public ::testing::Test {
     const std::string &dir_ = tree_.path();
 };
 
+// Method lists, the default among them, as logins use them: the AAA integration tests.
 TEST_F(PlatformConfTest, StoragesListsAndAddressesAreReadIntoTheirSlotsAndForms) {
     platform_conf c;
     load(
@@ -55,7 +54,6 @@ TEST_F(PlatformConfTest, StoragesListsAndAddressesAreReadIntoTheirSlotsAndForms)
         "[storage]\nflash = /s/flash\nflash2 = /s/f2\nsata0 = /s/sata\nusb0 = /s/usb\n"
         "tmp = /s/tmp\ninstall = /s/install\nnfs = /s/nfs\n"
         "[log]\nsyslog = no\nstderr = on\n"
-        "[aaa]\nlist.default = radius local\nlist.ops = none\n"
         "[radius]\nserver = 10.0.0.1:1645 radius.example [fd00::1]:1645 fd00::2\n"
         "[snmp]\ntrap_sink = 127.0.0.1:1162 nms\n",
         &c);
@@ -64,19 +62,17 @@ TEST_F(PlatformConfTest, StoragesListsAndAddressesAreReadIntoTheirSlotsAndForms)
     EXPECT_EQ(dirs, (strings{"/s/f2", "/s/flash", "/s/sata", "/s/usb", "", "/s/tmp", "/s/install", "", "/s/nfs"}));
     EXPECT_FALSE(c.log_syslog);
     EXPECT_TRUE(c.log_stderr);
-    ASSERT_EQ(c.aaa_lists.size(), 2u);  // the given default replaces the built-in one
-    EXPECT_EQ(c.aaa_lists[0].second, (strings{"radius", "local"}));
-    EXPECT_EQ(c.aaa_lists[1], (std::pair<std::string, strings>{"ops", {"none"}}));
     // Ports default per service; IPv6 addresses end up in brackets.
     EXPECT_EQ(c.radius_servers, (strings{"10.0.0.1:1645", "radius.example:1812", "[fd00::1]:1645", "[fd00::2]:1812"}));
     EXPECT_EQ(c.trap_sinks, (strings{"127.0.0.1:1162", "nms:162"}));
 }
 
+// One number out of its range stands for all: each key's bounds are a row of the loader's table,
+// and the accepted extremes are read back below.
 TEST_F(PlatformConfTest, ErrorsNameTheLineAndTheKeyOrSection) {
     const std::pair<const char *, const char *> rows[] = {
         {"[ftp]\n\ncontrol_port = 21x\n", ":3: key 'control_port': not a number"},
         {"[ftp]\ncontrol_port = 65536\n", ":2: key 'control_port': out of range (1-65535)"},
-        {"[ftp]\nlogin_fail_delay = 61\n", ":2: key 'login_fail_delay': out of range (0-60)"},
         {"[ftp]\nprofile = vendor\n", ":2: key 'profile': expected device or standard"},
         {"[ftp]\npassive_address = ftp.example.net\n", ":2: key 'passive_address': not an IPv4 address"},
         {"[ftp]\npassive_address = ::1\n", ":2: key 'passive_address': not an IPv4 address"},
@@ -87,9 +83,6 @@ TEST_F(PlatformConfTest, ErrorsNameTheLineAndTheKeyOrSection) {
         {"[ftp]\nproxy_from = 10.0.0.1/8\n",
          ":2: key 'proxy_from': address '10.0.0.1/8' has bits set beyond its prefix length"},
         {"[ftp]\nproxy_from = fd00::/129\n", ":2: key 'proxy_from': bad prefix length in 'fd00::/129'"},
-        {"[ftp]\nmax_sessions = 0\n", ":2: key 'max_sessions': out of range (1-4096)"},
-        {"[ftp]\nmax_per_address = 4097\n", ":2: key 'max_per_address': out of range (0-4096)"},
-        {"[ftp]\nmax_rate = -1\n", ":2: key 'max_rate': out of range (0-10485760)"},
         {"[tls]\nupload_eof = loose\n", ":2: key 'upload_eof': expected strict or lenient"},
         // A blank and ';' inside the quotes start a comment, which leaves the quote open.
         {"[device]\nos_name = \"UNIX ; V\"\n", ":2: key 'os_name': unterminated double quote"},
@@ -111,8 +104,10 @@ TEST_F(PlatformConfTest, ErrorsNameTheLineAndTheKeyOrSection) {
                   ":2: key 'passive_ports': expected LOW-HIGH within 1024-65535");
 }
 
+// Each path key goes through the same resolution; a relative transfer log as sessions write it:
+// the operations and HAProxy integration tests.
 TEST_F(PlatformConfTest, RelativePathsAreTakenFromTheFilesDirectory) {
-    write_file("[storage]\nflash = data/flash\nusb0 =\n[cli]\nsocket = run/cli\n[log]\nfile = ../ftps.log\n");
+    write_file("[storage]\nflash = data/flash\nusb0 =\n[cli]\nsocket = ../run/cli\n");
     // The file is named relative to the working directory, as an administrator may start it.
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
@@ -124,12 +119,12 @@ TEST_F(PlatformConfTest, RelativePathsAreTakenFromTheFilesDirectory) {
     ASSERT_EQ(rc, 0) << err;
     EXPECT_EQ(c.storages[1].dir, dir_ + "/etc/data/flash");
     EXPECT_EQ(c.storages[3].dir, "");  // an empty value leaves the storage absent
-    EXPECT_EQ(c.cli_socket, dir_ + "/etc/run/cli");
-    EXPECT_EQ(c.log_file, dir_ + "/etc/../ftps.log");
+    EXPECT_EQ(c.cli_socket, dir_ + "/etc/../run/cli");
 }
 
 // Which peers must send a PROXY header: IPv4, IPv6 and IPv4-mapped peers against IPv4, IPv6 and
-// mapped prefixes, at the edges of each prefix.
+// mapped prefixes, at the edges of each prefix. (Without proxy_from none: every other integration
+// test.)
 TEST_F(PlatformConfTest, ProxyFromMatchesAddressesOfEitherFamilyAgainstPrefixes) {
     platform_conf c;
     load("[ftp]\nproxy_from = 192.0.2.0/25  2001:db8:a::/48\t::ffff:198.51.100.0/120 203.0.113.9 fe80::1\n", &c);
@@ -148,59 +143,44 @@ TEST_F(PlatformConfTest, ProxyFromMatchesAddressesOfEitherFamilyAgainstPrefixes)
     for (const char *peer :
          {"192.0.2.128", "::ffff:192.0.2.200", "198.51.101.0", "203.0.113.8", "2001:db8:b::1", "fe80::2", "::c000:205"})
         EXPECT_EQ(required(peer), 0) << peer;
-    ftpd_use_platform({});
-    EXPECT_EQ(required("192.0.2.0"), 0);
-    EXPECT_EQ(platform_ftp_proxy_required(nullptr), 0);
 }
 
-// The ftp, log and tls keys and the system name as the daemon's calls give them, in one line;
-// paths below dir start with "DIR".
-std::string in_force(const std::string &dir) {
-    unsigned char a[4] = {};
-    char passive[INET_ADDRSTRLEN] = "own";
-    if (platform_ftp_passive_address(a) == 1) inet_ntop(AF_INET, a, passive, sizeof passive);
-    int low = -1;
-    int high = -1;
-    int ranged = platform_ftp_passive_ports(&low, &high);
+// The ftp keys and the system name as the daemon's calls give them, in one line. (The passive
+// address and range, a relative transfer log and lenient upload ends as sessions meet them: the
+// operations, HAProxy and TLS integration tests.)
+std::string in_force() {
     char *os = zqsys_get_os_name();
-    std::string xferlog = platform_log_transfer_log();
-    if (!dir.empty() && xferlog.rfind(dir, 0) == 0) xferlog.replace(0, dir.size(), "DIR");
     std::ostringstream o;
     o << "port " << platform_ftp_control_port();
     o << (platform_ftp_profile() == PLATFORM_FTP_PROFILE_STANDARD ? " standard" : " device");
     o << " delay " << platform_ftp_login_fail_delay() << " os [" << (os != nullptr ? os : "(none)") << "]";
-    o << " pasv " << passive << " ports " << ranged << ":" << low << "-" << high;
     o << " sessions " << platform_ftp_max_sessions() << "/" << platform_ftp_max_per_address();
     o << " rate " << platform_ftp_max_rate();
-    o << (ftp_tls_upload_eof() == PLATFORM_TLS_UPLOAD_EOF_LENIENT ? " lenient" : " strict");
-    o << " log [" << xferlog << "]";
     free(os);
     return o.str();
 }
 
-// The defaults when a key is absent (the device profile, one second, "UNIX ", limits unset, no
-// range); the standard profile without delay is the integration suite's, which runs on both.
-TEST_F(PlatformConfTest, FtpLogAndTlsKeysReachTheDaemonsCalls) {
+// The defaults when a key is absent (the device profile, one second, "UNIX ", limits unset); the
+// standard profile without delay is the integration suite's, which runs on both.
+TEST_F(PlatformConfTest, FtpKeysReachTheDaemonsCalls) {
     struct utsname u;
     ASSERT_EQ(uname(&u), 0);
-    const std::string pasv = " pasv own ports 0:0-0 sessions -1/-1 rate 0 strict log []";
+    const std::string unset = " sessions -1/-1 rate 0";
     const std::pair<std::string, std::string> rows[] = {
-        {"", "port 21 device delay 1 os [UNIX ]" + pasv},
-        {"[ftp]\ncontrol_port = 2121\nprofile = standard\npassive_address = 192.0.2.7\n"
-         "passive_ports = 50000-50099\nmax_sessions = 4096\nmax_per_address = 0\nmax_rate = 10485760\n"
-         "[log]\ntransfer_log = xfer.log\n[tls]\nupload_eof = Lenient\n[device]\nos_name = \"  Sys V \"\n",
-         "port 2121 standard delay 1 os [  Sys V ] pasv 192.0.2.7 ports 1:50000-50099 sessions 4096/0 "
-         "rate 10485760 lenient log [DIR/etc/xfer.log]"},
-        {"[ftp]\nprofile = Device\nlogin_fail_delay = 60\npassive_ports = 1024-1024\nmax_sessions = 1\n"
-         "max_per_address = 3\npassive_address =\n[device]\nos_name = UNIX \n",
-         "port 21 device delay 60 os [UNIX] pasv own ports 1:1024-1024 sessions 1/3 rate 0 strict log []"},
-        {"[device]\nos_name = -\n", "port 21 device delay 1 os [(none)]" + pasv},
-        {"[device]\nos_name = \"\"\n", "port 21 device delay 1 os [" + std::string(u.sysname) + "]" + pasv},
+        {"", "port 21 device delay 1 os [UNIX ]" + unset},
+        {"[ftp]\ncontrol_port = 2121\nprofile = standard\nmax_sessions = 4096\nmax_per_address = 0\n"
+         "max_rate = 10485760\n[device]\nos_name = \"  Sys V \"\n",
+         "port 2121 standard delay 1 os [  Sys V ] sessions 4096/0 rate 10485760"},
+        {"[ftp]\nprofile = Device\nlogin_fail_delay = 60\nmax_sessions = 1\nmax_per_address = 3\n"
+         "[device]\nos_name = UNIX \n",
+         "port 21 device delay 60 os [UNIX] sessions 1/3 rate 0"},
+        {"[device]\nos_name = -\n", "port 21 device delay 1 os [(none)]" + unset},
+        {"[device]\nos_name = \"\"\n", "port 21 device delay 1 os [" + std::string(u.sysname) + "]" + unset},
     };
     for (const auto &[text, facts] : rows) {
         platform_conf c;
         load(text, &c);
-        EXPECT_EQ(in_force(dir_), facts) << text;
+        EXPECT_EQ(in_force(), facts) << text;
     }
 }
 

@@ -45,14 +45,11 @@ const valid_row kValid[] = {
     {"PROXY TCP4 192.0.2.1 10.0.0.1 54321 21\r\n", "192.0.2.1 54321", "10.0.0.1 21"},
     {"PROXY TCP4 255.255.255.255 0.0.0.0 65535 0\r\n", "255.255.255.255 65535", "0.0.0.0 0"},
     {"PROXY TCP6 2001:db8::7 2001:DB8::1 80 21\r\n", "2001:db8::7 80", "2001:db8::1 21"},
-    {"PROXY TCP6 ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535 65535\r\n",
-     "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535"},
     {"PROXY UNKNOWN\r\n", "own", "own"},
     {"PROXY UNKNOWN ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535 65535\r\n",
      "own", "own"},  // 107 bytes, the longest
     {v2(0x21, 0x11, kV4Body), "192.0.2.1 54321", "10.0.0.1 21"},
     {v2(0x21, 0x21, kV6Body), "2001:db8::7 80", "::1 21"},
-    {v2(0x21, 0x11, kV4Body + std::string("\x04\x00\x03xyz\x02\x00\x00", 9)), "192.0.2.1 54321", "10.0.0.1 21"},
     {v2(0x20, 0x00, ""), "own", "own"},                     // LOCAL: a health check
     {v2(0x20, 0xff, kV4Body), "own", "own"},                // LOCAL ignores the family and skips the block
     {v2(0x21, 0x00, "abc"), "own", "own"},                  // PROXY, unspecified
@@ -124,6 +121,8 @@ TEST(ProxyHeader, InvalidHeadersAreRefusedOnceTheirFaultHasArrived) {
     }
 }
 
+// A version 1 header followed by commands, and a malformed one refused: the operations integration
+// test; version 2 through a real balancer: the HAProxy one.
 // The reader on a connection: what the client sends, in pieces of `piece` bytes (0: at once),
 // then closes or (src nullptr) keeps open; what the reader takes within `ms`, and what it leaves
 // for the commands.
@@ -136,11 +135,8 @@ TEST(ProxyRead, TakesExactlyTheHeaderAndFailsOnMalformedClosedOrLateOnes) {
         int ms, rc;
         const char *src;
     } rows[] = {
-        {kValid[0].header + cmds, 0, 5000, 0, "192.0.2.1 54321"},
-        {kValid[5].header + cmds, 0, 5000, 0, "own"},
         {v2(0x21, 0x11, kV4Body + tlv) + cmds, 0, 5000, 0, "192.0.2.1 54321"},
         {kValid[2].header + cmds, 7, 5000, 0, "2001:db8::7 80"},  // joined from its pieces
-        {"PROXY TCP4 192.0.2.1 10.0.0.1 1 02\r\n" + cmds, 0, 5000, -1, ""},
         {"PROXY TCP4 192.0.2.1", 0, 5000, -1, ""},                     // closed before its end
         {v2(0x21, 0x11, kV4Body).substr(0, 20), 0, 100, -1, nullptr},  // the rest never comes
     };
@@ -162,8 +158,6 @@ TEST(ProxyRead, TakesExactlyTheHeaderAndFailsOnMalformedClosedOrLateOnes) {
         EXPECT_EQ(text_of(src), r.src);
         EXPECT_EQ(ftpd_read_all(pair.near()), cmds);
     }
-    sockaddr_storage src, dst;
-    EXPECT_EQ(ftp_proxy_read(-1, 100, &src, &dst), -1);
 }
 
 }  // namespace

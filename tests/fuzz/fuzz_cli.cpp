@@ -1,6 +1,7 @@
 // Fuzz target: the management command parser over the daemon's own command tree (the framework's
 // built-in commands and every ftp-server command), executing what matches and answering "?"
-// help requests. The settings and the user table go back to their defaults after each input so
+// help requests. Type-7 passwords are decoded here as the daemon receives them; their round trip
+// over every printable character is a unit test. The settings and the user table go back to their defaults after each input so
 // that a crash reproduces from its one input.
 #include <cstdint>
 #include <cstdlib>

@@ -44,11 +44,8 @@ class InstallTest(unittest.TestCase):
     def path(self, rel):
         return os.path.join(self.root, rel)
 
-    def test_files_modes_prefixes_and_a_kept_platform_file(self):
-        for rel, mode in INSTALLED.items():
-            st = os.stat(self.path(rel))
-            self.assertTrue(stat.S_ISREG(st.st_mode), rel)
-            self.assertEqual(stat.S_IMODE(st.st_mode), mode, rel)
+    def test_prefixes_and_a_kept_platform_file(self):
+        # Which files, with which modes: the package test, which holds exactly that list.
         unit = read_file(self.path("lib/systemd/system/ftp_server.service"))
         self.assertIn(b"\nExecStart=/usr/sbin/ftp_server.elf\n", unit)
         conf = self.path("etc/ftps/platform.conf")
@@ -62,7 +59,6 @@ class InstallTest(unittest.TestCase):
         install(other, prefix="/usr/local")
         self.assertIn(b"\nExecStart=/usr/local/sbin/ftp_server.elf\n",
                       read_file(os.path.join(other, "usr/local/lib/systemd/system/ftp_server.service")))
-        self.assertTrue(os.access(os.path.join(other, "usr/local/sbin/ftp_server.elf"), os.X_OK))
         self.assertFalse(os.path.exists(os.path.join(other, "lib/systemd")))
 
     def test_installed_daemon_finds_its_tls_module(self):

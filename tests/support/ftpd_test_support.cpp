@@ -42,10 +42,6 @@ ftpd_socket_pair::ftpd_socket_pair() {
     fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
 }
 
-std::string ftpd_socket_pair::drain() const {
-    return ftpd_read_all(far_.get());
-}
-
 std::string ftpd_read_all(int fd) {
     std::string out;
     char buf[4096];

@@ -26,7 +26,8 @@ class ftpd_temp_tree {
     std::string root_;
 };
 
-// A connected stream socket pair: the daemon writes on near(), the test reads far().
+// A connected stream socket pair: the daemon writes on near(), the test reads far(), which does
+// not block: ftpd_read_all(far()) is everything queued, complete as handlers run on the test's thread.
 class ftpd_socket_pair {
   public:
     ftpd_socket_pair();
@@ -35,8 +36,6 @@ class ftpd_socket_pair {
 
     int near() const { return near_.get(); }
     int far() const { return far_.get(); }
-    // Everything queued at the far end; handlers run on the test's thread, so it is complete.
-    std::string drain() const;
     // Closes the far end, so that sends on the near end fail.
     void close_far() { far_.reset(); }
 
