@@ -21,7 +21,7 @@
 
 namespace {
 
-// An account without online_amount may hold as many sessions as the FTP server admits at once.
+// An account without online_amount may hold 20 sessions at once, the device's own session limit.
 #define DEFAULT_ONLINE_AMOUNT 20
 
 struct account {

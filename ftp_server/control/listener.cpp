@@ -6,10 +6,10 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <time.h>
@@ -274,24 +274,18 @@ int server_mode(int domain_fd) {
         if (!is_ftp_server_start()) return 0;
 
         memset(&addr, 0, sizeof(addr));
-        fd_set rset;
-        fd_set eset;
-        FD_ZERO(&rset);
-        FD_SET(lp.v4.get(), &rset);
-        FD_SET(lp.v6.get(), &rset);
-        FD_SET(domain_fd, &rset);
-        eset = rset;
-        int maxfd = std::max(std::max(lp.v4.get(), lp.v6.get()), domain_fd);
-        struct timeval tv = {FTP_SELECT_TIMEOUT, 0};
-        int n = select(maxfd + 1, &rset, nullptr, &eset, &tv);
+        // poll, not select: with hundreds of sessions a listener opened again may get a
+        // descriptor above FD_SETSIZE.
+        struct pollfd pfd[3] = {{lp.v4.get(), POLLIN, 0}, {lp.v6.get(), POLLIN, 0}, {domain_fd, POLLIN, 0}};
+        int n = poll(pfd, 3, FTP_SELECT_TIMEOUT * 1000);
         app_ham_client_reset_thread_notify();
         if (n == 0) continue;
-        if (n < 0 || FD_ISSET(lp.v4.get(), &eset) || FD_ISSET(lp.v6.get(), &eset) || FD_ISSET(domain_fd, &eset)) {
+        if (n < 0 || std::any_of(pfd, pfd + 3, [](const pollfd &p) { return (p.revents & (POLLERR | POLLNVAL)) != 0; })) {
             FTPD_LOG_ERR("%s: select error when waiting client connect. %d\n", FTPD_MODULE, errno);
             return -1;
         }
 
-        if (FD_ISSET(domain_fd, &rset)) {
+        if (pfd[2].revents & POLLIN) {
             char msg[FTP_DOMAIN_MSG_LEN];
             // The channel is shared: a session that was woken by the same message may have taken
             // it first. That is no failure of the socket, and the flag below decides all the same.
@@ -306,10 +300,10 @@ int server_mode(int domain_fd) {
             }
         }
 
-        if (FD_ISSET(lp.v4.get(), &rset)) {
+        if (pfd[0].revents & POLLIN) {
             fd = accept_connection(lp.v4.get(), false, &addr);
             family = AF_INET;
-        } else if (FD_ISSET(lp.v6.get(), &rset)) {
+        } else if (pfd[1].revents & POLLIN) {
             fd = accept_connection(lp.v6.get(), true, &addr);
             family = AF_INET6;
         }
