@@ -210,10 +210,14 @@ class Daemon:
         self.stderr, rc, self.proc = err.decode(errors="replace"), self.proc.returncode, None
         return rc
 
+    def cleanup(self):
+        self.stop()
+        shutil.rmtree(self.dir, ignore_errors=True)
+
     def stop_checked(self):
         # A non-zero exit (a crash, a sanitizer report) fails.
         rc = self.stop()
-        shutil.rmtree(self.dir, ignore_errors=True)
+        self.cleanup()
         if rc != 0:
             raise AssertionError("daemon exit status %s: %s" % (rc, getattr(self, "stderr", "")[-4000:]))
 
