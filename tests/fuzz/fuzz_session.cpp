@@ -1,8 +1,9 @@
 // Fuzz target: a logged-in session driven line by line through the real command table, in the
 // profile the first byte picks; every line goes through command recognition, and PORT and EPRT
-// arguments through their field parsers, so no target of their own is needed. Commands that would wait for a data connection are left out; the
-// rest run against a private top directory. After every line: the current directory is still at or
-// below the top directory, and a refused PORT or EPRT changed nothing of the data address.
+// arguments through their field parsers. Commands that would wait for a data connection are left
+// out; the rest run against a private top directory. After every line: the current directory is
+// still at or below the top directory, and a refused PORT or EPRT changed nothing of the data
+// address.
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -110,7 +110,7 @@ class RealClientCase:
     @classmethod
     def tearDownClass(cls):
         # Whatever the clients did, nothing is left behind once their sessions have ended (the TLS
-        # library keeps tables of its own: the TLS row is test_ftps.py's).
+        # library keeps tables of its own: the TLS row is the soak's).
         assert cls.d.listing_temporaries() == [], cls.d.listing_temporaries()
         assert memory_idle(cls.d, ignore={"TLS"}), cls.d.memory_in_use()
 
