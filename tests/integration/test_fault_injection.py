@@ -3,6 +3,7 @@
 # start); each failure is answered as designed, nothing leaks and the daemon keeps serving. Also a full file
 # system under an upload.
 
+import contextlib
 import os
 import subprocess
 import unittest
@@ -43,8 +44,7 @@ class MemoryFaultTest(unittest.TestCase):
         # and a clean exit.
         d = new_daemon()
         try:
-            n = self.startup[ROW[category]] + nth
-            d.start(env=dict(d.env(), FTPS_TEST_MEMFAIL="%d:%d" % (category, n)))
+            d.start(env=dict(d.env(), FTPS_TEST_MEMFAIL="%d:%d" % (category, self.startup[ROW[category]] + nth)))
             scenario(d)
             whole_session(logged_in(d.port), "f.txt", CONTENT)
             self.assertTrue(memory_idle(d), d.memory_rows())
@@ -69,8 +69,7 @@ class MemoryFaultTest(unittest.TestCase):
         def refused(d, user="alice", password="secret1", replies=DENIED + DENIED, again=True):
             c = greeted(d.port)
             self.assertEqual(c.cmd("USER " + user), b"331 User name okay, need password.\r\n")
-            c.send("PASS %s\r\n" % password)
-            self.assertEqual(c.reply() + c.reply(), replies)
+            self.assertEqual(c.cmd("PASS " + password) + c.reply(), replies)
             if again:  # the next attempt of the same session succeeds
                 self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
                 self.assertEqual(c.cmd("PASS secret1"), b"230 User logged in, proceed.\r\n")
@@ -90,17 +89,14 @@ class MemoryFaultTest(unittest.TestCase):
             c = logged_in(d.port)
             if type_cmd:
                 c.cmd(type_cmd)
-            if verb.split()[0] in ("RETR", "STOR", "LIST", "NLST"):
-                self.assertEqual(transfer(c, verb, upload)[0], expected)
-            else:
-                self.assertEqual(c.cmd(verb), expected)
+            data_verb = verb.split()[0] in ("RETR", "STOR", "LIST", "NLST")
+            self.assertEqual(transfer(c, verb, upload)[0] if data_verb else c.cmd(verb), expected)
             if upload is not None:
                 # The partial file is gone before the reply.
                 self.assertFalse(os.path.exists(os.path.join(d.flash, "up.bin")), "partial upload kept")
             c.close()
 
-        binary = b"150 Opening BINARY mode data connection.\r\n"
-        ascii_ = b"150 Opening ASCII mode data connection.\r\n"
+        binary, ascii_ = b"150 Opening BINARY mode data connection.\r\n", b"150 Opening ASCII mode data connection.\r\n"
         not_taken = b"550 Requested action not taken.\r\n"
         cases = [
             (BUF, 1, ("RETR f.txt", binary + MALLOC_451, "TYPE I")),
@@ -137,10 +133,8 @@ class DiskFullTest(unittest.TestCase):
         c = logged_in(d.port)
         for type_cmd in ("TYPE I", "TYPE A"):
             data = start_upload(c, "huge.bin", type_cmd=type_cmd)
-            try:
+            with contextlib.suppress(OSError):  # the daemon may stop reading once the write failed
                 data.sendall(b"0123456789abcde\n" * (1 << 17))  # 2 MiB
-            except OSError:
-                pass  # the daemon may stop reading once the write failed
             data.close()
             self.assertEqual(c.reply(), b"452 Error writing file.\r\n")
             # Gone by the time the client hears of the failure.

@@ -12,7 +12,7 @@ import time
 import unittest
 
 from ftps_harness import (Daemon, DaemonTestCase, RawClient, greeted, has_ipv6, in_parallel, logged_in,
-                          memory_idle, pasv_connect, pasv_port, read_file, transfer, wait_until)
+                          memory_idle, pasv_port, read_file, transfer, wait_until)
 
 CONTENT = bytes(range(256)) * 64
 # Deep enough that a name fitting one command line can be too long for its real path.
@@ -26,7 +26,7 @@ class HostileClientsTest(DaemonTestCase):
         # The top directory exists before the start.
         cls.d = Daemon(startup=USERS, topdir="flash:/" + TOP)
         cls.d.put(TOP + "/f.bin", CONTENT)
-        cls.d.start()
+        cls.d.start_for(cls)
 
     def test_replaced_passive_listeners_are_closed(self):
         baseline = self.d.descriptors()
@@ -35,12 +35,12 @@ class HostileClientsTest(DaemonTestCase):
         c.cmd("EPSV")
         # Only the last listener still accepts.
         for port in ports[:-1]:
-            with self.assertRaises(ConnectionRefusedError):
-                socket.create_connection(("127.0.0.1", port), timeout=5).close()
+            self.assertRaises(ConnectionRefusedError, socket.create_connection, ("127.0.0.1", port), 5)
         self.assertLess(self.d.descriptors(), baseline + 5)
         c.cmd("QUIT")
         c.close()
         self.assertTrue(wait_until(lambda: self.d.descriptors() <= baseline), (self.d.descriptors(), baseline))
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
     def test_concurrent_passive_ports_and_listings(self):
         # Sessions that open passive ports and list at the same moment all succeed, with no session
@@ -48,8 +48,7 @@ class HostileClientsTest(DaemonTestCase):
         barrier = threading.Barrier(16)
 
         def client(i):
-            c = RawClient(self.d.port)
-            c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
+            c = RawClient(self.d.port).login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
             barrier.wait(timeout=30)
             passive = [c.cmd("PASV")[:4] for _ in range(20)]
             barrier.wait(timeout=60)
@@ -57,9 +56,8 @@ class HostileClientsTest(DaemonTestCase):
             c.close()
             return passive, [(r[-30:], b"f.bin" in listing) for r, listing in listings]
 
-        for passive, listings in in_parallel(client, 16, timeout=120):
-            self.assertEqual(passive, [b"227 "] * 20)
-            self.assertEqual(listings, [(b"226 Closing data connection.\r\n", True)] * 10)
+        self.assertEqual(in_parallel(client, 16, timeout=120),
+                         [([b"227 "] * 20, [(b"226 Closing data connection.\r\n", True)] * 10)] * 16)
         self.assertEqual(self.d.listing_temporaries(), [])
 
     def test_failed_password_is_answered_after_the_delay(self):
@@ -82,19 +80,16 @@ class HostileClientsTest(DaemonTestCase):
         # Short enough for one command line and its echo in a reply, too long for the real path.
         long_name = d200 + "/" + "f" * (cut_len + 10)
         c = logged_in(self.d.port)
-        c.cmd("TYPE I")
-        for verb in ("DELE", "RMD", "MKD", "STOR", "RNTO"):
+        c.cmd("PASV")  # STOR is refused before its name is looked at without a data address
+        for verb in ("DELE", "RMD", "MKD", "SIZE", "STOR", "RNTO"):
             with self.subTest(verb=verb):
                 if verb == "RMD":
                     os.mkdir(victim)
                 else:
                     self.d.put(victim, b"victim")
-                data = pasv_connect(c) if verb == "STOR" else None
                 if verb == "RNTO":
                     self.assertTrue(c.cmd("RNFR f.bin").startswith(b"350"))
                 r = c.cmd("%s %s" % (verb, long_name))
-                if data:
-                    data.close()
                 self.assertTrue(r.startswith(b"553 " if verb == "RNTO" else b"550 "), r)
                 # The victim as it was, and nothing new beside it.
                 self.assertEqual(os.listdir(real), [os.path.basename(victim)])
@@ -103,6 +98,12 @@ class HostileClientsTest(DaemonTestCase):
                 (os.rmdir if verb == "RMD" else os.unlink)(victim)
         self.assertTrue(os.path.exists(os.path.join(self.d.flash, TOP, "f.bin")))
         c.close()
+        self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
+
+
+def alice_slots(d):
+    text = d.cli("show ftp-server")[1]
+    return int(re.search(r"username:alice\n.*\nconnect num\[(\d+)\]", text).group(1))
 
 
 def each_profile(test):
@@ -127,32 +128,25 @@ class SecondRoundTest(unittest.TestCase):
                        for p in ("device", "standard")}
         for d in cls.daemons.values():
             os.makedirs(os.path.join(d.flash, "top"))
-            d.start()
-            cls.addClassCleanup(d.stop_checked)
-
-    @staticmethod
-    def alice_slots(d):
-        text = d.cli("show ftp-server")[1]
-        return int(re.search(r"username:alice\n.*\nconnect num\[(\d+)\]", text).group(1))
+            d.start_for(cls)
 
     @each_profile
     def test_a_refused_address_command_changes_nothing(self, profile, d):
         good, stray = socket.create_server(("127.0.0.1", 0)), socket.create_server(("127.0.0.2", 0))
         port, stray_port = good.getsockname()[1], stray.getsockname()[1]
         c = logged_in(d.port)
-        self.assertEqual(c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255)), b"200 PORT Command okay.\r\n")
+        self.assertEqual(c.cmd("PORT 127,0,0,1,%d,%d" % divmod(port, 256)), b"200 PORT Command okay.\r\n")
         # Garbage, a privileged port, and (standard) a stranger's address: refused and forgotten.
         bad = ["EPRT |2|zz::|%d|" % stray_port, "PORT 127,0,0,2,0,1"]
         if profile == "standard":
-            bad += ["EPRT |1|127.0.0.2|%d|" % stray_port, "PORT 127,0,0,2,%d,%d" % (stray_port >> 8, stray_port & 255)]
+            bad += ["EPRT |1|127.0.0.2|%d|" % stray_port, "PORT 127,0,0,2,%d,%d" % divmod(stray_port, 256)]
         for cmd in bad:
             self.assertFalse(c.cmd(cmd).startswith(b"200"), cmd)
         c.send("NLST\r\n")
         good.settimeout(10)
         good.accept()[0].close()
         stray.settimeout(0.5)
-        with self.assertRaises(socket.timeout):
-            stray.accept()
+        self.assertRaises(socket.timeout, stray.accept)
         for sock in (c, good, stray):
             sock.close()
 
@@ -164,10 +158,10 @@ class SecondRoundTest(unittest.TestCase):
         b = logged_in(d.port)  # alice's only slot is free again
         self.assertEqual(a.cmd("USER alice"), b"331 User name okay, need password.\r\n")
         self.assertNotEqual(a.cmd("PASS secret1")[:3], b"230")  # b holds it now
-        self.assertEqual(self.alice_slots(d), 1)
+        self.assertEqual(alice_slots(d), 1)
         a.close()
         b.close()
-        self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0))
+        self.assertTrue(wait_until(lambda: alice_slots(d) == 0))
 
     @each_profile
     def test_a_client_that_leaves_while_its_data_connection_is_awaited_frees_its_slot(self, profile, d):
@@ -179,10 +173,10 @@ class SecondRoundTest(unittest.TestCase):
             time.sleep(0.2)
             a.close()
             # The session ends at once, not at the idle time-out: the slot is free.
-            self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
+            self.assertTrue(wait_until(lambda: alice_slots(d) == 0, timeout=15), verb)
             self.assertEqual([n for n in os.listdir(os.path.join(d.flash, "top")) if n.startswith(".")], [])
             logged_in(d.port).close()
-            self.assertTrue(wait_until(lambda: self.alice_slots(d) == 0, timeout=15), verb)
+            self.assertTrue(wait_until(lambda: alice_slots(d) == 0, timeout=15), verb)
 
     @each_profile
     def test_the_top_directory_is_neither_removed_nor_renamed(self, profile, d):
@@ -201,12 +195,10 @@ class SecondRoundTest(unittest.TestCase):
             self.assertEqual(r, b"522 Network protocol not supported, use (1).\r\n")
         elif has_ipv6():
             port = int(r.split(b"|||")[1].split(b"|")[0])
-            with self.assertRaises(OSError):
-                socket.create_connection(("::1", port), timeout=2).close()
+            self.assertRaises(OSError, socket.create_connection, ("::1", port), 2)
         c.close()
         if has_ipv6():
-            v6 = RawClient(d.port, host="::1")
-            v6.login("bob", "secret2")  # alice's one slot may not be given back yet
+            v6 = RawClient(d.port, host="::1").login("bob", "secret2")  # alice's one slot may not be given back yet
             self.assertEqual(v6.cmd("PASV"), b"425 Can't open data connection.\r\n")
             v6.close()
 

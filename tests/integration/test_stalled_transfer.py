@@ -7,12 +7,13 @@
 # time-out too. Other clients are served meanwhile, logged-in sessions go on, and descriptors and memory
 # come back to where they were.
 
+import contextlib
 import socket
 import threading
 import time
 import unittest
 
-from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, expect, half_handshake, logged_in,
+from ftps_harness import (Daemon, DaemonTestCase, RawClient, ends, expect, greeted, half_handshake, logged_in,
                           memory_idle, pasv_connect, wait_until, whole_session)
 
 SMALL = b"x" * 100000
@@ -21,19 +22,16 @@ SMALL = b"x" * 100000
 def keep_sending(sock, piece):
     # Sends piece every five seconds until the daemon closes the connection.
     def run():
-        try:
+        with contextlib.suppress(OSError):
             for _ in range(40):
                 sock.send(piece)
                 time.sleep(5)
-        except OSError:
-            pass
     threading.Thread(target=run, daemon=True).start()
 
 
 def stalled_transfer(port, setup, verb, timeout=10):
     # A transfer under way (150) to a client that does not read: its small receive buffer is soon full.
-    c = RawClient(port, timeout=timeout)
-    c.login()
+    c = RawClient(port, timeout=timeout).login()
     c.cmd(setup)
     data = pasv_connect(c, rcvbuf=4096)
     c.send(verb + "\r\n")
@@ -58,31 +56,24 @@ class TimeoutTest(DaemonTestCase):
         baseline = self.d.descriptors()
         # The idle time-out is read when a session starts: this one keeps the ten minutes and so
         # shows that the login time-out no longer applies once logged in.
-        busy = RawClient(self.d.port, timeout=150)
-        busy.login()
+        busy = RawClient(self.d.port, timeout=150).login()
         self.assertEqual(self.d.cli("ftp-server timeout 1"), (0, ""))
 
         deaf = socket.socket()
         deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         deaf.connect(("127.0.0.1", self.d.port))
         deaf.settimeout(2)
-        try:
+        with contextlib.suppress(OSError):
             while True:  # until the daemon, blocked on its replies, stops reading
                 deaf.send(b"HELP\r\n" * 50)
-        except OSError:
-            pass
-        silent = RawClient(self.d.port, timeout=150)
-        self.assertTrue(silent.reply().startswith(b"220 "))
-        chatty, trickle = RawClient(self.d.port), RawClient(tls_daemon.port)
-        for c, piece in ((chatty, b"SYST\r\n"), (trickle, b"N")):
-            self.assertTrue(c.reply().startswith(b"220 "))
-            keep_sending(c.sock, piece)
+        silent, chatty, trickle = greeted(self.d.port, timeout=150), greeted(self.d.port), greeted(tls_daemon.port)
+        keep_sending(chatty.sock, b"SYST\r\n")
+        keep_sending(trickle.sock, b"N")
 
         stalled, data_connections = zip(*(stalled_transfer(self.d.port, "TYPE I", verb, timeout=150)
                                           for verb in ("RETR big.bin", "LIST many")))
-        waiting = [RawClient(self.d.port, timeout=150) for _ in range(3)]
+        waiting = [RawClient(self.d.port, timeout=150).login() for _ in range(3)]
         for c, verb in zip(waiting, ("RETR f.txt", "LIST", "STOR never.bin")):
-            c.login()
             self.assertTrue(c.cmd("PASV").startswith(b"227 "))
             c.send(verb + "\r\n")
         start = time.time()

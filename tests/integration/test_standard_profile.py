@@ -7,26 +7,22 @@
 # transfers and ranges: test_real_clients.py.
 
 import os
-import socket
 import time
 import unittest
 
-from ftps_harness import (DaemonTestCase, RawClient, ftp_session, greeted, has_ipv6, logged_in,
-                          memory_idle, pasv_connect, read_file, reset, start_upload, transfer, wait_until)
+from ftps_harness import (DaemonTestCase, RawClient, free_port, ftp_session, greeted, has_ipv6, logged_in,
+                          memory_idle, read_file, reset, start_upload, transfer, wait_until)
+from test_stalled_transfer import stalled_transfer
 
 GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
-BAD_LINE = b"500 Syntax error, command unrecognized.\r\n"
-NOOP_OK = b"200 NOOP ok.\r\n"
-NOT_IMPLEMENTED = b"502 Command not implemented.\r\n"
-OUT_OF_SEQUENCE = b"503 Bad sequence of commands.\r\n"
+BAD_LINE, NOOP_OK = b"500 Syntax error, command unrecognized.\r\n", b"200 NOOP ok.\r\n"
+NOT_IMPLEMENTED, OUT_OF_SEQUENCE = b"502 Command not implemented.\r\n", b"503 Bad sequence of commands.\r\n"
 USER_OK, LOGGED_IN = b"331 User name okay, need password.\r\n", b"230 User logged in, proceed.\r\n"
 NOT_LOGGED_IN, BAD_ARGS = b"530 Not logged in.\r\n", b"501 Syntax error in parameters or arguments.\r\n"
 PORT_OK, BAD_EPRT = b"200 PORT Command okay.\r\n", b"500 Illegal EPRT Command.\r\n"
 CHMOD_OK = b"200 SITE CHMOD command successful.\r\n"
 
-DATA = os.urandom(300_000)
-OLD = b"the old version\n" * 1000
-N = 100_000
+DATA, OLD, N = os.urandom(300_000), b"the old version\n" * 1000, 100_000
 BINARY = b"150 Opening BINARY mode data connection.\r\n"
 SENT = BINARY + b"226 Closing data connection.\r\n"
 STORED = BINARY + b"226 Transfer complete.\r\n"
@@ -106,17 +102,11 @@ def listed(c, verb):
     # The entry names of a listing that must succeed (the last field of LIST lines).
     replies, data = transfer(c, verb)
     assert replies.startswith(b"150 ") and replies.endswith(b"226 Closing data connection.\r\n"), replies
-    lines = data.decode().splitlines()
-    return {l.split(None, 8)[8] if verb.startswith("LIST") else l for l in lines}
+    return {l.split(None, 8)[8] if verb.startswith("LIST") else l for l in data.decode().splitlines()}
 
 
 def port_to_nowhere(c):
-    # PORT naming a local port nobody listens on.
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return c.cmd("PORT 127,0,0,1,%d,%d" % (port >> 8, port & 255))
+    return c.cmd("PORT 127,0,0,1,%d,%d" % divmod(free_port(), 256))
 
 
 class ProfileCase(DaemonTestCase):
@@ -231,11 +221,7 @@ class StandardProfileTest(ProfileCase):
         # ABOR ends a running download at once (426, then 226); IAC IAC and CR NUL are one 0xFF and a CR
         # in names. (ABOR after the Telnet interrupt and synch: the BSD clients of test_real_clients.py.)
         self.d.put("big.bin", os.urandom(64 << 20))
-        c = logged_in(self.d.port)
-        c.cmd("TYPE I")
-        data = pasv_connect(c, rcvbuf=4096)
-        c.send("RETR big.bin\r\n")
-        self.assertTrue(c.reply().startswith(b"150 "))
+        c, data = stalled_transfer(self.d.port, "TYPE I", "RETR big.bin")
         data.recv(4096)
         c.send("ABOR\r\n")
         self.assertEqual(c.reply() + c.reply(), b"426 Connection closed; transfer aborted.\r\n"
@@ -313,13 +299,7 @@ class StandardProfileTest(ProfileCase):
         self.assertTrue(memory_idle(self.d), self.d.memory_in_use())
 
     def test_mlsd_facts_match_the_files(self):
-        def check(path, facts):
-            st, is_dir = os.stat(path), os.path.isdir(path)
-            self.assertEqual((facts["type"], facts.get("size"), facts["modify"], facts["unique"]),
-                             ("dir" if is_dir else "file", None if is_dir else str(st.st_size),
-                              time.strftime("%Y%m%d%H%M%S", time.gmtime(st.st_mtime)),
-                              "%xU%x" % (st.st_dev, st.st_ino)))
-
+        # MLST: its form in the table of replies, its path resolution that of the listings.
         perms = {"a.txt": "adfrw", "ro.txt": "dfr", "sub": "cdeflmp", "locked": "defl"}
         ftp = ftp_session(self.d.port)
         for sub in ("", "sub"):
@@ -327,10 +307,11 @@ class StandardProfileTest(ProfileCase):
             top = os.path.join(self.d.flash, sub)
             self.assertEqual(set(entries), set(os.listdir(top)))  # dot files, never "." and ".."
             for name, facts in entries.items():
-                with self.subTest(name=name):
-                    check(os.path.join(top, name), facts)
-                    self.assertEqual(facts["perm"], perms.get(name, facts["perm"]))
-        # MLST: its form in the table of replies, its path resolution that of the listings.
+                st, is_dir = os.stat(os.path.join(top, name)), os.path.isdir(os.path.join(top, name))
+                self.assertEqual((facts["type"], facts.get("size"), facts["modify"], facts["unique"], facts["perm"]),
+                                 ("dir" if is_dir else "file", None if is_dir else str(st.st_size),
+                                  time.strftime("%Y%m%d%H%M%S", time.gmtime(st.st_mtime)),
+                                  "%xU%x" % (st.st_dev, st.st_ino), perms.get(name, facts["perm"])), name)
         ftp.quit()
 
     def test_mlsd_lines_end_in_one_crlf_in_either_type(self):
@@ -363,7 +344,6 @@ class StandardProfileTest(ProfileCase):
             ("I", N + 1, "STOR", DATA[:N], DATA[N:], BEYOND_END, b"", DATA[:N]),
             ("I", N, "STOR", None, DATA[N:], BEYOND_END, b"", None),
             ("A", N, "STOR", DATA[:N], DATA[N:], REST_IN_ASCII, b"", DATA[:N]),
-            ("I", None, "APPE", DATA[:N], DATA[N:], STORED, b"", DATA),
             ("I", None, "APPE", None, DATA, STORED, b"", DATA),
             ("A", None, "APPE", b"one\n", b"two\r\n", ASCII_STORED, b"", b"one\ntwo\n"),
             # APPE writes at the end whatever REST said.
@@ -400,9 +380,8 @@ class StandardProfileTest(ProfileCase):
                 self.put("keep.bin", OLD)
                 c = self.session()
                 data = start_upload(c, "keep.bin", DATA[:N])
-                # Meanwhile the bytes go to a hidden file: the target is as it was.
+                # Interrupted once the bytes go to a hidden file.
                 self.assertTrue(wait_until(lambda: len(self.hidden()) == 1), os.listdir(self.path('')))
-                self.assertEqual(self.content("keep.bin"), OLD)
                 # The temporary file is gone before the failure reply.
                 self.assertEqual(interrupt(c, data), ABORTED)
                 self.assertEqual((self.content("keep.bin"), self.hidden()), (OLD, []))
@@ -420,7 +399,6 @@ class StandardProfileTest(ProfileCase):
         rel = "/".join(("d" * 200, "e" * 200, "f" * (490 - len(self.path("")) - 402)))
         os.makedirs(self.path(rel))
         c = self.session()
-        c.cmd("TYPE I")
         self.assertTrue(transfer(c, "STOR %s/x" % rel, b"x")[0].startswith(b"553 "))
         self.assertEqual(os.listdir(self.path(rel)), [])
         c.close()
