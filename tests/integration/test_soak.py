@@ -3,13 +3,12 @@
 # after login, in a download, an upload or a listing, with a half-sent line) and hostile ones (a
 # half-closed control connection, a third party on the passive port, a wrong password, replies
 # never read), and against a second daemon serving FTPS a TLS mix (whole protected sessions,
-# floods of unauthenticated handshakes, KeyUpdate floods, uploads cut without the closing alert,
-# garbage instead of a ClientHello, plain data connections under PROT P). One session of each kind
-# runs before the baseline. Afterwards memory and descriptors of both daemons are at the baseline, no
+# strangers first on a protected data port, floods of unauthenticated handshakes, KeyUpdate floods,
+# uploads cut without the closing alert, garbage instead of a ClientHello, plain data connections
+# under PROT P). One session of each kind runs before the baseline. Afterwards memory and descriptors of both daemons are at the baseline, no
 # temporary or partial file is left, and both still serve. The long form runs for twenty minutes.
 # (Passive ports flooded or left unused, names too long for their real path: test_hostile_clients.py,
-# memory checked after them too; a stranger first on a protected data port: test_tls_attacks.py, a
-# failed data handshake here being the plain data connection's.)
+# memory checked after them too.)
 
 # ctest-labels: long
 
@@ -26,9 +25,9 @@ import time
 import unittest
 from functools import partial
 
-from ftps_harness import (Daemon, RawClient, ends, expect, in_parallel, memory_idle, pasv_connect, pasv_port, reset,
-                          tls_handshake, wait_until, whole_session)
-from test_tls_attacks import cut_upload, final_reply, key_update_flood, retrieved, tls_session
+from ftps_harness import (Daemon, RawClient, client_context, ends, expect, in_parallel, memory_idle, pasv_connect,
+                          pasv_port, reset, tls_handshake, wait_until, whole_session)
+from test_tls_attacks import cut_upload, final_reply, key_update_flood, retrieved, stranger_first, tls_session
 
 SMALL = os.urandom(48 * 1024)
 TOP = "s" * 40  # the served directory, below the flash's root
@@ -148,6 +147,13 @@ def tls_whole(port, user, tag):
     ftp.quit()
 
 
+def tls_first_comer(port, user, tag):
+    # A stranger at the client's address, first on its protected data port, with a session of its own.
+    ftp = tls_login(port, user)
+    assert stranger_first(ftp, "RETR small.bin", client_context())[::2] == (b"", "425"), "the stranger was served"
+    ftp.quit()
+
+
 def tls_handshake_flood(port, user, tag):
     for _ in range(10):
         try:
@@ -200,7 +206,7 @@ def tls_plain_data(port, user, tag):
     ftp.quit()
 
 
-TLS_KINDS = [tls_whole, tls_whole, tls_handshake_flood, tls_key_updates, tls_cut_upload,
+TLS_KINDS = [tls_whole, tls_whole, tls_first_comer, tls_handshake_flood, tls_key_updates, tls_cut_upload,
              tls_garbage_hello, tls_plain_data]
 
 
