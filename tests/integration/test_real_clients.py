@@ -220,7 +220,6 @@ class RealClientCase:
                 with self.step(family=family, passive=passive):
                     name = "py-%s-%s.bin" % (family, passive)
                     ftp = ftp_session(self.d.port, host, cls=self.ftplib_class)
-                    self.assertEqual(ftp.getwelcome(), "220 TESTSW FTP server <version 1.00> ready.")
                     ftp.set_pasv(passive)
                     ftp.storbinary("STOR " + name, io.BytesIO(data))
                     self.assertSameBytes(read_file(self.served(name)), data, "STOR")
@@ -228,24 +227,17 @@ class RealClientCase:
                     ftp.retrbinary("RETR " + name, got.write)
                     self.assertSameBytes(got.getvalue(), data, "RETR")
                     self.assertIn(name, ftp.nlst())
-                    for path, entry in (("", name), ("tree", "one MiB.bin")):
-                        lines = []
-                        ftp.retrlines("LIST " + path, lines.append)
-                        self.assertTrue(any(l.endswith(" " + entry) and l.startswith("-rw") for l in lines), lines)
                     ftp.rename(name, name + ".moved")
                     ftp.delete(name + ".moved")
                     self.assertEqual([n for n in os.listdir(self.served()) if n.startswith(name)], [])
                     ftp.quit()
 
-    def test_curl_upload_download_list_rename(self):
-        # In curl's default mode: ftplib above runs every data-connection mode.
+    def test_curl_upload_download(self):
+        # In curl's default mode: ftplib above runs every data-connection mode, and renames and deletes.
         src, name = read_file(os.path.join(self.tree, "one MiB.bin")), "curl.bin"
         self.curl("-T", os.path.join(self.tree, "one MiB.bin"), self.url(name))
         self.assertSameBytes(read_file(self.served(name)), src, "curl upload")
         self.assertSameBytes(self.curl(self.url(name)), src, "curl download")
-        self.assertIn(name.encode(), self.curl(self.url()))
-        self.curl("-Q", "RNFR " + name, "-Q", "RNTO " + name + ".x", "-Q", "DELE " + name + ".x", self.url())
-        self.assertEqual([n for n in os.listdir(self.served()) if n.startswith(name)], [])
 
     def test_rclone_copy_both_ways(self):
         source, served = self.rclone_source(), self.served("rclone", "copy")
@@ -325,8 +317,7 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
     def test_bsd_clients_navigate_and_interrupt_a_download(self):
         # GNU inetutils ftp and tnftp on a terminal: pwd, mkdir, cd and Ctrl-C during a get, which
         # sends Telnet's interrupt and synch and ABOR; the session goes on.
-        with open(self.served("sparse.bin"), "wb") as f:
-            f.truncate(20 << 30)
+        os.truncate(write_file(self.served("sparse.bin")), 20 << 30)
         self.addCleanup(os.unlink, self.served("sparse.bin"))
         # Each line typed once the one before has its reply (tnftp shows pwd's path in words of its own).
         steps = [("user %s %s" % (USER, PASSWORD), "230 "), ("binary", "200 "), ("mkdir bsd", '257 "/bsd"'),
@@ -412,12 +403,8 @@ class DeviceProfileClients(ClearTextClientCase, DaemonTestCase):
     def rclone_source(self):
         # A flat directory into one that exists: the device answers LIST of a missing directory
         # 150 and then 550, which rclone takes for a failure rather than for "not found".
-        flat = self.local("flat")
-        os.makedirs(flat, exist_ok=True)
-        for name in TREE_FILES:
-            if "/" not in name:
-                shutil.copy2(os.path.join(self.tree, name), flat)
-        return flat
+        return shutil.copytree(self.tree, self.local("flat"),
+                               ignore=lambda top, names: [n for n in names if os.path.isdir(os.path.join(top, n))])
 
 
 class ExplicitTlsClients(RealClientCase, DaemonTestCase):
