@@ -10,11 +10,10 @@ import re
 import signal
 import subprocess
 import termios
-import time
 import unittest
 
 from ftps_harness import (CLI, DAEMON, MEMORY_ROWS, START_WAIT, Daemon, DaemonTestCase, RawClient, Terminal,
-                          logged_in, read_file)
+                          logged_in, read_file, wait_until)
 
 TYPE_WORD_REFUSED = ("% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
                      "password type\n")
@@ -111,9 +110,7 @@ class ManagementTest(Configuration, DaemonTestCase):
         def type(keys):
             # Only once the editor has the terminal (no canonical mode): keys typed before that are
             # echoed and buffered by the terminal itself, as type-ahead is.
-            deadline = time.time() + START_WAIT
-            while termios.tcgetattr(t.fd)[3] & termios.ICANON and time.time() < deadline:
-                t.read(0.01)
+            wait_until(lambda: not termios.tcgetattr(t.fd)[3] & termios.ICANON or t.read(0.01), START_WAIT, 0)
             t.type(keys)
 
         def run(line):
@@ -165,8 +162,7 @@ class RestartTest(Configuration, unittest.TestCase):
 
     def test_no_tmpdir_does_not_start(self):
         self.assertEqual(self.d.cli("show ftp-server")[0], 2, "no daemon: 2")
-        env = self.d.env()
-        del env["TMPDIR"]
+        env = {k: v for k, v in self.d.env().items() if k != "TMPDIR"}
         self.assertEqual(subprocess.run([DAEMON], env=env, capture_output=True, timeout=30).returncode, 0)
         self.assertFalse(self.d.port_open())
 
