@@ -4,6 +4,7 @@
 # client's real address in logs and limits) and from nobody else; the transfer log, reopened on SIGHUP. (HAProxy
 # in front of two daemons, with the passive address and port range it forwards: test_haproxy.py.)
 
+import contextlib
 import os
 import re
 import signal
@@ -14,14 +15,10 @@ from ftps_harness import DaemonTestCase, RawClient, ends, greeted, transfer, wai
 USERS = """
 [user reader]
 password = read3r
-online_amount = 10
-login_mode = 0x10
 home = flash:/homes/reader
 write = no
 [user writer]
 password = wr1ter
-online_amount = 10
-login_mode = 0x10
 home = flash:/homes/writer
 max_rate = 100000
 """
@@ -36,11 +33,9 @@ def silent_end(sock, timeout=15):
     # What the peer sent before it closed (a reset counts as closed).
     sock.settimeout(timeout)
     got = b""
-    try:
+    with contextlib.suppress(ConnectionResetError):
         while chunk := sock.recv(4096):
             got += chunk
-    except ConnectionResetError:
-        pass
     return got
 
 
@@ -98,8 +93,7 @@ class OperationsTest(DaemonTestCase):
             h.close()
         self.assertTrue(wait_until(lambda: greeted(self.d.port).close() is None))
         # The per-user default is the session limit: more sessions of one user than the device's 10.
-        many = [self.login("alice", "secret1", source="127.0.0.%d" % i) for i in range(10, 22)]
-        for m in many:
+        for m in [self.login("alice", "secret1", source="127.0.0.%d" % i) for i in range(10, 22)]:
             m.close()
 
     def test_proxy_protocol_from_the_balancer_only(self):
