@@ -47,9 +47,7 @@ server test {{
     pap
   }}
   authenticate {{
-    Auth-Type PAP {{
-      pap
-    }}
+    Auth-Type PAP {{ pap }}
   }}
 }}
 """
@@ -79,10 +77,8 @@ class RadiusTest(unittest.TestCase):
         cls.addClassCleanup(cls.radius.stop)
 
     def daemon(self, lists, server):
-        platform = {"radius.server": server, "radius.secret": SECRET, "radius.timeout": "1",
-                    "radius.retries": "1"}
-        for name, methods in lists.items():
-            platform["aaa.list." + name] = methods
+        platform = {"radius.server": server, "radius.secret": SECRET, "radius.timeout": "1", "radius.retries": "1",
+                    **{"aaa.list." + name: methods for name, methods in lists.items()}}
         return Daemon(extra_platform=platform, user_database=LOCAL_DB).start_for(self)
 
     def test_answering_server(self):
