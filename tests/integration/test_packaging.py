@@ -8,12 +8,10 @@ import shutil
 import ssl
 import stat
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BUILD_DIR, Daemon, read_file  # noqa: E402
+from ftps_harness import BUILD_DIR, Daemon, read_file, write_file
 
 INSTALLED = dict.fromkeys(("usr/sbin/ftp_server.elf", "usr/bin/ftps-cli"), 0o755) | dict.fromkeys((
     "usr/share/man/man8/ftp_server.elf.8", "usr/share/man/man8/ftps-cli.8", "usr/share/man/man5/ftps-platform.5",
@@ -74,17 +72,14 @@ class InstallTest(unittest.TestCase):
             self.assertTrue(ftp.auth().startswith("234"))
             self.assertEqual(ftp.voidcmd("PBSZ 0"), "200 PBSZ=0")
             ftp.close()
-            d.stop()
 
     @unittest.skipIf(shutil.which("systemd-analyze") is None, "systemd-analyze is not installed")
     def test_unit_passes_systemd_analyze_verify(self):
         # The unit as installed, started from the program below DESTDIR; its man pages are found
         # there too. verify reports problems but exits 0 for many, so its output must be empty.
         text = read_file(self.path("lib/systemd/system/ftp_server.service")).decode()
-        unit = os.path.join(self.dir, "unit", "ftp_server.service")
-        os.makedirs(os.path.dirname(unit), exist_ok=True)
-        with open(unit, "w") as f:
-            f.write(text.replace("ExecStart=/usr/sbin/", "ExecStart=%s/" % self.path("usr/sbin")))
+        unit = write_file(os.path.join(self.dir, "unit", "ftp_server.service"),
+                          text.replace("ExecStart=/usr/sbin/", "ExecStart=%s/" % self.path("usr/sbin")))
         env = dict(os.environ, MANPATH=self.path("usr/share/man"))
         r = subprocess.run(["systemd-analyze", "verify", unit], env=env, capture_output=True, text=True,
                            timeout=120)
@@ -92,9 +87,7 @@ class InstallTest(unittest.TestCase):
 
     def test_example_startup_configuration_replays_cleanly(self):
         lines = read_file(self.path("usr/share/doc/ftps/examples/startup.conf")).decode().splitlines()
-        d = Daemon(startup=lines, enable=False, topdir=None)
-        self.addCleanup(d.cleanup)
-        d.start()
+        d = Daemon(startup=lines, enable=False, topdir=None).start_for(self)
         rc, out = d.cli("show running-config")
         self.assertEqual(rc, 0, out)
         for line in ("ftp-server topdir flash:/", "ftp-server username operator password ChangeMe2024",
