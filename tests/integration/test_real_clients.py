@@ -333,7 +333,6 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
                     t.type(keys if keys == "\x03" else keys + "\r")
                     t.expect(lambda s: re.search(shown, s[start:]), "%r after %r" % (shown, keys), CLIENT_TIMEOUT)
                 self.assertIn("426 Connection closed; transfer aborted.", t.text())
-                self.assertFalse(os.path.exists(self.served("bsd")))
 
     def test_curl_resume_and_ranges(self):
         data = os.urandom(3_000_000)
@@ -362,19 +361,14 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
         self.run_client([clients.binary("ncftpput"), "-R", "-V", "-m", *login, "/ncftpput/into", self.tree])
         self.assertSameTree(self.tree, self.served("ncftpput", "into", "tree"), "the tree ncftpput -R uploaded")
 
-    def test_basic_ftp_list_upload_download(self):
+    def test_basic_ftp_upload_and_download_dirs(self):
+        # downloadToDir parses the MLSD of every directory it takes (the facts themselves:
+        # test_standard_profile.py).
         remote, down = "basic-ftp/up load", self.local("basic-ftp-down")
         job = {"host": "127.0.0.1", "port": self.d.port, "user": USER, "password": PASSWORD, "verbose": True,
-               "steps": [["list", "tree"], ["list", "tree/ünïcödé"],
-                         ["uploadFromDir", self.tree, remote], ["downloadToDir", down, remote]]}
+               "steps": [["uploadFromDir", self.tree, remote], ["downloadToDir", down, remote]]}
         # A failed step exits 1: its number and error in the output, the client's log in its errors.
-        r = self.run_client([clients.binary("node"), "basic_ftp_steps.js", json.dumps(job)], cwd=clients.node_dir())
-        listed, sub = json.loads(r.out.strip().splitlines()[-1])["results"][:2]
-        self.assertEqual({e["name"]: ("dir" if e["isDirectory"] else e["size"]) for e in listed},
-                         {name: "dir" if v == "dir" else v[0] for name, v in snapshot(self.tree).items()
-                          if "/" not in name}, "basic-ftp list(\"tree\")\n" + self.conversation())
-        self.assertEqual([(e["name"], e["size"]) for e in sub if e["isFile"]], [("Grüße €.txt", 77)],
-                         "basic-ftp list(\"tree/ünïcödé\")")
+        self.run_client([clients.binary("node"), "basic_ftp_steps.js", json.dumps(job)], cwd=clients.node_dir())
         self.assertSameTree(self.tree, self.served(remote), "the tree basic-ftp uploadFromDir uploaded")
         self.assertSameTree(self.tree, down, "the tree basic-ftp downloadToDir downloaded")
 
