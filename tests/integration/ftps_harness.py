@@ -57,12 +57,10 @@ def free_udp_port():
 
 
 def has_ipv6():
-    try:
-        with socket.socket(socket.AF_INET6) as s:
-            s.bind(("::1", 0))
+    with contextlib.suppress(OSError), socket.socket(socket.AF_INET6) as s:
+        s.bind(("::1", 0))
         return True
-    except OSError:
-        return False
+    return False
 
 
 class Daemon:
@@ -132,18 +130,16 @@ class Daemon:
                                                                    self.proc.communicate()[1].decode()))
 
     def cli_ok(self):
-        try:
+        with contextlib.suppress(subprocess.TimeoutExpired):
             return self.cli("show ftp-server memory", timeout=5)[0] == 0
-        except subprocess.TimeoutExpired:
-            return False
+        return False
 
     def port_open(self, family=socket.AF_INET):
         host = "::1" if family == socket.AF_INET6 else "127.0.0.1"
-        try:
+        with contextlib.suppress(OSError):
             socket.create_connection((host, self.port), 1).close()
             return True
-        except OSError:
-            return False
+        return False
 
     def cli(self, *lines, timeout=30):
         args = [CLI] + [arg for line in lines for arg in ("-c", line)]
@@ -250,11 +246,9 @@ def write_file(path, data=b""):
 
 
 def read_file(path):
-    try:
-        with open(path, "rb") as f:
-            return f.read()
-    except FileNotFoundError:
-        return None
+    # None for a missing file.
+    with contextlib.suppress(FileNotFoundError), open(path, "rb") as f:
+        return f.read()
 
 
 def read_text(path):
@@ -338,10 +332,9 @@ class RawClient:
     def closed(self, timeout=5):
         # Closed by the server without anything more sent.
         self.sock.settimeout(timeout)
-        try:
+        with contextlib.suppress(ConnectionResetError, socket.timeout):
             return self.sock.recv(1) == b""
-        except (ConnectionResetError, socket.timeout):
-            return False
+        return False
 
     def close(self):
         self.sock.close()
