@@ -283,9 +283,7 @@ class BackEnd:
             raise AssertionError("%s not ready: %s" % (argv[0], text))
 
     def output(self):
-        self.out.flush()
-        with open(self.out.name, errors="replace") as f:
-            return f.read()
+        return read_text(self.out.name)
 
     def stop(self):
         self.proc.terminate()  # nothing if it has ended

@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from ftps_harness import Daemon, greeted, has_ipv6, logged_in, wait_until, write_file
+from ftps_harness import Daemon, expect, greeted, has_ipv6, logged_in, wait_until, write_file
 
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 FILTER = os.path.join(TOP, "packaging", "fail2ban", "filter.d", "ftps.conf")
@@ -24,8 +24,7 @@ class Fail2banFilterTest(unittest.TestCase):
     def failed_login(self, host, user, password="wrong", then=()):
         c = greeted(self.d.port, host=host)
         c.cmd("USER " + user)
-        reply = c.cmd("PASS " + password)
-        self.assertTrue(reply.startswith(b"530"), reply)
+        expect(c.cmd("PASS " + password), b"530")
         for command in then:
             c.cmd(command)
         c.close()

@@ -25,7 +25,6 @@ MEMORY_HEAD = ("\nFTPD Dynamic Memory Usage:\n"
                + ROW % ("---------------", "------------", "--------", "--------", "--------"))
 
 PROMPT = "TESTSW# "
-KILL_LINE = "\x15"  # Ctrl-U
 
 
 def listing(text):
@@ -125,7 +124,7 @@ class ManagementTest(Configuration, DaemonTestCase):
             start = len(t.text())
             type(partial + "?")
             shown = t.expect(lambda s: s[start:].endswith(PROMPT + partial), "the line again after '?'")
-            type(KILL_LINE)
+            type("\x15")  # Ctrl-U: the line goes
             return shown[start:]
 
         login = ("login", "Specify login of FTP Server waits for FTP client's command")

@@ -6,11 +6,10 @@
 
 import contextlib
 import os
-import re
 import signal
 import unittest
 
-from ftps_harness import DaemonTestCase, RawClient, ends, greeted, transfer, wait_until
+from ftps_harness import DaemonTestCase, RawClient, ends, greeted, read_text, transfer, wait_until
 
 USERS = """
 [user reader]
@@ -123,9 +122,9 @@ class OperationsTest(DaemonTestCase):
         transfer(c, "STOR logged.bin", b"x" * 1000)
         c.cmd("TYPE I")
         transfer(c, "RETR logged.bin")
-        lines = open(self.xferlog).read().splitlines()
-        self.assertTrue(re.search(r" 127\.0\.0\.1 1000 /logged\.bin a _ i r writer ftp 0 \* c$", lines[-2]), lines)
-        self.assertTrue(re.search(r" 127\.0\.0\.1 1000 /logged\.bin b _ o r writer ftp 0 \* c$", lines[-1]), lines)
+        # The upload (ASCII, in), then the download (binary, out), as the last two lines.
+        self.assertRegex(read_text(self.xferlog), r" 127\.0\.0\.1 1000 /logged\.bin a _ i r writer ftp 0 \* c\n"
+                         r".* 127\.0\.0\.1 1000 /logged\.bin b _ o r writer ftp 0 \* c\n$")
         os.rename(self.xferlog, self.xferlog + ".1")
         self.d.proc.send_signal(signal.SIGHUP)
         self.assertTrue(wait_until(lambda: os.path.exists(self.xferlog)))
