@@ -48,8 +48,7 @@ class InstallTest(unittest.TestCase):
         conf = self.path("etc/ftps/platform.conf")
         self.assertEqual(read_file(conf), read_file(self.path("usr/share/doc/ftps/examples/platform.conf")))
         # An edited platform file survives a reinstall.
-        with open(conf, "a") as f:
-            f.write("[device]\nproduct_name = EDITED\n")
+        write_file(conf, read_file(conf) + b"[device]\nproduct_name = EDITED\n")
         install(self.root)
         self.assertTrue(read_file(conf).endswith(b"product_name = EDITED\n"))
         other = os.path.join(self.dir, "local")

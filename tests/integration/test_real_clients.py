@@ -84,6 +84,9 @@ class RealClientCase:
     rclone_options = ""      # lines of the rclone remote
     ftplib_class = ftplib.FTP
     maxDiff = None
+    # The daemon runs in a time zone far from UTC, so that a time given in local time where the
+    # protocol wants UTC (MDTM, MLSD/MLST modify) shows in what the clients do with it.
+    daemon_env = {"TZ": "XST-5:30"}
 
     @classmethod
     def setUpClass(cls):
@@ -268,8 +271,8 @@ class ClearTextClientCase(RealClientCase):
 
     def test_inetutils_ftp_takes_binary_type_from_syst(self):
         # put and get of a binary file without a `binary` command: the client must pick binary type
-        # from SYST's reply, so both transfers open in BINARY mode and no byte changes. Driven through
-        # standard input: -n (no auto-login) and a user command.
+        # from SYST's reply, or the line ends in the data change on the way. Driven through standard
+        # input: -n (no auto-login) and a user command.
         data = os.urandom(100_000) + b"a\r\nb\nc\rd\r\r\n\x00\xff" * 100 + b"\r"
         src, back = write_file(self.local("inetutils.src"), data), self.local("inetutils.back")
         script = "user %s %s\nput %s up.bin\nget up.bin %s\nquit\n" % (USER, PASSWORD, src, back)
@@ -277,15 +280,10 @@ class ClearTextClientCase(RealClientCase):
                             input=script.encode())
         self.assertSameBytes(read_file(self.served("up.bin")), data, "put\n" + r.out)
         self.assertSameBytes(read_file(back), data, "get\n" + r.out)
-        self.assertEqual(r.out.count("150 Opening BINARY mode data connection."), 2,
-                         "both transfers must run in binary type\n%s\n%s" % (r.out, self.conversation()))
 
 
 class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
     profile = "standard"
-    # The daemon runs in a time zone far from UTC, so that a time given in local time where the
-    # protocol wants UTC (MDTM, MLSD/MLST modify) shows in what the clients do with it.
-    daemon_env = {"TZ": "XST-5:30"}
 
     def rclone_more(self):
         # Compares the contents themselves: at the default concurrency (8 checkers) rclone holds more
@@ -354,8 +352,7 @@ class StandardProfileClients(ClearTextClientCase, DaemonTestCase):
     def test_ncftp_recursive_get_and_put(self):
         # ncftp 3.2 has no IPv6: it takes ::1 for an unknown host name.
         login = ["-u", USER, "-p", PASSWORD, "-P", str(self.d.port), "127.0.0.1"]
-        dest = self.local("ncftpget")
-        os.makedirs(dest)
+        os.makedirs(dest := self.local("ncftpget"))
         self.run_client([clients.binary("ncftpget"), "-R", "-V", *login, dest, "/tree"])
         self.assertSameTree(self.tree, os.path.join(dest, "tree"), "the tree ncftpget -R downloaded")
         self.run_client([clients.binary("ncftpput"), "-R", "-V", "-m", *login, "/ncftpput/into", self.tree])
@@ -408,7 +405,6 @@ class ExplicitTlsClients(RealClientCase, DaemonTestCase):
 
     profile = "standard"
     tls = True
-    daemon_env = {"TZ": "XST-5:30"}
     lftp_settings = "set ssl:verify-certificate no; set ftp:ssl-force true; "
     curl_flags = ["-k", "--ssl-reqd"]
     rclone_options = "explicit_tls = true\nno_check_certificate = true\n"
