@@ -29,9 +29,8 @@ PROMPT = "TESTSW# "
 
 def listing(text):
     # (name, help) pairs of a help listing: its rows are indented by two blanks.
-    rows = [re.split(r"\s{2,}", l.strip(), maxsplit=1) for l in text.split("\n")
+    return [tuple(re.split(r"\s{2,}", l.strip(), maxsplit=1) + [""])[:2] for l in text.split("\n")
             if l.startswith("  ") and l.strip()]
-    return [(r[0], r[1] if len(r) > 1 else "") for r in rows]
 
 
 class Configuration:

@@ -29,10 +29,8 @@ def receive(sock, messages, timeout, until=None):
 
 def task_named(pid, name):
     # Thread id of the daemon's thread with that name, or None.
-    for tid in os.listdir("/proc/%d/task" % pid):
-        if (read_file("/proc/%d/task/%s/comm" % (pid, tid)) or b"").strip() == name.encode():
-            return int(tid)
-    return None
+    return next((int(tid) for tid in os.listdir("/proc/%d/task" % pid)
+                 if (read_file("/proc/%d/task/%s/comm" % (pid, tid)) or b"").strip() == name.encode()), None)
 
 
 class SystemdNotifyTest(unittest.TestCase):
