@@ -47,7 +47,9 @@ server test {{
     pap
   }}
   authenticate {{
-    Auth-Type PAP {{ pap }}
+    Auth-Type PAP {{
+      pap
+    }}
   }}
 }}
 """
