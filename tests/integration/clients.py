@@ -26,11 +26,7 @@ def _missing(client):
 
 def binary(name):
     # Absolute path of the client's program; name is a key of BINARIES.
-    for command in BINARIES[name]:
-        path = shutil.which(command)
-        if path:
-            return path
-    _missing(name)
+    return next(filter(None, map(shutil.which, BINARIES[name])), None) or _missing(name)
 
 
 def node_dir():

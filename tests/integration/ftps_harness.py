@@ -2,6 +2,7 @@
 # configuration and free control port, and drives it over sockets and ftps-cli.
 
 import concurrent.futures
+import contextlib
 import errno
 import fcntl
 import ftplib
@@ -56,12 +57,10 @@ def free_udp_port():
 
 
 def has_ipv6():
-    try:
-        with socket.socket(socket.AF_INET6) as s:
-            s.bind(("::1", 0))
+    with contextlib.suppress(OSError), socket.socket(socket.AF_INET6) as s:
+        s.bind(("::1", 0))
         return True
-    except OSError:
-        return False
+    return False
 
 
 class Daemon:
@@ -99,9 +98,7 @@ class Daemon:
                                           for name, keys in sections.items()))
 
     def env(self):
-        env = dict(os.environ)
-        env["TMPDIR"] = self.tmpdir
-        env["FTPS_PLATFORM"] = self.platform
+        env = dict(os.environ, TMPDIR=self.tmpdir, FTPS_PLATFORM=self.platform)
         env.pop("NOTIFY_SOCKET", None)
         if SANITIZED:
             # A sanitizer report must fail the test: ASan and UBSan end the daemon at the first
@@ -133,23 +130,19 @@ class Daemon:
                                                                    self.proc.communicate()[1].decode()))
 
     def cli_ok(self):
-        try:
+        with contextlib.suppress(subprocess.TimeoutExpired):
             return self.cli("show ftp-server memory", timeout=5)[0] == 0
-        except subprocess.TimeoutExpired:
-            return False
+        return False
 
     def port_open(self, family=socket.AF_INET):
         host = "::1" if family == socket.AF_INET6 else "127.0.0.1"
-        try:
+        with contextlib.suppress(OSError):
             socket.create_connection((host, self.port), 1).close()
             return True
-        except OSError:
-            return False
+        return False
 
     def cli(self, *lines, timeout=30):
-        args = [CLI]
-        for line in lines:
-            args += ["-c", line]
+        args = [CLI] + [arg for line in lines for arg in ("-c", line)]
         r = subprocess.run(args, env=self.env(), capture_output=True, timeout=timeout)
         return r.returncode, r.stdout.decode(errors="replace") + r.stderr.decode(errors="replace")
 
@@ -253,11 +246,9 @@ def write_file(path, data=b""):
 
 
 def read_file(path):
-    try:
-        with open(path, "rb") as f:
-            return f.read()
-    except FileNotFoundError:
-        return None
+    # None for a missing file.
+    with contextlib.suppress(FileNotFoundError), open(path, "rb") as f:
+        return f.read()
 
 
 def read_text(path):
@@ -292,18 +283,15 @@ class BackEnd:
             raise AssertionError("%s not ready: %s" % (argv[0], text))
 
     def output(self):
-        self.out.flush()
-        with open(self.out.name, errors="replace") as f:
-            return f.read()
+        return read_text(self.out.name)
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
+        self.proc.terminate()  # nothing if it has ended
+        try:
+            self.proc.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
         self.out.close()
         shutil.rmtree(self.dir, ignore_errors=True)
 
@@ -342,11 +330,9 @@ class RawClient:
     def closed(self, timeout=5):
         # Closed by the server without anything more sent.
         self.sock.settimeout(timeout)
-        try:
-            data = self.sock.recv(1)
-            return data == b""
-        except (ConnectionResetError, socket.timeout):
-            return False
+        with contextlib.suppress(ConnectionResetError, socket.timeout):
+            return self.sock.recv(1) == b""
+        return False
 
     def close(self):
         self.sock.close()
@@ -354,8 +340,7 @@ class RawClient:
     def login(self, user="alice", password="secret1"):
         self.reply()  # greeting
         assert self.cmd("USER " + user).startswith(b"331"), "USER refused"
-        r = self.cmd("PASS " + password)
-        assert r.startswith(b"230"), r
+        expect(self.cmd("PASS " + password), b"230")
         return self
 
     def pass_replies(self, user, password):
@@ -419,24 +404,18 @@ def reset(sock):
 
 def transfer(c, verb, upload=None):
     # (the replies as one byte string, the data read); sending or reading in vain goes on to the replies.
-    data = pasv_connect(c)
+    data, got = pasv_connect(c), bytearray()
     c.send(verb + "\r\n")
     first = c.reply()
-    got = bytearray()
     if first.startswith(b"150"):
-        data.settimeout(20)
-        try:
+        with contextlib.suppress(OSError):
             if upload is not None:
                 data.sendall(upload)
             else:
                 while chunk := data.recv(65536):
                     got += chunk
-        except OSError:
-            pass
-        data.close()
-        return first + c.reply(), bytes(got)
     data.close()
-    return first, b""
+    return (first + c.reply() if first.startswith(b"150") else first), bytes(got)
 
 
 def start_upload(c, name, first=b"", type_cmd="TYPE I"):
@@ -444,8 +423,7 @@ def start_upload(c, name, first=b"", type_cmd="TYPE I"):
     c.cmd(type_cmd)
     data = pasv_connect(c)
     c.send("STOR %s\r\n" % name)
-    r = c.reply()
-    assert r.startswith(b"150 "), r
+    expect(c.reply(), b"150 ")
     data.sendall(first)
     return data
 
@@ -532,10 +510,8 @@ def half_handshake(port):
     c = greeted(port, timeout=150)
     expect(c.cmd("AUTH TLS"), b"234 AUTH TLS OK.\r\n")
     bios = ssl.MemoryBIO(), ssl.MemoryBIO()
-    try:
+    with contextlib.suppress(ssl.SSLWantReadError):
         client_context().wrap_bio(*bios).do_handshake()
-    except ssl.SSLWantReadError:
-        pass
     hello = bios[1].read()
     c.send(hello[:len(hello) // 2])
     return c
@@ -567,20 +543,16 @@ class Terminal:
         return re.sub(r"\x1b\[[0-9;?]*[A-Za-z]|\r|\x07", "", self.raw.decode(errors="replace"))
 
     def expect(self, predicate, what, timeout=START_WAIT):
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            if predicate(self.text()):
-                return self.text()
-            self.read(0.1)
-        raise AssertionError("terminal never showed %s; it shows:\n%s" % (what, self.text()[-3000:]))
+        # read() gives None: the predicate is asked again after every read.
+        if not wait_until(lambda: predicate(self.text()) or self.read(0.1), timeout, 0):
+            raise AssertionError("terminal never showed %s; it shows:\n%s" % (what, self.text()[-3000:]))
+        return self.text()
 
     def type(self, keys):
         os.write(self.fd, keys.encode())
 
     def close(self):
-        try:
+        with contextlib.suppress(OSError):
             os.kill(self.pid, signal.SIGKILL)
             os.waitpid(self.pid, 0)
-        except OSError:
-            pass
         os.close(self.fd)

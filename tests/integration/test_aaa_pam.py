@@ -10,7 +10,6 @@ import unittest
 
 from ftps_harness import Daemon
 
-OK = b"230 User logged in, proceed.\r\n"
 REJECTED = [b"530 Password access denied.\r\n"] * 2
 
 
@@ -27,7 +26,7 @@ class PamTest(unittest.TestCase):
             self.addCleanup(os.unlink, f.name)
             f.write("auth     required pam_unix.so\naccount  required pam_unix.so\n")
         d = Daemon(extra_platform={"pam.service": service, "aaa.list.default": "pam"}).start_for(self)
-        self.assertEqual(d.attempt(user, password)[1], [OK])
+        self.assertEqual(d.attempt(user, password)[1], [b"230 User logged in, proceed.\r\n"])
         self.assertEqual(d.attempt(user, password + "x")[1], REJECTED)
         self.assertEqual(d.attempt("ftpst-no-such-user", password)[1], REJECTED)
 

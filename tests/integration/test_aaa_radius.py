@@ -66,8 +66,6 @@ OK = b"230 User logged in, proceed.\r\n"
 REJECTED = [b"530 Password access denied.\r\n"] * 2
 NOT_LOGGED_IN = [b"530 Not logged in.\r\n", b"530 Password access denied.\r\n"]
 
-LOCAL_DB = "[user localbob]\npassword = localpass1\n"
-
 
 @unittest.skipIf(RADIUSD is None, "FreeRADIUS is not installed (scripts/setup.sh installs it)")
 class RadiusTest(unittest.TestCase):
@@ -79,11 +77,9 @@ class RadiusTest(unittest.TestCase):
         cls.addClassCleanup(cls.radius.stop)
 
     def daemon(self, lists, server):
-        platform = {"radius.server": server, "radius.secret": SECRET, "radius.timeout": "1",
-                    "radius.retries": "1"}
-        for name, methods in lists.items():
-            platform["aaa.list." + name] = methods
-        return Daemon(extra_platform=platform, user_database=LOCAL_DB).start_for(self)
+        platform = {"radius.server": server, "radius.secret": SECRET, "radius.timeout": "1", "radius.retries": "1",
+                    **{"aaa.list." + name: methods for name, methods in lists.items()}}
+        return Daemon(extra_platform=platform, user_database="[user localbob]\npassword = localpass1\n").start_for(self)
 
     def test_answering_server(self):
         d = self.daemon({"default": "radius", "open": "none radius"}, "127.0.0.1:%d" % self.radius.port)

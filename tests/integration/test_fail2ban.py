@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from ftps_harness import Daemon, RawClient, has_ipv6, logged_in, wait_until
+from ftps_harness import Daemon, expect, greeted, has_ipv6, logged_in, wait_until, write_file
 
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 FILTER = os.path.join(TOP, "packaging", "fail2ban", "filter.d", "ftps.conf")
@@ -22,11 +22,9 @@ LINE = '%FTPSRV-5-LOGIN_FAIL: Failed login for user "a" from 10.0.0.{}.'
 
 class Fail2banFilterTest(unittest.TestCase):
     def failed_login(self, host, user, password="wrong", then=()):
-        c = RawClient(self.d.port, host)
-        c.reply()
+        c = greeted(self.d.port, host=host)
         c.cmd("USER " + user)
-        reply = c.cmd("PASS " + password)
-        self.assertTrue(reply.startswith(b"530"), reply)
+        expect(c.cmd("PASS " + password), b"530")
         for command in then:
             c.cmd(command)
         c.close()
@@ -60,11 +58,9 @@ class Fail2banFilterTest(unittest.TestCase):
         self.assertIn("(RECV)   SITE " + LINE.format(4), log)  # the forged line is there, in a debug line
         self.assertEqual(self.banned(self.d.log), expected)
         # The same lines as syslog files have them: the time, the host, the ident and pid.
-        syslog = os.path.join(self.d.dir, "syslog")
         stamp = time.strftime("%b %d %H:%M:%S")
-        with open(syslog, "w") as f:
-            for line in log.splitlines():
-                f.write("%s testhost ftp_server[4242]: %s\n" % (stamp, line.split(" ", 2)[2]))
+        syslog = write_file(os.path.join(self.d.dir, "syslog"), "".join(
+            "%s testhost ftp_server[4242]: %s\n" % (stamp, line.split(" ", 2)[2]) for line in log.splitlines()))
         self.assertEqual(self.banned(syslog), expected)
 
 

@@ -10,11 +10,10 @@ import re
 import signal
 import subprocess
 import termios
-import time
 import unittest
 
 from ftps_harness import (CLI, DAEMON, MEMORY_ROWS, START_WAIT, Daemon, DaemonTestCase, RawClient, Terminal,
-                          logged_in, read_file)
+                          logged_in, read_file, wait_until)
 
 TYPE_WORD_REFUSED = ("% Password cannot begin with the word 0 or 7, which the saved configuration reads as the "
                      "password type\n")
@@ -26,14 +25,12 @@ MEMORY_HEAD = ("\nFTPD Dynamic Memory Usage:\n"
                + ROW % ("---------------", "------------", "--------", "--------", "--------"))
 
 PROMPT = "TESTSW# "
-KILL_LINE = "\x15"  # Ctrl-U
 
 
 def listing(text):
     # (name, help) pairs of a help listing: its rows are indented by two blanks.
-    rows = [re.split(r"\s{2,}", l.strip(), maxsplit=1) for l in text.split("\n")
+    return [tuple(re.split(r"\s{2,}", l.strip(), maxsplit=1) + [""])[:2] for l in text.split("\n")
             if l.startswith("  ") and l.strip()]
-    return [(r[0], r[1] if len(r) > 1 else "") for r in rows]
 
 
 class Configuration:
@@ -111,9 +108,7 @@ class ManagementTest(Configuration, DaemonTestCase):
         def type(keys):
             # Only once the editor has the terminal (no canonical mode): keys typed before that are
             # echoed and buffered by the terminal itself, as type-ahead is.
-            deadline = time.time() + START_WAIT
-            while termios.tcgetattr(t.fd)[3] & termios.ICANON and time.time() < deadline:
-                t.read(0.01)
+            wait_until(lambda: not termios.tcgetattr(t.fd)[3] & termios.ICANON or t.read(0.01), START_WAIT, 0)
             t.type(keys)
 
         def run(line):
@@ -128,7 +123,7 @@ class ManagementTest(Configuration, DaemonTestCase):
             start = len(t.text())
             type(partial + "?")
             shown = t.expect(lambda s: s[start:].endswith(PROMPT + partial), "the line again after '?'")
-            type(KILL_LINE)
+            type("\x15")  # Ctrl-U: the line goes
             return shown[start:]
 
         login = ("login", "Specify login of FTP Server waits for FTP client's command")
@@ -165,8 +160,7 @@ class RestartTest(Configuration, unittest.TestCase):
 
     def test_no_tmpdir_does_not_start(self):
         self.assertEqual(self.d.cli("show ftp-server")[0], 2, "no daemon: 2")
-        env = self.d.env()
-        del env["TMPDIR"]
+        env = {k: v for k, v in self.d.env().items() if k != "TMPDIR"}
         self.assertEqual(subprocess.run([DAEMON], env=env, capture_output=True, timeout=30).returncode, 0)
         self.assertFalse(self.d.port_open())
 
@@ -186,7 +180,7 @@ class RestartTest(Configuration, unittest.TestCase):
 
     def test_plain_and_type7_passwords_survive_write_and_restart(self):
         os.makedirs(os.path.join(self.d.flash, "pub"))
-        self.d.start()
+        self.d.start_for(self)  # the last start's exit status is checked too
         # Written back in plain text, a password whose first word is 0 or 7 would replay as that
         # password type: it is refused, in both forms; other plain passwords replay as typed.
         self.refused("ftp-server username amy password 0 7 Ab12", TYPE_WORD_REFUSED)
@@ -221,7 +215,6 @@ class RestartTest(Configuration, unittest.TestCase):
             self.assertEqual(c.cmd("PWD"), b'257 Current working directory is "/".\r\n')
             c.close()
         self.assertIn("topdir : flash:/pub\n", self.d.cli("show ftp-server")[1])
-        self.assertEqual(self.d.stop(), 0, self.d.stderr[-4000:])
 
 
 if __name__ == "__main__":

