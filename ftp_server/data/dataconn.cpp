@@ -215,8 +215,7 @@ ssize_t read_file(int fd, char *p, size_t len) {
 
 }  // namespace
 
-// One phase's event waiter (an accounted block of its own): the descriptors are registered once
-// and changed only when what is waited for changes, not once per wait.
+// One phase's event waiter (an accounted block of its own).
 class ftp_xfer_waiter {
   public:
     explicit ftp_xfer_waiter(bool made = true) : ep_(made ? ftpd_epoll_create() : nullptr) {}
@@ -229,7 +228,7 @@ class ftp_xfer_waiter {
     // on time-out, -1 on failure; ready[i] tells which.
     int wait(const int *fds, const uint32_t *events, int n, int timeout_ms, bool *ready) {
         for (int i = 0; i < n; i++)
-            if (!watch(i, events[i] != 0 ? fds[i] : -1, events[i])) return -1;
+            if (ftpd_epoll_watch(ep_, i, events[i] != 0 ? fds[i] : -1, events[i]) != 0) return -1;
         int r;
         do {
             r = epoll_wait(ep_->efd, ep_->ev, FTP_EPOLL_MAX, timeout_ms);
@@ -237,29 +236,12 @@ class ftp_xfer_waiter {
         for (int i = 0; i < n; i++) ready[i] = false;
         for (int k = 0; k < r; k++)
             for (int i = 0; i < n; i++)
-                if (ep_->ev[k].data.fd == fd_[i] && fd_[i] >= 0) ready[i] = true;
+                if (ep_->armed_fd[i] >= 0 && ep_->ev[k].data.fd == ep_->armed_fd[i]) ready[i] = true;
         return r;
     }
 
   private:
-    bool watch(int slot, int fd, uint32_t events) {
-        if (fd == fd_[slot] && events == ev_[slot]) return true;
-        if (fd_[slot] >= 0 && fd != fd_[slot]) epoll_ctl(ep_->efd, EPOLL_CTL_DEL, fd_[slot], nullptr);
-        if (fd >= 0) {
-            struct epoll_event ev {};
-            ev.events = events;
-            ev.data.fd = fd;
-            int op = fd == fd_[slot] ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-            if (epoll_ctl(ep_->efd, op, fd, &ev) != 0) return false;
-        }
-        fd_[slot] = fd;
-        ev_[slot] = events;
-        return true;
-    }
-
     struct ftp_epoll_s *ep_;
-    int fd_[3] = {-1, -1, -1};
-    uint32_t ev_[3] = {0, 0, 0};
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -26,6 +26,7 @@ struct ftp_epoll_s *ftpd_epoll_create(void) {
         return nullptr;
     }
     epoll->first_time = true;
+    for (int &fd : epoll->armed_fd) fd = -1;
     return epoll;
 }
 
@@ -39,30 +40,46 @@ int ftpd_epoll(struct ftp_epoll_s *epoll, int mode) {
 
     for (int i = 0; i < FTP_EPOLL_MAX && epoll->fd[i] != 0; i++) {
         uint32_t events = mode_events(epoll->mode[i] != 0 ? epoll->mode[i] : mode);
-        // Registrations last: a descriptor is changed only when what it is waited for changes.
-        if (!epoll->first_time && epoll->armed[i] == events) continue;
-        memset(&epoll->ev[i], 0, sizeof epoll->ev[i]);
-        epoll->ev[i].data.fd = epoll->fd[i];
-        epoll->ev[i].events = events;
-        int op = epoll->first_time ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
-        int ret = epoll_ctl(epoll->efd, op, epoll->fd[i], &epoll->ev[i]);
-        if (ret != 0) {
+        int failed;
+        if (epoll->fd[i] < 0) {
+            // -1 here is a descriptor to register, and fails as one.
+            errno = EBADF;
+            failed = epoll->first_time ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+        } else {
+            failed = ftpd_epoll_watch(epoll, i, epoll->fd[i], events);
+        }
+        if (failed != 0) {
             char errtext[128];
             const char *why = strerror_r(errno, errtext, sizeof errtext);
-            if (op == EPOLL_CTL_ADD)
-                FTPD_LOG_PRO("(%s) epoll_ctl, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i, epoll->fd[i], ret,
+            if (failed == EPOLL_CTL_ADD)
+                FTPD_LOG_PRO("(%s) epoll_ctl, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i, epoll->fd[i], -1,
                              why);
             else
-                FTPD_LOG_PRO("(%s) epoll_ctl MOD, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i, epoll->fd[i], ret,
+                FTPD_LOG_PRO("(%s) epoll_ctl MOD, fd set failed [%d](%d)[%d] %s.\n", "ftpd_epoll", i, epoll->fd[i], -1,
                              why);
             return -1;
         }
-        epoll->armed[i] = events;
     }
     epoll->first_time = false;
 
     epoll->wait_n = epoll_wait(epoll->efd, epoll->ev, FTP_EPOLL_MAX, epoll->timeout * 1000);
     return epoll->wait_n;
+}
+
+int ftpd_epoll_watch(struct ftp_epoll_s *epoll, int slot, int fd, uint32_t events) {
+    int old = epoll->armed_fd[slot];
+    if (fd == old && events == epoll->armed[slot]) return 0;
+    if (old >= 0 && fd != old) epoll_ctl(epoll->efd, EPOLL_CTL_DEL, old, nullptr);
+    if (fd >= 0) {
+        struct epoll_event ev {};
+        ev.events = events;
+        ev.data.fd = fd;
+        int op = fd == old ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+        if (epoll_ctl(epoll->efd, op, fd, &ev) != 0) return op;
+    }
+    epoll->armed_fd[slot] = fd;
+    epoll->armed[slot] = events;
+    return 0;
 }
 
 // A hang-up or error counts as readiness of either kind: the caller's read or write then reports

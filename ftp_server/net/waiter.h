@@ -12,13 +12,17 @@ struct ftp_epoll_s {
     int mode[FTP_EPOLL_MAX];  // per descriptor; 0: the mode of the call
     int efd;
     struct epoll_event ev[FTP_EPOLL_MAX];
-    uint32_t armed[FTP_EPOLL_MAX];  // the events each descriptor is registered for
+    int armed_fd[FTP_EPOLL_MAX];  // what each slot is registered for (-1: nothing)
+    uint32_t armed[FTP_EPOLL_MAX];
     bool first_time;
     int timeout;  // seconds
     int wait_n;
 };
 struct ftp_epoll_s *ftpd_epoll_create(void);
 int ftpd_epoll(struct ftp_epoll_s *epoll, int mode);
+// Keeps slot registered for fd with events (fd -1: for nothing), changing the registration only
+// when either changes, not once per wait. 0, or the epoll_ctl operation that failed.
+int ftpd_epoll_watch(struct ftp_epoll_s *epoll, int slot, int fd, uint32_t events);
 bool ftpd_epoll_event(const struct ftp_epoll_s *epoll, int fd, int mode);
 int ftpd_epoll_destroy(struct ftp_epoll_s *epoll);
 
