@@ -92,6 +92,25 @@ struct ftp_data_addrs {
     struct sockaddr_in6 pasv_addrv6 {};
 };
 
+// The session's pipe for spliced uploads: made by the first, kept between uploads at its default
+// size, widened for an upload that fills it and narrowed again after it.
+class ftp_upload_pipe {
+  public:
+    // Made when there is none yet; false when none can be.
+    bool ready();
+    void widen(int size);
+    // After an upload: kept when it was left empty, given back otherwise.
+    void settle(bool empty);
+    void close();
+    int out() const { return out_.get(); }
+    int in() const { return in_.get(); }
+    size_t size() const { return size_; }
+
+  private:
+    unique_fd out_, in_;
+    size_t size_ = 0, base_ = 0;
+};
+
 class ftp_dataconn;
 class ftp_xfer_waiter;
 // Moves the bytes of one transfer over the open connection.
@@ -137,8 +156,9 @@ class ftp_dataconn {
     // block of blk bytes. raw: as it is, whatever the type.
     ftp_move send_file(int file, size_t blk, bool raw = false);
     // Everything the client sends, into the file at its offset (appending when it is opened so);
-    // in ASCII type CR LF becomes LF.
-    ftp_move receive_file(int file);
+    // in ASCII type CR LF becomes LF. plain: the file is known to be a regular one, not opened for
+    // appending.
+    ftp_move receive_file(int file, bool plain = false);
     off_t bytes() const { return bytes_; }
     bool is_protected() const { return stream_.is_protected(); }
 
@@ -157,15 +177,16 @@ class ftp_dataconn {
     ftp_move between_chunks();
     ftp_move keep_rate(size_t bytes);
     ftp_move send_all(const char *p, size_t len);
-    ftp_move send_pages(int file);
+    ftp_move send_pages(int file, off_t size_hint);
     ftp_move send_kernel_tls(int file);
-    ftp_move receive_loop(int file, ftpd_block &buf, ftpd_block &converted);
+    ftp_move receive_loop(int file, bool splicing, ftpd_block &buf, ftpd_block &converted);
     ftp_move send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk);
 
     const ftp_data_env *env_ = nullptr;    // during a transfer
     ftp_xfer_waiter *waiter_ = nullptr;    // the waits of the current phase, when it has one
     unique_fd listener_;
     ftp_stream stream_;
+    ftp_upload_pipe pipe_;
     bool has_target_ = false;
     struct sockaddr_storage target_ {};
     ftp_data_addrs addrs_;

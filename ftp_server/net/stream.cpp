@@ -29,9 +29,10 @@ int ftp_poll(struct pollfd *fds, nfds_t n, int timeout_ms) {
     }
 }
 
-void ftp_stream::reset(int fd) {
+void ftp_stream::reset(int fd, bool nonblocking) {
     close();
     fd_.reset(fd);
+    nonblocking_ = nonblocking;
 }
 
 void ftp_stream::close() {
@@ -39,7 +40,7 @@ void ftp_stream::close() {
     tls_ = nullptr;
     if (!fd_) return;
     int on = 1;
-    ioctl(fd_.get(), FIONBIO, &on);
+    if (!nonblocking_) ioctl(fd_.get(), FIONBIO, &on);
     fd_.reset();
 }
 

@@ -22,8 +22,8 @@ class ftp_stream {
 
     int fd() const { return fd_.get(); }
     explicit operator bool() const { return static_cast<bool>(fd_); }
-    // Takes fd over, closing what the stream held.
-    void reset(int fd = -1);
+    // Takes fd over, closing what the stream held; nonblocking: fd is already in that mode.
+    void reset(int fd = -1, bool nonblocking = false);
     // Gives the TLS state back (a closing alert only where it goes out at once), then closes the
     // socket without lingering: a client that stopped reading cannot hold the close.
     void close();
@@ -51,6 +51,7 @@ class ftp_stream {
 
   private:
     unique_fd fd_;
+    bool nonblocking_ = false;
     ftp_tls *tls_ = nullptr;
     bool want_write_ = false;  // the last plain call that had to wait was a send
 };

@@ -124,9 +124,10 @@ class upload_temp {
 enum class upload_kind { overwrite, replace, resume, append };
 
 // Opens what an upload writes, before any data connection. The descriptor, or -1 after the
-// refusal was sent. For a replacement, temp holds the new file.
+// refusal was sent. For a replacement, temp holds the new file; missing: the target is known not
+// to be there.
 int open_upload(ftp_session &s, const char *name, const char *path, upload_kind kind, upload_temp &temp,
-                char *temp_buf, size_t temp_size) {
+                char *temp_buf, size_t temp_size, bool missing) {
     struct stat st;
     if (kind == upload_kind::overwrite) {
         int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -137,7 +138,7 @@ int open_upload(ftp_session &s, const char *name, const char *path, upload_kind 
         // The checks that opening the target in place would make, without touching it; a name
         // the file system cannot hold is refused before any data moves.
         const char *base = strrchr(path, '/');
-        bool exists = stat(path, &st) == 0;
+        bool exists = !missing && stat(path, &st) == 0;
         if (strlen(base != nullptr ? base + 1 : path) > NAME_MAX) {
             reply_code(s, "553", "%s open fail.", name);
             return -1;
@@ -189,7 +190,8 @@ struct upload_run {
 // it (the device's emptied target, a replacement's temporary); in place, what arrived stays.
 ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
     auto *run = static_cast<upload_run *>(ctx);
-    ftp_move m = dc.receive_file(run->file);
+    // A replacement's temporary is a new regular file.
+    ftp_move m = dc.receive_file(run->file, run->kind == upload_kind::replace);
     if (m != ftp_move::done) {
         if (run->kind == upload_kind::overwrite) unlink(run->path);
         if (run->kind == upload_kind::replace) run->temp->discard();
@@ -203,10 +205,13 @@ ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
 }
 
 // Where a link that the upload replaces leads (it stays beneath the top directory: the name was
-// resolved so): the target's path into out. False when path is no link.
-bool link_target(const char *path, char *out, size_t cap) {
+// resolved so): the target's path into out. False when path is no link; *missing when nothing is
+// there.
+bool link_target(const char *path, char *out, size_t cap, bool *missing) {
     struct stat st;
-    if (lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+    bool found = lstat(path, &st) == 0;
+    *missing = !found && errno == ENOENT;
+    if (!found || !S_ISLNK(st.st_mode)) return false;
     char resolved[PATH_MAX];
     if (realpath(path, resolved) != nullptr) return ftpd_strlcpy(out, resolved, cap);
     // A link to a name not there yet: the name, beside the link when relative.
@@ -234,10 +239,11 @@ bool store(ftp_session &s, bool append) {
                                                : upload_kind::replace;
     // The standard profile writes through a link to what it names, as writing in place would.
     char through[FTP_PATH_HALF];
-    if (kind == upload_kind::replace && s.policy.links_as_entries && link_target(path, through, sizeof through))
+    bool missing = false;
+    if (kind == upload_kind::replace && s.policy.links_as_entries && link_target(path, through, sizeof through, &missing))
         path = through;
     upload_temp temp;
-    unique_fd file(open_upload(s, name, path, kind, temp, temp_buf, kPathLen));
+    unique_fd file(open_upload(s, name, path, kind, temp, temp_buf, kPathLen, missing));
     if (!file) return true;
     upload_run run{file.get(), kind, &temp, path};
     char log_name[FTP_PATH_HALF];
