@@ -1097,11 +1097,14 @@ def report(bench, args, left_out, load, commit):
         "encrypted by OpenSSL in the client. This daemon's TLS: %s. Negotiated: %s." % (tls_path(), negotiated or "-"),
         "How this daemon moves the bytes measured here: a binary download of a regular file goes out "
         "by sendfile, 256 KiB per call, without a cork; a binary upload into a regular file is "
-        "spliced from the connection through a 1 MiB pipe into the file, which is synced to its "
+        "spliced from the connection through the session's pipe (its default size, widened to 1 MiB "
+        "for an upload that fills it) into the file, which is synced to its "
         "storage before the transfer's reply; ASCII and protected data pass through its own "
-        "buffers (protected downloads go through kernel TLS where the kernel offers it). TLS, RADIUS and "
+        "buffers (protected downloads go through kernel TLS where the kernel offers it, and their "
+        "records go out with Nagle's algorithm on until the last). TLS, RADIUS and "
         "the SNMP sender are modules loaded only when the platform file configures them: the plain "
-        "instances run without them, the TLS instance with the TLS module only.",
+        "instances run without them, the TLS instance with the TLS module only; the C++ runtime is "
+        "linked into the daemon.",
         "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
         "began, %.1f when it ended). Single transfers on this virtual machine swing by tens of "
         "percent; the interleaved medians keep the comparison fair, not exact." % (

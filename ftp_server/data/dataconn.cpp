@@ -285,6 +285,7 @@ void ftp_dataconn::release() {
 
 ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring, int pause_ms) {
     const ftp_data_env &env = *env_;
+    unseen_ = 0;
     int fds[3] = {fd, env.control->stream.fd(), env.stop_fd};
     short want[3] = {events, env.watch != nullptr ? env.watch->events(transferring) : static_cast<short>(0),
                      static_cast<short>(env.stop_fd >= 0 ? POLLIN : 0)};
@@ -329,8 +330,12 @@ ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring, int paus
     return ftp_move::done;
 }
 
-ftp_move ftp_dataconn::between_chunks() {
-    return wait_fd(-1, 0, true);
+// A wait for the client watches the control connection and the stop channel too; a look without
+// one is due only once enough has moved since, so that a small transfer costs no extra call and a
+// stream that never pauses still hears ABOR.
+ftp_move ftp_dataconn::between_chunks(size_t moved) {
+    unseen_ += moved;
+    return unseen_ < kLookEvery ? ftp_move::done : wait_fd(-1, 0, true);
 }
 
 // With a rate limit: the pause the bytes just moved call for, the control connection and the stop
@@ -356,7 +361,9 @@ int ftp_dataconn::accept_passive() {
     // As for the transfer that follows: the device waits through a waiter of its own, lean by poll.
     ftp_xfer_waiter waiter(!env.lean);
     waiter_ = env.lean ? nullptr : &waiter;
-    while ((env.lean || waiter) && !fd) {
+    // Lean, the connection is taken first if it is there: clients mostly connect before they
+    // send the command.
+    for (bool wait = !env.lean; (env.lean || waiter) && !fd; wait = true) {
         long long left = deadline - ftp_now_ms();
         if (left <= 0) {
             FTPD_LOG_PRO("Time out.\n");
@@ -365,7 +372,7 @@ int ftp_dataconn::accept_passive() {
         ftp_data_env limited = env;
         limited.idle_ms = static_cast<int>(left);
         env_ = &limited;
-        ftp_move w = wait_fd(listener_.get(), POLLIN, false);
+        ftp_move w = wait ? wait_fd(listener_.get(), POLLIN, false) : ftp_move::done;
         env_ = &env;
         if (w == ftp_move::stopped || w == ftp_move::control_gone) {
             waiter_ = nullptr;
@@ -499,9 +506,6 @@ int ftp_dataconn::connect_active() {
 int ftp_dataconn::protect() {
     const ftp_data_env &env = *env_;
     if (!env.protect || env.control_tls == nullptr) return 0;
-    // The closing alert of a download goes out behind its last bytes without waiting for their
-    // acknowledgement.
-    set_int(stream_.fd(), IPPROTO_TCP, TCP_NODELAY, 1);
     char why[160] = {0};
     ftp_tls *t = ftp_tls_accept(stream_.fd(), env.idle_ms, env.control_tls, why, sizeof why);
     if (t != nullptr) {
@@ -520,6 +524,7 @@ int ftp_dataconn::protect() {
 int ftp_dataconn::open(const ftp_data_env &env) {
     env_ = &env;
     bytes_ = 0;
+    unseen_ = 0;
     rate_ = ftp_rate_limit(env.max_rate);
     opened_ms_ = ftp_now_ms();
     open_mode_ = listening() ? ftp_data_mode::passive : ftp_data_mode::active;
@@ -537,7 +542,11 @@ int ftp_dataconn::open(const ftp_data_env &env) {
 
 int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
     const ftp_data_env &env = *env_;
-    // The closing alert tells the client that it has every byte.
+    // The closing alert tells the client that it has every byte. Records go out with Nagle's
+    // algorithm on, so that four records fill one segment on loopback (TCP_NODELAY made every
+    // record a push of its own and cost a quarter more CPU per byte); the last bytes and the
+    // alert go out now, without waiting for an acknowledgement.
+    if (stream_.is_protected()) set_int(stream_.fd(), IPPROTO_TCP, TCP_NODELAY, 1);
     if (how == ftp_move::done && stream_.is_protected() && ftp_tls_finish(stream_.tls(), env.idle_ms) != 0)
         how = ftp_move::failed;
     if (stream_.is_protected())
@@ -619,21 +628,20 @@ ftp_move ftp_dataconn::send_pages(int file, off_t size_hint) {
     struct stat st;
     // sendfile has no MSG_NOSIGNAL; SIGPIPE is ignored process-wide, so a peer that went away
     // fails the call.
-    size_t unseen = 0;  // sent since the last look at the control connection, or wait
+    size_t sent = 0;  // by the last call
     for (;;) {
         // At the known end, the next call finds end of file before anything else is looked at,
         // as a block read would. A file that grew (or reports no size) just goes on.
         bool at_end = off >= size_hint;
-        if (!at_end && unseen >= kLookEvery) {
-            unseen = 0;
-            ftp_move w = between_chunks();
+        if (!at_end) {
+            ftp_move w = between_chunks(sent);
             if (w != ftp_move::done) return w;
         }
         size_t want = at_end ? kSendfileChunk : static_cast<size_t>(size_hint - off);
         ssize_t n = sendfile(stream_.fd(), file, &off, rate_.chunk(want < kSendfileChunk ? want : kSendfileChunk));
         if (n > 0) {
             bytes_ += n;
-            unseen += static_cast<size_t>(n);
+            sent = static_cast<size_t>(n);
             if (at_end && fstat(file, &st) == 0) size_hint = st.st_size;
             ftp_move w = keep_rate(static_cast<size_t>(n));
             if (w != ftp_move::done) return w;
@@ -644,7 +652,7 @@ ftp_move ftp_dataconn::send_pages(int file, off_t size_hint) {
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
             ftp_move w = wait_fd(stream_.fd(), POLLOUT, true);
             if (w != ftp_move::done) return w;
-            unseen = 0;
+            sent = 0;
             continue;
         }
         // A connection that failed fails again in the copying path, which reports it; a file
@@ -661,7 +669,7 @@ ftp_move ftp_dataconn::send_kernel_tls(int file) {
     if (off < 0 || fstat(file, &st) != 0) return ftp_move::replied;
     for (;;) {
         if (off >= st.st_size && (fstat(file, &st) != 0 || off >= st.st_size)) return ftp_move::done;
-        ftp_move w = between_chunks();
+        ftp_move w = between_chunks(kLookEvery);  // a look before every call
         if (w != ftp_move::done) return w;
         size_t want = static_cast<size_t>(st.st_size - off);
         size_t chunk = rate_.chunk(kSendfileChunk);
@@ -688,7 +696,7 @@ ftp_move ftp_dataconn::send_copied(int file, size_t blk, bool ascii, char *buf, 
         ssize_t n = read_file(file, buf, rate_.chunk(chunk));
         if (n < 0) return ftp_move::input_error;
         if (n == 0) return ftp_move::done;
-        ftp_move w = between_chunks();
+        ftp_move w = between_chunks(static_cast<size_t>(n));
         if (w == ftp_move::done) w = keep_rate(static_cast<size_t>(n));
         if (w != ftp_move::done) return w;
         const char *out = buf;
@@ -771,16 +779,10 @@ ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ft
     };
     if (!splicing && !buffers()) return ftp_move::no_buffer;
     ftp_ascii_in carry;
-    // A wait for the client watches the control connection and the stop channel too; a look
-    // without one is due only once enough has arrived since, so that a small upload costs no
-    // extra call and a stream that never pauses still hears ABOR.
-    size_t unseen = 0;
-    for (;;) {
-        if (unseen >= kLookEvery) {
-            unseen = 0;
-            ftp_move look = between_chunks();
-            if (look != ftp_move::done) return look;
-        }
+    for (size_t got = 0;; ) {
+        ftp_move look = between_chunks(got);
+        if (look != ftp_move::done) return look;
+        got = 0;
         ssize_t n;
         if (splicing) {
             n = splice(stream_.fd(), nullptr, pipe_.in(), nullptr, rate_.chunk(pipe_.size()), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
@@ -810,10 +812,9 @@ ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ft
             if (errno != EAGAIN && errno != EWOULDBLOCK) return ftp_move::failed;
             ftp_move w = wait_fd(stream_.fd(), splicing ? POLLIN : stream_.wait_events(), true);
             if (w != ftp_move::done) return w;
-            unseen = 0;
             continue;
         }
-        unseen += static_cast<size_t>(n);
+        got = static_cast<size_t>(n);
         if (splicing) {
             for (ssize_t left = n; left > 0;) {
                 ssize_t m = splice(pipe_.out(), nullptr, file, nullptr, static_cast<size_t>(left), SPLICE_F_MOVE);

@@ -174,7 +174,8 @@ class ftp_dataconn {
     ftp_move wait_stream(bool transferring);
     // fd -1: a look without waiting; -2: a pause of pause_ms.
     ftp_move wait_fd(int fd, short events, bool transferring, int pause_ms = 0);
-    ftp_move between_chunks();
+    // Bytes moved since the last wait; a look at the control connection when enough have.
+    ftp_move between_chunks(size_t moved);
     ftp_move keep_rate(size_t bytes);
     ftp_move send_all(const char *p, size_t len);
     ftp_move send_pages(int file, off_t size_hint);
@@ -191,6 +192,7 @@ class ftp_dataconn {
     struct sockaddr_storage target_ {};
     ftp_data_addrs addrs_;
     off_t bytes_ = 0;
+    size_t unseen_ = 0;  // moved since the control connection was last watched
     ftp_rate_limit rate_;
     long long opened_ms_ = 0;
     ftp_data_mode open_mode_ = ftp_data_mode::none;
