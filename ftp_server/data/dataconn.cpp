@@ -551,7 +551,9 @@ int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
         how = ftp_move::failed;
     if (stream_.is_protected())
         FTPD_LOG_PRO("data connection protected, %s TLS.\n", ftp_tls_kernel_send(stream_.tls()) ? "kernel" : "user-space");
-    stream_.close();
+    // A complete upload's connection, which the client has ended, is closed after the reply the
+    // client waits for.
+    if (!env.upload || how != ftp_move::done) stream_.close();
     // Logged before the client hears the end, so that what it reads next is in the log.
     if (env.log_name != nullptr) {
         ftp_xferlog_record rec{time(nullptr), ftp_now_ms() - opened_ms_, env.client_text, bytes_, env.log_name,
@@ -589,6 +591,7 @@ int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
         case ftp_move::control_gone:
             break;
     }
+    stream_.close();
     if (env.slot_update != nullptr) env.slot_update(env.ctx);
     env_ = nullptr;
     return how == ftp_move::stopped || how == ftp_move::control_gone ? -1 : 0;
