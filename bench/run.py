@@ -1098,7 +1098,7 @@ def report(bench, args, left_out, load, commit):
         "How this daemon moves the bytes measured here: a binary download of a regular file goes out "
         "by sendfile, 256 KiB per call, without a cork; a binary upload into a regular file is "
         "spliced from the connection through the session's pipe (its default size, widened to 1 MiB "
-        "for an upload that fills it) into the file, which is synced to its "
+        "for an upload larger than that) into the file, which is synced to its "
         "storage before the transfer's reply; ASCII and protected data pass through its own "
         "buffers (protected downloads go through kernel TLS where the kernel offers it, and their "
         "records go out with Nagle's algorithm on until the last). TLS, RADIUS and "

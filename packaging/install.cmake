@@ -10,7 +10,7 @@ set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
 install(TARGETS ftp_server.elf RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS ftps-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The daemon's modules (TLS, RADIUS, SNMP), where it looks for them relative to itself.
-install(TARGETS ftps-tls ftps-radius ftps-snmp LIBRARY DESTINATION ${FTPS_MODULE_INSTALL_DIR})
+install(TARGETS ftps-tls ftps-radius ftps-pam ftps-snmp LIBRARY DESTINATION ${FTPS_MODULE_INSTALL_DIR})
 install(FILES ${CMAKE_SOURCE_DIR}/docs/man/ftp_server.elf.8 ${CMAKE_SOURCE_DIR}/docs/man/ftps-cli.8
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/man/ftps-platform.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)

@@ -1,17 +1,16 @@
-// The `pam` method: the PAM service of the platform file authenticates the name and password
-// (a conversation that answers the prompts) and then checks the account. PAM modules are not
-// all safe to run on several threads at once, so transactions are serialised; the delay that a
-// module asks for after a failure is served after the lock is given back.
-#include <security/pam_appl.h>
-
+// The `pam` method, the daemon's side: the PAM service of the platform file authenticates the
+// name and password through the PAM module (ftps-pam.so, libpam), loaded at the first PAM login:
+// a daemon whose method lists name no PAM never maps the library. PAM modules are not all safe to
+// run on several threads at once, so transactions are serialised; the delay that a module asks
+// for after a failure is served after the lock is given back.
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "aaa_method.h"
+#include "module.h"
+#include "modules.h"
 #include "platform_conf.h"
 #include "syslog_ext.h"
 
@@ -19,99 +18,38 @@ namespace {
 
 std::mutex g_pam_lock;
 
-struct conv_data {
-    const std::string *name;
-    const std::string *password;
-    unsigned delay_usec = 0;  // the failure delay the modules asked for
-};
-
-char *dup_text(const std::string &s) {
-    char *p = static_cast<char *>(malloc(s.size() + 1));
-    if (p != nullptr) memcpy(p, s.c_str(), s.size() + 1);
-    return p;
-}
-
-// Answers every hidden prompt with the password and every echoed prompt with the user name;
-// messages need no answer. PAM frees the answers.
-int conversation(int count, const struct pam_message **msgs, struct pam_response **out, void *appdata) {
-    if (count <= 0 || msgs == nullptr || out == nullptr || appdata == nullptr) return PAM_CONV_ERR;
-    auto *data = static_cast<conv_data *>(appdata);
-    auto *answers = static_cast<struct pam_response *>(calloc(static_cast<size_t>(count), sizeof(struct pam_response)));
-    if (answers == nullptr) return PAM_BUF_ERR;
-    for (int i = 0; i < count; i++) {
-        const std::string *text = nullptr;
-        switch (msgs[i]->msg_style) {
-            case PAM_PROMPT_ECHO_OFF:
-                text = data->password;
-                break;
-            case PAM_PROMPT_ECHO_ON:
-                text = data->name;
-                break;
-            default:
-                continue;  // PAM_ERROR_MSG, PAM_TEXT_INFO
-        }
-        answers[i].resp = dup_text(*text);
-        if (answers[i].resp == nullptr) {
-            for (int j = 0; j < i; j++) {
-                if (answers[j].resp == nullptr) continue;
-                explicit_bzero(answers[j].resp, strlen(answers[j].resp));
-                free(answers[j].resp);
-            }
-            free(answers);
-            return PAM_BUF_ERR;
-        }
-    }
-    *out = answers;
-    return PAM_SUCCESS;
-}
-
-void record_delay(int retval, unsigned usec, void *appdata) {
-    if (retval != PAM_SUCCESS && appdata != nullptr) static_cast<conv_data *>(appdata)->delay_usec = usec;
-}
-
-// Results that say the service itself could not do its work, as opposed to a refusal.
-bool unreachable(int rc) {
-    return rc == PAM_AUTHINFO_UNAVAIL || rc == PAM_SYSTEM_ERR || rc == PAM_BUF_ERR || rc == PAM_ABORT ||
-           rc == PAM_SERVICE_ERR || rc == PAM_CONV_ERR || rc == PAM_MODULE_UNKNOWN;
-}
-
 void log_pam(const char *step, const char *text) {
     printk_syslog_ext(4, "AAA", "PAM", LOG_CLASS_ALWAYS, "%s: %s", step, text != nullptr ? text : "");
+}
+
+// The module's table, or nullptr (logged once) when it cannot be had.
+const pam_ops *module() {
+    static std::once_flag once;
+    static const pam_ops *ops = nullptr;
+    std::call_once(once, [] {
+        char why[400] = {0};
+        ops = static_cast<const pam_ops *>(platform_module_load("pam", kPamModuleVersion, why, sizeof why));
+        if (ops == nullptr) log_pam("no PAM library", why);
+    });
+    return ops;
 }
 
 }  // namespace
 
 bool aaa_pam_authen(aaa_method_call *call, aaa_state_t *state) {
     if (call == nullptr || state == nullptr) return false;
+    const pam_ops *ops = module();
+    if (ops == nullptr) return false;
     const std::string service = platform_get().pam_service;
-    conv_data data{&call->name, &call->password};
-    struct pam_conv conv = {conversation, &data};
-    bool answered = false;
+    unsigned delay_usec = 0;
+    std::string why;
+    pam_result r;
     {
         std::lock_guard<std::mutex> lock(g_pam_lock);
-        pam_handle_t *pamh = nullptr;
-        int rc = pam_start(service.c_str(), call->name.c_str(), &conv, &pamh);
-        if (rc != PAM_SUCCESS || pamh == nullptr) {
-            log_pam("cannot start service", service.c_str());
-            if (pamh != nullptr) pam_end(pamh, rc);
-            return false;
-        }
-        pam_set_item(pamh, PAM_FAIL_DELAY, reinterpret_cast<const void *>(record_delay));
-        if (!call->rem_addr.empty() && call->rem_addr != "async") pam_set_item(pamh, PAM_RHOST, call->rem_addr.c_str());
-        pam_set_item(pamh, PAM_TTY, "ftp");
-        rc = pam_authenticate(pamh, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-        if (rc == PAM_SUCCESS) rc = pam_acct_mgmt(pamh, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-        if (rc == PAM_SUCCESS) {
-            *state = AAA_ACCEPT;
-            answered = true;
-        } else if (unreachable(rc)) {
-            log_pam(service.c_str(), pam_strerror(pamh, rc));
-        } else {
-            *state = AAA_REJECT;
-            answered = true;
-        }
-        pam_end(pamh, rc);
+        r = ops->authenticate(service, call, state, &delay_usec, &why);
     }
-    if (data.delay_usec > 0) std::this_thread::sleep_for(std::chrono::microseconds(data.delay_usec));
-    return answered;
+    if (r == pam_result::not_started) log_pam("cannot start service", service.c_str());
+    if (r == pam_result::unreachable) log_pam(service.c_str(), why.c_str());
+    if (delay_usec > 0) std::this_thread::sleep_for(std::chrono::microseconds(delay_usec));
+    return r == pam_result::answered;
 }

@@ -1,7 +1,8 @@
 // The tables of operations the daemon's modules hand over (see module.h): the TLS record layer
-// (OpenSSL), the RADIUS client (radcli) and the SNMP sender (net-snmp). Each module is built from
-// platform/modules/ with its library; the daemon's side of each service (tls.cpp, aaa_radius.cpp,
-// snmp_agent.cpp) keeps everything that needs no library and calls through the table. A change
+// (OpenSSL), the RADIUS client (radcli), the PAM transaction (libpam) and the SNMP sender
+// (net-snmp). Each module is built from platform/modules/ with its library; the daemon's side of
+// each service (tls.cpp, aaa_radius.cpp, aaa_pam.cpp, snmp_agent.cpp) keeps everything that needs
+// no library and calls through the table. A change
 // of a table changes its version, so that a stale module is refused rather than misread.
 #pragma once
 
@@ -47,6 +48,16 @@ struct radius_ops {
     // servers in the library's form (aaa_radius_server_list); *state is the verdict when answered.
     radius_result (*request)(const std::string &servers, int timeout, int retries, aaa_method_call *call,
                              aaa_state_t *state);
+};
+
+// One transaction of the PAM method.
+enum class pam_result { answered, not_started, unreachable };
+constexpr unsigned kPamModuleVersion = 1;
+struct pam_ops {
+    // *state is the verdict when answered; *delay_usec the delay a PAM module asked for after a
+    // failure; *why the library's text when unreachable. Not safe on two threads at once.
+    pam_result (*authenticate)(const std::string &service, aaa_method_call *call, aaa_state_t *state,
+                               unsigned *delay_usec, std::string *why);
 };
 
 // SNMPv2c notifications to one trap sink.

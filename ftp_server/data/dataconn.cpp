@@ -56,7 +56,7 @@ constexpr size_t kRecvBlock = 1024;
 // marked as having more to follow, so segments leave full without a cork. 256 KiB per call beat
 // 1 MiB per call and a 1 MiB spliced pipe on loopback, with zero-copy and copying clients alike.
 constexpr size_t kSendfileChunk = 256 * 1024;
-// Pipe of a binary upload spliced from the connection into the file, once an upload fills the
+// Pipe of a binary upload spliced from the connection into the file, once an upload passes the
 // pipe's default size: 1 MiB took a tenth to a fifth less CPU per byte than 256 KiB on loopback
 // (fewer, fuller splices), with both clients. Where the account's pipe pages run out, the pipe
 // keeps its default size and still splices.
@@ -825,9 +825,10 @@ ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ft
                 if (m <= 0) return ftp_move::write_error;
                 left -= m;
             }
-            // An upload that fills the pipe is a large one.
-            if (static_cast<size_t>(n) == pipe_.size()) pipe_.widen(kReceivePipe);
             bytes_ += n;
+            // An upload past the pipe's default size is a large one. (A splice may fill every
+            // slot of the pipe with less than its size in bytes.)
+            if (static_cast<size_t>(bytes_) >= pipe_.size()) pipe_.widen(kReceivePipe);
             ftp_move w = keep_rate(static_cast<size_t>(n));
             if (w != ftp_move::done) return w;
             continue;

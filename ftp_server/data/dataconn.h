@@ -93,7 +93,7 @@ struct ftp_data_addrs {
 };
 
 // The session's pipe for spliced uploads: made by the first, kept between uploads at its default
-// size, widened for an upload that fills it and narrowed again after it.
+// size, widened for an upload larger than that and narrowed again after it.
 class ftp_upload_pipe {
   public:
     // Made when there is none yet; false when none can be.

@@ -17,8 +17,9 @@ INSTALLED = dict.fromkeys(("usr/sbin/ftp_server.elf", "usr/bin/ftps-cli"), 0o755
     "lib/systemd/system/ftp_server.service", "usr/share/doc/ftps/examples/platform.conf",
     "usr/share/doc/ftps/examples/startup.conf", "etc/ftps/platform.conf", "etc/fail2ban/filter.d/ftps.conf",
     "etc/fail2ban/jail.d/ftps.conf",
-    # The modules the daemon loads when TLS, RADIUS or trap sinks are configured.
-    "usr/lib/ftps/ftps-tls.so", "usr/lib/ftps/ftps-radius.so", "usr/lib/ftps/ftps-snmp.so"), 0o644)
+    # The modules the daemon loads when TLS, RADIUS, PAM or trap sinks are configured.
+    "usr/lib/ftps/ftps-tls.so", "usr/lib/ftps/ftps-radius.so", "usr/lib/ftps/ftps-pam.so",
+    "usr/lib/ftps/ftps-snmp.so"), 0o644)
 
 
 def install(destdir, prefix="/usr"):
