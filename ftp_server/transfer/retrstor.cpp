@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <climits>
@@ -66,9 +67,11 @@ char *resolve_in_block(ftp_session &s, const char *func, const char *name, ftpd_
     return nullptr;
 }
 
-// Owner of a standard-profile upload's hidden temporary file, created beside the target. It is
-// removed on every way out unless it was renamed over the target, or the transfer engine, which
-// removes it before its failure reply, has already done so.
+// Owner of a standard-profile upload's temporary file, in the target's directory. A new name gets
+// a file without a name (O_TMPFILE), linked in whole at the end: nothing to see or to remove
+// before then, whichever way the upload ends. A replacement (or a file system without unnamed
+// files) gets a hidden name beside the target, removed on every way out unless it was renamed
+// over the target.
 class upload_temp {
   public:
     upload_temp() = default;
@@ -76,13 +79,27 @@ class upload_temp {
     upload_temp(const upload_temp &) = delete;
     upload_temp &operator=(const upload_temp &) = delete;
 
-    // Creates a new file (O_EXCL) in target's directory, its name in buf. Returns the
-    // descriptor, or -1 when the name does not fit buf or no file could be made.
-    int create(const char *target, char *buf, size_t size) {
+    // Creates the new file in target's directory (buf, of size bytes, holds its name), without a
+    // name where target is missing and the file system allows. The descriptor, or -1 when the
+    // name does not fit buf or no file could be made.
+    int create(const char *target, char *buf, size_t size, bool missing) {
+        buf_ = buf;
+        size_ = size;
         const char *slash = strrchr(target, '/');
         int dir_len = slash != nullptr ? static_cast<int>(slash - target) : 0;
+        // The hidden name must fit even where none is made: a file that comes by the target's
+        // name meanwhile is replaced through one.
+        if (static_cast<size_t>(dir_len) + 1 + sizeof kTempPrefix - 1 + 16 >= size) return -1;
+        if (missing && unnamed_files() &&
+            ftpd_snprintf(buf, size, "%.*s", dir_len > 0 ? dir_len : 1, dir_len > 0 ? target : "/")) {
+            int fd = open(buf, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
+            if (fd >= 0) {
+                unnamed_ = true;
+                return fd;
+            }
+        }
         for (int i = 0; i < kTempTries; i++) {
-            if (!ftpd_snprintf(buf, size, "%.*s/%s%016llx", dir_len, target, kTempPrefix, random_part(i))) return -1;
+            if (!hidden_name(target, i)) return -1;
             int fd = open(buf, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
             if (fd >= 0) {
                 path_ = buf;
@@ -92,19 +109,60 @@ class upload_temp {
         }
         return -1;
     }
-    const char *path() const { return path_; }
     void discard() {
         if (path_ != nullptr) unlink(path_);
         path_ = nullptr;
     }
-    void forget() { path_ = nullptr; }
-    bool commit(const char *target) {
+    // Puts the file (fd) in place as target.
+    bool commit(const char *target, int fd) {
+        if (unnamed_ && !name_unnamed(target, fd)) return false;
+        if (path_ == nullptr) return true;
         if (rename(path_, target) != 0) return false;
         path_ = nullptr;
         return true;
     }
 
   private:
+    // A file that came by target's name meanwhile is replaced as any other: through a hidden
+    // name, renamed over it.
+    bool name_unnamed(const char *target, int fd) {
+        // By the descriptor itself where the daemon may (CAP_DAC_READ_SEARCH), else through /proc.
+        static std::atomic<bool> by_descriptor{true};
+        int err = 0;
+        if (by_descriptor.load(std::memory_order_relaxed)) {
+            if (linkat(fd, "", AT_FDCWD, target, AT_EMPTY_PATH) == 0) return true;
+            err = errno;
+            if (err == EPERM || err == ENOENT) {
+                by_descriptor.store(false, std::memory_order_relaxed);
+                err = 0;
+            }
+        }
+        char proc[40];
+        if (!ftpd_snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd)) return false;
+        if (err != EEXIST) {
+            if (linkat(AT_FDCWD, proc, AT_FDCWD, target, AT_SYMLINK_FOLLOW) == 0) return true;
+            err = errno;
+        }
+        for (int i = 0; err == EEXIST && i < kTempTries; i++) {
+            if (!hidden_name(target, i)) return false;
+            if (linkat(AT_FDCWD, proc, AT_FDCWD, buf_, AT_SYMLINK_FOLLOW) == 0) {
+                path_ = buf_;
+                return true;
+            }
+            err = errno;
+        }
+        return false;
+    }
+    bool hidden_name(const char *target, int attempt) {
+        const char *slash = strrchr(target, '/');
+        int dir_len = slash != nullptr ? static_cast<int>(slash - target) : 0;
+        return ftpd_snprintf(buf_, size_, "%.*s/%s%016llx", dir_len, target, kTempPrefix, random_part(attempt));
+    }
+    // An unnamed file is named through /proc; without it, every temporary has a name.
+    static bool unnamed_files() {
+        static const bool ok = access("/proc/self/fd", X_OK) == 0;
+        return ok;
+    }
     static unsigned long long random_part(int attempt) {
         unsigned long long r = 0;
         if (getrandom(&r, sizeof r, GRND_NONBLOCK) == static_cast<ssize_t>(sizeof r)) return r;
@@ -116,7 +174,10 @@ class upload_temp {
                static_cast<unsigned long long>(attempt);
     }
 
+    char *buf_ = nullptr;
+    size_t size_ = 0;
     const char *path_ = nullptr;
+    bool unnamed_ = false;
 };
 
 // How an upload meets the target: emptied and written in place (the device), replaced whole
@@ -144,7 +205,7 @@ int open_upload(ftp_session &s, const char *name, const char *path, upload_kind 
             return -1;
         }
         int fd =
-            !exists || (S_ISREG(st.st_mode) && access(path, W_OK) == 0) ? temp.create(path, temp_buf, temp_size) : -1;
+            !exists || (S_ISREG(st.st_mode) && access(path, W_OK) == 0) ? temp.create(path, temp_buf, temp_size, !exists) : -1;
         if (fd < 0) {
             reply_code(s, "553", "%s open fail.", name);
             return -1;
@@ -197,7 +258,7 @@ ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
         if (run->kind == upload_kind::replace) run->temp->discard();
         return m;
     }
-    if (run->kind == upload_kind::replace && !run->temp->commit(run->path)) {
+    if (run->kind == upload_kind::replace && !run->temp->commit(run->path, run->file)) {
         run->temp->discard();
         return ftp_move::local_error;
     }
