@@ -42,15 +42,15 @@ struct ftp_data_env {
     bool protect = false;                 // PROT P: the connection is taken over by TLS
     const ftp_tls *control_tls = nullptr;  // whose login a protected data connection must resume
     bool ascii_carry = false;             // a CR LF split between two received blocks is still one line end
-    bool lean = false;
-    bool proxy = false;
+    bool lean = false;                    // buffers only where bytes pass through the daemon; waits by poll
+    bool proxy = false;                   // connections from the platform's balancers carry a PROXY header
     unsigned max_rate = 0;                // KiB/s of this transfer; 0: no limit
-    // The transfer log's record of this transfer: the name as the client sees it (nullptr: no
-    // record), its direction, the user and the client's address.
-    const char *log_name = nullptr;
     bool upload = false;
+    // The transfer log's record of this transfer: the name as the client sees it (nullptr: no
+    // record), the user and the client's address.
+    const char *log_name = nullptr;
     const char *user = nullptr;
-    const char *client_text = nullptr;                   // connections from the platform's balancers carry a PROXY header                    // buffers only where bytes pass through the daemon; waits by poll
+    const char *client_text = nullptr;
     // Refreshes the session's connection slot (after the opening reply, after the end).
     void (*slot_update)(void *ctx) = nullptr;
     void *ctx = nullptr;

@@ -135,10 +135,10 @@ ftp_data_env data_env(ftp_session &s, const char *real, bool upload, char *log_n
     env.proxy = s.policy.proxy_protocol;
     env.max_rate = s.max_rate != 0 ? s.max_rate : s.policy.max_rate;
     env.slot_update = [](void *ctx) { slot_update(*static_cast<ftp_session *>(ctx)); };
+    env.upload = upload;
     if (s.policy.transfer_log && real != nullptr && log_name != nullptr &&
         ftpd_absolute_to_relative_path(session_root(s), real, log_name, FTP_PATH_HALF) != nullptr) {
         env.log_name = log_name;
-        env.upload = upload;
         env.user = s.login.client_name;
         env.client_text = s.client_text;
     }
