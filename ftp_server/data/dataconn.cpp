@@ -258,6 +258,7 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
         *port_of(addr) = htons(static_cast<uint16_t>(port));
         if (bind(listener_.get(), reinterpret_cast<struct sockaddr *>(&addr), length_of(addr)) == 0) {
             if (::listen(listener_.get(), kPassiveBacklog) != 0) break;
+            bound_ = addr;
             return port;
         }
         if (errno != EADDRINUSE || tries >= max_tries) {
@@ -403,25 +404,31 @@ int ftp_dataconn::accept_passive() {
         }
     }
     waiter_ = nullptr;
-    // A listener serves one connection, or none when the wait failed.
-    listener_.reset();
-    struct sockaddr_storage local {};
-    socklen_t llen = sizeof local;
-    if (!fd || getsockname(fd.get(), reinterpret_cast<struct sockaddr *>(&local), &llen) != 0) {
+    if (!fd) {
+        // A listener serves one connection, or none when the wait failed.
+        listener_.reset();
         ftpd_reply_text(*env.control, kCantOpen);
         return -2;
     }
+    // The connection's own address is the listener's.
     if (peer.ss_family == AF_INET6) {
         memcpy(&addrs_.pasv_destv6, &peer, sizeof addrs_.pasv_destv6);
-        memcpy(&addrs_.pasv_addrv6, &local, sizeof addrs_.pasv_addrv6);
+        memcpy(&addrs_.pasv_addrv6, &bound_, sizeof addrs_.pasv_addrv6);
     } else {
         memcpy(&addrs_.pasv_dest, &peer, sizeof addrs_.pasv_dest);
-        memcpy(&addrs_.pasv_addr, &local, sizeof addrs_.pasv_addr);
+        memcpy(&addrs_.pasv_addr, &bound_, sizeof addrs_.pasv_addr);
     }
-    set_int(fd.get(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
-    set_int(fd.get(), SOL_SOCKET, SO_KEEPALIVE, 1);
     stream_.reset(fd.release(), true);
     return 0;
+}
+
+// What the accepted connection still needs before its first byte, done once the client has its
+// opening reply: the client does not wait for it.
+void ftp_dataconn::settle_passive() {
+    listener_.reset();
+    if (stream_.fd() < 0) return;
+    set_int(stream_.fd(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
+    set_int(stream_.fd(), SOL_SOCKET, SO_KEEPALIVE, 1);
 }
 
 int ftp_dataconn::connect_active() {
@@ -534,6 +541,7 @@ int ftp_dataconn::open(const ftp_data_env &env) {
         stream_.close();
         r = -1;
     }
+    if (open_mode_ == ftp_data_mode::passive) settle_passive();
     if (r == 0) r = protect();
     if (r == 0 && env.slot_update != nullptr) env.slot_update(env.ctx);
     if (r != 0) env_ = nullptr;

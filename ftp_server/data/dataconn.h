@@ -167,6 +167,7 @@ class ftp_dataconn {
 
   private:
     int accept_passive();
+    void settle_passive();
     int connect_active();
     int protect();
     // Waits until the stream can go on (its own wait events); the control connection and the
@@ -186,6 +187,7 @@ class ftp_dataconn {
     const ftp_data_env *env_ = nullptr;    // during a transfer
     ftp_xfer_waiter *waiter_ = nullptr;    // the waits of the current phase, when it has one
     unique_fd listener_;
+    struct sockaddr_storage bound_ {};     // the listener's address: the passive connection's own
     ftp_stream stream_;
     ftp_upload_pipe pipe_;
     bool has_target_ = false;
