@@ -722,10 +722,11 @@ ftp_move ftp_dataconn::send_copied(int file, size_t blk, bool ascii, char *buf, 
 }
 
 namespace {
-bool take_send_buffers(ftpd_block *buf, ftpd_block *converted, size_t chunk) {
+// The conversion buffer only where there is something to convert (always on the device).
+bool take_send_buffers(ftpd_block *buf, ftpd_block *converted, size_t chunk, bool convert) {
     *buf = ftpd_block(FTPD_M_BUF, chunk);
-    *converted = ftpd_block(FTPD_M_CHANG_BUF, 2 * chunk);
-    return *buf && *converted;
+    if (convert) *converted = ftpd_block(FTPD_M_CHANG_BUF, 2 * chunk);
+    return *buf && (*converted || !convert);
 }
 }  // namespace
 
@@ -736,7 +737,7 @@ ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
     // The device takes the buffers and the waiter up front, whichever way the bytes then go; a lean
     // transfer takes buffers only where the bytes pass through the daemon, and waits by poll.
     ftpd_block buf, converted;
-    if (!env_->lean && !take_send_buffers(&buf, &converted, chunk)) return ftp_move::no_buffer;
+    if (!env_->lean && !take_send_buffers(&buf, &converted, chunk, true)) return ftp_move::no_buffer;
     ftp_xfer_waiter waiter(!env_->lean);
     if (!env_->lean && !waiter) return ftp_move::no_waiter;
     waiter_ = env_->lean ? nullptr : &waiter;
@@ -748,7 +749,7 @@ ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
         r = send_pages(file, st.st_size);
     else if (!ascii && regular && ftp_tls_kernel_send(stream_.tls()))
         r = send_kernel_tls(file);
-    if (r == ftp_move::replied && !buf && !take_send_buffers(&buf, &converted, chunk)) r = ftp_move::no_buffer;
+    if (r == ftp_move::replied && !buf && !take_send_buffers(&buf, &converted, chunk, ascii)) r = ftp_move::no_buffer;
     if (r == ftp_move::replied) r = send_copied(file, blk, ascii, buf.get(), converted.get(), chunk);
     waiter_ = nullptr;
     return r;
@@ -785,8 +786,8 @@ ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ft
     bool ascii = env_->type == ftp_type::ascii;
     auto buffers = [&]() {
         if (!buf) buf = ftpd_block(FTPD_M_DATA_BUF, kRecvChunk);
-        if (!converted) converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
-        return buf && converted;
+        if (!converted && ascii) converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
+        return buf && (converted || !ascii);
     };
     if (!splicing && !buffers()) return ftp_move::no_buffer;
     ftp_ascii_in carry;

@@ -35,6 +35,9 @@ constexpr size_t kGrantLen = 33;
 constexpr unsigned char kGrantConnection = 'C';
 constexpr unsigned char kGrantLogin = 'L';
 constexpr unsigned char kGrantNobody = 'N';
+// A data connection's records are gathered up to this many bytes (four full records and then
+// some) before they go to the socket: one send and one hold of the socket instead of four.
+constexpr long kWriteGather = 64 * 1024;
 
 }  // namespace
 
@@ -54,6 +57,7 @@ struct ftp_tls {
     // Data connection: the ticket it resumes is one its control connection granted.
     bool granted = false;
     bool want_write = false;
+    bool gathering = false;     // data connection: its records are gathered (once it sends)
     bool failed = false;        // no closing alert after a failure
     bool close_notify = false;  // the peer's closing alert came
 };
@@ -395,8 +399,34 @@ ssize_t tls_read(ftp_tls *t, void *buf, size_t len) {
     return io_result(t, rc);
 }
 
+// A data connection that sends in large pieces gathers its records, unless the kernel encrypts
+// them; a small file's few records go as they are, without the buffer.
+void gather_writes(ftp_tls *t) {
+    t->gathering = true;
+    BIO *sock = SSL_get_wbio(t->ssl);
+    if (BIO_get_ktls_send(sock) != 0) return;
+    BIO *gather = BIO_new(BIO_f_buffer());
+    if (gather == nullptr || BIO_set_write_buffer_size(gather, kWriteGather) != 1 || BIO_up_ref(sock) != 1) {
+        BIO_free(gather);
+        return;
+    }
+    BIO_push(gather, sock);
+    SSL_set0_wbio(t->ssl, gather);
+}
+
+// Sends what is gathered; false when the connection failed or stayed full until the deadline.
+bool flush_gathered(ftp_tls *t, long long deadline) {
+    BIO *w = SSL_get_wbio(t->ssl);
+    while (BIO_wpending(w) > 0) {
+        if (BIO_flush(w) == 1) continue;
+        if (!BIO_should_retry(w) || !wait_until(SSL_get_fd(t->ssl), true, deadline)) return false;
+    }
+    return true;
+}
+
 ssize_t tls_write(ftp_tls *t, const void *buf, size_t len) {
     size_t put = 0;
+    if (t->control != nullptr && !t->gathering && len >= static_cast<size_t>(kWriteGather)) gather_writes(t);
     ERR_clear_error();
     int rc = SSL_write_ex(t->ssl, buf, len, &put);
     if (rc == 1) return static_cast<ssize_t>(put);
@@ -483,6 +513,12 @@ int tls_finish(ftp_tls *t, int timeout_ms) {
     if (t->failed) return -1;
     long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 1000);
     int fd = SSL_get_fd(t->ssl);
+    // What is gathered goes before the alert, which the library flushes only as far as the
+    // socket takes it at once.
+    if (!flush_gathered(t, deadline)) {
+        t->failed = true;
+        return -1;
+    }
     for (;;) {
         ERR_clear_error();
         int rc = SSL_shutdown(t->ssl);
@@ -493,7 +529,7 @@ int tls_finish(ftp_tls *t, int timeout_ms) {
         return -1;
     }
     t->failed = true;  // nothing more to send
-    return 0;
+    return flush_gathered(t, deadline) ? 0 : -1;
 }
 
 void tls_free(ftp_tls *t) {
