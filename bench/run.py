@@ -1100,8 +1100,9 @@ def report(bench, args, left_out, load, commit):
         "spliced from the connection through the session's pipe (its default size, widened to 1 MiB "
         "for an upload larger than that) into the file, which is synced to its "
         "storage before the transfer's reply; ASCII and protected data pass through its own "
-        "buffers (protected downloads go through kernel TLS where the kernel offers it, and their "
-        "records go out with Nagle's algorithm on until the last). TLS, RADIUS and "
+        "buffers (protected downloads go through kernel TLS where the kernel offers it; elsewhere "
+        "their records are gathered 64 KiB at a time and go out with Nagle's algorithm on until "
+        "the last). TLS, RADIUS and "
         "the SNMP sender are modules loaded only when the platform file configures them: the plain "
         "instances run without them, the TLS instance with the TLS module only; the C++ runtime is "
         "linked into the daemon.",
