@@ -768,10 +768,11 @@ ftp_move ftp_dataconn::receive_file(int file, bool plain) {
     // As for sending: up front on the device, only where the bytes pass through the daemon when
     // lean.
     ftpd_block buf, converted;
+    bool convert = !env_->lean || env_->type == ftp_type::ascii;
     if (!env_->lean || !splicing) {
         buf = ftpd_block(FTPD_M_DATA_BUF, kRecvChunk);
-        converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
-        if (!buf || !converted) return ftp_move::no_buffer;
+        if (convert) converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
+        if (!buf || (convert && !converted)) return ftp_move::no_buffer;
     }
     ftp_xfer_waiter waiter(!env_->lean);
     if (!env_->lean && !waiter) return ftp_move::no_waiter;
