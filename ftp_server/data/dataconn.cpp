@@ -633,9 +633,7 @@ ftp_move ftp_dataconn::send_all(const char *p, size_t len) {
 // Binary type, regular file, plain connection: the kernel sends the file's pages (sendfile).
 // Falls back (ftp_move::replied, nothing sent for the rest) when the file cannot be sent this way;
 // the file offset is then where sending stopped, with every byte before it sent.
-ftp_move ftp_dataconn::send_pages(int file, off_t size_hint) {
-    off_t off = lseek(file, 0, SEEK_CUR);
-    if (off < 0) return ftp_move::replied;
+ftp_move ftp_dataconn::send_pages(int file, off_t off, off_t size_hint) {
     struct stat st;
     // sendfile has no MSG_NOSIGNAL; SIGPIPE is ignored process-wide, so a peer that went away
     // fails the call.
@@ -730,7 +728,7 @@ bool take_send_buffers(ftpd_block *buf, ftpd_block *converted, size_t chunk, boo
 }
 }  // namespace
 
-ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
+ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw, const known_file *known) {
     if (blk == 0) blk = FTP_BUF_SIZE;
     // A whole number of conversion blocks per read, so blocks fall where one read per block would.
     size_t chunk = blk >= kSendChunk ? blk : kSendChunk / blk * blk;
@@ -743,10 +741,12 @@ ftp_move ftp_dataconn::send_file(int file, size_t blk, bool raw) {
     waiter_ = env_->lean ? nullptr : &waiter;
     bool ascii = !raw && env_->type == ftp_type::ascii;
     struct stat st;
-    bool regular = fstat(file, &st) == 0 && S_ISREG(st.st_mode);
+    bool regular = known != nullptr || (fstat(file, &st) == 0 && S_ISREG(st.st_mode));
     ftp_move r = ftp_move::replied;  // not sent yet
-    if (!ascii && regular && !stream_.is_protected())
-        r = send_pages(file, st.st_size);
+    if (!ascii && regular && !stream_.is_protected()) {
+        off_t off = known != nullptr ? known->offset : lseek(file, 0, SEEK_CUR);
+        if (off >= 0) r = send_pages(file, off, known != nullptr ? known->size : st.st_size);
+    }
     else if (!ascii && regular && ftp_tls_kernel_send(stream_.tls()))
         r = send_kernel_tls(file);
     if (r == ftp_move::replied && !buf && !take_send_buffers(&buf, &converted, chunk, ascii)) r = ftp_move::no_buffer;

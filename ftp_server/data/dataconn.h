@@ -153,8 +153,13 @@ class ftp_dataconn {
 
     // --- For movers: the bytes of an open connection.
     // The file from its offset to its end; in ASCII type its line ends become CR LF, block by
-    // block of blk bytes. raw: as it is, whatever the type.
-    ftp_move send_file(int file, size_t blk, bool raw = false);
+    // block of blk bytes. raw: as it is, whatever the type. known: what the caller already knows
+    // of a regular file (its size and the offset it stands at), so it is not asked again.
+    struct known_file {
+        off_t size;
+        off_t offset;
+    };
+    ftp_move send_file(int file, size_t blk, bool raw = false, const known_file *known = nullptr);
     // Everything the client sends, into the file at its offset (appending when it is opened so);
     // in ASCII type CR LF becomes LF. plain: the file is known to be a regular one, not opened for
     // appending.
@@ -179,7 +184,7 @@ class ftp_dataconn {
     ftp_move between_chunks(size_t moved);
     ftp_move keep_rate(size_t bytes);
     ftp_move send_all(const char *p, size_t len);
-    ftp_move send_pages(int file, off_t size_hint);
+    ftp_move send_pages(int file, off_t off, off_t size_hint);
     ftp_move send_kernel_tls(int file);
     ftp_move receive_loop(int file, bool splicing, ftpd_block &buf, ftpd_block &converted);
     ftp_move send_copied(int file, size_t blk, bool ascii, char *buf, char *converted, size_t chunk);

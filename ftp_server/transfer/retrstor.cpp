@@ -313,8 +313,14 @@ bool store(ftp_session &s, bool append) {
     return s.data.transfer(env, kUploadReplies, receive_upload, &run) != -1;
 }
 
+struct download_run {
+    int file;
+    ftp_dataconn::known_file known;
+};
+
 ftp_move send_download(ftp_dataconn &dc, void *ctx) {
-    return dc.send_file(*static_cast<int *>(ctx), kSendBlock);
+    auto *run = static_cast<download_run *>(ctx);
+    return dc.send_file(run->file, kSendBlock, false, &run->known);
 }
 
 bool retrieve(ftp_session &s) {
@@ -332,10 +338,10 @@ bool retrieve(ftp_session &s) {
         reply(s, kRestBeyondEnd);
         return true;
     }
-    int fd = file.get();
+    download_run run{file.get(), {st.st_size, offset}};
     char log_name[FTP_PATH_HALF];
     ftp_data_env env = data_env(s, inpath, false, log_name);
-    return s.data.transfer(env, kDownloadReplies, send_download, &fd) != -1;
+    return s.data.transfer(env, kDownloadReplies, send_download, &run) != -1;
 }
 
 // A REST offset serves only the transfer that follows it; the data family only the transfer.
