@@ -35,8 +35,8 @@ constexpr size_t kGrantLen = 33;
 constexpr unsigned char kGrantConnection = 'C';
 constexpr unsigned char kGrantLogin = 'L';
 constexpr unsigned char kGrantNobody = 'N';
-// A data connection's records are gathered up to this many bytes (four full records and then
-// some) before they go to the socket: one send and one hold of the socket instead of four.
+// A data connection's records are gathered up to this many bytes (nearly four full records)
+// before they go to the socket: one send and one hold of the socket instead of four.
 constexpr long kWriteGather = 64 * 1024;
 
 }  // namespace
