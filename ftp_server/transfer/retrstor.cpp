@@ -85,8 +85,7 @@ class upload_temp {
     int create(const char *target, char *buf, size_t size, bool missing) {
         buf_ = buf;
         size_ = size;
-        const char *slash = strrchr(target, '/');
-        int dir_len = slash != nullptr ? static_cast<int>(slash - target) : 0;
+        int dir_len = dir_length(target);
         // The hidden name must fit even where none is made: a file that comes by the target's
         // name meanwhile is replaced through one.
         if (static_cast<size_t>(dir_len) + 1 + sizeof kTempPrefix - 1 + 16 >= size) return -1;
@@ -153,10 +152,13 @@ class upload_temp {
         }
         return false;
     }
-    bool hidden_name(const char *target, int attempt) {
+    static int dir_length(const char *target) {
         const char *slash = strrchr(target, '/');
-        int dir_len = slash != nullptr ? static_cast<int>(slash - target) : 0;
-        return ftpd_snprintf(buf_, size_, "%.*s/%s%016llx", dir_len, target, kTempPrefix, random_part(attempt));
+        return slash != nullptr ? static_cast<int>(slash - target) : 0;
+    }
+    bool hidden_name(const char *target, int attempt) {
+        return ftpd_snprintf(buf_, size_, "%.*s/%s%016llx", dir_length(target), target, kTempPrefix,
+                             random_part(attempt));
     }
     // An unnamed file is named through /proc; without it, every temporary has a name.
     static bool unnamed_files() {
