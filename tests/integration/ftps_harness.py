@@ -3,6 +3,7 @@
 
 import concurrent.futures
 import contextlib
+import ctypes
 import errno
 import fcntl
 import ftplib
@@ -19,6 +20,7 @@ import struct
 import subprocess
 import tempfile
 import termios
+import threading
 import time
 import unittest
 
@@ -33,6 +35,19 @@ START_WAIT = 30 if SANITIZED else 10
 # The rows of show ftp-server memory, in the order of the categories' numbers.
 MEMORY_ROWS = ["INIT", "TMP MALLOC", "PCRED NAME", "PCRED PWD", "PCRED MSG", "PCRED DIR", "BUF", "CHANG BUF",
                "WHOLE BUF", "STRING", "DATA BUF", "OUTPATH", "USER CNT", "INFO", "EPOLL"]
+
+
+_prctl = ctypes.CDLL(None, use_errno=True).prctl
+PR_SET_PDEATHSIG = 1
+
+
+def die_with_test():
+    # For Popen's preexec_fn: a test runner that is killed takes its daemons and services with it
+    # instead of leaving them running. The signal follows the thread that started the process, so
+    # only the main thread's children get it.
+    if threading.current_thread() is not threading.main_thread():
+        return None
+    return lambda: _prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
 
 
 def free_port():
@@ -113,8 +128,8 @@ class Daemon:
         return env
 
     def start(self, wait=True, env=None, program=DAEMON):
-        self.proc = subprocess.Popen([program], env=env or self.env(),
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.proc = subprocess.Popen([program], env=env or self.env(), stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, preexec_fn=die_with_test())
         if wait:
             self.wait_ready()
         return self
@@ -275,7 +290,8 @@ class BackEnd:
         self.out = open(os.path.join(self.dir, "out.log"), "w+")
         argv = [a.format(dir=self.dir, port=self.port) for a in argv]
         env = dict(os.environ, **{k: v.format(dir=self.dir) for k, v in (env or {}).items()})
-        self.proc = subprocess.Popen(argv, stdout=self.out, stderr=subprocess.STDOUT, env=env)
+        self.proc = subprocess.Popen(argv, stdout=self.out, stderr=subprocess.STDOUT, env=env,
+                                     preexec_fn=die_with_test())
         if not wait_until(lambda: ready in self.output() or self.proc.poll() is not None, timeout=20) \
                 or self.proc.poll() is not None:
             text = self.output()
