@@ -24,14 +24,8 @@ void log_pam(const char *step, const char *text) {
 
 // The module's table, or nullptr (logged once) when it cannot be had.
 const pam_ops *module() {
-    static std::once_flag once;
-    static const pam_ops *ops = nullptr;
-    std::call_once(once, [] {
-        char why[400] = {0};
-        ops = static_cast<const pam_ops *>(platform_module_load("pam", kPamModuleVersion, why, sizeof why));
-        if (ops == nullptr) log_pam("no PAM library", why);
-    });
-    return ops;
+    return platform_module_once<pam_ops>("pam", kPamModuleVersion,
+                                         [](const char *why) { log_pam("no PAM library", why); });
 }
 
 }  // namespace

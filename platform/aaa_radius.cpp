@@ -1,7 +1,6 @@
 // The `radius` method, the daemon's side: the servers of the platform file in the client library's
 // form, and the request through the RADIUS module (ftps-radius.so, radcli), loaded at the first
 // request: a daemon whose method lists name no RADIUS never maps the library.
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,14 +18,8 @@ void log_radius(const char *text, const char *detail) {
 
 // The module's table, or nullptr (logged once) when it cannot be had.
 const radius_ops *module() {
-    static std::once_flag once;
-    static const radius_ops *ops = nullptr;
-    std::call_once(once, [] {
-        char why[400] = {0};
-        ops = static_cast<const radius_ops *>(platform_module_load("radius", kRadiusModuleVersion, why, sizeof why));
-        if (ops == nullptr) log_radius("no RADIUS client: ", why);
-    });
-    return ops;
+    return platform_module_once<radius_ops>("radius", kRadiusModuleVersion,
+                                            [](const char *why) { log_radius("no RADIUS client: ", why); });
 }
 
 }  // namespace

@@ -57,17 +57,11 @@ unsigned long uptime_ticks() {
     return static_cast<unsigned long>(cs & 0xffffffffULL);
 }
 
-// The module's table once a sink needs it (under g_lock), or nullptr (logged once).
+// The module's table once a sink needs it, or nullptr (logged once).
 const snmp_ops *module() {
-    static bool tried = false;
-    static const snmp_ops *ops = nullptr;
-    if (!tried) {
-        tried = true;
-        char why[400] = {0};
-        ops = static_cast<const snmp_ops *>(platform_module_load("snmp", kSnmpModuleVersion, why, sizeof why));
-        if (ops == nullptr) printk_syslog_ext(3, "SNMP", "TRAP", LOG_CLASS_ALWAYS, "no SNMP sender: %s", why);
-    }
-    return ops;
+    return platform_module_once<snmp_ops>("snmp", kSnmpModuleVersion, [](const char *why) {
+        printk_syslog_ext(3, "SNMP", "TRAP", LOG_CLASS_ALWAYS, "no SNMP sender: %s", why);
+    });
 }
 
 // The sessions follow the platform file's sink list; it only changes under tests.
