@@ -45,7 +45,10 @@ std::string &g_agent_name = *new std::string("ftp_trap");
 
 std::string oid_text(const std::vector<uint32_t> &o) {
     std::string s;
-    for (uint32_t v : o) s += "." + std::to_string(v);
+    for (uint32_t v : o) {
+        s += '.';
+        s += std::to_string(v);
+    }
     return s;
 }
 
