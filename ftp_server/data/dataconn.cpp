@@ -765,14 +765,13 @@ ftp_move ftp_dataconn::receive_file(int file, bool plain) {
     bool splicing = env_->type != ftp_type::ascii && !stream_.is_protected() &&
                     (plain || (fstat(file, &st) == 0 && S_ISREG(st.st_mode) && (fcntl(file, F_GETFL) & O_APPEND) == 0)) &&
                     pipe_.ready();
-    // As for sending: up front on the device, only where the bytes pass through the daemon when
-    // lean.
+    // As for sending: up front on the device; when lean, the receive loop takes them where the
+    // bytes pass through the daemon.
     ftpd_block buf, converted;
-    bool convert = !env_->lean || env_->type == ftp_type::ascii;
-    if (!env_->lean || !splicing) {
+    if (!env_->lean) {
         buf = ftpd_block(FTPD_M_DATA_BUF, kRecvChunk);
-        if (convert) converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
-        if (!buf || (convert && !converted)) return ftp_move::no_buffer;
+        converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
+        if (!buf || !converted) return ftp_move::no_buffer;
     }
     ftp_xfer_waiter waiter(!env_->lean);
     if (!env_->lean && !waiter) return ftp_move::no_waiter;
