@@ -48,7 +48,9 @@ constexpr int kConnectRetrySleepMs = 5 * 1000;
 // Bytes read from the file per call when sending, and taken from the connection per call when
 // receiving: send buffers 3 x kSendChunk (the conversion doubles), receive 2 x kRecvChunk.
 constexpr size_t kSendChunk = 64 * 1024;
-constexpr size_t kRecvChunk = 64 * 1024;
+// An upload that passes through the daemon (ASCII, protected, appended) took about a third less
+// CPU per byte on loopback with 256 KiB per call than with 64 KiB; 1 MiB added little more.
+constexpr size_t kRecvChunk = 256 * 1024;
 // A received chunk is converted as blocks of at most this many bytes were.
 constexpr size_t kRecvBlock = 1024;
 // Bytes of a binary download handed to the kernel per call; the stop message and the control
