@@ -395,12 +395,18 @@ ftp_tls *tls_accept(int fd, int timeout_ms, const ftp_tls *control, bool require
     return t;
 }
 
+// Takes every whole record already read ahead, up to len: a record is at most 16 KiB, and an
+// upload written to its file a record at a time costs a system call per record.
 ssize_t tls_read(ftp_tls *t, void *buf, size_t len) {
-    size_t got = 0;
-    ERR_clear_error();
-    int rc = SSL_read_ex(t->ssl, buf, len, &got);
-    if (rc == 1) return static_cast<ssize_t>(got);
-    return io_result(t, rc);
+    size_t total = 0;
+    for (;;) {
+        size_t got = 0;
+        ERR_clear_error();
+        int rc = SSL_read_ex(t->ssl, static_cast<char *>(buf) + total, len - total, &got);
+        if (rc != 1) return total > 0 ? static_cast<ssize_t>(total) : io_result(t, rc);
+        total += got;
+        if (total == len || SSL_has_pending(t->ssl) != 1) return static_cast<ssize_t>(total);
+    }
 }
 
 // A data connection that sends in large pieces gathers its records, unless the kernel encrypts
