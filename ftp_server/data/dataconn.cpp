@@ -46,11 +46,13 @@ constexpr int kMaxBindTries = 64;
 constexpr long long kConnectRetryMs = 90 * 1000;
 constexpr int kConnectRetrySleepMs = 5 * 1000;
 // Bytes read from the file per call when sending, and taken from the connection per call when
-// receiving: send buffers 3 x kSendChunk (the conversion doubles), receive 2 x kRecvChunk.
+// receiving: send buffers 3 x kSendChunk (the conversion doubles), receive 2 x the chunk.
 constexpr size_t kSendChunk = 64 * 1024;
-// An upload that passes through the daemon (ASCII, protected, appended) took about a third less
-// CPU per byte on loopback with 256 KiB per call than with 64 KiB; 1 MiB added little more.
-constexpr size_t kRecvChunk = 256 * 1024;
+constexpr size_t kRecvChunk = 64 * 1024;
+// When lean: an upload that passes through the daemon (ASCII, protected, appended) took about a
+// third less CPU per byte on loopback with 256 KiB per call than with 64 KiB; 1 MiB added little.
+// The device keeps its smaller blocks, taken up front for every upload.
+constexpr size_t kLeanRecvChunk = 256 * 1024;
 // A received chunk is converted as blocks of at most this many bytes were.
 constexpr size_t kRecvBlock = 1024;
 // Bytes of a binary download handed to the kernel per call; the stop message and the control
@@ -787,11 +789,12 @@ ftp_move ftp_dataconn::receive_file(int file, bool plain) {
 ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ftpd_block &converted) {
     bool ascii = env_->type == ftp_type::ascii;
     auto buffers = [&]() {
-        if (!buf) buf = ftpd_block(FTPD_M_DATA_BUF, kRecvChunk);
-        if (!converted && ascii) converted = ftpd_block(FTPD_M_BUF, kRecvChunk + 1);
+        if (!buf) buf = ftpd_block(FTPD_M_DATA_BUF, kLeanRecvChunk);
+        if (!converted && ascii) converted = ftpd_block(FTPD_M_BUF, kLeanRecvChunk + 1);
         return buf && (converted || !ascii);
     };
     if (!splicing && !buffers()) return ftp_move::no_buffer;
+    const size_t chunk = env_->lean ? kLeanRecvChunk : kRecvChunk;
     ftp_ascii_in carry;
     for (size_t got = 0;; ) {
         ftp_move look = between_chunks(got);
@@ -806,7 +809,7 @@ ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ft
                 continue;
             }
         } else {
-            n = stream_.read_some(buf.get(), rate_.chunk(kRecvChunk));
+            n = stream_.read_some(buf.get(), rate_.chunk(chunk));
         }
         if (n == 0) {
             // SECURITY: a protected upload that ends without the client's closing alert may have
