@@ -798,7 +798,24 @@ int cmd_hold(int port, char **a) {
 
 }  // namespace
 
+// The machine's own steadiness: the same CPU-bound work timed `rounds` times, in CPU milliseconds.
+// On a steady machine every round takes the same; where a host takes CPU time from a virtual
+// machine without saying so, some rounds take more, and so may any figure measured meanwhile.
+int cmd_spin(int rounds) {
+    for (int r = 0; r < rounds; r++) {
+        timespec c0{}, c1{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &c0);
+        volatile unsigned long sum = 0;
+        for (unsigned long i = 0; i < 100000000UL; i++) sum = sum + i;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &c1);
+        printf("cpu_ms=%.1f\n", static_cast<double>(c1.tv_sec - c0.tv_sec) * 1e3 +
+                                     static_cast<double>(c1.tv_nsec - c0.tv_nsec) / 1e6);
+    }
+    return 0;
+}
+
 int main(int argc, char **argv) {
+    if (argc == 3 && strcmp(argv[1], "spin") == 0) return cmd_spin(atoi(argv[2]));
     bool tls = false;
     // Options before the command, in any order.
     while (argc > 1 && strncmp(argv[1], "--", 2) == 0) {
@@ -818,7 +835,7 @@ int main(int argc, char **argv) {
     if (argc < 5) {
         fprintf(stderr,
                 "usage: ftpbench [--tls] [--copy] [--active] retr|stor|files|logins|mretr|list|hold|handshakes "
-                "PORT USER PASS ...\n");
+                "PORT USER PASS ...\n       ftpbench spin ROUNDS\n");
         return 2;
     }
     std::string op = argv[1];

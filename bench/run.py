@@ -1069,7 +1069,14 @@ def tls_path():
     return "user-space record layer (this kernel offers no kernel TLS: no %s)" % KTLS_STAT
 
 
-def report(bench, args, left_out, load, commit):
+def steadiness(client):
+    """The client's fixed CPU-bound work, 20 rounds: 'best, median and worst ms'."""
+    out = subprocess.run([client, "spin", "20"], check=True, capture_output=True, text=True).stdout
+    ms = sorted(float(line.split("=")[1]) for line in out.split())
+    return "%.0f, %.0f and %.0f ms" % (ms[0], median(ms), ms[-1])
+
+
+def report(bench, args, left_out, load, commit, steady):
     with open("/proc/cpuinfo") as f:
         model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
     peers = [s.about for s in bench.plain[1:]]
@@ -1108,8 +1115,13 @@ def report(bench, args, left_out, load, commit):
         "linked into the daemon.",
         "Machine: %d CPU(s), %s; client and servers share them (load average %s when the run "
         "began, %.1f when it ended). Single transfers on this virtual machine swing by tens of "
-        "percent; the interleaved medians keep the comparison fair, not exact." % (
-            os.cpu_count(), model, load, os.getloadavg()[0]),
+        "percent; the interleaved medians keep the comparison fair, not exact. The machine's own "
+        "steadiness: the same CPU-bound work in the client (`ftpbench spin`) took %s of CPU at "
+        "best, median and worst over 20 rounds before the measurements, %s after them. The same "
+        "work taking more CPU time at one moment than at another is the host's doing (another "
+        "guest on the same core, or a virtual CPU held back, which this machine's counters still "
+        "charge to the running task): any single figure below may swing as much." % (
+            os.cpu_count(), model, load, os.getloadavg()[0], steady[0], steady[1]),
     ]
     intro = "\n\n".join(textwrap.fill(p, 96) for p in paras)
     missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
@@ -1313,12 +1325,15 @@ def main():
         print("TLS: %s" % tls_path(), flush=True)
         bench = Bench(args, plain, device, tls)
         print("measuring ...", flush=True)
+        steady = [steadiness(bench.client)]
         t0 = time.time()
         bench.run()
         print("measured in %.0f s" % (time.time() - t0))
+        steady.append(steadiness(bench.client))
+        print("steadiness: %s before, %s after" % tuple(steady), flush=True)
         for title, client, secs in bench.timing:
             print("  %5.0f s  %s [%s]" % (secs, title, client))
-        text = report(bench, args, left_out, load, commit)
+        text = report(bench, args, left_out, load, commit, steady)
         print(text)
         if not args.no_doc:
             write_text(args.doc, text)
