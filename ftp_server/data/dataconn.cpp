@@ -788,13 +788,13 @@ ftp_move ftp_dataconn::receive_file(int file, bool plain) {
 
 ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ftpd_block &converted) {
     bool ascii = env_->type == ftp_type::ascii;
+    const size_t chunk = env_->lean ? kLeanRecvChunk : kRecvChunk;
     auto buffers = [&]() {
-        if (!buf) buf = ftpd_block(FTPD_M_DATA_BUF, kLeanRecvChunk);
-        if (!converted && ascii) converted = ftpd_block(FTPD_M_BUF, kLeanRecvChunk + 1);
+        if (!buf) buf = ftpd_block(FTPD_M_DATA_BUF, chunk);
+        if (!converted && ascii) converted = ftpd_block(FTPD_M_BUF, chunk + 1);
         return buf && (converted || !ascii);
     };
     if (!splicing && !buffers()) return ftp_move::no_buffer;
-    const size_t chunk = env_->lean ? kLeanRecvChunk : kRecvChunk;
     ftp_ascii_in carry;
     for (size_t got = 0;; ) {
         ftp_move look = between_chunks(got);

@@ -395,8 +395,8 @@ ftp_tls *tls_accept(int fd, int timeout_ms, const ftp_tls *control, bool require
     return t;
 }
 
-// Takes every whole record already read ahead, up to len: a record is at most 16 KiB, and an
-// upload written to its file a record at a time costs a system call per record.
+// Reads on, up to len, while the library holds bytes it has read ahead: a record is at most
+// 16 KiB, and an upload written to its file a record at a time costs a system call per record.
 ssize_t tls_read(ftp_tls *t, void *buf, size_t len) {
     size_t total = 0;
     for (;;) {
