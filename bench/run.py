@@ -674,6 +674,8 @@ class Bench:
         out = self.run_client(server, argv, flags, user=user)
         server.settle()
         out["cpu"] = server.cpu() - c0
+        if self.args.trace:
+            print("    %s %s: %s" % (server.tag, " ".join(str(a) for a in argv[:2]), out), flush=True)
         return out
 
     def record(self, title, client, server, **metrics):
@@ -1254,6 +1256,7 @@ def main():
     p.add_argument("--no-tls", action="store_true", help="leave out the TLS instances and rows")
     p.add_argument("--doc", default=os.path.join(ROOT, "docs", "performance.md"))
     p.add_argument("--no-doc", action="store_true")
+    p.add_argument("--trace", action="store_true", help="print every measurement as it is taken")
     args = p.parse_args()
     # The servers and the client inherit the limit: a stock soft limit of 1024 descriptors is
     # below what a thousand sessions hold.
