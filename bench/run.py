@@ -67,6 +67,10 @@ SMALL_FILES, SMALL_SIZE, SMALL_SESSIONS = 2000, 4 * KIB, 4
 HELD_SESSIONS = 19
 # What decides whether this daemon's records go through the kernel (kernel TLS) or its own loop.
 KTLS_STAT = "/proc/net/tls_stat"
+# Free page reporting: a virtual machine's kernel hands memory it freed back to the host.
+PAGE_REPORTING = "/sys/module/page_reporting/parameters"
+# For the run: memory freed in the last minute, up to 8 GiB, stays with the machine.
+PAGE_REPORTING_HELD = (("min_free_ms", "60000"), ("max_waiting_mib", "8192"))
 # Where bench/setup.sh unpacks the optional peers: Debian's FTP server packages conflict with one
 # another, so only vsftpd is installed as a package.
 PEERS = "/opt/ftps-bench/peers"
@@ -1071,6 +1075,73 @@ def tls_path():
     return "user-space record layer (this kernel offers no kernel TLS: no %s)" % KTLS_STAT
 
 
+class FreedMemory:
+    """Free page reporting held back for the run where the kernel offers the settings, restored
+    after. Memory handed back to the host must be supplied by it anew when it is touched again,
+    at the cost of the task that touches it: an upload that reuses the pages the previous one
+    freed would pay for it at random, by up to ten times."""
+
+    def __init__(self, scratch):
+        self.scratch = scratch
+        self.warmed = 0
+
+    def __enter__(self):
+        self.saved = []
+        for name, value in PAGE_REPORTING_HELD:
+            path = os.path.join(PAGE_REPORTING, name)
+            try:
+                with open(path) as f:
+                    old = f.read().strip()
+                with open(path, "w") as f:
+                    f.write(value)
+                self.saved.append((path, old))
+            except OSError:
+                pass
+        if len(self.saved) == len(PAGE_REPORTING_HELD):
+            self.warm()
+        return self
+
+    def warm(self):
+        """Touches and frees memory (a quarter of what is available, at most 4 GiB) once held
+        back: pages freed last are taken first, so the run's uploads start from memory at hand."""
+        with open("/proc/meminfo") as f:
+            avail = next((int(l.split()[1]) << 10 for l in f if l.startswith("MemAvailable:")), 0)
+        size = min(4 * GIB, avail // 4) // MIB * MIB
+        path = os.path.join(self.scratch, "warm")
+        block = bytes(MIB)
+        try:
+            with open(path, "wb") as f:
+                for _ in range(size // MIB):
+                    f.write(block)
+            self.warmed = size
+        finally:
+            os.unlink(path)
+
+    def __exit__(self, *exc):
+        for path, old in reversed(self.saved):
+            try:
+                with open(path, "w") as f:
+                    f.write(old)
+            except OSError as e:
+                print("cannot restore %s to %s: %s" % (path, old, e), file=sys.stderr)
+        return False
+
+    def describe(self):
+        if not os.path.isdir(PAGE_REPORTING):
+            return ""
+        if len(self.saved) == len(PAGE_REPORTING_HELD):
+            return (" This virtual machine hands memory its kernel freed back to the host (free page "
+                    "reporting), and the host must supply such memory anew when it is touched again, "
+                    "charged to the task that touches it; for the run the bench held back memory "
+                    "freed in the last minute, up to 8 GiB (%s; restored after), and touched and freed "
+                    "%d MiB before the measurements, so that an upload does not pay at random for "
+                    "the pages the one before it freed." % (", ".join(
+                        "%s=%s" % kv for kv in PAGE_REPORTING_HELD), self.warmed // MIB))
+        return (" This virtual machine may hand memory its kernel freed back to the host (free page "
+                "reporting), which this kernel offers no setting to hold back: the host must supply "
+                "such memory anew when it is touched again, so uploads may swing by several times.")
+
+
 def steadiness(client):
     """The client's fixed CPU-bound work, 20 rounds: 'best, median and worst ms'."""
     out = subprocess.run([client, "spin", "20"], check=True, capture_output=True, text=True).stdout
@@ -1078,7 +1149,7 @@ def steadiness(client):
     return "%.0f, %.0f and %.0f ms" % (ms[0], median(ms), ms[-1])
 
 
-def report(bench, args, left_out, load, commit, steady):
+def report(bench, args, left_out, load, commit, steady, freed):
     with open("/proc/cpuinfo") as f:
         model = next((l.split(":", 1)[1].strip() for l in f if l.startswith("model name")), "?")
     peers = [s.about for s in bench.plain[1:]]
@@ -1122,8 +1193,8 @@ def report(bench, args, left_out, load, commit, steady):
         "best, median and worst over 20 rounds before the measurements, %s after them. The same "
         "work taking more CPU time at one moment than at another is the host's doing (another "
         "guest on the same core, or a virtual CPU held back, which this machine's counters still "
-        "charge to the running task): any single figure below may swing as much." % (
-            os.cpu_count(), model, load, os.getloadavg()[0], steady[0], steady[1]),
+        "charge to the running task): any single figure below may swing as much.%s" % (
+            os.cpu_count(), model, load, os.getloadavg()[0], steady[0], steady[1], freed.describe()),
     ]
     intro = "\n\n".join(textwrap.fill(p, 96) for p in paras)
     missing = "\n\n" + textwrap.fill("Not measured: %s." % "; ".join(left_out), 96) if left_out else ""
@@ -1258,6 +1329,8 @@ def main():
     p.add_argument("--no-doc", action="store_true")
     p.add_argument("--trace", action="store_true", help="print every measurement as it is taken")
     args = p.parse_args()
+    # Stopped from outside, the run still stops its servers and gives the machine its settings back.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     # The servers and the client inherit the limit: a stock soft limit of 1024 descriptors is
     # below what a thousand sessions hold.
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -1328,15 +1401,16 @@ def main():
         print("TLS: %s" % tls_path(), flush=True)
         bench = Bench(args, plain, device, tls)
         print("measuring ...", flush=True)
-        steady = [steadiness(bench.client)]
-        t0 = time.time()
-        bench.run()
-        print("measured in %.0f s" % (time.time() - t0))
-        steady.append(steadiness(bench.client))
+        with FreedMemory(shm) as freed:
+            steady = [steadiness(bench.client)]
+            t0 = time.time()
+            bench.run()
+            print("measured in %.0f s" % (time.time() - t0))
+            steady.append(steadiness(bench.client))
         print("steadiness: %s before, %s after" % tuple(steady), flush=True)
         for title, client, secs in bench.timing:
             print("  %5.0f s  %s [%s]" % (secs, title, client))
-        text = report(bench, args, left_out, load, commit, steady)
+        text = report(bench, args, left_out, load, commit, steady, freed)
         print(text)
         if not args.no_doc:
             write_text(args.doc, text)
