@@ -1109,13 +1109,17 @@ class FreedMemory:
         size = min(4 * GIB, avail // 4) // MIB * MIB
         path = os.path.join(self.scratch, "warm")
         block = bytes(MIB)
+        # A scratch directory too small only leaves the run without the head start.
         try:
             with open(path, "wb") as f:
                 for _ in range(size // MIB):
                     f.write(block)
             self.warmed = size
+        except OSError as e:
+            print("memory not touched beforehand: %s" % e, flush=True)
         finally:
-            os.unlink(path)
+            if os.path.exists(path):
+                os.unlink(path)
 
     def __exit__(self, *exc):
         for path, old in reversed(self.saved):
@@ -1133,10 +1137,11 @@ class FreedMemory:
             return (" This virtual machine hands memory its kernel freed back to the host (free page "
                     "reporting), and the host must supply such memory anew when it is touched again, "
                     "charged to the task that touches it; for the run the bench held back memory "
-                    "freed in the last minute, up to 8 GiB (%s; restored after), and touched and freed "
-                    "%d MiB before the measurements, so that an upload does not pay at random for "
-                    "the pages the one before it freed." % (", ".join(
-                        "%s=%s" % kv for kv in PAGE_REPORTING_HELD), self.warmed // MIB))
+                    "freed in the last minute, up to 8 GiB (%s; restored after)%s, so that an upload "
+                    "does not pay at random for the pages the one before it freed." % (
+                        ", ".join("%s=%s" % kv for kv in PAGE_REPORTING_HELD),
+                        ", and touched and freed %d MiB before the measurements" % (self.warmed // MIB)
+                        if self.warmed else ""))
         return (" This virtual machine may hand memory its kernel freed back to the host (free page "
                 "reporting), which this kernel offers no setting to hold back: the host must supply "
                 "such memory anew when it is touched again, so uploads may swing by several times.")

@@ -38,9 +38,9 @@ constexpr unsigned char kGrantNobody = 'N';
 // A data connection's records are gathered up to this many bytes (nearly four full records)
 // before they go to the socket: one send and one hold of the socket instead of four.
 constexpr long kWriteGather = 64 * 1024;
-// A data connection's read buffer: nearly four full records per system call. Larger buffers no longer
-// stay in the processor's cache while a record is decrypted and copied out, and cost more than
-// they save on a small file's connection.
+// A data connection's read buffer: nearly four full records per system call. Larger buffers
+// no longer stay in the processor's cache while a record is decrypted and copied out, and cost
+// more than they save on a small file's connection.
 constexpr size_t kDataReadBuffer = 64 * 1024;
 
 }  // namespace
