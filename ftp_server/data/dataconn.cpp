@@ -295,6 +295,8 @@ ftp_move ftp_dataconn::wait_fd(int fd, short events, bool transferring, int paus
     short want[3] = {events, env.watch != nullptr ? env.watch->events(transferring) : static_cast<short>(0),
                      static_cast<short>(env.stop_fd >= 0 ? POLLIN : 0)};
     int timeout = fd == -1 ? 0 : fd == -2 ? pause_ms : env.idle_ms;
+    // A client that waits for the held 150 before it reads would wait out the kernel's hold.
+    if (timeout != 0) env.control->stream.flush();
     bool ready[3] = {false, false, false};
     int r;
     if (waiter_ != nullptr) {
@@ -540,6 +542,8 @@ int ftp_dataconn::open(const ftp_data_env &env) {
     opened_ms_ = ftp_now_ms();
     open_mode_ = listening() ? ftp_data_mode::passive : ftp_data_mode::active;
     int r = listening() ? accept_passive() : connect_active();
+    // A protected connection's handshake waits for a client that may wait for the 150.
+    if (r == 0 && env.small && !env.upload && !env.protect) env.control->stream.hold_next();
     if (r == 0 && ftpd_reply(*env.control, "150", "Opening %s mode data connection.",
                              env.type == ftp_type::ascii ? "ASCII" : "BINARY", nullptr) != 0) {
         stream_.close();
@@ -603,6 +607,7 @@ int ftp_dataconn::finish(ftp_move how, const ftp_data_replies &replies) {
         case ftp_move::control_gone:
             break;
     }
+    c.stream.flush();
     stream_.close();
     if (env.slot_update != nullptr) env.slot_update(env.ctx);
     env_ = nullptr;

@@ -46,6 +46,9 @@ struct ftp_data_env {
     bool proxy = false;                   // connections from the platform's balancers carry a PROXY header
     unsigned max_rate = 0;                // KiB/s of this transfer; 0: no limit
     bool upload = false;
+    // A download small enough to go out without a wait: its 150 leaves with its final reply, in
+    // one segment, unless the transfer has to wait first.
+    bool small = false;
     // The transfer log's record of this transfer: the name as the client sees it (nullptr: no
     // record), the user and the client's address.
     const char *log_name = nullptr;
@@ -78,6 +81,8 @@ struct ftp_data_replies {
 };
 extern const ftp_data_replies kDownloadReplies;  // RETR and listings
 extern const ftp_data_replies kUploadReplies;    // STOR and APPE
+// The largest download that counts as small.
+inline constexpr off_t kSmallDownload = 64 * 1024;
 
 // The addresses of the last data connections, as the status report and STAT show them.
 struct ftp_data_addrs {

@@ -2,6 +2,8 @@
 // interface, and the waits both need.
 #include "net/stream.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -33,6 +35,7 @@ void ftp_stream::reset(int fd, bool nonblocking) {
     close();
     fd_.reset(fd);
     nonblocking_ = nonblocking;
+    hold_next_ = held_ = false;
 }
 
 void ftp_stream::close() {
@@ -67,16 +70,27 @@ ssize_t ftp_stream::read_some(void *buf, size_t len) {
 }
 
 ssize_t ftp_stream::write_some(const void *buf, size_t len) {
+    bool hold = hold_next_;
+    hold_next_ = false;
     if (tls_ != nullptr) return ftp_tls_write(tls_, buf, len);
     ssize_t n;
     do {
-        n = send(fd_.get(), buf, len, MSG_DONTWAIT | MSG_NOSIGNAL);
+        n = send(fd_.get(), buf, len, MSG_DONTWAIT | MSG_NOSIGNAL | (hold ? MSG_MORE : 0));
     } while (n < 0 && errno == EINTR);
+    if (n > 0) held_ = hold;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
         errno = EAGAIN;
         want_write_ = true;
     }
     return n;
+}
+
+void ftp_stream::flush() {
+    if (!held_) return;
+    held_ = false;
+    // Taking a cork off pushes whatever the kernel holds, corked or not.
+    int off = 0;
+    (void)setsockopt(fd_.get(), IPPROTO_TCP, TCP_CORK, &off, sizeof off);
 }
 
 short ftp_stream::wait_events() const {

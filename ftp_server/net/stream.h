@@ -45,6 +45,11 @@ class ftp_stream {
     // All len bytes, each wait until the deadline (milliseconds from now, for the whole call):
     // 0, or -1.
     int write_all(const void *buf, size_t len, int timeout_ms);
+    // The next plain write stays in the kernel until the write after it (or, at the latest, the
+    // kernel's retransmission time-out), so that the two leave in one segment and wake the peer
+    // once; flush() sends it on at once.
+    void hold_next() { hold_next_ = true; }
+    void flush();
     // Waits until the stream can go on with what wait_events() names, or fd extra (when >= 0)
     // has input: 1 the stream, 2 the extra descriptor, 0 time-out, -1 failure.
     int wait(int timeout_ms, int extra = -1) const;
@@ -54,6 +59,8 @@ class ftp_stream {
     bool nonblocking_ = false;
     ftp_tls *tls_ = nullptr;
     bool want_write_ = false;  // the last plain call that had to wait was a send
+    bool hold_next_ = false;
+    bool held_ = false;  // the kernel holds bytes back for the next write
 };
 
 // Milliseconds of the monotonic clock, for deadlines.

@@ -343,6 +343,7 @@ bool retrieve(ftp_session &s) {
     download_run run{file.get(), {st.st_size, offset}};
     char log_name[FTP_PATH_HALF];
     ftp_data_env env = data_env(s, inpath, false, log_name);
+    env.small = st.st_size - offset <= kSmallDownload;
     return s.data.transfer(env, kDownloadReplies, send_download, &run) != -1;
 }
 
