@@ -203,14 +203,35 @@ int open_beneath(int dirfd, const char *rel, bool follow, bool directory) {
     return static_cast<int>(syscall(SYS_openat2, dirfd, rel[0] != '\0' ? rel : ".", &how, sizeof how));
 }
 
-}  // namespace
-
-bool ftpd_resolves_beneath(const char *root, const char *real, bool follow) {
+// The part of real below root, or nullptr when real is not below root.
+const char *below(const char *root, const char *real) {
     size_t n = strlen(root);
     while (n > 1 && root[n - 1] == '/') n--;
-    if (strncmp(real, root, n) != 0 || (real[n] != '\0' && real[n] != '/' && n > 1)) return false;
+    if (strncmp(real, root, n) != 0 || (real[n] != '\0' && real[n] != '/' && n > 1)) return nullptr;
     const char *rel = real + n;
     while (*rel == '/') rel++;
+    return rel;
+}
+
+}  // namespace
+
+int ftpd_open_beneath(const char *root, const char *real) {
+    const char *rel = below(root, real);
+    if (rel == nullptr) {
+        errno = EXDEV;
+        return -1;
+    }
+    unique_fd top(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!top) return -1;
+    struct open_how how {};
+    how.flags = O_RDONLY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(syscall(SYS_openat2, top.get(), rel[0] != '\0' ? rel : ".", &how, sizeof how));
+}
+
+bool ftpd_resolves_beneath(const char *root, const char *real, bool follow) {
+    const char *rel = below(root, real);
+    if (rel == nullptr) return false;
     unique_fd top(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!top) return false;
     unique_fd fd(open_beneath(top.get(), rel, follow, false));

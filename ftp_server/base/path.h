@@ -44,6 +44,9 @@ bool ftpd_names_upload_temp(const char *path);
 // kernel (the last one too when follow). A last component that does not exist yet is fine once its
 // directory resolves beneath.
 bool ftpd_resolves_beneath(const char *root, const char *real, bool follow);
+// Opens the real path, below root, for reading, every step of the walk (links included) kept
+// below root by the kernel: the descriptor, or -1 with errno (EXDEV: the path leads out).
+int ftpd_open_beneath(const char *root, const char *real);
 // The top directory and every storage's directory: never removed nor renamed.
 bool ftpd_is_protected_dir(const char *root, const char *real);
 // False for the system trees (proc, dev, ram) below the device root.

@@ -147,13 +147,13 @@ ftp_data_env data_env(ftp_session &s, const char *real, bool upload, char *log_n
 }
 
 ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath, char *outpath,
-                                      bool follow) {
+                                      bool follow, bool check_links) {
     ftpd_resolve_result r = ftpd_resolve_path(session_root(s), s.currentdir, arg, inpath, outpath);
     if (r != ftpd_resolve_result::ok) return r;
     // SECURITY: the daemon's own temporaries are nobody's to see or touch.
     if (ftpd_names_upload_temp(inpath + strlen(session_root(s)))) return ftpd_resolve_result::missing;
     // SECURITY: a link that leads out of the top directory is as good as missing.
-    if (s.policy.confine_links && !ftpd_resolves_beneath(session_root(s), inpath, follow))
+    if (check_links && s.policy.confine_links && !ftpd_resolves_beneath(session_root(s), inpath, follow))
         return ftpd_resolve_result::missing;
     return r;
 }

@@ -138,9 +138,10 @@ int admit_path_cmd(ftp_session &s, const char *arg);
 
 // The resolution sequence for the session's argument, from its current directory inside its top
 // directory; and its current directory as the client sees it (the buffer holds size bytes).
-// follow: the command acts on what a last symbolic link names (else on the name itself).
+// follow: the command acts on what a last symbolic link names (else on the name itself);
+// check_links false: the caller opens the path with ftpd_open_beneath, which confines the walk.
 [[nodiscard]] ftpd_resolve_result ftpd_resolve_path(const ftp_session &s, const char *arg, char *inpath,
-                                                    char *outpath, bool follow = true);
+                                                    char *outpath, bool follow = true, bool check_links = true);
 [[nodiscard]] char *ftpd_client_view(const ftp_session &s, char *outpath, int size);
 
 // What the data connection needs of this session for one transfer; with the real path of a file

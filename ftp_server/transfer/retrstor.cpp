@@ -47,9 +47,14 @@ bool transfer_precheck(ftp_session &s, bool uses_offset) {
     return true;
 }
 
+int reply_missing(ftp_session &s, const char *name) {
+    return reply_code(s, nullptr, "550 \"%s\": No such file or directory.\r\n", name);
+}
+
 // Resolves the client's name into the first half of a work block, the real path, or nullptr once
-// the refusal has been sent.
-char *resolve_in_block(ftp_session &s, const char *func, const char *name, ftpd_block *whole) {
+// the refusal has been sent. check_links: as for ftpd_resolve_path.
+char *resolve_in_block(ftp_session &s, const char *func, const char *name, ftpd_block *whole,
+                       bool check_links = true) {
     *whole = ftpd_block(FTPD_M_WHOLE_BUF, FTP_WHOLE_BUF_SIZE);
     if (!*whole) {
         FTPD_LOG_ERR("%s: malloc fail\n", FTPD_MODULE);
@@ -57,13 +62,13 @@ char *resolve_in_block(ftp_session &s, const char *func, const char *name, ftpd_
         return nullptr;
     }
     char *inpath = whole->get();
-    ftpd_resolve_result r = ftpd_resolve_path(s, name, inpath, inpath + kPathLen);
+    ftpd_resolve_result r = ftpd_resolve_path(s, name, inpath, inpath + kPathLen, true, check_links);
     if (r == ftpd_resolve_result::trim_failed) {
         reply(s, kLocalError);
         return nullptr;
     }
     if (r == ftpd_resolve_result::ok && ftpd_top_dir_mounted(session_root(s), func)) return inpath;
-    reply_code(s, nullptr, "550 \"%s\": No such file or directory.\r\n", name);
+    reply_missing(s, name);
     return nullptr;
 }
 
@@ -328,9 +333,14 @@ ftp_move send_download(ftp_dataconn &dc, void *ctx) {
 bool retrieve(ftp_session &s) {
     const char *name = s.arg;
     ftpd_block whole;
-    const char *inpath = resolve_in_block(s, "retrieve", name, &whole);
+    bool confine = s.policy.confine_links;
+    const char *inpath = resolve_in_block(s, "retrieve", name, &whole, !confine);
     if (inpath == nullptr) return true;
-    unique_fd file(open(inpath, O_RDONLY | O_CLOEXEC));
+    // SECURITY: confined, the kernel keeps the open itself below the top directory: a link put in
+    // place after a check could still lead out.
+    unique_fd file(confine ? ftpd_open_beneath(session_root(s), inpath) : open(inpath, O_RDONLY | O_CLOEXEC));
+    if (!file && confine && !ftpd_resolves_beneath(session_root(s), inpath, true))
+        return reply_missing(s, name) >= 0 || true;
     if (!file) return reply_code(s, "550", "%s Can not be open.", name) >= 0 || true;
     struct stat st;
     if (fstat(file.get(), &st) < 0 || !S_ISREG(st.st_mode)) return reply_code(s, "550", "%s: is an illegal file.", name) >= 0 || true;

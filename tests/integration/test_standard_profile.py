@@ -6,7 +6,10 @@
 # APPE, and uploads that replace their target only once complete (the device writes in place). curl's resumed
 # transfers and ranges: test_real_clients.py.
 
+import itertools
 import os
+import shutil
+import threading
 import time
 import unittest
 
@@ -216,6 +219,36 @@ class StandardProfileTest(ProfileCase):
         self.assertEqual(c.cmd("CDUP")[:3], b"250")
         self.assertEqual(c.cmd("RMD ln"), b"250 RMD command successful.\r\n")
         c.close()
+
+    def test_link_swapped_back_and_forth_never_leads_out(self):
+        # A local user flips a name between a link inside and one leading out while a client downloads it
+        # again and again: no download may ever bring the outside file.
+        self.d.put("../outside/flip", b"secret")
+        self.d.put("race/inside", b"inside")
+        race = os.path.join(self.d.flash, "race")
+        self.addCleanup(shutil.rmtree, race)
+        targets = (("inside", "t_in"), (os.path.join(self.d.dir, "outside/flip"), "t_out"))
+        stop = threading.Event()
+
+        def flip():
+            for target, tmp in itertools.cycle(targets):
+                if stop.is_set():
+                    return
+                os.symlink(target, os.path.join(race, tmp))
+                os.rename(os.path.join(race, tmp), os.path.join(race, "name"))
+
+        flipper = threading.Thread(target=flip)
+        flipper.start()
+        try:
+            c = logged_in(self.d.port)
+            c.cmd("TYPE I")
+            got = {transfer(c, "RETR race/name")[1] for _ in range(400)}
+            c.close()
+        finally:
+            stop.set()
+            flipper.join()
+        self.assertNotIn(b"secret", got)
+        self.assertIn(b"inside", got)
 
     def test_abor_during_a_transfer_and_telnet_escapes(self):
         # ABOR ends a running download at once (426, then 226); IAC IAC and CR NUL are one 0xFF and a CR
