@@ -215,7 +215,7 @@ const char *below(const char *root, const char *real) {
 
 }  // namespace
 
-int ftpd_open_beneath(const char *root, const char *real) {
+int ftpd_open_beneath(const char *root, const char *real, int flags) {
     const char *rel = below(root, real);
     if (rel == nullptr) {
         errno = EXDEV;
@@ -224,9 +224,30 @@ int ftpd_open_beneath(const char *root, const char *real) {
     unique_fd top(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!top) return -1;
     struct open_how how {};
-    how.flags = O_RDONLY | O_CLOEXEC;
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
+    // The kernel refuses a mode for anything that makes no file.
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) how.mode = 0644;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     return static_cast<int>(syscall(SYS_openat2, top.get(), rel[0] != '\0' ? rel : ".", &how, sizeof how));
+}
+
+int ftpd_open_parent(const char *root, const char *real, bool confine, const char **base) {
+    // A trailing slash stays on the name, where the kernel reads it as it would on the whole path.
+    size_t end = strlen(real);
+    while (end > 1 && real[end - 1] == '/') end--;
+    const char *slash = static_cast<const char *>(memrchr(real, '/', end));
+    size_t len = slash != nullptr ? static_cast<size_t>(slash - real) : 0;
+    char dir[FTP_PATH_HALF];
+    if (len >= sizeof dir) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    memcpy(dir, real, len);
+    dir[len] = '\0';
+    if (len == 0) (void)ftpd_strlcpy(dir, slash != nullptr ? "/" : ".", sizeof dir);
+    *base = slash != nullptr ? slash + 1 : real;
+    return confine ? ftpd_open_beneath(root, dir, O_PATH | O_DIRECTORY)
+                   : open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
 bool ftpd_resolves_beneath(const char *root, const char *real, bool follow) {

@@ -3,6 +3,8 @@
 // (nullptr or false), never cut into another name.
 #pragma once
 
+#include <fcntl.h>
+
 #include "base/ftpd.h"
 
 // Work buffer of the path commands: two 512-byte halves, inpath then outpath.
@@ -44,9 +46,14 @@ bool ftpd_names_upload_temp(const char *path);
 // kernel (the last one too when follow). A last component that does not exist yet is fine once its
 // directory resolves beneath.
 bool ftpd_resolves_beneath(const char *root, const char *real, bool follow);
-// Opens the real path, below root, for reading, every step of the walk (links included) kept
-// below root by the kernel: the descriptor, or -1 with errno (EXDEV: the path leads out).
-int ftpd_open_beneath(const char *root, const char *real);
+// Opens the real path, below root, with flags (a new file gets mode 0644), every step of the walk
+// (links included) kept below root by the kernel: the descriptor, or -1 with errno (EXDEV or
+// ELOOP: the path leads out).
+int ftpd_open_beneath(const char *root, const char *real, int flags = O_RDONLY);
+// Opens the directory that holds the real path's last name (O_PATH, for calls relative to it
+// that act on the name itself), below root by the same walk where confine, and points *base at
+// that name in real. The descriptor, or -1 with errno.
+int ftpd_open_parent(const char *root, const char *real, bool confine, const char **base);
 // The top directory and every storage's directory: never removed nor renamed.
 bool ftpd_is_protected_dir(const char *root, const char *real);
 // False for the system trees (proc, dev, ram) below the device root.

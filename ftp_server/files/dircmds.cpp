@@ -1,13 +1,16 @@
 // The directory commands CWD, CDUP, PWD, MKD and RMD: their admission checks, the moves of the
 // session's current directory and every reply they send. Each resolves its argument inside the
 // top directory first and reports refusals without telling their cause.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 
 #include "base/ftpd.h"
 #include "files/cmds.h"
 #include "base/path.h"
+#include "base/raii.h"
 #include "session/session.h"
 
 namespace {
@@ -40,8 +43,13 @@ int makedir(ftp_session &s, const char *name) {
     char *inpath = work.get();
     char *outpath = inpath + FTP_PATH_HALF;
 
-    if (ftpd_resolve_path(s, name, inpath, outpath, false) != ftpd_resolve_result::ok ||
-        mkdir(inpath, s.policy.mkdir_mode) != 0) {
+    // SECURITY: made in its directory as opened below the top directory, whatever link is swapped
+    // into the path after the check.
+    const char *base = nullptr;
+    unique_fd dir;
+    if (ftpd_resolve_path(s, name, inpath, outpath, false) == ftpd_resolve_result::ok)
+        dir.reset(ftpd_open_parent(session_root(s), inpath, s.policy.confine_links, &base));
+    if (!dir || mkdirat(dir.get(), base, s.policy.mkdir_mode) != 0) {
         (void)ftpd_strlcpy(outpath, FTP_REPLY_550, FTP_PATH_HALF);
         return reply(s, outpath);
     }
@@ -70,9 +78,13 @@ int removedir(ftp_session &s, const char *name) {
 
     if (ftpd_resolve_path(s, name, inpath, outpath, false) != ftpd_resolve_result::ok)
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
-    // SECURITY: the served directory itself, and a storage's, are never removed.
-    if (ftpd_is_protected_dir(session_root(s), inpath) || rmdir(inpath) != 0)
-        return reply_code(s, "550", "Remove %s fail.", name);
+    // SECURITY: the served directory itself, and a storage's, are never removed; the name is
+    // removed from its directory as opened below the top directory.
+    const char *base = nullptr;
+    unique_fd dir;
+    if (!ftpd_is_protected_dir(session_root(s), inpath))
+        dir.reset(ftpd_open_parent(session_root(s), inpath, s.policy.confine_links, &base));
+    if (!dir || unlinkat(dir.get(), base, AT_REMOVEDIR) != 0) return reply_code(s, "550", "Remove %s fail.", name);
     return reply_code(s, "250", "%s", "RMD command successful.");
 }
 

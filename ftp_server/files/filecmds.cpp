@@ -1,7 +1,9 @@
 // The file commands DELE, RNFR/RNTO, SIZE, MDTM and STAT with a path: their admission checks, the
 // file-system call each makes on the resolved real path, and every reply they send. STAT without
 // a path is the server status (HELP's file).
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include "files/cmds.h"
 #include "files/entries.h"
 #include "base/path.h"
+#include "base/raii.h"
 #include "session/session.h"
 
 namespace {
@@ -39,11 +42,16 @@ int delete_file(ftp_session &s, const char *name) {
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
     // The device deletes regular files only, following a link to one; the standard profile
     // deletes a link itself, wherever it points.
+    // SECURITY: the name is removed from its directory as opened below the top directory, so a
+    // link swapped into the path after the check cannot take the removal out of it.
+    const char *base = nullptr;
+    unique_fd dir(ftpd_open_parent(session_root(s), work.inpath(), s.policy.confine_links, &base));
     struct stat st;
-    bool link = s.policy.links_as_entries && lstat(work.inpath(), &st) == 0 && S_ISLNK(st.st_mode);
-    if (!link && (stat(work.inpath(), &st) != 0 || !S_ISREG(st.st_mode)))
+    bool link = dir && s.policy.links_as_entries && fstatat(dir.get(), base, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                S_ISLNK(st.st_mode);
+    if (!dir || (!link && (fstatat(dir.get(), base, &st, 0) != 0 || !S_ISREG(st.st_mode))))
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
-    if (unlink(work.inpath()) != 0) return reply(s, FTP_REPLY_450);
+    if (unlinkat(dir.get(), base, 0) != 0) return reply(s, FTP_REPLY_450);
     return reply(s, FTP_REPLY_250);
 }
 
@@ -71,7 +79,11 @@ int renamecmd(ftp_session &s, const char *from, const char *to) {
     if (ftpd_resolve_path(s, to, work.inpath(), work.outpath(), false) != ftpd_resolve_result::ok)
         return reply(s, FTP_REPLY_553);
     if (ftpd_is_protected_dir(session_root(s), work.inpath())) return reply(s, FTP_REPLY_550);
-    if (rename(from, work.inpath()) != 0) {
+    // SECURITY: both names are taken in their directories as opened below the top directory now.
+    const char *from_base = nullptr, *to_base = nullptr;
+    unique_fd from_dir(ftpd_open_parent(session_root(s), from, s.policy.confine_links, &from_base));
+    unique_fd to_dir(ftpd_open_parent(session_root(s), work.inpath(), s.policy.confine_links, &to_base));
+    if (!from_dir || !to_dir || renameat(from_dir.get(), from_base, to_dir.get(), to_base) != 0) {
         // The standard profile ends the pending rename with a failed RNTO, as with a done one.
         if (s.policy.rename_once) s.rename_from[0] = '\0';
         return reply(s, FTP_REPLY_553);

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <climits>
 #include <cstring>
@@ -72,11 +73,35 @@ char *resolve_in_block(ftp_session &s, const char *func, const char *name, ftpd_
     return nullptr;
 }
 
+int dir_length(const char *target) {
+    const char *slash = strrchr(target, '/');
+    return slash != nullptr ? static_cast<int>(slash - target) : 0;
+}
+
+// Where a standard-profile upload goes: the target's directory, opened once (where links are
+// confined, by the kernel's walk below the top directory), and the target's last name in it. The
+// temporary file, its name and its renaming all work from that descriptor: a link swapped into
+// the path meanwhile cannot take them out of the top directory.
+class upload_place {
+  public:
+    // False with errno when the directory cannot be had.
+    bool open(const char *root, const char *target, bool confine) {
+        dir_.reset(ftpd_open_parent(root, target, confine, &base_));
+        return static_cast<bool>(dir_);
+    }
+    int dir() const { return dir_.get(); }
+    const char *base() const { return base_; }
+
+  private:
+    unique_fd dir_;
+    const char *base_ = nullptr;
+};
+
 // Owner of a standard-profile upload's temporary file, in the target's directory. A new name gets
 // a file without a name (O_TMPFILE), linked in whole at the end: nothing to see or to remove
 // before then, whichever way the upload ends. A replacement (or a file system without unnamed
 // files) gets a hidden name beside the target, removed on every way out unless it was renamed
-// over the target.
+// over the target. The place outlives it.
 class upload_temp {
   public:
     upload_temp() = default;
@@ -84,29 +109,28 @@ class upload_temp {
     upload_temp(const upload_temp &) = delete;
     upload_temp &operator=(const upload_temp &) = delete;
 
-    // Creates the new file in target's directory (buf, of size bytes, holds its name), without a
-    // name where target is missing and the file system allows. The descriptor, or -1 when the
-    // name does not fit buf or no file could be made.
-    int create(const char *target, char *buf, size_t size, bool missing) {
+    // Creates the new file in the place's directory (buf, of size bytes, holds its name), without
+    // a name where the target is missing and the file system allows. The descriptor, or -1 when
+    // the hidden name beside target does not fit buf or no file could be made.
+    int create(const upload_place &place, const char *target, char *buf, size_t size, bool missing) {
+        place_ = &place;
         buf_ = buf;
         size_ = size;
-        int dir_len = dir_length(target);
         // The hidden name must fit even where none is made: a file that comes by the target's
         // name meanwhile is replaced through one.
-        if (static_cast<size_t>(dir_len) + 1 + sizeof kTempPrefix - 1 + 16 >= size) return -1;
-        if (missing && unnamed_files() &&
-            ftpd_snprintf(buf, size, "%.*s", dir_len > 0 ? dir_len : 1, dir_len > 0 ? target : "/")) {
-            int fd = open(buf, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
+        if (static_cast<size_t>(dir_length(target)) + 1 + sizeof kTempPrefix - 1 + 16 >= size) return -1;
+        if (missing && unnamed_files()) {
+            int fd = openat(place.dir(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
             if (fd >= 0) {
                 unnamed_ = true;
                 return fd;
             }
         }
         for (int i = 0; i < kTempTries; i++) {
-            if (!hidden_name(target, i)) return -1;
-            int fd = open(buf, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            if (!hidden_name(i)) return -1;
+            int fd = openat(place.dir(), buf, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
             if (fd >= 0) {
-                path_ = buf;
+                named_ = true;
                 return fd;
             }
             if (errno != EEXIST) return -1;
@@ -114,27 +138,28 @@ class upload_temp {
         return -1;
     }
     void discard() {
-        if (path_ != nullptr) unlink(path_);
-        path_ = nullptr;
+        if (named_) unlinkat(place_->dir(), buf_, 0);
+        named_ = false;
     }
-    // Puts the file (fd) in place as target.
-    bool commit(const char *target, int fd) {
-        if (unnamed_ && !name_unnamed(target, fd)) return false;
-        if (path_ == nullptr) return true;
-        if (rename(path_, target) != 0) return false;
-        path_ = nullptr;
+    // Puts the file (fd) in place as the target.
+    bool commit(int fd) {
+        if (unnamed_ && !name_unnamed(fd)) return false;
+        if (!named_) return true;
+        if (renameat(place_->dir(), buf_, place_->dir(), place_->base()) != 0) return false;
+        named_ = false;
         return true;
     }
 
   private:
     // A file that came by target's name meanwhile is replaced as any other: through a hidden
     // name, renamed over it.
-    bool name_unnamed(const char *target, int fd) {
+    bool name_unnamed(int fd) {
+        int dir = place_->dir();
         // By the descriptor itself where the daemon may (CAP_DAC_READ_SEARCH), else through /proc.
         static std::atomic<bool> by_descriptor{true};
         int err = 0;
         if (by_descriptor.load(std::memory_order_relaxed)) {
-            if (linkat(fd, "", AT_FDCWD, target, AT_EMPTY_PATH) == 0) return true;
+            if (linkat(fd, "", dir, place_->base(), AT_EMPTY_PATH) == 0) return true;
             err = errno;
             if (err == EPERM || err == ENOENT) {
                 by_descriptor.store(false, std::memory_order_relaxed);
@@ -144,26 +169,21 @@ class upload_temp {
         char proc[40];
         if (!ftpd_snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd)) return false;
         if (err != EEXIST) {
-            if (linkat(AT_FDCWD, proc, AT_FDCWD, target, AT_SYMLINK_FOLLOW) == 0) return true;
+            if (linkat(AT_FDCWD, proc, dir, place_->base(), AT_SYMLINK_FOLLOW) == 0) return true;
             err = errno;
         }
         for (int i = 0; err == EEXIST && i < kTempTries; i++) {
-            if (!hidden_name(target, i)) return false;
-            if (linkat(AT_FDCWD, proc, AT_FDCWD, buf_, AT_SYMLINK_FOLLOW) == 0) {
-                path_ = buf_;
+            if (!hidden_name(i)) return false;
+            if (linkat(AT_FDCWD, proc, dir, buf_, AT_SYMLINK_FOLLOW) == 0) {
+                named_ = true;
                 return true;
             }
             err = errno;
         }
         return false;
     }
-    static int dir_length(const char *target) {
-        const char *slash = strrchr(target, '/');
-        return slash != nullptr ? static_cast<int>(slash - target) : 0;
-    }
-    bool hidden_name(const char *target, int attempt) {
-        return ftpd_snprintf(buf_, size_, "%.*s/%s%016llx", dir_length(target), target, kTempPrefix,
-                             random_part(attempt));
+    bool hidden_name(int attempt) {
+        return ftpd_snprintf(buf_, size_, "%s%016llx", kTempPrefix, random_part(attempt));
     }
     // An unnamed file is named through /proc; without it, every temporary has a name.
     static bool unnamed_files() {
@@ -181,9 +201,10 @@ class upload_temp {
                static_cast<unsigned long long>(attempt);
     }
 
+    const upload_place *place_ = nullptr;
     char *buf_ = nullptr;
     size_t size_ = 0;
-    const char *path_ = nullptr;
+    bool named_ = false;
     bool unnamed_ = false;
 };
 
@@ -194,8 +215,8 @@ enum class upload_kind { overwrite, replace, resume, append };
 // Opens what an upload writes, before any data connection. The descriptor, or -1 after the
 // refusal was sent. For a replacement, temp holds the new file; missing: the target is known not
 // to be there.
-int open_upload(ftp_session &s, const char *name, const char *path, upload_kind kind, upload_temp &temp,
-                char *temp_buf, size_t temp_size, bool missing) {
+int open_upload(ftp_session &s, const char *name, const char *path, const upload_place &place, upload_kind kind,
+                upload_temp &temp, char *temp_buf, size_t temp_size, bool missing) {
     struct stat st;
     if (kind == upload_kind::overwrite) {
         int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -205,14 +226,15 @@ int open_upload(ftp_session &s, const char *name, const char *path, upload_kind 
     if (kind == upload_kind::replace) {
         // The checks that opening the target in place would make, without touching it; a name
         // the file system cannot hold is refused before any data moves.
-        const char *base = strrchr(path, '/');
-        bool exists = !missing && stat(path, &st) == 0;
-        if (strlen(base != nullptr ? base + 1 : path) > NAME_MAX) {
+        // A link found here came after the name was resolved: not written through, refused.
+        bool exists = !missing && fstatat(place.dir(), place.base(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+        if (strlen(place.base()) > NAME_MAX || strchr(place.base(), '/') != nullptr) {
             reply_code(s, "553", "%s open fail.", name);
             return -1;
         }
-        int fd =
-            !exists || (S_ISREG(st.st_mode) && access(path, W_OK) == 0) ? temp.create(path, temp_buf, temp_size, !exists) : -1;
+        int fd = !exists || (S_ISREG(st.st_mode) && faccessat(place.dir(), place.base(), W_OK, 0) == 0)
+                     ? temp.create(place, path, temp_buf, temp_size, !exists)
+                     : -1;
         if (fd < 0) {
             reply_code(s, "553", "%s open fail.", name);
             return -1;
@@ -229,9 +251,16 @@ int open_upload(ftp_session &s, const char *name, const char *path, upload_kind 
     // Appending creates a missing file; resuming needs the part already there. Opening does not
     // wait on a pipe, and anything but a regular file is refused.
     int flags = kind == upload_kind::append ? O_WRONLY | O_CREAT | O_APPEND : O_WRONLY;
-    unique_fd fd(open(path, flags | O_NONBLOCK | O_CLOEXEC, 0644));
+    bool confine = s.policy.confine_links;
+    unique_fd fd(confine ? ftpd_open_beneath(session_root(s), path, flags | O_NONBLOCK)
+                         : open(path, flags | O_NONBLOCK | O_CLOEXEC, 0644));
     if (!fd && kind == upload_kind::resume && errno == ENOENT) {
         reply(s, kRestBeyondEnd);
+        return -1;
+    }
+    // SECURITY: a link that leads out is as good as missing.
+    if (!fd && confine && (errno == EXDEV || errno == ELOOP)) {
+        reply_missing(s, name);
         return -1;
     }
     if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -265,39 +294,38 @@ ftp_move receive_upload(ftp_dataconn &dc, void *ctx) {
         if (run->kind == upload_kind::replace) run->temp->discard();
         return m;
     }
-    if (run->kind == upload_kind::replace && !run->temp->commit(run->path, run->file)) {
+    if (run->kind == upload_kind::replace && !run->temp->commit(run->file)) {
         run->temp->discard();
         return ftp_move::local_error;
     }
     return ftp_move::done;
 }
 
-// Where a link that the upload replaces leads (it stays beneath the top directory: the name was
-// resolved so): the target's path into out. False when path is no link; *missing when nothing is
-// there.
-bool link_target(const char *path, char *out, size_t cap, bool *missing) {
+// Where a link that the upload replaces leads (the new place is opened below the top directory
+// again): the target's path into out. False when the place's name is no link; *missing when
+// nothing is there.
+bool link_target(const upload_place &place, const char *path, char *out, size_t cap, bool *missing) {
     struct stat st;
-    bool found = lstat(path, &st) == 0;
+    bool found = fstatat(place.dir(), place.base(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     *missing = !found && errno == ENOENT;
     if (!found || !S_ISLNK(st.st_mode)) return false;
     char resolved[PATH_MAX];
     if (realpath(path, resolved) != nullptr) return ftpd_strlcpy(out, resolved, cap);
     // A link to a name not there yet: the name, beside the link when relative.
     char target[PATH_MAX];
-    ssize_t n = readlink(path, target, sizeof target - 1);
+    ssize_t n = readlinkat(place.dir(), place.base(), target, sizeof target - 1);
     if (n <= 0) return false;
     target[n] = '\0';
     if (target[0] == '/') return ftpd_strlcpy(out, target, cap);
-    const char *slash = strrchr(path, '/');
-    int dir_len = slash != nullptr ? static_cast<int>(slash - path) : 0;
-    return ftpd_snprintf(out, cap, "%.*s/%s", dir_len, path, target);
+    return ftpd_snprintf(out, cap, "%.*s/%s", dir_length(path), path, target);
 }
 
 // STOR and APPE once admitted. False when the session must end.
 bool store(ftp_session &s, bool append) {
     const char *name = s.arg;
     ftpd_block whole;
-    char *path = resolve_in_block(s, "store", name, &whole);
+    bool confine = s.policy.confine_links;
+    char *path = resolve_in_block(s, "store", name, &whole, !confine);
     if (path == nullptr) return true;
     // The second half of the work block is free once the name is resolved.
     char *temp_buf = whole.get() + kPathLen;
@@ -305,13 +333,21 @@ bool store(ftp_session &s, bool append) {
                        : append                ? upload_kind::append
                        : s.rest_offset != 0    ? upload_kind::resume
                                                : upload_kind::replace;
+    // SECURITY: confined, the target's directory is opened below the top directory before anything
+    // is written (a directory that leads out is as good as missing), and the rest works from it.
+    upload_place place;
+    if (kind != upload_kind::overwrite && !place.open(session_root(s), path, confine))
+        return reply_missing(s, name) >= 0 || true;
     // The standard profile writes through a link to what it names, as writing in place would.
     char through[FTP_PATH_HALF];
     bool missing = false;
-    if (kind == upload_kind::replace && s.policy.links_as_entries && link_target(path, through, sizeof through, &missing))
+    if (kind == upload_kind::replace && s.policy.links_as_entries &&
+        link_target(place, path, through, sizeof through, &missing)) {
         path = through;
+        if (!place.open(session_root(s), path, confine)) return reply_missing(s, name) >= 0 || true;
+    }
     upload_temp temp;
-    unique_fd file(open_upload(s, name, path, kind, temp, temp_buf, kPathLen, missing));
+    unique_fd file(open_upload(s, name, path, place, kind, temp, temp_buf, kPathLen, missing));
     if (!file) return true;
     upload_run run{file.get(), kind, &temp, path};
     char log_name[FTP_PATH_HALF];

@@ -14,7 +14,7 @@ import time
 import unittest
 
 from ftps_harness import (DaemonTestCase, RawClient, free_port, ftp_session, greeted, has_ipv6, logged_in,
-                          memory_idle, read_file, reset, start_upload, transfer, wait_until)
+                          memory_idle, read_file, reset, start_upload, transfer, wait_until, write_file)
 from test_stalled_transfer import stalled_transfer
 
 GREETING = b"220 TESTSW FTP server <version 1.00> ready.\r\n"
@@ -220,35 +220,50 @@ class StandardProfileTest(ProfileCase):
         self.assertEqual(c.cmd("RMD ln"), b"250 RMD command successful.\r\n")
         c.close()
 
-    def test_link_swapped_back_and_forth_never_leads_out(self):
-        # A local user flips a name between a link inside and one leading out while a client downloads it
-        # again and again: no download may ever bring the outside file.
+    def test_links_swapped_back_and_forth_never_lead_out(self):
+        # A local user flips a file's name and a directory's between links inside and links leading out while
+        # a client downloads, uploads, appends, removes, makes and renames through them again and again:
+        # nothing outside is ever read, written, removed or made.
+        outside = os.path.join(self.d.dir, "outside")
         self.d.put("../outside/flip", b"secret")
+        self.d.put("../outside/dir/victim", b"victim")
         self.d.put("race/inside", b"inside")
         race = os.path.join(self.d.flash, "race")
+        os.makedirs(os.path.join(race, "insidedir"))
         self.addCleanup(shutil.rmtree, race)
-        targets = (("inside", "t_in"), (os.path.join(self.d.dir, "outside/flip"), "t_out"))
+        flips = [("name", "inside", os.path.join(outside, "flip")), ("d", "insidedir", os.path.join(outside, "dir"))]
         stop = threading.Event()
 
         def flip():
-            for target, tmp in itertools.cycle(targets):
-                if stop.is_set():
-                    return
-                os.symlink(target, os.path.join(race, tmp))
-                os.rename(os.path.join(race, tmp), os.path.join(race, "name"))
+            for target in itertools.cycle((1, 2)):
+                for name, *targets in flips:
+                    if stop.is_set():
+                        return
+                    os.symlink(targets[target - 1], os.path.join(race, "t_" + name))
+                    os.rename(os.path.join(race, "t_" + name), os.path.join(race, name))
 
         flipper = threading.Thread(target=flip)
         flipper.start()
         try:
             c = logged_in(self.d.port)
             c.cmd("TYPE I")
-            got = {transfer(c, "RETR race/name")[1] for _ in range(400)}
+            c.cmd("CWD race")
+            got = set()
+            for _ in range(100):
+                got.add(transfer(c, "RETR name")[1])
+                for verb in ("STOR name", "APPE name", "STOR d/new", "APPE d/victim"):
+                    transfer(c, verb, b"x")
+                write_file(os.path.join(race, "insidedir", "victim"), b"v")
+                for cmd in ("DELE d/victim", "MKD d/made", "RMD d/made", "RNFR d/new", "RNTO d/victim"):
+                    c.cmd(cmd)
             c.close()
         finally:
             stop.set()
             flipper.join()
-        self.assertNotIn(b"secret", got)
-        self.assertIn(b"inside", got)
+        self.assertFalse([g for g in got if b"secret" in g])
+        self.assertTrue(any(got), "the inside file is served")
+        self.assertEqual((read_file(os.path.join(outside, "flip")), os.listdir(os.path.join(outside, "dir")),
+                          read_file(os.path.join(outside, "dir", "victim"))), (b"secret", ["victim"], b"victim"))
 
     def test_abor_during_a_transfer_and_telnet_escapes(self):
         # ABOR ends a running download at once (426, then 226); IAC IAC and CR NUL are one 0xFF and a CR
