@@ -40,12 +40,12 @@ int delete_file(ftp_session &s, const char *name) {
     if (!work.buf) return reply(s, FTP_REPLY_550);
     if (ftpd_resolve_path(s, name, work.inpath(), work.outpath(), false) != ftpd_resolve_result::ok)
         return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
-    // The device deletes regular files only, following a link to one; the standard profile
-    // deletes a link itself, wherever it points.
     // SECURITY: the name is removed from its directory as opened below the top directory, so a
     // link swapped into the path after the check cannot take the removal out of it.
     const char *base = nullptr;
     unique_fd dir(ftpd_open_parent(session_root(s), work.inpath(), s.policy.confine_links, &base));
+    // The device deletes regular files only, following a link to one; the standard profile
+    // deletes a link itself, wherever it points.
     struct stat st;
     bool link = dir && s.policy.links_as_entries && fstatat(dir.get(), base, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
                 S_ISLNK(st.st_mode);
