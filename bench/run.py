@@ -69,8 +69,12 @@ HELD_SESSIONS = 19
 KTLS_STAT = "/proc/net/tls_stat"
 # Free page reporting: a virtual machine's kernel hands memory it freed back to the host.
 PAGE_REPORTING = "/sys/module/page_reporting/parameters"
-# For the run: memory freed in the last minute, up to 8 GiB, stays with the machine.
-PAGE_REPORTING_HELD = (("min_free_ms", "60000"), ("max_waiting_mib", "8192"))
+# For the run: memory freed in the last five minutes (the longest this kernel takes), up to 8 GiB,
+# stays with the machine.
+PAGE_REPORTING_HELD = (("min_free_ms", "300000"), ("max_waiting_mib", "8192"))
+# A row that begins this long after memory was last touched beforehand touches it again: rows
+# that hold sessions or a slow transfer free little, and what they leave free may have gone.
+REWARM_AFTER = 120
 # Where bench/setup.sh unpacks the optional peers: Debian's FTP server packages conflict with one
 # another, so only vsftpd is installed as a package.
 PEERS = "/opt/ftps-bench/peers"
@@ -660,6 +664,7 @@ class Bench:
         self.negotiated = {}  # instance tag -> what its TLS data connections used
         self.timing = []      # (row, client, seconds) of the run, for the report
         self.failures = []    # measurements that failed, for the report
+        self.before_row = None  # called before each row
 
     def wanted(self, key):
         return self.args.only_set is None or key in self.args.only_set
@@ -891,10 +896,16 @@ class Bench:
     def run(self):
         for row in ROWS:
             if self.wanted(row.key):
+                self.row_start()
                 self.run_row(row, False)
         for row in ROWS:
             if row.tls and self.wanted("tls-" + row.key) and self.tls:
+                self.row_start()
                 self.run_row(row, True)
+
+    def row_start(self):
+        if self.before_row is not None:
+            self.before_row()
 
 
 # ---------------------------------------------------------------------------------------------
@@ -1084,6 +1095,8 @@ class FreedMemory:
     def __init__(self, scratch):
         self.scratch = scratch
         self.warmed = 0
+        self.warms = 0
+        self.last_warm = 0.0
 
     def __enter__(self):
         self.saved = []
@@ -1101,6 +1114,11 @@ class FreedMemory:
             self.warm()
         return self
 
+    def rewarm(self):
+        """Touches memory again where the last time lies REWARM_AFTER seconds back."""
+        if self.warmed and time.time() - self.last_warm >= REWARM_AFTER:
+            self.warm()
+
     def warm(self):
         """Touches and frees memory (a quarter of what is available, at most 4 GiB) once held
         back: pages freed last are taken first, so the run's uploads start from memory at hand."""
@@ -1115,6 +1133,8 @@ class FreedMemory:
                 for _ in range(size // MIB):
                     f.write(block)
             self.warmed = size
+            self.warms += 1
+            self.last_warm = time.time()
         except OSError as e:
             print("memory not touched beforehand: %s" % e, flush=True)
         finally:
@@ -1137,11 +1157,12 @@ class FreedMemory:
             return (" This virtual machine hands memory its kernel freed back to the host (free page "
                     "reporting), and the host must supply such memory anew when it is touched again, "
                     "charged to the task that touches it; for the run the bench held back memory "
-                    "freed in the last minute, up to 8 GiB (%s; restored after)%s, so that an upload "
-                    "does not pay at random for the pages the one before it freed." % (
+                    "freed in the last five minutes, up to 8 GiB (%s; restored after)%s, so that a "
+                    "transfer does not pay at random for the pages freed before it." % (
                         ", ".join("%s=%s" % kv for kv in PAGE_REPORTING_HELD),
-                        ", and touched and freed %d MiB before the measurements" % (self.warmed // MIB)
-                        if self.warmed else ""))
+                        ", and touched and freed %d MiB before the measurements and again before each "
+                        "row that began %d s or more after the last time (%d times in all)" % (
+                            self.warmed // MIB, REWARM_AFTER, self.warms) if self.warmed else ""))
         return (" This virtual machine may hand memory its kernel freed back to the host (free page "
                 "reporting), which this kernel offers no setting to hold back: the host must supply "
                 "such memory anew when it is touched again, so uploads may swing by several times.")
@@ -1407,6 +1428,7 @@ def main():
         bench = Bench(args, plain, device, tls)
         print("measuring ...", flush=True)
         with FreedMemory(shm) as freed:
+            bench.before_row = freed.rewarm
             steady = [steadiness(bench.client)]
             t0 = time.time()
             bench.run()
