@@ -9,6 +9,7 @@ import shutil
 import socket
 import subprocess
 import tempfile
+import time
 import unittest
 
 import clients
@@ -19,8 +20,9 @@ BACKENDS = ("127.0.0.2", "127.0.0.3")
 
 
 def free_range(n):
-    # n consecutive ports free on loopback.
-    for base in range(41000, 60000, 97):
+    # n consecutive ports free on loopback, below the kernel's ephemeral ports, which the parallel tests'
+    # connections take and give back all the time.
+    for base in range(20000, 32000, 97):
         try:
             for s in [socket.create_server(("127.0.0.1", p)) for p in range(base, base + n)]:
                 s.close()
@@ -55,9 +57,15 @@ class HaproxyTest(unittest.TestCase):
         cls.work = tempfile.mkdtemp(prefix="ftps-ha-client")
         cls.addClassCleanup(shutil.rmtree, cls.work, True)
         cfg = write_file(os.path.join(cls.work, "haproxy.cfg"), "\n".join(config + control + passive) + "\n")
-        cls.proxy = subprocess.Popen(["haproxy", "-db", "-f", cfg], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        for _ in range(5):  # a port that another test holds for a moment makes haproxy exit: again
+            cls.proxy = subprocess.Popen(["haproxy", "-db", "-f", cfg], stdout=subprocess.DEVNULL,
+                                         stderr=subprocess.DEVNULL)
+            wait_until(lambda: listening(cls.port) or cls.proxy.poll() is not None)
+            if cls.proxy.poll() is None:
+                break
+            time.sleep(1)
         cls.addClassCleanup(lambda: (cls.proxy.terminate(), cls.proxy.wait(timeout=10)))
-        assert wait_until(lambda: listening(cls.port)), "haproxy did not listen"
+        assert listening(cls.port) and cls.proxy.poll() is None, "haproxy did not listen"
 
     def run_client(self, argv):
         r = subprocess.run(argv, cwd=self.work, capture_output=True, timeout=120)
