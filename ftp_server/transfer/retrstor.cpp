@@ -49,7 +49,7 @@ bool transfer_precheck(ftp_session &s, bool uses_offset) {
 }
 
 int reply_missing(ftp_session &s, const char *name) {
-    return reply_code(s, nullptr, "550 \"%s\": No such file or directory.\r\n", name);
+    return reply_code(s, nullptr, FTP_REPLY_NO_SUCH_FILE, name);
 }
 
 // Resolves the client's name into the first half of a work block, the real path, or nullptr once
