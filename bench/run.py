@@ -1216,7 +1216,8 @@ def report(bench, args, left_out, load, commit, steady, freed):
         "with one self-signed RSA 2048 certificate for every server, its bytes decrypted and "
         "encrypted by OpenSSL in the client. This daemon's TLS: %s. Negotiated: %s." % (tls_path(), negotiated or "-"),
         "How this daemon moves the bytes measured here: a binary download of a regular file goes out "
-        "by sendfile, 256 KiB per call, without a cork; a binary upload into a regular file is "
+        "by sendfile, 4 MiB per call, corked while it takes more than one call (not under a rate "
+        "limit); a binary upload into a regular file is "
         "spliced from the connection through the session's pipe (its default size, widened to 1 MiB "
         "for an upload larger than that) into the file, which is synced to its "
         "storage before the transfer's reply; ASCII and protected data pass through its own "

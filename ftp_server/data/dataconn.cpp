@@ -56,17 +56,18 @@ constexpr size_t kLeanRecvChunk = 256 * 1024;
 // A received chunk is converted as blocks of at most this many bytes were.
 constexpr size_t kRecvBlock = 1024;
 // Bytes of a binary download handed to the kernel per call; the stop message and the control
-// connection are looked at between calls. The kernel moves them in 64 KiB steps, each but the last
-// marked as having more to follow, so segments leave full without a cork. 256 KiB per call beat
-// 1 MiB per call and a 1 MiB spliced pipe on loopback, with zero-copy and copying clients alike.
-constexpr size_t kSendfileChunk = 256 * 1024;
+// connection are looked at between calls. A download of more than one call is corked meanwhile:
+// the end of every call pushes a partial segment otherwise, half as many segments again as the
+// bytes need, each waking the receiver. Corked, 4 MiB per call took less CPU per byte on
+// loopback than 256 KiB or 1 MiB, with zero-copy and copying clients alike.
+constexpr size_t kSendfileChunk = 4 * 1024 * 1024;
 // Pipe of a binary upload spliced from the connection into the file, once an upload passes the
 // pipe's default size: 1 MiB took a tenth to a fifth less CPU per byte than 256 KiB on loopback
 // (fewer, fuller splices), with both clients. Where the account's pipe pages run out, the pipe
 // keeps its default size and still splices.
 constexpr int kReceivePipe = 1024 * 1024;
 // Bytes moved between looks at the control connection while the client never makes the daemon
-// wait (a wait watches it): one sendfile chunk.
+// wait (a wait watches it); also the bytes per kernel TLS sendfile call.
 constexpr size_t kLookEvery = 256 * 1024;
 
 const char kCantOpen[] = "425 Can't open data connection.\r\n";
@@ -172,6 +173,22 @@ ssize_t read_file(int fd, char *p, size_t len) {
     } while (n < 0 && errno == EINTR);
     return n;
 }
+
+// Holds back a connection's partial segments while it lasts; taking the cork off sends them.
+class cork_guard {
+  public:
+    cork_guard(int fd, bool on) : fd_(on ? fd : -1) {
+        if (fd_ >= 0) set_int(fd_, IPPROTO_TCP, TCP_CORK, 1);
+    }
+    ~cork_guard() {
+        if (fd_ >= 0) set_int(fd_, IPPROTO_TCP, TCP_CORK, 0);
+    }
+    cork_guard(const cork_guard &) = delete;
+    cork_guard &operator=(const cork_guard &) = delete;
+
+  private:
+    int fd_;
+};
 
 }  // namespace
 
@@ -647,6 +664,8 @@ ftp_move ftp_dataconn::send_pages(int file, off_t off, off_t size_hint) {
     // sendfile has no MSG_NOSIGNAL; SIGPIPE is ignored process-wide, so a peer that went away
     // fails the call.
     size_t sent = 0;  // by the last call
+    // Not under a rate limit, whose pauses would hold a partial segment each.
+    cork_guard cork(stream_.fd(), !rate_.on() && size_hint - off > static_cast<off_t>(kSendfileChunk));
     for (;;) {
         // At the known end, the next call finds end of file before anything else is looked at,
         // as a block read would. A file that grew (or reports no size) just goes on.
@@ -690,7 +709,7 @@ ftp_move ftp_dataconn::send_kernel_tls(int file) {
         ftp_move w = between_chunks(kLookEvery);  // a look before every call
         if (w != ftp_move::done) return w;
         size_t want = static_cast<size_t>(st.st_size - off);
-        size_t chunk = rate_.chunk(kSendfileChunk);
+        size_t chunk = rate_.chunk(kLookEvery);
         ssize_t n = ftp_tls_sendfile(stream_.tls(), file, off, want < chunk ? want : chunk);
         if (n > 0) {
             off += n;
