@@ -1223,7 +1223,8 @@ def report(bench, args, left_out, load, commit, steady, freed):
         "storage before the transfer's reply; ASCII and protected data pass through its own "
         "buffers (protected downloads go through kernel TLS where the kernel offers it; elsewhere "
         "their records are gathered 64 KiB at a time and go out with Nagle's algorithm on until "
-        "the last). TLS, RADIUS and "
+        "the last). A passive listener that served a transfer serves the session's next PASV or "
+        "EPSV (no port range is configured here). TLS, RADIUS and "
         "the SNMP sender are modules loaded only when the platform file configures them: the plain "
         "instances run without them, the TLS instance with the TLS module only; the C++ runtime is "
         "linked into the daemon.",

@@ -46,6 +46,7 @@ ftp_policy ftp_policy_of(ftp_profile profile, bool tls) {
     p.ascii_joins_blocks = true;
     p.log_failed_logins = true;
     p.lean_transfers = true;
+    p.keep_passive_listener = true;
     p.confine_links = true;
     p.links_as_entries = true;
     p.rename_once = true;

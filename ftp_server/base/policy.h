@@ -39,6 +39,9 @@ struct ftp_policy {
     // Transfers take their buffers only where the bytes pass through the daemon and wait by poll
     // (else, as the device, both buffers and an event waiter are taken up front per transfer).
     bool lean_transfers = false;
+    // A passive listener that served its transfer waits for the session's next PASV or EPSV
+    // (else every PASV and EPSV listens anew).
+    bool keep_passive_listener = false;
     // Every failed USER or PASS is logged in one fixed line with the client's address.
     bool log_failed_logins = false;
     // Paths are resolved beneath the top directory by the kernel: a symbolic link that leads out

@@ -114,6 +114,17 @@ uint32_t draw_port_number() {
     return static_cast<uint32_t>(gen());
 }
 
+// The two addresses are one, whatever their ports.
+bool same_place(const struct sockaddr_storage &a, const struct sockaddr_storage &b) {
+    if (a.ss_family != b.ss_family) return false;
+    if (a.ss_family == AF_INET)
+        return reinterpret_cast<const struct sockaddr_in *>(&a)->sin_addr.s_addr ==
+               reinterpret_cast<const struct sockaddr_in *>(&b)->sin_addr.s_addr;
+    const auto *a6 = reinterpret_cast<const struct sockaddr_in6 *>(&a);
+    const auto *b6 = reinterpret_cast<const struct sockaddr_in6 *>(&b);
+    return memcmp(&a6->sin6_addr, &b6->sin6_addr, sizeof a6->sin6_addr) == 0 && a6->sin6_scope_id == b6->sin6_scope_id;
+}
+
 in_port_t *port_of(struct sockaddr_storage &a) {
     return a.ss_family == AF_INET6 ? &reinterpret_cast<struct sockaddr_in6 *>(&a)->sin6_port
                                    : &reinterpret_cast<struct sockaddr_in *>(&a)->sin_port;
@@ -262,6 +273,21 @@ class ftp_xfer_waiter {
 // Listener and target
 
 int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int low, int high) {
+    bool range = low > 0 && high >= low;
+    // SECURITY: a connection already waiting on the kept port was made before the client could
+    // know it was wanted: somebody else has found the port. It is dropped with the listener, and
+    // the client gets a new port.
+    if (kept_ && !range && same_place(kept_addr_, local)) {
+        int early = accept4(kept_.get(), nullptr, nullptr, SOCK_CLOEXEC);
+        if (early < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            listener_ = std::move(kept_);
+            bound_ = kept_addr_;
+            ranged_ = refused_ = false;
+            return ntohs(*port_of(bound_));
+        }
+        if (early >= 0) ::close(early);
+    }
+    kept_.reset();
     // A listener of an earlier PASV/EPSV that was never used is replaced, not leaked.
     listener_.reset(socket(local.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
     if (!listener_) return -1;
@@ -270,7 +296,6 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
     struct sockaddr_storage addr = local;
     // Any unprivileged port is drawn at random; within a configured range (a firewall's or a
     // balancer's), every port of it is tried from a random one on.
-    bool range = low > 0 && high >= low;
     int span = range ? high - low + 1 : 64512;
     int first = static_cast<int>(draw_port_number() % static_cast<uint32_t>(span));
     int max_tries = range ? span : kMaxBindTries;
@@ -280,6 +305,8 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
         if (bind(listener_.get(), reinterpret_cast<struct sockaddr *>(&addr), length_of(addr)) == 0) {
             if (::listen(listener_.get(), kPassiveBacklog) != 0) break;
             bound_ = addr;
+            ranged_ = range;
+            refused_ = false;
             return port;
         }
         if (errno != EADDRINUSE || tries >= max_tries) {
@@ -294,10 +321,12 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
 void ftp_dataconn::set_target(const struct sockaddr_storage &dest) {
     target_ = dest;
     has_target_ = true;
+    kept_.reset();  // the client has gone active
 }
 
 void ftp_dataconn::release() {
     listener_.reset();
+    kept_.reset();
     stream_.close();
     pipe_.close();
 }
@@ -424,6 +453,7 @@ int ftp_dataconn::accept_passive() {
         if (!same_host(peer, env)) {
             FTPD_LOG_ERR("%s: passive connection from another address refused.\n", FTPD_MODULE);
             fd.reset();
+            refused_ = true;
         }
     }
     waiter_ = nullptr;
@@ -446,8 +476,15 @@ int ftp_dataconn::accept_passive() {
 }
 
 // What the accepted connection still needs before its first byte, done once the client has its
-// opening reply: the client does not wait for it.
+// opening reply: the client does not wait for it. The listener is closed or kept.
 void ftp_dataconn::settle_passive() {
+    // A new listener per PASV costs a socket, its port, a bind and a listen, as much again as the
+    // rest of a small file's transfer. Not kept: a port of a configured range (each session would
+    // hold one between its transfers), nor one that another address has found.
+    if (env_->keep_listener && stream_.fd() >= 0 && !ranged_ && !refused_) {
+        kept_ = std::move(listener_);
+        kept_addr_ = bound_;
+    }
     listener_.reset();
     if (stream_.fd() < 0) return;
     set_int(stream_.fd(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
@@ -547,6 +584,7 @@ int ftp_dataconn::protect() {
     }
     FTPD_LOG_PRO("data connection TLS: %s\n", why);
     stream_.close();
+    kept_.reset();  // what came was not the client, or not only: it knows the port
     ftpd_reply(*env.control, "425", "TLS handshake on the data connection failed.", nullptr, nullptr);
     return -2;
 }

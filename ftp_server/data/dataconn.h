@@ -43,6 +43,7 @@ struct ftp_data_env {
     const ftp_tls *control_tls = nullptr;  // whose login a protected data connection must resume
     bool ascii_carry = false;             // a CR LF split between two received blocks is still one line end
     bool lean = false;                    // buffers only where bytes pass through the daemon; waits by poll
+    bool keep_listener = false;           // a passive listener that serves this transfer may serve the next
     bool proxy = false;                   // connections from the platform's balancers carry a PROXY header
     unsigned max_rate = 0;                // KiB/s of this transfer; 0: no limit
     bool upload = false;
@@ -128,8 +129,9 @@ class ftp_dataconn {
     ftp_dataconn &operator=(const ftp_dataconn &) = delete;
 
     // --- What the address commands leave.
-    // A new passive listener on local (its port drawn at random, from low to high when low is
-    // not 0), in the VRF of ctl_fd; an earlier one is replaced. The port, or -1.
+    // A passive listener on local (its port drawn at random, from low to high when low is not 0),
+    // in the VRF of ctl_fd; an earlier one is replaced. The one kept from the last transfer when
+    // it listens there and nobody has come to it since. The port, or -1.
     int listen(const struct sockaddr_storage &local, int ctl_fd, int low = 0, int high = 0);
     bool listening() const { return static_cast<bool>(listener_); }
     void drop_listener() { listener_.reset(); }
@@ -198,6 +200,11 @@ class ftp_dataconn {
     ftp_xfer_waiter *waiter_ = nullptr;    // the waits of the current phase, when it has one
     unique_fd listener_;
     struct sockaddr_storage bound_ {};     // the listener's address: the passive connection's own
+    bool ranged_ = false;                  // its port came from a configured range
+    bool refused_ = false;                 // it had a connection from another address
+    // The listener of the last passive transfer, for the next PASV or EPSV, and its address.
+    unique_fd kept_;
+    struct sockaddr_storage kept_addr_ {};
     ftp_stream stream_;
     ftp_upload_pipe pipe_;
     bool has_target_ = false;

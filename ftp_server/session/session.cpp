@@ -132,6 +132,7 @@ ftp_data_env data_env(ftp_session &s, const char *real, bool upload, char *log_n
     env.control_tls = s.ctl.stream.tls();
     env.ascii_carry = s.policy.ascii_joins_blocks;
     env.lean = s.policy.lean_transfers;
+    env.keep_listener = s.policy.keep_passive_listener;
     env.proxy = s.policy.proxy_protocol;
     env.max_rate = s.max_rate != 0 ? s.max_rate : s.policy.max_rate;
     env.slot_update = [](void *ctx) { slot_update(*static_cast<ftp_session *>(ctx)); };

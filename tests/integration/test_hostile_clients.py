@@ -4,6 +4,7 @@
 # third party on the passive port are soak kinds: test_soak.py; sessions that give back another's count or
 # slot: test_local_database.py, test_sessions.py.)
 
+import contextlib
 import os
 import re
 import socket
@@ -185,6 +186,41 @@ class SecondRoundTest(unittest.TestCase):
             self.assertTrue(c.cmd(cmd).startswith(b"550 "), cmd)
         self.assertEqual(c.cmd("RNFR /"), b"550 Requested action not taken.\r\n")
         self.assertTrue(os.path.isdir(os.path.join(d.flash, "top")))
+        c.close()
+
+    @each_profile
+    def test_a_passive_port_found_between_transfers_serves_nobody(self, profile, d):
+        # The standard profile keeps a listener that served a transfer for the next PASV; a stranger at
+        # the client's own address that finds it and connects first gets neither the next file nor the port.
+        d.put("top/k.bin", CONTENT)
+        c = logged_in(d.port)
+        c.cmd("TYPE I")
+
+        def fetch():
+            port, got = pasv_port(c.cmd("PASV")), bytearray()
+            with socket.create_connection(("127.0.0.1", port), 5) as data:
+                c.send("RETR k.bin\r\n")
+                while chunk := data.recv(65536):
+                    got += chunk
+            self.assertEqual([c.reply()[:4], c.reply()[:4]], [b"150 ", b"226 "])
+            return port, bytes(got)
+
+        served = fetch()[0]
+        self.assertEqual(fetch()[0] == served, profile == "standard")
+        served = fetch()[0]
+        try:
+            stranger = socket.create_connection(("127.0.0.1", served), 5)
+        except ConnectionRefusedError:
+            stranger = None
+        self.assertEqual(stranger is None, profile == "device")
+        port, got = fetch()
+        self.assertNotEqual(port, served)
+        self.assertEqual(got, CONTENT)
+        if stranger is not None:
+            stranger.settimeout(5)
+            with contextlib.suppress(ConnectionResetError):
+                self.assertEqual(stranger.recv(65536), b"")
+            stranger.close()
         c.close()
 
     @each_profile
