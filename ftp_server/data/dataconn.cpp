@@ -292,6 +292,9 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
     listener_.reset(socket(local.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
     if (!listener_) return -1;
     set_int(listener_.get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    // Every connection it accepts inherits these.
+    set_int(listener_.get(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
+    set_int(listener_.get(), SOL_SOCKET, SO_KEEPALIVE, 1);
     copy_vrf(ctl_fd, listener_.get(), local.ss_family);
     struct sockaddr_storage addr = local;
     // Any unprivileged port is drawn at random; within a configured range (a firewall's or a
@@ -475,8 +478,7 @@ int ftp_dataconn::accept_passive() {
     return 0;
 }
 
-// What the accepted connection still needs before its first byte, done once the client has its
-// opening reply: the client does not wait for it. The listener is closed or kept.
+// Once the client has its opening reply: the listener is closed or kept.
 void ftp_dataconn::settle_passive() {
     // A new listener per PASV costs a socket, its port, a bind and a listen, as much again as the
     // rest of a small file's transfer. Not kept: a port of a configured range (each session would
@@ -486,9 +488,6 @@ void ftp_dataconn::settle_passive() {
         kept_addr_ = bound_;
     }
     listener_.reset();
-    if (stream_.fd() < 0) return;
-    set_int(stream_.fd(), IPPROTO_IP, IP_TOS, kIpTosThroughput);
-    set_int(stream_.fd(), SOL_SOCKET, SO_KEEPALIVE, 1);
 }
 
 int ftp_dataconn::connect_active() {
@@ -857,6 +856,11 @@ ftp_move ftp_dataconn::receive_loop(int file, bool splicing, ftpd_block &buf, ft
         return buf && (converted || !ascii);
     };
     if (!splicing && !buffers()) return ftp_move::no_buffer;
+    // Clients send once they have the 150, just sent: a first receive would find nothing.
+    if (splicing) {
+        ftp_move w = wait_fd(stream_.fd(), POLLIN, true);
+        if (w != ftp_move::done) return w;
+    }
     ftp_ascii_in carry;
     for (size_t got = 0;; ) {
         ftp_move look = between_chunks(got);
