@@ -277,12 +277,10 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
     // SECURITY: a connection already waiting on the kept port was made before the client could
     // know it was wanted: somebody else has found the port. It is dropped with the listener, and
     // the client gets a new port.
-    if (kept_ && !range && same_place(kept_addr_, local)) {
+    if (kept_ && !range && same_place(bound_, local)) {
         int early = accept4(kept_.get(), nullptr, nullptr, SOCK_CLOEXEC);
         if (early < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             listener_ = std::move(kept_);
-            bound_ = kept_addr_;
-            ranged_ = refused_ = false;
             return ntohs(*port_of(bound_));
         }
         if (early >= 0) ::close(early);
@@ -483,10 +481,7 @@ void ftp_dataconn::settle_passive() {
     // A new listener per PASV costs a socket, its port, a bind and a listen, as much again as the
     // rest of a small file's transfer. Not kept: a port of a configured range (each session would
     // hold one between its transfers), nor one that another address has found.
-    if (env_->keep_listener && stream_.fd() >= 0 && !ranged_ && !refused_) {
-        kept_ = std::move(listener_);
-        kept_addr_ = bound_;
-    }
+    if (env_->keep_listener && stream_.fd() >= 0 && !ranged_ && !refused_) kept_ = std::move(listener_);
     listener_.reset();
 }
 

@@ -199,12 +199,12 @@ class ftp_dataconn {
     const ftp_data_env *env_ = nullptr;    // during a transfer
     ftp_xfer_waiter *waiter_ = nullptr;    // the waits of the current phase, when it has one
     unique_fd listener_;
-    struct sockaddr_storage bound_ {};     // the listener's address: the passive connection's own
+    // The listener's address (the passive connection's own), and the kept one's until a new
+    // listener replaces it.
+    struct sockaddr_storage bound_ {};
     bool ranged_ = false;                  // its port came from a configured range
     bool refused_ = false;                 // it had a connection from another address
-    // The listener of the last passive transfer, for the next PASV or EPSV, and its address.
-    unique_fd kept_;
-    struct sockaddr_storage kept_addr_ {};
+    unique_fd kept_;                       // the listener of the last passive transfer, for the next PASV or EPSV
     ftp_stream stream_;
     ftp_upload_pipe pipe_;
     bool has_target_ = false;
