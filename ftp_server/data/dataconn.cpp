@@ -88,11 +88,10 @@ bool as_v4(const struct sockaddr_storage &a, struct in_addr *out) {
     return true;
 }
 
-// SECURITY: the data connection must come from the client's own address, whatever the families:
-// another host, or another address of this one, that reaches the passive port first would
-// otherwise receive or supply the file.
-bool same_host(const struct sockaddr_storage &peer, const ftp_data_env &env) {
-    const struct sockaddr_storage &ctl = *env.client;
+// The two name one address, whatever their families and ports. SECURITY: a passive data
+// connection must come from the client's own: another host, or another address of this one, that
+// reaches the passive port first would otherwise receive or supply the file.
+bool same_host(const struct sockaddr_storage &peer, const struct sockaddr_storage &ctl) {
     struct in_addr a, b;
     bool pv4 = as_v4(peer, &a);
     bool cv4 = as_v4(ctl, &b);
@@ -112,17 +111,6 @@ uint32_t draw_port_number() {
         return std::minstd_rand(seed == 0 ? 1 : seed);
     }();
     return static_cast<uint32_t>(gen());
-}
-
-// The two addresses are one, whatever their ports.
-bool same_place(const struct sockaddr_storage &a, const struct sockaddr_storage &b) {
-    if (a.ss_family != b.ss_family) return false;
-    if (a.ss_family == AF_INET)
-        return reinterpret_cast<const struct sockaddr_in *>(&a)->sin_addr.s_addr ==
-               reinterpret_cast<const struct sockaddr_in *>(&b)->sin_addr.s_addr;
-    const auto *a6 = reinterpret_cast<const struct sockaddr_in6 *>(&a);
-    const auto *b6 = reinterpret_cast<const struct sockaddr_in6 *>(&b);
-    return memcmp(&a6->sin6_addr, &b6->sin6_addr, sizeof a6->sin6_addr) == 0 && a6->sin6_scope_id == b6->sin6_scope_id;
 }
 
 in_port_t *port_of(struct sockaddr_storage &a) {
@@ -277,7 +265,7 @@ int ftp_dataconn::listen(const struct sockaddr_storage &local, int ctl_fd, int l
     // SECURITY: a connection already waiting on the kept port was made before the client could
     // know it was wanted: somebody else has found the port. It is dropped with the listener, and
     // the client gets a new port.
-    if (kept_ && !range && same_place(bound_, local)) {
+    if (kept_ && !range && same_host(bound_, local)) {
         int early = accept4(kept_.get(), nullptr, nullptr, SOCK_CLOEXEC);
         if (early < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             listener_ = std::move(kept_);
@@ -451,7 +439,7 @@ int ftp_dataconn::accept_passive() {
             }
             if (src.ss_family != AF_UNSPEC) peer = src;
         }
-        if (!same_host(peer, env)) {
+        if (!same_host(peer, *env.client)) {
             FTPD_LOG_ERR("%s: passive connection from another address refused.\n", FTPD_MODULE);
             fd.reset();
             refused_ = true;
