@@ -92,7 +92,7 @@ bool as_v4(const struct sockaddr_storage &a, struct in_addr *out) {
 // connection must come from the client's own: another host, or another address of this one, that
 // reaches the passive port first would otherwise receive or supply the file.
 bool same_host(const struct sockaddr_storage &peer, const struct sockaddr_storage &ctl) {
-    struct in_addr a, b;
+    struct in_addr a{}, b{};
     bool pv4 = as_v4(peer, &a);
     bool cv4 = as_v4(ctl, &b);
     if (pv4 || cv4) return pv4 && cv4 && a.s_addr == b.s_addr;
