@@ -1238,8 +1238,8 @@ def report(bench, args, left_out, load, commit, steady, freed):
         "the peer with the best throughput in that row). Beside each target: the rounds (every "
         "server measured once, in turn) in which this daemon did at least as well as that peer; "
         "where the machine's moments move every server's figures more than the servers differ, a "
-        "target reached or missed by a few percent is ahead in about half of them." % (commit, named, args.reps, max(3, args.reps // 2),
-                                                            args.login_seconds, max(3, args.reps // 2), how),
+        "target reached or missed by a few percent is ahead in about half of them."
+        % (commit, named, args.reps, max(3, args.reps // 2), args.login_seconds, max(3, args.reps // 2), how),
         "Clients: \"zero-copy\" is the benchmark client splicing downloads from the socket into "
         "/dev/null through a pipe and sending uploads with sendfile from a memory file, so that the "
         "client is not what limits a server; \"copy\" reads into and writes from its own 1 MiB "
@@ -1315,8 +1315,9 @@ bench raises its descriptor limit (inherited by the servers and the client) to {
 max_rate: this daemon's local user database holds one account with `max_rate = {RATE_KIB}` (KiB/s) and
 one without; the off row downloads the 1 GiB file as the account without one, alternating with the
 bench account's download of the same file, the order swapped each time; the target is the median of
-the ratios of each pair (the two share the machine's moment), the table shows both medians; the on row as the account with one, once (about
-{GIB // (RATE_KIB * KIB)} s), the rate achieved as a share of the configured one. The peers' own limits are
+the ratios of each pair (the two share the machine's moment), the table shows both medians; the on
+row as the account with one, once (about {GIB // (RATE_KIB * KIB)} s), the rate achieved as a share
+of the configured one. The peers' own limits are
 not measured (n/a): each would need an instance of its own configured with one.
 
 The TLS instances: this daemon in its standard profile with a `[tls]` section (its defaults:
